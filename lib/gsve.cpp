@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <memory>
+#include <new>
 #include <utility>
 
 #include <orb_utils_v4/comm.h>
@@ -21,6 +23,7 @@
 #include "detail/ffmpeg_compat.h"
 #include "detail/frame_rate.h"
 #include "detail/gop_timecode.h"
+#include "detail/plane_scaler.h"
 #include "detail/rate_adaptation.h"
 #include "detail/setting_syntax.h"
 #include "detail/start_code.h"
@@ -158,6 +161,7 @@ void rewind_output(Encoder& e, unsigned line, const char* function);
 void prepare_planes(Encoder& e, const uint8_t* const (&planes)[3], const size_t (&strides)[3], int flags);
 void request_picture_type(Encoder& e);
 void follow_aspect_and_field_order(Encoder& e, int flags);
+void reserve_side_data(Encoder& e, uint64_t pts);
 void store_side_data(Encoder& e, const char* function);
 bool drops_picture(Encoder& e);
 void remember_timestamp(Encoder& e);
@@ -170,7 +174,7 @@ void finish_h264_unit(Encoder& e);
 void restore_host_timestamps(Encoder& e);
 void map_packet_timestamps(Encoder& e);
 void emit_unit(Encoder& e);
-void end_picture(Encoder& e, uint64_t timestamp);
+void end_picture(Encoder& e, uint64_t timestamp, bool same_run);
 
 }  // namespace
 
@@ -188,6 +192,7 @@ bool Encoder::write_video(const uint8_t* y, size_t y_stride, const uint8_t* u, s
     const uint64_t pts =
         per_frame_rate_control ? frame_counter : (timestamp - first_timestamp) / frame_rate_divider;
     mpeg_packet->pts = mpeg_packet->dts = static_cast<int64_t>(pts);
+    reserve_side_data(*this, pts);
     prepare_planes(*this, {y, u, v}, {y_stride, u_stride, v_stride}, flags);
     request_picture_type(*this);
     mpeg_frame->pts = mpeg_packet->pts;
@@ -197,6 +202,7 @@ bool Encoder::write_video(const uint8_t* y, size_t y_stride, const uint8_t* u, s
 
     const bool dropped = drops_picture(*this);
     CodecExchange exchange;
+    const uint64_t run = open_count;
     if (!dropped) {
         if (per_frame_rate_control) remember_timestamp(*this);
         const uint64_t before = monotonic_clock_us();
@@ -215,7 +221,7 @@ bool Encoder::write_video(const uint8_t* y, size_t y_stride, const uint8_t* u, s
     } else if (exchange.status == 0 && !dropped) {
         count_codec_delay(*this);
     }
-    end_picture(*this, timestamp);
+    end_picture(*this, timestamp, open_count == run);
     return true;
 } catch (const std::exception&) {
     return false;
@@ -391,6 +397,10 @@ void take_gop_timecode(Encoder& e, AuxData& record) {
     e.pending_gop_timecode.valid = 0;
 }
 
+/// Makes the picture's place in the map before its aspect ratio, captions and tag are taken, none of which
+/// may be lost to a lack of memory.
+void reserve_side_data(Encoder& e, uint64_t pts) { e.aux_data_map.try_emplace(pts); }
+
 /// Builds the picture's record and lets it wait for the packet.
 void store_side_data(Encoder& e, const char* function) {
     const auto pts = static_cast<uint64_t>(e.mpeg_frame->pts);
@@ -448,8 +458,9 @@ bool receive_packet(Encoder& e, unsigned line, const char* function) {
     return true;
 }
 
-/// Collects the picture types that the MPEG-2 encoder produces, GOP by GOP.
-void track_built_gop(Encoder& e) {
+/// Collects the picture types that the MPEG-2 encoder produces, GOP by GOP. Where memory runs out the report
+/// lacks some: the unit is worth more.
+void track_built_gop(Encoder& e) try {
     const sliding_window_v4& output = *e.output_window;
     bool open_gop = false;
     bool gop_seen = false;
@@ -460,15 +471,20 @@ void track_built_gop(Encoder& e) {
         if (type == AV_PICTURE_TYPE_I) e.bgop_building_text = open_gop ? "open-gop " : "closed-gop ";
     }
     e.bgop_building_text += picture_type_letter(type);
+} catch (const std::bad_alloc&) {
 }
 
 void update_statistics(Encoder& e, double encode_seconds) {
     // Encoders with look-ahead spread their bits over more pictures, so their rate is smoothed for longer.
-    const double weight = e.codec_id == kCodecH264 || e.codec_id == kCodecH265 ? 0.975 : 0.75;
+    const detail::Smoothing smoothing = e.codec_id == kCodecH264 || e.codec_id == kCodecH265
+                                            ? detail::Smoothing{0.975, 0.025}
+                                            : detail::Smoothing{0.75, 0.25};
     const double bits = e.mpeg_packet->size * 8.0;
     const double bitrate_now = bits * source_rate(e).divided(e.frame_rate_divider);
-    e.smoothed_bitrate = detail::smooth(e.smoothed_bitrate, bitrate_now, weight, detail::kNoValueYet + 1.0);
-    e.smoothed_encode_time = detail::smooth(e.smoothed_encode_time, encode_seconds, 0.5, detail::kNoValueYet);
+    e.smoothed_bitrate =
+        detail::smooth(e.smoothed_bitrate, bitrate_now, smoothing, detail::kNoValueYet + 1.0);
+    e.smoothed_encode_time =
+        detail::smooth(e.smoothed_encode_time, encode_seconds, {0.5, 0.5}, detail::kNoValueYet);
     e.drop_level = detail::next_drop_level(e.drop_level, e.smoothed_bitrate, e.bitrate);
 }
 
@@ -553,12 +569,18 @@ void restore_host_timestamps(Encoder& e) {
     if (record != e.aux_data_map.end()) e.current_output_tag = record->second.host_frame_tag;
 }
 
-/// Under per-frame rate control timestamps count pictures; an unknown one, such as the negative dts in front
-/// of B-frames, maps to 0.
+/// The host's timestamp of the picture that was number `counter` to the codec. An unknown one, such as the
+/// negative dts in front of B-frames, becomes known as 0.
+int64_t timestamp_of(Encoder& e, int64_t counter) try {
+    return static_cast<int64_t>(e.pts_map[static_cast<uint64_t>(counter)]);
+} catch (const std::bad_alloc&) {
+    return 0;
+}
+
+/// Under per-frame rate control the codec's timestamps count pictures.
 void map_packet_timestamps(Encoder& e) {
-    AVPacket& packet = *e.mpeg_packet;
-    for (int64_t* timestamp : {&packet.dts, &packet.pts})
-        *timestamp = static_cast<int64_t>(e.pts_map[static_cast<uint64_t>(*timestamp)]);
+    e.mpeg_packet->dts = timestamp_of(e, e.mpeg_packet->dts);
+    e.mpeg_packet->pts = timestamp_of(e, e.mpeg_packet->pts);
 }
 
 void emit_unit(Encoder& e) {
@@ -566,16 +588,20 @@ void emit_unit(Encoder& e) {
     e.mpeg_packet->data = output.data;
     e.mpeg_packet->size = static_cast<int>(output.end - output.data);
     if (e.mpeg_packet->size == 0) return;
-    // The host may close the encoder in there: nothing that closing releases is touched afterwards.
+    // The host may close or reopen the encoder in there: nothing that closing releases is touched afterwards,
+    // and nothing counted into a run that began meanwhile.
+    const uint64_t run = e.open_count;
     e.emit_data_out(output.data, static_cast<size_t>(output.end - output.data), e.mpeg_packet);
-    e.output_frame_count++;
+    if (e.open_count == run) e.output_frame_count++;
 }
 
-/// Closes the books on one picture and resets what applies to one picture only.
-void end_picture(Encoder& e, uint64_t timestamp) {
-    if (e.frame_rate_limit != 0)
-        e.next_due_timestamp = std::max(e.next_due_timestamp + e.frame_rate_divider, timestamp);
-    e.input_frame_count++;
+/// Closes the books on one picture, where its run still lasts, and resets what applies to one picture only.
+void end_picture(Encoder& e, uint64_t timestamp, bool same_run) {
+    if (same_run) {
+        if (e.frame_rate_limit != 0)
+            e.next_due_timestamp = std::max(e.next_due_timestamp + e.frame_rate_divider, timestamp);
+        e.input_frame_count++;
+    }
     e.scte20_length = 0;
     e.gop_sync_frame_number = -1;
     e.requested_picture_type = -1;
@@ -735,6 +761,7 @@ bool Encoder::init_encoder() try {
     if (!make_working_planes(*this, source->pixel_format, __PRETTY_FUNCTION__)) return false;
 
     print("MPEG video init\n");
+    open_count++;
     encoder_open = true;
     return true;
 } catch (const std::exception&) {
@@ -756,10 +783,6 @@ void reset_run_state(Encoder& e) {
     e.input_frame_count = 0;
     e.output_frame_count = 0;
     e.eia608_next_pts = 0;
-    e.smoothed_encode_time = detail::kNoValueYet;
-    e.smoothed_bitrate = detail::kNoValueYet;
-    e.drop_level = 0;
-    e.drop_credit = 0;
 }
 
 /// Fails before anything was allocated.
@@ -819,6 +842,8 @@ bool open_codec(Encoder& e) {
     if (e.codec_id == kCodecMpeg2) options.set("alternate_scan", "0");
     if (is_h26x(e)) set_h26x_options(e, options);
     e.pts_map.clear();
+    e.smoothed_encode_time = e.smoothed_bitrate = detail::kNoValueYet;
+    e.drop_level = e.drop_credit = 0;
     return avcodec_open2(e.mpeg_context, e.mpeg_codec, options.get()) == 0;
 }
 
@@ -1017,7 +1042,8 @@ void open_debug_file(Encoder& e) {
         e.debug_fd = -1;
     }
     if (e.debug_fd >= 0 || !e.debug_file) return;
-    const std::string path = std::string("/mnt/main/DEBUG_") + e.output_name() + "_m2v." +
+    const char* const name = e.output_name();
+    const std::string path = std::string("/mnt/main/DEBUG_") + (name ? name : "(unknown)") + "_m2v." +
                              std::to_string(e.encoder_index) + debug_file_extension(e.codec_id);
     e.debug_fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
 }
@@ -1068,28 +1094,112 @@ void Encoder::client_unref() {
 
 // Resizing
 
-void Encoder::do_resize_yuv_plane(uint8_t*, size_t, const uint8_t*, size_t, unsigned, unsigned, unsigned,
-                                  unsigned, unsigned, unsigned, int) {}
+namespace {
 
-void Encoder::resize_input_to_output(const uint8_t*, size_t, const uint8_t*, size_t, const uint8_t*, size_t,
-                                     unsigned, unsigned, int) {}
+/// The planes of a picture that the host delivered.
+struct SourcePlanes {
+    const uint8_t* data[3];
+    size_t strides[3];
+};
 
-void Encoder::do_resize_yuv_plane_deinterlace_basic_mode3(uint8_t*, size_t, const uint8_t*, size_t, unsigned,
-                                                          unsigned, unsigned, unsigned, unsigned, unsigned,
-                                                          int) {}
+detail::PictureFormat source_format(const Encoder& e, unsigned width, unsigned height) {
+    return {width, height, e.input_chroma_shift_x, e.input_chroma_shift_y};
+}
 
-void Encoder::resize_input_to_output_deinterlace_basic_mode3(const uint8_t*, size_t, const uint8_t*, size_t,
-                                                             const uint8_t*, size_t, unsigned, unsigned,
-                                                             int) {}
+detail::PictureFormat output_format(const Encoder& e) {
+    return {e.output_width, e.output_height, e.output_chroma_shift_x, e.output_chroma_shift_y};
+}
 
-void Encoder::do_resize_yuv_plane_deinterlace_adaptive_mode4(uint8_t*, size_t, const uint8_t*, size_t,
-                                                             unsigned, unsigned, unsigned, unsigned, unsigned,
-                                                             unsigned, int, uint8_t*, unsigned, uint8_t,
-                                                             uint8_t) {}
+/// Hands each of the three planes, with its working plane and geometry, to `scale_plane`, which is also told
+/// whether it is chroma.
+template <class ScalePlane>
+void scale_planes(Encoder& e, const SourcePlanes& planes, const detail::PictureGeometry& geometry,
+                  const ScalePlane& scale_plane) {
+    for (int i = 0; i < 3; i++) {
+        const detail::PlaneGeometry& g = i == 0 ? geometry.luma : geometry.chroma;
+        scale_plane(detail::PlaneScaling{e.resize_buffer[i], e.resize_buffer_stride[i], planes.data[i],
+                                         planes.strides[i], g.to_width, g.to_height, g.x_step, g.y_step,
+                                         g.src_width, g.src_height},
+                    i != 0);
+    }
+}
 
-void Encoder::resize_input_to_output_deinterlace_adaptive_mode4(const uint8_t*, size_t, const uint8_t*,
-                                                                size_t, const uint8_t*, size_t, unsigned,
-                                                                unsigned, int) {}
+}  // namespace
+
+void Encoder::do_resize_yuv_plane(uint8_t* dY, size_t dY_stride, const uint8_t* sY, size_t sY_stride,
+                                  unsigned to_width, unsigned to_height, unsigned x_step, unsigned y_step,
+                                  unsigned src_width, unsigned src_height, int field) {
+    detail::scale_plane(
+        {dY, dY_stride, sY, sY_stride, to_width, to_height, x_step, y_step, src_width, src_height},
+        resize_deinterlace, field, __PRETTY_FUNCTION__);
+}
+
+void Encoder::resize_input_to_output(const uint8_t* y, size_t y_stride, const uint8_t* u, size_t u_stride,
+                                     const uint8_t* v, size_t v_stride, unsigned width, unsigned height,
+                                     int field) {
+    const auto geometry =
+        detail::end_point_aligned(source_format(*this, width, height), output_format(*this));
+    if (!geometry) return;
+    scale_planes(*this, {{y, u, v}, {y_stride, u_stride, v_stride}}, *geometry,
+                 [&](const detail::PlaneScaling& p, bool) {
+                     do_resize_yuv_plane(p.dst, p.dst_stride, p.src, p.src_stride, p.to_width, p.to_height,
+                                         p.x_step, p.y_step, p.src_width, p.src_height, field);
+                 });
+}
+
+void Encoder::do_resize_yuv_plane_deinterlace_basic_mode3(uint8_t* dY, size_t dY_stride, const uint8_t* sY,
+                                                          size_t sY_stride, unsigned to_width,
+                                                          unsigned to_height, unsigned x_step,
+                                                          unsigned y_step, unsigned src_width,
+                                                          unsigned src_height, int) {
+    detail::deinterlace_plane_basic(
+        {dY, dY_stride, sY, sY_stride, to_width, to_height, x_step, y_step, src_width, src_height});
+}
+
+void Encoder::resize_input_to_output_deinterlace_basic_mode3(const uint8_t* y, size_t y_stride,
+                                                             const uint8_t* u, size_t u_stride,
+                                                             const uint8_t* v, size_t v_stride,
+                                                             unsigned width, unsigned height, int field) {
+    const auto geometry = detail::cell_aligned(source_format(*this, width, height), output_format(*this));
+    if (!geometry) return;
+    scale_planes(*this, {{y, u, v}, {y_stride, u_stride, v_stride}}, *geometry,
+                 [&](const detail::PlaneScaling& p, bool) {
+                     do_resize_yuv_plane_deinterlace_basic_mode3(p.dst, p.dst_stride, p.src, p.src_stride,
+                                                                 p.to_width, p.to_height, p.x_step, p.y_step,
+                                                                 p.src_width, p.src_height, field);
+                 });
+}
+
+void Encoder::do_resize_yuv_plane_deinterlace_adaptive_mode4(
+    uint8_t* dY, size_t dY_stride, const uint8_t* sY, size_t sY_stride, unsigned to_width, unsigned to_height,
+    unsigned x_step, unsigned y_step, unsigned src_width, unsigned src_height, int, uint8_t* motion_map,
+    unsigned mb_cols, uint8_t map_shift_x, uint8_t map_shift_y) {
+    const unsigned mb_rows = detail::motion_map_rows(src_height, input_chroma_shift_y, map_shift_y);
+    detail::deinterlace_plane_adaptive(
+        {dY, dY_stride, sY, sY_stride, to_width, to_height, x_step, y_step, src_width, src_height},
+        {motion_map, mb_cols, mb_rows, map_shift_x, map_shift_y});
+}
+
+void Encoder::resize_input_to_output_deinterlace_adaptive_mode4(const uint8_t* y, size_t y_stride,
+                                                                const uint8_t* u, size_t u_stride,
+                                                                const uint8_t* v, size_t v_stride,
+                                                                unsigned width, unsigned height, int field) {
+    const auto geometry = detail::cell_aligned(source_format(*this, width, height), output_format(*this));
+    if (!geometry) return;
+    const std::unique_ptr<uint8_t[]> map(new (std::nothrow) uint8_t[detail::motion_map_size(width, height)]);
+    if (!map) return;  // the working planes keep the picture before
+    detail::build_motion_map(map.get(), y, y_stride, width, height);
+    const unsigned mb_cols = detail::macroblocks(width);
+    scale_planes(*this, {{y, u, v}, {y_stride, u_stride, v_stride}}, *geometry,
+                 [&](const detail::PlaneScaling& p, bool is_chroma) {
+                     // The map shifts are the output's subsampling, also where the input's differs.
+                     do_resize_yuv_plane_deinterlace_adaptive_mode4(
+                         p.dst, p.dst_stride, p.src, p.src_stride, p.to_width, p.to_height, p.x_step,
+                         p.y_step, p.src_width, p.src_height, field, map.get(), mb_cols,
+                         static_cast<uint8_t>(is_chroma ? output_chroma_shift_x : 0),
+                         static_cast<uint8_t>(is_chroma ? output_chroma_shift_y : 0));
+                 });
+}
 
 // Status and settings
 
@@ -1339,12 +1449,10 @@ bool Encoder::mpeg_insert_output(uint8_t*& out, size_t n) {
 namespace {
 
 /// Opens a gap of `size` bytes in front of `position` through the host's virtual operation. Returns its first
-/// byte, or null where there is no room. A gap that does not end at `position` breaks `invariant`.
-uint8_t* open_gap(Encoder& e, uint8_t* position, size_t size, const char* invariant, const char* function) {
+/// byte, or null where there is no room.
+uint8_t* open_gap(Encoder& e, uint8_t* position, size_t size) {
     uint8_t* gap = position;
-    if (!e.mpeg_insert_output(gap, size)) return nullptr;
-    detail::require(gap + size == position, invariant, __LINE__, function);
-    return gap;
+    return e.mpeg_insert_output(gap, size) ? gap : nullptr;
 }
 
 uint8_t* find_first_slice(const Encoder& e) {
@@ -1399,7 +1507,7 @@ void Encoder::mpeg_insert_eia608_cc() {
         std::fprintf(stderr, "[gsve] EIA-608 insertion: too many words (%zu)!\n", pictures);
         std::abort();
     }
-    uint8_t* p = open_gap(*this, slice, detail::cc_user_data_size(pictures), "p == pf", __PRETTY_FUNCTION__);
+    uint8_t* p = open_gap(*this, slice, detail::cc_user_data_size(pictures));
     if (!p) return;
     p = detail::write_cc_user_data_header(p, pictures);
     for (; eia608_next_pts < static_cast<uint64_t>(dts); eia608_next_pts++) {
@@ -1414,14 +1522,14 @@ void Encoder::mpeg_insert_cea708_cc(size_t pts) {
     if (!slice) return;
     const unsigned count = cc_count(*this);
     const size_t size = detail::kStartCodeSize + detail::atsc1_data_size(count);
-    uint8_t* const p = open_gap(*this, slice, size, "p == pf", __PRETTY_FUNCTION__);
+    uint8_t* const p = open_gap(*this, slice, size);
     if (!p) return;
+    detail::require(p + size == slice, "p == pf", __LINE__, __PRETTY_FUNCTION__);
 
     const detail::PictureCaptions captions = captions_of(find_record(*this, pts, __PRETTY_FUNCTION__));
     const detail::CcDataOutcome outcome = detail::write_atsc1_data(
         detail::write_user_data_start_code(p), captions, count, alternates_fields(*this), pts % 2 != 0);
     complain(outcome, captions);
-    detail::require(outcome.end == slice, "p == pf", __LINE__, __PRETTY_FUNCTION__);
 }
 
 void Encoder::h264_insert_cea708_cc(size_t pts) {
@@ -1445,10 +1553,11 @@ void Encoder::h264_insert_cea708_cc(size_t pts) {
     uint8_t nal[4096];
     const int size = h264_nal_write(nal, sizeof(nal), sei, static_cast<unsigned long>(outcome.end - sei),
                                     kNalRefIdcNone, kNalTypeSei);
-    if (size < 1) return;
-    uint8_t* const p =
-        open_gap(*this, slice, static_cast<size_t>(size), "(p+fsz) == pf", __PRETTY_FUNCTION__);
-    if (p) std::memcpy(p, nal, static_cast<size_t>(size));
+    if (size < 1 || static_cast<size_t>(size) > sizeof(nal)) return;
+    uint8_t* const p = open_gap(*this, slice, static_cast<size_t>(size));
+    if (!p) return;
+    detail::require(p + size == slice, "(p+fsz) == pf", __LINE__, __PRETTY_FUNCTION__);
+    std::memcpy(p, nal, static_cast<size_t>(size));
 }
 
 void Encoder::mpeg_insert_scte20(size_t pts) {
@@ -1460,15 +1569,17 @@ void Encoder::mpeg_insert_scte20(size_t pts) {
     const AuxData& aux = record->second;
 
     const size_t size = detail::kStartCodeSize + 1 + aux.scte20_data_length;
-    uint8_t* p = open_gap(*this, slice, size, "p == pf", __PRETTY_FUNCTION__);
+    uint8_t* p = open_gap(*this, slice, size);
     if (!p) return;
+    detail::require(p + size == slice, "p == pf", __LINE__, __PRETTY_FUNCTION__);
     p = detail::write_user_data_start_code(p);
     *p++ = kScte20TypeCode;
     std::memcpy(p, aux.scte20_data, aux.scte20_data_length);
 }
 
 void Encoder::write_mpeg2_gop_timecode(const mpeg2_gop_timecode_t& tc) try {
-    pending_gop_timecode = tc;
+    mpeg2_gop_timecode_t copy = tc;
+    pending_gop_timecode = std::move(copy);
 } catch (const std::exception&) {
 }
 

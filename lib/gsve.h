@@ -7,7 +7,7 @@
 //
 //     struct Channel : GeneralStreamingVideoEncoder {
 //         void host_emit_data_out(const uint8_t* data, size_t len, AVPacket* pkt) override {
-//             send(data, len, pkt->pts, pkt->dts);           // valid only during this call
+//             send(data, len, pkt->pts, pkt->dts);           // the bytes are the encoder's: send or copy
 //         }
 //     };
 //
@@ -28,9 +28,10 @@
 //
 // One thread at a time may call into one object: the class takes no lock. Different objects are independent.
 //
-// No operation lets an exception out to the host; only the constructor may throw (std::bad_alloc). Where
-// memory runs out inside an operation, it returns false, or leaves the encoder as it was where it returns
-// nothing.
+// No operation throws; only the constructor may (std::bad_alloc). Where memory runs out inside an operation,
+// what the call was given is lost and nothing else: it returns false, where it returns anything, and the next
+// call works. An exception that a hook of the host throws derived from std::exception ends the operation in
+// the same way; hooks had better throw nothing.
 //
 // Fields are public and part of the contract: hosts read and write them by name. Those under "Input
 // description" and "Signalled by the host" are the host's to write; all others are the library's.
@@ -104,10 +105,17 @@ public:
     virtual void emit_data_out(const uint8_t* data, size_t len, AVPacket* pkt);
 
     /// Hook: receives each encoded unit, `len` bytes at `data`, valid until the next write_video() or
-    /// flush_delayed_video(). `pkt` is the codec's record of the unit: pts and dts in units of the timestamps
-    /// that write_video() was given, relative to the first one, and the key flag. `current_output_tag` holds
-    /// the picture's host_frame_tag. The hook may call back into the object, also to close it; `data` and
-    /// `pkt` are gone once it has. The base does nothing.
+    /// flush_delayed_video(). `pkt` is the codec's record of the unit, with pts, dts and the key flag;
+    /// `current_output_tag` is the picture's host_frame_tag (with a frame_rate_divider of 1).
+    ///
+    /// In units from write_video(), pts and dts count source pictures from the first one, and `pkt` holds the
+    /// unit's data and size. In units from flush_delayed_video(), `pkt` holds the codec's own bytes, the tag
+    /// is that of the last unit before, and without per_frame_rate_control pts and dts count encoded
+    /// pictures: multiply them by frame_rate_divider. With per_frame_rate_control a dts in front of the first
+    /// picture reads 0.
+    ///
+    /// The hook may call back into the object, also to close or reopen it; `data` and `pkt` are gone once it
+    /// has. The base does nothing.
     virtual void host_emit_data_out(const uint8_t* data, size_t len, AVPacket* pkt);
 
     /// Hook: a short name of this output, used in the debug dump file's name. The base returns "(unknown)".
@@ -122,7 +130,7 @@ public:
     /// `flags` is the field order: negative progressive, 0 top field first, 1 bottom field first
     /// (current_field_order, when not negative, takes its place). `timestamp` is the source frame number:
     /// consecutive source pictures must have consecutive timestamps for rate control, frame-rate division
-    /// and caption timing to hold. It may start anywhere.
+    /// and caption timing to hold. It may start anywhere, but with a frame-rate limit must start at 0.
     ///
     /// At most one unit leaves through host_emit_data_out(), normally that of an earlier picture.
     /// Returns true when the picture was encoded, held back by the codec, skipped by the frame-rate limit,
@@ -140,7 +148,7 @@ public:
 
     /// Opens the encoder with the present settings and input description. Returns true when it is open
     /// afterwards (also when it was before), or when the setting "enable" is off. On failure returns false
-    /// with the reason in last_error.
+    /// with the reason in last_error; without one when no client is attached or no codec chosen.
     virtual bool init_encoder();
 
     /// Adds a client and returns the result of init_encoder().
@@ -221,7 +229,7 @@ public:
     /// the gap. Returns false, changing nothing, when `out` lies outside the unit or head room is short.
     virtual bool mpeg_insert_output(uint8_t*& out, size_t n);
 
-    /// Inserts the EIA-608 words of all pictures up to the packet's dts as "CC" picture user data.
+    /// Inserts the EIA-608 words of all pictures in front of the packet's dts as "CC" picture user data.
     virtual void mpeg_insert_eia608_cc();
 
     /// Inserts the captions of picture `pts` as ATSC A/53 cc_data ("GA94") picture user data.
@@ -265,8 +273,8 @@ public:
     int32_t current_aspect_den = -1;
     uint32_t default_aspect_num = 4;  ///< used while the source's is unknown
     uint32_t default_aspect_den = 3;
-    int8_t current_field_order =
-        -1;  ///< 0 progressive, 1 top field first, 2 bottom; -1 as write_video() says
+    int8_t current_field_order = -1;  ///< 0 progressive, 1 top field first, 2 bottom; -1 unknown
+    // To follow the source's GOPs, set both with each picture and leave "gop size" below 1:
     int8_t requested_picture_type = -1;    ///< 'I', 'P' or 'B' for the next picture; -1 none
     int32_t gop_sync_frame_number = -1;    ///< output_frame_count to take on with the next picture; -1 none
     uint64_t host_frame_tag = UINT64_MAX;  ///< tag for the next picture; all ones = none
@@ -329,6 +337,7 @@ public:
     // Open state.
     int32_t refcount = 0;  ///< clients attached
     bool encoder_open = false;
+    uint64_t open_count = 0;     ///< how often the codec was opened; tells a run from the one before it
     bool codec_changed = false;  ///< "encoder" changed since the codec was last opened
     int32_t debug_fd = -1;       ///< debug dump file; -1 closed
 

@@ -4,7 +4,6 @@
 
 #include <orb_utils_v4/misc.h>
 
-#include <cerrno>
 #include <ctime>
 
 #include <sched.h>
@@ -12,20 +11,16 @@
 
 namespace {
 
-/// The processors of the calling thread's affinity mask as far as a mask of `mask_cpus` bits shows them:
-/// 0 when the kernel's mask is longer, -1 when the kernel gives none.
-int count_affinity(unsigned mask_cpus) {
+/// The processors of the calling thread's affinity mask, or 0 when it does not fit into `mask_cpus` bits or
+/// cannot be had at all.
+unsigned count_affinity(unsigned mask_cpus) {
     cpu_set_t* const mask = CPU_ALLOC(mask_cpus);
-    if (!mask) return -1;
+    if (!mask) return 0;
     const size_t mask_size = CPU_ALLOC_SIZE(mask_cpus);
-    int count = errno = 0;
-    if (sched_getaffinity(0, mask_size, mask) == 0) {
-        count = CPU_COUNT_S(mask_size, mask);
-    } else if (errno != EINVAL) {
-        count = -1;
-    }
+    const bool known = sched_getaffinity(0, mask_size, mask) == 0;
+    const int count = known ? CPU_COUNT_S(mask_size, mask) : 0;
     CPU_FREE(mask);
-    return count;
+    return static_cast<unsigned>(count);
 }
 
 }  // namespace
@@ -34,9 +29,7 @@ unsigned int how_many_cpus(void) {
     // A kernel built for more than CPU_SETSIZE processors refuses a mask of the usual length.
     constexpr unsigned kLargestMask = CPU_SETSIZE * 64;
     for (unsigned mask_cpus = CPU_SETSIZE; mask_cpus <= kLargestMask; mask_cpus *= 2) {
-        const int count = count_affinity(mask_cpus);
-        if (count > 0) return static_cast<unsigned>(count);
-        if (count < 0) break;
+        if (const unsigned count = count_affinity(mask_cpus)) return count;
     }
     const long online = sysconf(_SC_NPROCESSORS_ONLN);
     return online > 0 ? static_cast<unsigned>(online) : 1;

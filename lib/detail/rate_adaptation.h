@@ -12,10 +12,17 @@ namespace gsve::detail {
 /// Marks a smoothed statistic that has no value yet.
 inline constexpr double kNoValueYet = -666.0;
 
-/// `weight` of the old value and the rest of the new one; the new one alone while there is no old value.
-/// Anything at or below `no_value` counts as none.
-inline double smooth(double old_value, double new_value, double weight, double no_value) {
-    return old_value <= no_value ? new_value : old_value * weight + new_value * (1.0 - weight);
+/// The weights of the value so far and of a new one.
+struct Smoothing {
+    double old_weight;
+    double new_weight;
+};
+
+/// The weighted sum of the two values; the new one alone while there is none so far. Anything at or below
+/// `no_value` counts as none.
+inline double smooth(double old_value, double new_value, Smoothing weights, double no_value) {
+    if (old_value <= no_value) return new_value;
+    return old_value * weights.old_weight + new_value * weights.new_weight;
 }
 
 /// How far the stream runs over its bit rate, moved by one picture; 0 to 4.

@@ -1,0 +1,228 @@
+#include "mcc.h"
+
+#include <algorithm>
+#include <iterator>
+#include <limits>
+#include <span>
+#include <stdexcept>
+
+#include <fmt/format.h>
+
+#include "cc_data.h"
+#include "cdp.h"
+#include "text_file.h"
+
+namespace gsve::captions {
+
+namespace {
+
+struct Abbreviation {
+    char letter;
+    int repeat;
+    std::string_view bytes;
+};
+using namespace std::string_view_literals;
+constexpr Abbreviation kAbbreviations[] = {
+    {'G', 1, "\xFA\0\0"sv},     {'H', 2, "\xFA\0\0"sv},     {'I', 3, "\xFA\0\0"sv},
+    {'J', 4, "\xFA\0\0"sv},     {'K', 5, "\xFA\0\0"sv},     {'L', 6, "\xFA\0\0"sv},
+    {'M', 7, "\xFA\0\0"sv},     {'N', 8, "\xFA\0\0"sv},     {'O', 9, "\xFA\0\0"sv},
+    {'P', 1, "\xFB\x80\x80"sv}, {'Q', 1, "\xFC\x80\x80"sv}, {'R', 1, "\xFD\x80\x80"sv},
+    {'S', 1, "\x96\x69"sv},     {'T', 1, "\x61\x01"sv},     {'U', 1, "\xE1\0\0\0"sv},
+    {'Z', 1, "\0"sv},
+};
+
+struct TimecodeRate {
+    std::string_view name;
+    FrameRate usual;
+    bool drop_frame;
+};
+constexpr TimecodeRate kTimecodeRates[] = {
+    {"24", kRate23_976, false}, {"25", kRate25, false}, {"30", kRate29_97, false},
+    {"30DF", kRate29_97, true}, {"50", kRate50, false}, {"60", kRate59_94, false},
+    {"60DF", kRate59_94, true},
+};
+
+constexpr std::string_view kFormat = "File Format=MacCaption_MCC V";
+constexpr std::string_view kRateKey = "Time Code Rate=";
+constexpr std::uint8_t kCaptionDid = 0x61, kCaptionSdid = 0x01;
+
+int hex_value(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
+}
+
+// User data words of an ancillary packet (SMPTE ST 291: DID, SDID, count, words, checksum).
+std::span<const std::uint8_t> ancillary_data(std::span<const std::uint8_t> packet) {
+    constexpr std::size_t kAround = 4;
+    if (packet.size() < kAround)
+        throw std::invalid_argument("the line ends within the ancillary packet's header");
+    if (packet.size() != packet[2] + kAround)
+        throw std::invalid_argument(
+            fmt::format("the ancillary packet's count byte says {} bytes, {} are given", packet[2],
+                        static_cast<int>(packet.size()) - 4));
+    const auto expected = static_cast<std::uint8_t>(-zero_sum_checksum(packet.first(packet.size() - 1)));
+    if (packet.back() != expected)
+        throw std::invalid_argument(fmt::format(
+            "the ancillary packet's checksum is 0x{:02X}, its bytes need 0x{:02X}", packet.back(), expected));
+    return packet.subspan(3, packet[2]);
+}
+
+class MccParser {
+public:
+    MccParser(const std::string& name, const MccReadOptions& options, Report& report)
+        : name_(name), options_(options), report_(report) {}
+
+    Schedule parse(std::string_view text) {
+        const std::vector<std::string> lines = split_lines(text, name_);
+        const std::string_view format = lines.empty() ? "" : trim(lines[0]);
+        if (format != fmt::format("{}1.0", kFormat) && format != fmt::format("{}2.0", kFormat))
+            throw FileError(name_, 1,
+                            fmt::format("not an MCC file: the first line must be \"{}1.0\" or \"{}2.0\"",
+                                        kFormat, kFormat));
+        for (std::size_t i = 1; i < lines.size(); ++i) {
+            const std::string_view line = trim(lines[i]);
+            if (line.starts_with(kRateKey))
+                set_rate(line.substr(kRateKey.size()), static_cast<int>(i) + 1);
+            else if (!line.empty() && line[0] >= '0' && line[0] <= '9')
+                parse_line(line, static_cast<int>(i) + 1);
+        }
+        report_totals();
+        return std::move(schedule_);
+    }
+
+private:
+    void set_rate(std::string_view name, int number) {
+        const auto rate = std::find_if(std::begin(kTimecodeRates), std::end(kTimecodeRates),
+                                       [&](const TimecodeRate& r) { return r.name == name; });
+        if (rate == std::end(kTimecodeRates))
+            throw FileError(
+                name_, number,
+                fmt::format("\"{}\" is not a time code rate: use 24, 25, 30, 30DF, 50, 60 or 60DF", name));
+        rate_ = rate;
+        schedule_.rate = rate->usual;
+    }
+
+    void parse_line(std::string_view line, int number) {
+        if (rate_ == nullptr)
+            throw FileError(
+                name_, number,
+                fmt::format(
+                    "captions begin before the time code rate is known: add a line such as \"{}30DF\" above",
+                    kRateKey));
+        const std::size_t end = line.find_first_of(" \t");
+        if (end == line.npos)
+            throw FileError(name_, number,
+                            "the line has a time code but no data: add it, or remove the line");
+        try {
+            const std::vector<std::uint8_t> packet = expand_mcc_bytes(trim(line.substr(end)));
+            const std::span<const std::uint8_t> data = ancillary_data(packet);
+            if (packet[0] != kCaptionDid || packet[1] != kCaptionSdid) {
+                ++ignored_packets_;
+                return;
+            }
+            const Cdp cdp = parse_cdp(data);
+            take_rate(cdp);
+            add(cdp, line_frame(line.substr(0, end)));
+        } catch (const std::invalid_argument& error) {
+            throw FileError(name_, number,
+                            fmt::format("{} (correct the line or export the file again)", error.what()));
+        }
+    }
+
+    // The packets know 29.97 from 30, the time code does not.
+    void take_rate(const Cdp& cdp) {
+        if (!rate_is_exact_ && cdp.rate && nominal_rate(*cdp.rate) == nominal_rate(rate_->usual) &&
+            (!rate_->drop_frame || has_drop_frame(*cdp.rate)))
+            schedule_.rate = *cdp.rate;
+        rate_is_exact_ = true;
+    }
+
+    std::int64_t line_frame(std::string_view text) {
+        std::string timecode(text.substr(0, text.find_first_of(".,")));
+        if (rate_->drop_frame)  // some writers keep ':' and leave the rest to the header
+            std::replace(
+                timecode.begin() + static_cast<std::ptrdiff_t>(std::min<std::size_t>(8, timecode.size())),
+                timecode.end(), ':', ';');
+        Timecode start = options_.start.value_or(Timecode{});
+        start.drop_frame = rate_->drop_frame;
+        const std::int64_t frame = timecode_to_frame(parse_timecode(timecode, rate_->usual), rate_->usual) -
+                                   timecode_to_frame(start, rate_->usual);
+        if (frame < newest_frame_)
+            throw std::invalid_argument(
+                fmt::format("time code {} is earlier than that of the line before", text));
+        newest_frame_ = frame;
+        return frame;
+    }
+
+    void add(const Cdp& cdp, std::int64_t frame) {
+        const CcData cc = parse_cc_data(cdp.cc_data);
+        wrong_parity_ += cc.parity_errors;
+        if (frame >= 0)
+            append(schedule_, frame, cc.captions);
+        else
+            ++before_start_;
+    }
+
+    void report_totals() {
+        if (ignored_packets_ > 0)
+            report_.add(WarningKind::kIgnoredData, name_, 0,
+                        fmt::format("{} lines hold ancillary data other than captions and are left out",
+                                    ignored_packets_));
+        if (before_start_ > 0)
+            report_.add(
+                WarningKind::kBeforeStart, name_, 0,
+                fmt::format("{} lines lie before the start of the video and are left out", before_start_));
+        if (wrong_parity_ > 0)
+            report_.add(WarningKind::kParity, name_, 0,
+                        fmt::format("{} byte pairs have wrong parity; it is put right", wrong_parity_));
+    }
+
+    const std::string& name_;
+    const MccReadOptions& options_;
+    Report& report_;
+    Schedule schedule_;
+    const TimecodeRate* rate_ = nullptr;
+    bool rate_is_exact_ = false;
+    std::int64_t newest_frame_ = std::numeric_limits<std::int64_t>::min();
+    int ignored_packets_ = 0;
+    int before_start_ = 0;
+    int wrong_parity_ = 0;
+};
+
+}  // namespace
+
+std::vector<std::uint8_t> expand_mcc_bytes(std::string_view text) {
+    std::vector<std::uint8_t> bytes;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        const auto entry = std::find_if(std::begin(kAbbreviations), std::end(kAbbreviations),
+                                        [&](const Abbreviation& a) { return a.letter == text[at]; });
+        if (entry != std::end(kAbbreviations)) {
+            for (int i = 0; i < entry->repeat; ++i)
+                bytes.insert(bytes.end(), entry->bytes.begin(), entry->bytes.end());
+            continue;
+        }
+        const int high = hex_value(text[at]);
+        const int low = at + 1 < text.size() ? hex_value(text[at + 1]) : -1;
+        if (high < 0)
+            throw std::invalid_argument(
+                fmt::format("'{}' is neither a hexadecimal digit nor an abbreviation", text[at]));
+        if (low < 0)
+            throw std::invalid_argument(
+                fmt::format("the hexadecimal digit '{}' has no second one", text[at]));
+        bytes.push_back(static_cast<std::uint8_t>(high << 4 | low));
+        ++at;
+    }
+    return bytes;
+}
+
+Schedule parse_mcc(std::string_view text, const std::string& name, const MccReadOptions& options,
+                   Report& report) {
+    return MccParser(name, options, report).parse(text);
+}
+
+Schedule read_mcc(const std::string& path, const MccReadOptions& options, Report& report) {
+    return parse_mcc(read_file(path), path, options, report);
+}
+
+}  // namespace gsve::captions

@@ -1,0 +1,459 @@
+#include "pop_on.h"
+
+#include <algorithm>
+#include <limits>
+#include <numeric>
+#include <optional>
+#include <stdexcept>
+
+#include <fmt/format.h>
+
+#include "line21.h"
+#include "text_file.h"
+
+namespace gsve::captions {
+
+namespace {
+
+constexpr double kShortestLateDisplay = 0.5;  // seconds
+constexpr int kRepeated = 2;                  // slots of a control pair
+
+std::string quoted(char32_t character) {
+    return fmt::format("\"{}\" (U+{:04X})", encode_utf8(std::u32string(1, character)),
+                       static_cast<unsigned>(character));
+}
+
+// Text of a line in characters that line 21 has, with the style of each.
+class Transcriber {
+public:
+    Transcriber(const Cue& cue, const std::string& name, Report& report)
+        : cue_(cue), name_(name), report_(report) {}
+
+    StyledLine transcribe(const StyledLine& line) {
+        StyledLine result;
+        for (std::size_t i = 0; i < line.size(); ++i) {
+            char32_t character = line[i].character;
+            if (i + 1 < line.size())
+                if (const char32_t composed = compose(character, line[i + 1].character)) {
+                    character = composed;
+                    ++i;
+                }
+            put(result, character, line[i].italic);
+        }
+        return result;
+    }
+
+private:
+    void put(StyledLine& result, char32_t character, bool italic) {
+        if (glyph_for(character)) {
+            result.push_back({character, italic});
+            return;
+        }
+        const std::u32string_view text = substitute_for(character);
+        for (const char32_t c : text) result.push_back({c, italic});
+        const bool unseen = text == U" " || (text.empty() && !is_combining_mark(character));
+        if (!unseen && reported_.find(character) == reported_.npos) {
+            reported_.push_back(character);
+            report_.add(WarningKind::kReplacedCharacter, name_, cue_.source_line,
+                        fmt::format("{} is not in the EIA-608 character sets, {} is shown", quoted(character),
+                                    text.empty() ? "nothing" : fmt::format("\"{}\"", encode_utf8(text))));
+        }
+    }
+
+    const Cue& cue_;
+    const std::string& name_;
+    Report& report_;
+    std::u32string reported_;
+};
+
+using Words = std::vector<CaptionWord>;
+
+std::size_t width_of(const Words& words) {
+    return std::accumulate(
+        words.begin(), words.end(), words.empty() ? 0 : words.size() - 1,
+        [](std::size_t width, const CaptionWord& word) { return width + word.text.size(); });
+}
+
+Words split_words(const StyledLine& line) {
+    Words words;
+    std::size_t italics = 0;
+    bool inside = false;
+    for (const StyledCharacter& c : line) {
+        const bool space = c.character == U' ';
+        if (!space && !inside) {
+            words.push_back({U"", false});
+            italics = 0;
+        }
+        inside = !space;
+        if (space) continue;
+        CaptionWord& word = words.back();
+        word.text.push_back(c.character);
+        italics += c.italic;
+        word.italic = 2 * italics > word.text.size();
+    }
+    return words;
+}
+
+// Words longer than a row, cut to rows.
+Words cut_long_words(const Words& words, const Cue& cue, const std::string& name, Report& report) {
+    Words cut;
+    for (const CaptionWord& word : words) {
+        if (word.text.size() > kColumns)
+            report.add(WarningKind::kBrokenWord, name, cue.source_line,
+                       fmt::format("\"{}\" is longer than a row of {} columns and is broken",
+                                   encode_utf8(word.text), kColumns));
+        for (std::size_t at = 0; at < word.text.size(); at += kColumns)
+            cut.push_back({word.text.substr(at, kColumns), word.italic});
+    }
+    return cut;
+}
+
+std::vector<Words> wrap(const Words& words) {
+    std::vector<Words> rows;
+    for (const CaptionWord& word : words) {
+        if (rows.empty() || width_of(rows.back()) + 1 + word.text.size() > kColumns) rows.emplace_back();
+        rows.back().push_back(word);
+    }
+    return rows;
+}
+
+// The cue's rows of words: its own lines where they fit, else all its words wrapped.
+std::vector<Words> rows_of_words(const std::vector<Words>& lines, int rows) {
+    const bool lines_fit =
+        std::all_of(lines.begin(), lines.end(), [](const Words& line) { return width_of(line) <= kColumns; });
+    if (lines_fit && lines.size() <= static_cast<std::size_t>(rows)) return lines;
+    Words all;
+    for (const Words& line : lines) all.insert(all.end(), line.begin(), line.end());
+    std::vector<Words> wrapped = wrap(all);
+    return lines_fit && wrapped.size() > static_cast<std::size_t>(rows) ? lines : wrapped;
+}
+
+int column_of(Alignment alignment, std::size_t width) {
+    const int spare = kColumns - static_cast<int>(width);
+    switch (alignment) {
+        case Alignment::kLeft: return 0;
+        case Alignment::kRight: return spare;
+        default: return spare / 2;
+    }
+}
+
+struct Caption {
+    std::vector<CaptionRow> rows;
+    std::int64_t begin;  // frames
+    std::int64_t end;
+    int source_line;
+};
+
+std::size_t character_count(const std::vector<CaptionRow>& rows) {
+    std::size_t count = 0;
+    for (const CaptionRow& row : rows) count += width_of(row.words);
+    return count;
+}
+
+// The byte pairs of one caption's load, as units that stay together: a pair of characters, or a control
+// pair with its repetition.
+class LoadBuilder {
+public:
+    explicit LoadBuilder(int field) : field_(field) {
+        control(command_word(kResumeCaptionLoading, field));
+        control(command_word(kEraseNonDisplayedMemory, field));
+    }
+
+    void row(const CaptionRow& row) {
+        const bool italic = row.words.front().italic;
+        if (italic && row.column == 0) {
+            control(italics_pac(row.row));
+        } else {
+            // The mid-row code takes the column before the text.
+            address(row.row, italic ? row.column - 1 : row.column);
+            if (italic) control(kMidRowItalics);
+        }
+        bool style = italic;
+        for (const CaptionWord& word : row.words) {
+            if (word.italic != style)
+                control(word.italic ? kMidRowItalics : kMidRowWhite);
+            else if (&word != &row.words.front())
+                byte(' ');
+            style = word.italic;
+            for (const char32_t c : word.text) character(c);
+        }
+    }
+
+    std::vector<std::vector<Word>> take() {
+        flush();
+        return std::move(units_);
+    }
+
+private:
+    void address(int row, int column) {
+        control(indent_pac(row, column / 4 * 4));
+        if (column % 4 != 0) control(tab_offset(column % 4));
+    }
+
+    void character(char32_t c) {
+        const Glyph glyph = *glyph_for(c);
+        if (glyph.basic != 0) byte(glyph.basic);
+        if (glyph.pair != 0) control(glyph.pair);
+    }
+
+    void byte(std::uint8_t value) {
+        if (half_ == 0) {
+            half_ = value;
+            return;
+        }
+        units_.push_back({with_parity(make_word(half_, value))});
+        half_ = 0;
+    }
+
+    void flush() {
+        if (half_ != 0) units_.push_back({with_parity(make_word(half_, 0))});
+        half_ = 0;
+    }
+
+    void control(Word word) {
+        flush();
+        const Word sent = with_parity(word);
+        // A third equal pair in a row would pass for one more repetition, and an idle slot between does not
+        // part them for every receiver. Resuming the load changes nothing, but does.
+        if (!units_.empty() && units_.back().back() == sent)
+            control(command_word(kResumeCaptionLoading, field_));
+        units_.emplace_back(kRepeated, sent);
+    }
+
+    int field_;
+    std::vector<std::vector<Word>> units_;
+    std::uint8_t half_ = 0;
+};
+
+using Units = std::vector<std::vector<Word>>;
+using Slots = std::vector<std::int64_t>;
+
+// Slots that another code occupies.
+struct Block {
+    std::int64_t begin;
+    std::int64_t end;
+};
+
+// First slots of the units, so that the last ends before `end`; nothing when they need slots below
+// `lowest`.
+std::optional<Slots> place_before(const Units& units, std::int64_t lowest, std::int64_t end,
+                                  std::optional<Block> taken) {
+    Slots slots(units.size());
+    for (std::size_t i = units.size(); i-- > 0;) {
+        const auto length = static_cast<std::int64_t>(units[i].size());
+        if (taken && end - length < taken->end && end > taken->begin) end = taken->begin;
+        end -= length;
+        slots[i] = end;
+    }
+    if (end < lowest) return std::nullopt;
+    return slots;
+}
+
+// First slots of the units from `next` on; `next` becomes the first free slot with room for a control pair.
+Slots place_from(const Units& units, std::int64_t& next, std::optional<Block> taken) {
+    Slots slots;
+    const auto reserve = [&](std::int64_t length) {
+        if (taken && next < taken->end && next + length > taken->begin) next = taken->end;
+        return next;
+    };
+    for (const std::vector<Word>& unit : units) {
+        const auto length = static_cast<std::int64_t>(unit.size());
+        slots.push_back(reserve(length));
+        next += length;
+    }
+    reserve(kRepeated);
+    return slots;
+}
+
+// Puts captions on the slots of a field, in order of time.
+class Timeline {
+public:
+    Timeline(const std::string& name, const PopOnOptions& options, Report& report)
+        : name_(name), options_(options), report_(report), slots_(options.rate, options.field) {}
+
+    // `latest_end`: the frame on which the next caption is to appear.
+    void add(Caption caption, std::int64_t latest_end) {
+        LoadBuilder builder(options_.field);
+        for (const CaptionRow& row : caption.rows) builder.row(row);
+        const Units units = builder.take();
+
+        std::int64_t shown = slots_.first_slot_not_before(caption.begin);
+        std::optional<Block> erasure = erasure_block();
+        if (erasure && erasure->end > shown) erasure.reset();  // the new caption takes the old one's place
+        std::optional<Slots> placed = place_before(units, free_slot_, shown, erasure);
+        if (!placed) {
+            erasure = erasure_block();
+            std::int64_t next = free_slot_;
+            placed = place_from(units, next, erasure);
+            shown = std::max(shown, next);
+            if (erasure && erasure->end > shown) shown = erasure->end;
+            if (!accept_late(caption, slots_.picture_of(shown), latest_end)) return;
+        }
+        if (erasure) put_control(kEraseDisplayedMemory, erasure->begin);
+        for (std::size_t i = 0; i < units.size(); ++i) put(units[i], (*placed)[i]);
+        put_control(kEndOfCaption, shown);
+        free_slot_ = shown + kRepeated;
+        erase_at_ = caption.end;
+    }
+
+    Schedule take() {
+        if (const std::optional<Block> erasure = erasure_block())
+            put_control(kEraseDisplayedMemory, erasure->begin);
+        std::sort(schedule_.eia608.begin(), schedule_.eia608.end(),
+                  [](const Eia608Event& a, const Eia608Event& b) { return a.frame < b.frame; });
+        return std::move(schedule_);
+    }
+
+private:
+    std::optional<Block> erasure_block() const {
+        if (!erase_at_) return std::nullopt;
+        const std::int64_t begin = std::max(slots_.first_slot_not_before(*erase_at_), free_slot_);
+        return Block{begin, begin + kRepeated};
+    }
+
+    // Whether a caption that appears on frame `shown` is seen long enough. It may stay past its end for that,
+    // but not past the next one's begin.
+    bool accept_late(Caption& caption, std::int64_t shown, std::int64_t latest_end) {
+        const std::int64_t late = shown - caption.begin;
+        if (late < slots_.step()) return true;
+        const std::int64_t half = (caption.end - caption.begin + 1) / 2;
+        const std::int64_t least = std::min(seconds_to_frame(kShortestLateDisplay, options_.rate), half);
+        const std::string lateness =
+            fmt::format("{} frames ({:.2f} s) late: its {} characters take that long to load", late,
+                        frame_to_seconds(late, options_.rate), character_count(caption.rows));
+        if (shown + least > latest_end) {
+            report_.add(WarningKind::kDroppedCue, name_, caption.source_line,
+                        "the caption is dropped, it would appear " + lateness + ", and the next one follows");
+            return false;
+        }
+        report_.add(WarningKind::kLateCue, name_, caption.source_line, "the caption appears " + lateness);
+        caption.end = std::max(caption.end, shown + least);
+        return true;
+    }
+
+    void put_control(Command command, std::int64_t slot) {
+        put(std::vector<Word>(kRepeated, with_parity(command_word(command, options_.field))), slot);
+    }
+
+    void put(const std::vector<Word>& unit, std::int64_t slot) {
+        for (const Word word : unit) {
+            const std::int64_t picture = slots_.picture_of(slot++);
+            schedule_.eia608.push_back({picture, static_cast<std::uint8_t>(options_.field), word});
+        }
+    }
+
+    const std::string& name_;
+    const PopOnOptions& options_;
+    Report& report_;
+    FieldSlots slots_;
+    Schedule schedule_{options_.rate, {}, {}};
+    std::int64_t free_slot_ = 0;
+    std::optional<std::int64_t> erase_at_;
+};
+
+struct TimedCue {
+    Cue cue;
+    std::int64_t begin;
+    std::int64_t end;
+};
+
+// The cues in order of time, one at a time: what begins together is one cue, and none outlasts the next
+// one's begin.
+std::vector<TimedCue> sequence(const std::vector<Cue>& cues, const std::string& name, FrameRate rate,
+                               Report& report) {
+    std::vector<TimedCue> timed;
+    for (const Cue& cue : cues) {
+        const std::int64_t begin = milliseconds_to_frame(cue.begin_ms, rate);
+        timed.push_back({cue, begin, std::max(milliseconds_to_frame(cue.end_ms, rate), begin + 1)});
+    }
+    std::stable_sort(timed.begin(), timed.end(),
+                     [](const TimedCue& a, const TimedCue& b) { return a.begin < b.begin; });
+
+    std::vector<TimedCue> result;
+    for (const TimedCue& next : timed) {
+        if (result.empty() || result.back().begin < next.begin) {
+            if (!result.empty() && result.back().end > next.begin) {
+                report.add(
+                    WarningKind::kShortenedCue, name, result.back().cue.source_line,
+                    fmt::format(
+                        "the cue overlaps the one of line {} and ends {} frames early, when that begins",
+                        next.cue.source_line, result.back().end - next.begin));
+                result.back().end = next.begin;
+            }
+            result.push_back(next);
+            continue;
+        }
+        std::vector<StyledLine>& lines = result.back().cue.lines;
+        lines.insert(lines.end(), next.cue.lines.begin(), next.cue.lines.end());
+        result.back().end = std::max(result.back().end, next.end);
+    }
+    return result;
+}
+
+// A cue's captions; several share its time by the number of their characters.
+std::vector<Caption> captions_of(const TimedCue& timed, const std::string& name, int rows, Report& report) {
+    const auto layouts = lay_out_cue(timed.cue, rows, name, report);
+    std::size_t total = 0, before = 0;
+    for (const auto& layout : layouts) total += character_count(layout);
+    std::vector<Caption> captions;
+    const std::int64_t duration = timed.end - timed.begin;
+    for (const auto& layout : layouts) {
+        const auto share = [&](std::size_t count) {
+            return static_cast<std::int64_t>(count) * duration / static_cast<std::int64_t>(total);
+        };
+        const std::int64_t begin = timed.begin + share(before);
+        before += character_count(layout);
+        captions.push_back({layout, begin, timed.begin + share(before), timed.cue.source_line});
+    }
+    return captions;
+}
+
+}  // namespace
+
+std::vector<std::vector<CaptionRow>> lay_out_cue(const Cue& cue, int rows, const std::string& name,
+                                                 Report& report) {
+    if (rows < 1 || rows > kRows)
+        throw std::invalid_argument(fmt::format("a caption has 1 to {} rows, not {}", kRows, rows));
+    Transcriber transcriber(cue, name, report);
+    std::vector<Words> lines;
+    for (const StyledLine& line : cue.lines)
+        if (Words words = cut_long_words(split_words(transcriber.transcribe(line)), cue, name, report);
+            !words.empty())
+            lines.push_back(std::move(words));
+
+    const std::vector<Words> all = rows_of_words(lines, rows);
+    const auto per_caption = static_cast<std::size_t>(rows);
+    std::vector<std::vector<CaptionRow>> captions;
+    for (std::size_t at = 0; at < all.size(); at += per_caption) {
+        const std::size_t count = std::min(per_caption, all.size() - at);
+        const int lowest_first = kRows + 1 - static_cast<int>(count);
+        const int first_row = std::min(cue.first_row.value_or(lowest_first), lowest_first);
+        std::vector<CaptionRow> caption;
+        for (std::size_t i = 0; i < count; ++i)
+            caption.push_back({first_row + static_cast<int>(i),
+                               column_of(cue.alignment, width_of(all[at + i])), all[at + i]});
+        captions.push_back(std::move(caption));
+    }
+    if (captions.size() > 1)
+        report.add(WarningKind::kSplitCue, name, cue.source_line,
+                   fmt::format("the cue needs {} rows and is shown as {} captions of at most {} rows",
+                               all.size(), captions.size(), rows));
+    return captions;
+}
+
+Schedule encode_pop_on(const std::vector<Cue>& cues, const std::string& name, const PopOnOptions& options,
+                       Report& report) {
+    std::vector<Caption> captions;
+    for (const TimedCue& timed : sequence(cues, name, options.rate, report))
+        for (Caption& caption : captions_of(timed, name, options.rows, report))
+            captions.push_back(std::move(caption));
+
+    Timeline timeline(name, options, report);
+    for (std::size_t i = 0; i < captions.size(); ++i) {
+        const bool last = i + 1 == captions.size();
+        timeline.add(captions[i], last ? std::numeric_limits<std::int64_t>::max() : captions[i + 1].begin);
+    }
+    return timeline.take();
+}
+
+}  // namespace gsve::captions

@@ -1,0 +1,311 @@
+#include "source.h"
+
+#include <array>
+#include <cmath>
+#include <string_view>
+
+#include <fmt/format.h>
+
+#include "error.h"
+#include "stop.h"
+
+namespace gsve::cli {
+namespace {
+
+// Rates that every codec here can signal (MPEG-2 frame_rate_code has no others), in ascending order.
+constexpr std::array<AVRational, 8> kBroadcastRates = {
+    {{24000, 1001}, {24, 1}, {25, 1}, {30000, 1001}, {30, 1}, {50, 1}, {60000, 1001}, {60, 1}}};
+
+// What is still one clock, in seconds. Beyond, a recording has been spliced or its clock restarted.
+constexpr double kLargestStepBack = 0.5;
+constexpr double kLargestGap = 10;
+
+/// Formats that go to the encoder untouched. True 4:1:0 is not among them: the encoder's 4:1:0 has two luma
+/// lines to a chroma line, FFmpeg's has four. 4:1:1 needs a chroma format to be encoded in: no codec has it.
+bool taken_as_it_is(int format, const std::string& chroma_format) {
+    return format == AV_PIX_FMT_YUV420P || format == AV_PIX_FMT_YUV422P || format == AV_PIX_FMT_YUV444P ||
+           (format == AV_PIX_FMT_YUV411P && !chroma_format.empty());
+}
+
+/// What everything else is converted to: the chroma format that will be encoded.
+const char* conversion_target(std::string_view chroma_format) {
+    if (chroma_format == "4:4:4") return "yuv444p";
+    if (chroma_format == "4:2:2") return "yuv422p";
+    return "yuv420p";
+}
+
+bool valid(AVRational rate) { return rate.num > 0 && rate.den > 0; }
+
+/// The rate of whole pictures, of the container's two estimates: the rate that all times fit and the average.
+AVRational picture_rate(AVFormatContext* input, AVStream* stream) {
+    const AVRational guess = av_guess_frame_rate(input, stream, nullptr);
+    const AVRational average = stream->avg_frame_rate;
+    const bool counts_fields =
+        valid(guess) && valid(average) && std::abs(av_q2d(guess) / av_q2d(average) - 2) < 0.002;
+    return counts_fields ? average : valid(guess) ? guess : AVRational{25, 1};
+}
+
+/// Whether the container's two estimates agree: the rate that all timestamps fit and the average one. An
+/// interlaced stream may have the former counted in fields.
+bool constant_rate(const AVStream& stream) {
+    if (!valid(stream.r_frame_rate) || !valid(stream.avg_frame_rate)) return true;
+    const double ratio = av_q2d(stream.r_frame_rate) / av_q2d(stream.avg_frame_rate);
+    return std::abs(ratio - 1) < 0.001 || std::abs(ratio - 2) < 0.002;
+}
+
+/// Display aspect ratio of a picture, small enough that the encoder's products with the picture size fit 32
+/// bits. Sources that do not tell are taken to have square samples, as players do.
+AVRational display_aspect(const AVFrame& frame, const SourceFormat& format) {
+    constexpr int kMaxTerm = 65535;
+    const AVRational sample = frame.sample_aspect_ratio;
+    const AVRational known = valid(sample) ? sample : AVRational{1, 1};
+    AVRational display = {4, 3};
+    av_reduce(&display.num, &display.den, static_cast<int64_t>(format.width) * known.num,
+              static_cast<int64_t>(format.height) * known.den, kMaxTerm);
+    return display;
+}
+
+int interrupted(void*) { return stop_signal() != 0; }
+
+}  // namespace
+
+AVRational broadcast_rate(AVRational rate) {
+    for (const AVRational candidate : kBroadcastRates)
+        if (av_q2d(candidate) > 0.9995 * av_q2d(rate)) return candidate;
+    return kBroadcastRates.back();
+}
+
+Source::Source(const std::string& path, const SourceOptions& options)
+    : packet_(av_packet_alloc()), decoded_frame_(av_frame_alloc()), filtered_frame_(av_frame_alloc()) {
+    if (!packet_ || !decoded_frame_ || !filtered_frame_) throw std::bad_alloc();
+    open(path);
+    if (!decode()) throw Failure(fmt::format("{}: no picture could be decoded", path));
+    frame_waits_ = true;
+    shape_width_ = decoded_frame_->width;
+    shape_height_ = decoded_frame_->height;
+    shape_format_ = decoded_frame_->format;
+    convert_if_needed(options);
+    if (!read_picture()) throw Failure(fmt::format("{}: no picture could be decoded", path));
+    describe_first();
+}
+
+void Source::open(const std::string& path) {
+    AVFormatContext* context = avformat_alloc_context();
+    if (!context) throw std::bad_alloc();
+    context->interrupt_callback = {interrupted, nullptr};
+    if (const int error = avformat_open_input(&context, path.c_str(), nullptr, nullptr); error < 0)
+        throw Failure(fmt::format("cannot open {}: {}", path, av_error_text(error)));
+    input_.reset(context);
+    if (const int error = avformat_find_stream_info(context, nullptr); error < 0)
+        throw Failure(fmt::format("cannot read {}: {}", path, av_error_text(error)));
+
+    const AVCodec* codec = nullptr;
+    const int index = av_find_best_stream(context, AVMEDIA_TYPE_VIDEO, -1, -1, &codec, 0);
+    if (index < 0) throw Failure(fmt::format("{} has no video stream that can be decoded", path));
+    stream_ = context->streams[index];
+    for (unsigned other = 0; other < context->nb_streams; other++)
+        if (static_cast<int>(other) != index) context->streams[other]->discard = AVDISCARD_ALL;
+    if (context->nb_streams > 1)
+        notes_ +=
+            fmt::format("only video is carried: stream {} of {} is encoded\n", index, context->nb_streams);
+
+    decoder_.reset(avcodec_alloc_context3(codec));
+    if (!decoder_ || avcodec_parameters_to_context(decoder_.get(), stream_->codecpar) < 0)
+        throw std::bad_alloc();
+    decoder_->pkt_timebase = stream_->time_base;
+    timed_ = !(context->iformat->flags & AVFMT_NOTIMESTAMPS);
+    own_rate_ = picture_rate(context, stream_);
+    decoder_->thread_count = 0;
+    if (const int error = avcodec_open2(decoder_.get(), codec, nullptr); error < 0)
+        throw Failure(fmt::format("cannot decode {}: {}", path, av_error_text(error)));
+}
+
+void Source::convert_if_needed(const SourceOptions& options) {
+    const bool variable = !constant_rate(*stream_);
+    format_.frame_rate = valid(options.frame_rate) ? options.frame_rate
+                         : variable                ? broadcast_rate(own_rate_)
+                                                   : own_rate_;
+    const bool changed = variable || av_cmp_q(format_.frame_rate, own_rate_) != 0;
+    std::string filters;
+    // Containers also call a rate constant that is not, so that all that have times are held against it.
+    if (timed_ || changed) filters = fmt::format("fps={}/{}", format_.frame_rate.num, format_.frame_rate.den);
+    if (changed) {
+        notes_ += fmt::format(
+            "the frame rate is {}: made {:.3f} pictures/s by repeating or leaving out pictures\n",
+            variable ? "variable" : fmt::format("{:.3f}", av_q2d(own_rate_)), av_q2d(format_.frame_rate));
+    }
+    if (!taken_as_it_is(shape_format_, options.chroma_format)) {
+        const char* target = conversion_target(options.chroma_format);
+        filters += fmt::format("{}scale=interl=-1,format={}", filters.empty() ? "" : ",", target);
+        notes_ += fmt::format("pictures are converted from {} to {}\n",
+                              av_get_pix_fmt_name(static_cast<AVPixelFormat>(shape_format_)), target);
+    }
+    if (!filters.empty()) build_graph(filters, own_rate_);
+}
+
+void Source::build_graph(const std::string& description, AVRational frame_rate) {
+    graph_.reset(avfilter_graph_alloc());
+    if (!graph_) throw std::bad_alloc();
+    graph_in_ = avfilter_graph_alloc_filter(graph_.get(), avfilter_get_by_name("buffer"), "in");
+    AVBufferSrcParameters* parameters = av_buffersrc_parameters_alloc();
+    if (!graph_in_ || !parameters) throw std::bad_alloc();
+    describe_frames(*parameters, *decoded_frame_, stream_->time_base, frame_rate);
+    int error = av_buffersrc_parameters_set(graph_in_, parameters);
+    av_free(parameters);
+    if (error >= 0) error = avfilter_init_str(graph_in_, nullptr);
+    if (error >= 0)
+        error = avfilter_graph_create_filter(&graph_out_, avfilter_get_by_name("buffersink"), "out", nullptr,
+                                             nullptr, graph_.get());
+    if (error >= 0) {
+        // Seen from the description: its open input is our source's output, and the other way round.
+        FilterPadsPtr outputs(avfilter_inout_alloc()), inputs(avfilter_inout_alloc());
+        if (!outputs || !inputs) throw std::bad_alloc();
+        *outputs = {av_strdup("in"), graph_in_, 0, nullptr};
+        *inputs = {av_strdup("out"), graph_out_, 0, nullptr};
+        AVFilterInOut* open_outputs = outputs.release();
+        AVFilterInOut* open_inputs = inputs.release();
+        error =
+            avfilter_graph_parse_ptr(graph_.get(), description.c_str(), &open_inputs, &open_outputs, nullptr);
+        outputs.reset(open_outputs);
+        inputs.reset(open_inputs);
+    }
+    if (error >= 0) error = avfilter_graph_config(graph_.get(), nullptr);
+    if (error < 0) throw Failure(fmt::format("cannot convert the pictures: {}", av_error_text(error)));
+}
+
+void Source::describe_first() {
+    const AVFrame& frame = *picture_.frame;
+    const AVPixFmtDescriptor* pixel = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame.format));
+    format_.chroma_shift_x = pixel->log2_chroma_w;
+    format_.chroma_shift_y = pixel->log2_chroma_h;
+    format_.interlaced = picture_.field_order != 0 || stream_->codecpar->field_order > AV_FIELD_PROGRESSIVE;
+
+    // Every codec may be asked to halve the chroma, and so wants whole pairs of samples and lines; with
+    // interlaced coding each field has its own pairs. What is left over goes from the right and the bottom.
+    const int columns = std::max(2, 1 << format_.chroma_shift_x);
+    const int lines = format_.interlaced ? 4 : 2;
+    format_.width = frame.width - frame.width % columns;
+    format_.height = frame.height - frame.height % lines;
+    if (format_.width <= 0 || format_.height <= 0)
+        throw Failure(fmt::format("a picture of {}x{} is too small to encode", frame.width, frame.height));
+    if (format_.width != frame.width || format_.height != frame.height)
+        notes_ += fmt::format("pictures are cropped from {}x{} to {}x{}: the codec takes even sizes{}\n",
+                              frame.width, frame.height, format_.width, format_.height,
+                              format_.interlaced ? ", in each field" : "");
+    picture_.display_aspect = display_aspect(frame, format_);
+}
+
+std::optional<Picture> Source::next() {
+    if (first_pending_)
+        first_pending_ = false;
+    else if (stop_signal() || !read_picture())
+        return std::nullopt;
+    picture_.number = produced_++;
+    return picture_;
+}
+
+std::optional<uint64_t> Source::expected_pictures() const {
+    if (stream_->nb_frames > 0 && av_cmp_q(format_.frame_rate, own_rate_) == 0) return stream_->nb_frames;
+    const double seconds = stream_->duration > 0  ? stream_->duration * av_q2d(stream_->time_base)
+                           : input_->duration > 0 ? input_->duration / static_cast<double>(AV_TIME_BASE)
+                                                  : 0;
+    if (seconds <= 0) return std::nullopt;
+    return static_cast<uint64_t>(std::llround(seconds * av_q2d(format_.frame_rate)));
+}
+
+/// Makes the next picture the current one.
+bool Source::read_picture() {
+    if (!(graph_ ? read_filtered() : decode())) return false;
+    const AVFrame* frame = graph_ ? filtered_frame_.get() : decoded_frame_.get();
+    picture_.frame = frame;
+    picture_.field_order = field_order(*frame);
+    picture_.display_aspect = display_aspect(*frame, format_);
+    return true;
+}
+
+bool Source::read_filtered() {
+    for (;;) {
+        av_frame_unref(filtered_frame_.get());
+        const int result = av_buffersink_get_frame(graph_out_, filtered_frame_.get());
+        if (result >= 0) return true;
+        if (result != AVERROR(EAGAIN)) return false;
+        // The end of the stream is the last picture's end, or the last picture would have no time to be
+        // shown.
+        const int error = decode() ? av_buffersrc_add_frame(graph_in_, decoded_frame_.get())
+                                   : av_buffersrc_close(graph_in_, next_time_, 0);
+        if (error < 0) {
+            problem_ = fmt::format("cannot convert a picture: {}", av_error_text(error));
+            return false;
+        }
+    }
+}
+
+/// Decodes the next picture into decoded_frame_.
+bool Source::decode() {
+    if (frame_waits_) {
+        frame_waits_ = false;
+        return true;
+    }
+    for (;;) {
+        const int result = avcodec_receive_frame(decoder_.get(), decoded_frame_.get());
+        if (result == AVERROR(EAGAIN)) {
+            if (!feed_decoder()) return false;
+            continue;
+        }
+        if (result == AVERROR_INVALIDDATA) continue;  // a damaged picture; FFmpeg has said so
+        if (result < 0) return false;
+        AVFrame& frame = *decoded_frame_;
+        frame.sample_aspect_ratio = av_guess_sample_aspect_ratio(input_.get(), stream_, &frame);
+        if (!same_shape(frame)) {
+            problem_ = fmt::format(
+                "the picture changes from {}x{} to {}x{} ({}) after {} pictures: encode the parts "
+                "separately",
+                shape_width_, shape_height_, frame.width, frame.height,
+                av_get_pix_fmt_name(static_cast<AVPixelFormat>(frame.format)), decoded_);
+            return false;
+        }
+        frame.pts = continuous_time(frame);
+        decoded_++;
+        return true;
+    }
+}
+
+/// The picture's time in the stream's unit, from 0, lest small errors meet the rounding between two pictures.
+/// Elementary streams have no times: their pictures are counted. Where a broadcast's clock starts anew, time
+/// goes on.
+int64_t Source::continuous_time(const AVFrame& frame) {
+    const bool known = timed_ && frame.best_effort_timestamp != AV_NOPTS_VALUE;
+    int64_t time = known ? frame.best_effort_timestamp + clock_offset_ : next_time_;
+    const double jump = static_cast<double>(time - next_time_) * av_q2d(stream_->time_base);
+    if (decoded_ == 0 || jump < -kLargestStepBack || jump > kLargestGap) {
+        clock_offset_ -= time - next_time_;
+        time = next_time_;
+    }
+    next_time_ = time + av_rescale_q(1, av_inv_q(own_rate_), stream_->time_base);
+    return time;
+}
+
+/// Gives the decoder the next packet of the stream, or the end of the stream.
+bool Source::feed_decoder() {
+    for (;;) {
+        av_packet_unref(packet_.get());
+        const int result = av_read_frame(input_.get(), packet_.get());
+        if (result < 0) {
+            if (result != AVERROR_EOF && result != AVERROR_EXIT)
+                problem_ = fmt::format("the input cannot be read further: {}", av_error_text(result));
+            return avcodec_send_packet(decoder_.get(), nullptr) == 0;
+        }
+        if (packet_->stream_index != stream_->index) continue;
+        const int sent = avcodec_send_packet(decoder_.get(), packet_.get());
+        if (sent == 0 || sent == AVERROR_INVALIDDATA) return true;
+        problem_ = fmt::format("the input cannot be decoded further: {}", av_error_text(sent));
+        return false;
+    }
+}
+
+bool Source::same_shape(const AVFrame& frame) const {
+    return shape_format_ == AV_PIX_FMT_NONE ||
+           (frame.width == shape_width_ && frame.height == shape_height_ && frame.format == shape_format_);
+}
+
+}  // namespace gsve::cli

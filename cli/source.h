@@ -1,0 +1,102 @@
+#pragma once
+
+// The picture source: any file that libavformat opens, decoded to planar 8-bit pictures of one size, one
+// chroma format and one frame rate.
+//
+// Pictures that the encoder can take are handed over as the decoder made them, without a copy. A filter graph
+// repeats or leaves out pictures where the frame rate is not constant, and converts other pixel formats.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "av.h"
+
+namespace gsve::cli {
+
+/// What all pictures of a source have in common, as the encoder's input description wants it.
+struct SourceFormat {
+    int width = 0;  ///< luma samples that are handed over; the decoder may have made more
+    int height = 0;
+    unsigned chroma_shift_x = 0;  ///< log2 of the horizontal chroma subsampling
+    unsigned chroma_shift_y = 0;
+    AVRational frame_rate = {25, 1};
+    bool interlaced = false;
+};
+
+/// One picture, in the order of display. The frame belongs to the source and is valid until its next one.
+struct Picture {
+    const AVFrame* frame = nullptr;
+    uint64_t number = 0;  ///< source frame number, from 0
+    AVRational display_aspect = {4, 3};
+    int field_order = 0;  ///< 0 progressive, 1 top field first, 2 bottom field first
+};
+
+struct SourceOptions {
+    AVRational frame_rate = {0, 1};  ///< make the rate this one; 0 keeps the source's
+    std::string chroma_format;       ///< the encoder's setting: what other pixel formats are converted to
+};
+
+/// The lowest rate of 24000/1001, 24, 25, ... 60 that loses no pictures of `rate`, or the highest there is.
+AVRational broadcast_rate(AVRational rate);
+
+class Source {
+public:
+    /// Opens `path` and decodes its first picture. Throws Failure when there is none.
+    Source(const std::string& path, const SourceOptions& options);
+
+    const SourceFormat& format() const { return format_; }
+
+    /// The first picture, which next() will return again.
+    const Picture& first() const { return picture_; }
+
+    /// The next picture; nothing at the end, after a stop signal, or when the source cannot go on, which
+    /// problem() then explains.
+    std::optional<Picture> next();
+
+    const std::string& problem() const { return problem_; }
+
+    /// What was changed or left out on the way to the encoder, a line each.
+    const std::string& notes() const { return notes_; }
+
+    uint64_t decoded() const { return decoded_; }       ///< pictures that came out of the decoder
+    std::optional<uint64_t> expected_pictures() const;  ///< as far as the container tells
+
+private:
+    void open(const std::string& path);
+    void convert_if_needed(const SourceOptions& options);
+    void build_graph(const std::string& description, AVRational frame_rate);
+    void describe_first();
+    bool read_picture();
+    bool read_filtered();
+    bool decode();
+    bool feed_decoder();
+    int64_t continuous_time(const AVFrame& frame);
+    bool same_shape(const AVFrame& frame) const;
+
+    InputPtr input_;
+    AVStream* stream_ = nullptr;
+    AVRational own_rate_ = {25, 1};
+    bool timed_ = true;         ///< the container has times
+    int64_t next_time_ = 0;     ///< expected of the next picture, in the stream's unit
+    int64_t clock_offset_ = 0;  ///< added to the container's times since its clock was restarted
+    CodecContextPtr decoder_;
+    PacketPtr packet_;
+    FramePtr decoded_frame_;   ///< latest from the decoder
+    FramePtr filtered_frame_;  ///< latest from the graph
+    FilterGraphPtr graph_;
+    AVFilterContext* graph_in_ = nullptr;
+    AVFilterContext* graph_out_ = nullptr;
+    bool frame_waits_ = false;  ///< decoded_frame_ holds the first picture, not yet used
+    int shape_width_ = 0, shape_height_ = 0, shape_format_ = AV_PIX_FMT_NONE;
+
+    SourceFormat format_;
+    Picture picture_;
+    bool first_pending_ = true;
+    uint64_t produced_ = 0;
+    uint64_t decoded_ = 0;
+    std::string problem_;
+    std::string notes_;
+};
+
+}  // namespace gsve::cli

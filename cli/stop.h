@@ -1,0 +1,13 @@
+#pragma once
+
+// Ctrl-C and termination: the first signal asks the running command to end its stream cleanly, a second one
+// ends the process.
+
+namespace gsve::cli {
+
+void catch_stop_signals();
+
+/// The signal that asked for a stop, or 0.
+int stop_signal();
+
+}  // namespace gsve::cli

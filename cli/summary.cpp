@@ -1,0 +1,84 @@
+#include "summary.h"
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+#include <nlohmann/json.hpp>
+
+namespace gsve::cli {
+namespace {
+
+std::string rate_text(double bits_per_second) { return fmt::format("{:.3f} Mbit/s", bits_per_second / 1e6); }
+
+double speed(const Summary& summary, const Tally& tally) {
+    return summary.elapsed > 0 ? tally.seconds() / summary.elapsed : 0;
+}
+
+}  // namespace
+
+std::string summary_text(const Summary& summary, const Tally& tally) {
+    std::vector<std::string> types;
+    for (const char type : {'I', 'P', 'B', '?'})
+        if (const auto found = tally.types.find(type); found != tally.types.end())
+            types.push_back(fmt::format("{} {}", found->second, type));
+
+    std::string text =
+        fmt::format("{}: {} {}x{} at {:.3f} pictures/s, {} bytes\n", summary.output, summary.codec,
+                    summary.width, summary.height, av_q2d(summary.frame_rate), tally.bytes);
+    text +=
+        fmt::format("  pictures  {} in, {} out ({})\n", tally.pictures, tally.units, fmt::join(types, ", "));
+    text += fmt::format("  left out  {} skipped by the frame-rate limit, {} dropped for the bit rate\n",
+                        tally.skipped, tally.dropped);
+    text += fmt::format("  delay     {} held back by the codec and drained at the end\n", tally.held_back);
+    text += fmt::format("  bit rate  {} mean, {} peak over 1 s\n", rate_text(tally.mean_bit_rate()),
+                        rate_text(tally.peak_bit_rate()));
+    text += fmt::format("  time      {:.2f} s of video in {:.2f} s ({:.2f}x)\n", tally.seconds(),
+                        summary.elapsed, speed(summary, tally));
+    if (summary.source_pictures)
+        text += fmt::format("  source    {} pictures, before the frame rate was made constant\n",
+                            *summary.source_pictures);
+    if (tally.lost() > 0)
+        text += fmt::format("  lost      {} taken by the codec and never returned\n", tally.lost());
+    if (summary.stopped_by) text += "  stopped   on request; what was encoded is complete\n";
+    return text;
+}
+
+std::string status_text(const Summary& summary) {
+    std::string text;
+    for (const auto& [name, value] : summary.status) text += fmt::format("{}: {}\n", name, value);
+    return text;
+}
+
+std::string report_json(const Summary& summary, const Tally& tally) {
+    nlohmann::ordered_json types = nlohmann::ordered_json::object();
+    for (const auto& [type, count] : tally.types) types[std::string(1, type)] = count;
+    nlohmann::ordered_json status = nlohmann::ordered_json::object();
+    for (const auto& [name, value] : summary.status) status[name] = value;
+    const nlohmann::ordered_json report = {
+        {"input", summary.input},
+        {"output", summary.output},
+        {"encoder", summary.codec},
+        {"width", summary.width},
+        {"height", summary.height},
+        {"frame_rate", fmt::format("{}/{}", summary.frame_rate.num, summary.frame_rate.den)},
+        {"pictures",
+         {{"decoded", summary.source_pictures.value_or(tally.pictures)},
+          {"in", tally.pictures},
+          {"out", tally.units},
+          {"skipped", tally.skipped},
+          {"dropped", tally.dropped},
+          {"held_back", tally.held_back},
+          {"lost", tally.lost()},
+          {"types", types}}},
+        {"bytes", tally.bytes},
+        {"bit_rate", {{"mean", tally.mean_bit_rate()}, {"peak", tally.peak_bit_rate()}}},
+        {"seconds", tally.seconds()},
+        {"elapsed", summary.elapsed},
+        {"speed", speed(summary, tally)},
+        {"stopped_by", summary.stopped_by},
+        {"status", status},
+    };
+    // File names and texts may hold anything; what is not UTF-8 is replaced.
+    return report.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
+}
+
+}  // namespace gsve::cli

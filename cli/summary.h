@@ -1,0 +1,31 @@
+#pragma once
+
+// The closing account of an encoding, for a reader and as JSON.
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tally.h"
+
+namespace gsve::cli {
+
+struct Summary {
+    std::string input;
+    std::string output;
+    std::string codec;
+    int width = 0;  ///< as encoded
+    int height = 0;
+    AVRational frame_rate = {25, 1};          ///< as encoded
+    double elapsed = 0;                       ///< seconds of work
+    std::optional<uint64_t> source_pictures;  ///< decoded, where repeating or leaving out changed the number
+    int stopped_by = 0;                       ///< the signal that ended the encoding early, or 0
+    std::vector<std::pair<std::string, std::string>> status;
+};
+
+std::string summary_text(const Summary& summary, const Tally& tally);
+std::string status_text(const Summary& summary);
+std::string report_json(const Summary& summary, const Tally& tally);
+
+}  // namespace gsve::cli

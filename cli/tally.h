@@ -1,0 +1,76 @@
+#pragma once
+
+// What happened to the pictures of one encoding, in figures.
+
+#include <algorithm>
+#include <cstdint>
+#include <deque>
+#include <map>
+
+#include "host.h"
+
+namespace gsve::cli {
+
+/// The largest number of bits in any second of the stream, at decoding time.
+class PeakRate {
+public:
+    explicit PeakRate(double pictures_per_second) : window_(pictures_per_second) {}
+
+    void add(int64_t dts, size_t bytes) {
+        recent_.push_back({dts, bytes});
+        sum_ += bytes;
+        while (static_cast<double>(dts - recent_.front().dts) >= window_) {
+            sum_ -= recent_.front().bytes;
+            recent_.pop_front();
+        }
+        peak_ = std::max(peak_, sum_);
+    }
+
+    double bits_per_second() const { return 8.0 * static_cast<double>(peak_); }
+
+private:
+    struct Entry {
+        int64_t dts;
+        size_t bytes;
+    };
+    double window_;
+    std::deque<Entry> recent_;
+    size_t sum_ = 0;
+    size_t peak_ = 0;
+};
+
+struct Tally {
+    explicit Tally(AVRational rate) : frame_rate(rate), peak(av_q2d(rate)) {}
+
+    void picture(Outcome outcome) {
+        pictures++;
+        skipped += outcome == Outcome::kSkipped;
+        dropped += outcome == Outcome::kDropped;
+    }
+
+    void unit(const EncodedUnit& unit, char type) {
+        units++;
+        bytes += unit.bytes.size();
+        types[type]++;
+        peak.add(unit.dts, unit.bytes.size());
+    }
+
+    double seconds() const { return static_cast<double>(pictures) / av_q2d(frame_rate); }
+    double mean_bit_rate() const { return pictures ? 8.0 * static_cast<double>(bytes) / seconds() : 0; }
+    /// Over one second; a stream shorter than that has only a mean.
+    double peak_bit_rate() const { return seconds() < 1 ? mean_bit_rate() : peak.bits_per_second(); }
+    /// Pictures that the codec took and never returned.
+    int64_t lost() const { return static_cast<int64_t>(pictures - skipped - dropped - units); }
+
+    AVRational frame_rate;
+    uint64_t pictures = 0;   ///< offered to the encoder
+    uint64_t skipped = 0;    ///< by the frame-rate limit
+    uint64_t dropped = 0;    ///< for the bit rate
+    uint64_t units = 0;      ///< encoded pictures
+    uint64_t held_back = 0;  ///< of these, drained after the last picture
+    uint64_t bytes = 0;
+    std::map<char, uint64_t> types;
+    PeakRate peak;
+};
+
+}  // namespace gsve::cli

@@ -1,0 +1,264 @@
+#pragma once
+
+// Row kernels for AVX2: 32 samples at a time.
+
+#if defined(__x86_64__)
+
+#include <immintrin.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "plane_rows.h"
+#include "plane_sse41.h"
+
+#define GSVE_AVX2 __attribute__((target("avx2")))
+#define GSVE_AVX2_INLINE __attribute__((target("avx2"), always_inline)) inline
+
+namespace gsve::detail::avx2 {
+
+inline constexpr size_t kLanes = 32;
+
+GSVE_AVX2_INLINE __m256i load(const uint8_t* p) {
+    return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
+}
+
+GSVE_AVX2_INLINE void store(uint8_t* p, __m256i v) { _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), v); }
+
+/// floor((a + b) / 2); pavgb rounds up, which shows where the lowest bits differ.
+GSVE_AVX2_INLINE __m256i average(__m256i a, __m256i b) {
+    return _mm256_sub_epi8(_mm256_avg_epu8(a, b), _mm256_and_si256(_mm256_xor_si256(a, b), _mm256_set1_epi8(1)));
+}
+
+template <Weighting kWeighting>
+GSVE_AVX2_INLINE __m256i blend(__m256i a, __m256i b, __m256i weights) {
+    if constexpr (kWeighting == Weighting::kNone) return a;
+    if constexpr (kWeighting == Weighting::kHalf) return average(a, b);
+    __asm__("" : "+x"(b));  // keeps the compiler from loading b once for each half
+    const __m256i low = _mm256_srai_epi16(_mm256_maddubs_epi16(_mm256_unpacklo_epi8(a, b), weights), 8);
+    const __m256i high = _mm256_srai_epi16(_mm256_maddubs_epi16(_mm256_unpackhi_epi8(a, b), weights), 8);
+    return _mm256_add_epi8(kWeighting == Weighting::kNear ? a : b, _mm256_packs_epi16(low, high));
+}
+
+/// The offset of the last, overlapping vector: rows of no whole number of vectors end with one.
+constexpr size_t last_vector(size_t i, size_t n) { return i + kLanes <= n ? i : n - kLanes; }
+
+template <Weighting kWeighting>
+GSVE_AVX2 void blend_row(uint8_t* out, const uint8_t* a, const uint8_t* b, size_t n, unsigned weight) {
+    const __m256i weights = _mm256_set1_epi16(pair_weights(weight));
+    for (size_t next = 0; next < n; next += kLanes) {
+        const size_t i = last_vector(next, n);
+        store(out + i, blend<kWeighting>(load(a + i), load(b + i), weights));
+    }
+}
+
+template <Weighting kWeighting>
+GSVE_AVX2 void blend_three_row(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
+                                unsigned weight) {
+    const __m256i weights = _mm256_set1_epi16(pair_weights(weight));
+    for (size_t next = 0; next < n; next += kLanes) {
+        const size_t i = last_vector(next, n);
+        store(out + i, average(blend<kWeighting>(load(a + i), load(c + i), weights), load(b + i)));
+    }
+}
+
+/// The flags of four groups, each spread over its 8 samples.
+GSVE_AVX2_INLINE __m256i spread_flags(const uint8_t* group_flags) {
+    uint32_t flags;
+    std::memcpy(&flags, group_flags, sizeof(flags));
+    return _mm256_shuffle_epi8(_mm256_set1_epi32(static_cast<int>(flags)),
+                               _mm256_set_epi64x(0x0303030303030303, 0x0202020202020202, 0x0101010101010101, 0));
+}
+
+template <Weighting kWeighting>
+GSVE_AVX2 void blend_adaptive_row(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
+                                   unsigned weight, const uint8_t* group_flags) {
+    const __m256i weights = _mm256_set1_epi16(pair_weights(weight));
+    for (size_t next = 0; next < n; next += kLanes) {
+        const size_t i = last_vector(next, n);
+        const __m256i at_a = load(a + i), at_b = load(b + i);
+        const __m256i still = blend<kWeighting>(at_a, at_b, weights);
+        const __m256i combed = average(blend<kWeighting>(at_a, load(c + i), weights), at_b);
+        store(out + i, _mm256_blendv_epi8(still, combed, spread_flags(group_flags + i / 8)));
+    }
+}
+
+// One form of each kernel per Weighting, in its order.
+inline constexpr decltype(RowKernels::blend) kBlendRows[] = {
+    blend_row<Weighting::kNone>, blend_row<Weighting::kNear>, blend_row<Weighting::kHalf>};
+inline constexpr decltype(RowKernels::blend_three) kBlendThreeRows[] = {
+    blend_three_row<Weighting::kNone>, blend_three_row<Weighting::kNear>, blend_three_row<Weighting::kHalf>};
+inline constexpr decltype(RowKernels::blend_adaptive) kBlendAdaptiveRows[] = {
+    blend_adaptive_row<Weighting::kNone>, blend_adaptive_row<Weighting::kNear>,
+    blend_adaptive_row<Weighting::kHalf>, blend_adaptive_row<Weighting::kFar>};
+
+inline void blend(uint8_t* out, const uint8_t* a, const uint8_t* b, size_t n, unsigned weight) {
+    if (n < kLanes) return sse41::blend(out, a, b, n, weight);
+    nearer_first(a, b, weight);
+    kBlendRows[index_of(weight)](out, a, b, n, weight);
+}
+
+inline void blend_three(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
+                        unsigned weight) {
+    if (n < kLanes) return sse41::blend_three(out, a, b, c, n, weight);
+    nearer_first(a, c, weight);
+    kBlendThreeRows[index_of(weight)](out, a, b, c, n, weight);
+}
+
+inline void blend_adaptive(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
+                           unsigned weight, const uint8_t* group_flags) {
+    if (n < kLanes) return sse41::blend_adaptive(out, a, b, c, n, weight, group_flags);
+    kBlendAdaptiveRows[index_of(weight)](out, a, b, c, n, weight, group_flags);
+}
+
+// ---- Horizontal interpolation -------------------------------------------------------------------------
+
+/// A vector makes a dense group, both 128-bit lanes out of one window.
+inline constexpr GatherShape kDense = {.outputs = 16, .window = 16, .groups = 2, .position = {0, 1}};
+
+/// A vector holds groups 0 and 2 of a round, the next one 1 and 3: packing the two, which goes by 128-bit
+/// lanes, puts them in order.
+inline constexpr GatherShape kSparse = {.outputs = 8, .window = 16, .groups = 4, .position = {0, 2, 1, 3}};
+
+GSVE_AVX2_INLINE __m256i load_window(const uint8_t* p) {
+    return _mm256_broadcastsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
+}
+
+GSVE_AVX2_INLINE __m256i load_windows(const uint8_t* a, const uint8_t* b) {
+    const __m256i low = _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(a)));
+    return _mm256_inserti128_si256(low, _mm_loadu_si128(reinterpret_cast<const __m128i*>(b)), 1);
+}
+
+/// The pairs of two groups' samples. vpshufb gives 0 for an index with its top bit set: biased by 0x70, indices
+/// below 16 find their sample in the first window, and less 16, the others find theirs in the second.
+template <Spread kSpread>
+GSVE_AVX2_INLINE __m256i gather(const uint8_t* a, const uint8_t* b, __m256i pair) {
+    if constexpr (kSpread == Spread::kOne) return _mm256_shuffle_epi8(load_windows(a, b), pair);
+    const __m256i near =
+        _mm256_shuffle_epi8(load_windows(a, b), _mm256_add_epi8(pair, _mm256_set1_epi8(0x70)));
+    const __m256i far =
+        _mm256_shuffle_epi8(load_windows(a + 16, b + 16), _mm256_sub_epi8(pair, _mm256_set1_epi8(16)));
+    return _mm256_or_si256(near, far);
+}
+
+/// base + floor((base - other) * weight / 65536) in 16-bit lanes.
+GSVE_AVX2_INLINE __m256i weigh(__m256i pairs, __m256i weight) {
+    const __m256i difference = _mm256_maddubs_epi16(pairs, _mm256_set1_epi16(static_cast<int16_t>(0xff01)));
+    return _mm256_add_epi16(_mm256_and_si256(pairs, _mm256_set1_epi16(0xff)),
+                            _mm256_mulhi_epi16(difference, weight));
+}
+
+/// Fetches the samples that the next rows want from around `column`.
+GSVE_AVX2_INLINE void fetch(NextLines next, uint32_t column) {
+    if (next.a != nullptr) _mm_prefetch(reinterpret_cast<const char*>(next.a + column), _MM_HINT_T0);
+    if (next.b != nullptr) _mm_prefetch(reinterpret_cast<const char*>(next.b + column), _MM_HINT_T0);
+}
+
+/// A round of 32 samples, from output `i` of the plan on.
+template <Spread kSpread>
+GSVE_AVX2_INLINE __m256i round(const uint8_t* row, size_t i, const HorizontalPlan& plan, NextLines next) {
+    constexpr bool kIsDense = kSpread == Spread::kDense;
+    const uint32_t* window = plan.window + i / (kIsDense ? kDense.outputs : kSparse.outputs);
+    fetch(next, window[0]);
+    const auto* pair = reinterpret_cast<const uint8_t*>(plan.pair + i);
+    const auto* weight = reinterpret_cast<const __m256i*>(plan.weight + i);
+    const __m256i first_weights = _mm256_load_si256(weight), second_weights = _mm256_load_si256(weight + 1);
+    if constexpr (kIsDense) {
+        const __m256i first = _mm256_shuffle_epi8(load_window(row + window[0]), load(pair));
+        const __m256i second = _mm256_shuffle_epi8(load_window(row + window[1]), load(pair + 32));
+        const __m256i samples = _mm256_packus_epi16(weigh(first, first_weights), weigh(second, second_weights));
+        return _mm256_permute4x64_epi64(samples, _MM_SHUFFLE(3, 1, 2, 0));
+    }
+    const __m256i even = gather<kSpread>(row + window[0], row + window[2], load(pair));
+    const __m256i odd = gather<kSpread>(row + window[1], row + window[3], load(pair + 32));
+    return _mm256_packus_epi16(weigh(even, first_weights), weigh(odd, second_weights));
+}
+
+template <Spread kSpread>
+GSVE_AVX2 void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
+                               NextLines next) {
+    const size_t whole = n / kLanes * kLanes;
+    for (size_t i = 0; i < whole; i += kLanes) store(out + i, round<kSpread>(row, i, plan, next));
+    if (whole == n) return;
+    uint8_t rest[kLanes];
+    store(rest, round<kSpread>(row, whole, plan, next));
+    std::memcpy(out + whole, rest, n - whole);
+}
+
+// One form per Spread, in its order; pairs that were brought together lie as those of kOne do.
+inline constexpr decltype(RowKernels::interpolate) kInterpolateRows[] = {
+    interpolate_row<Spread::kDense>, interpolate_row<Spread::kOne>, interpolate_row<Spread::kTwo>,
+    interpolate_row<Spread::kOne>};
+
+inline void interpolate(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan, NextLines next) {
+    kInterpolateRows[static_cast<size_t>(plan.spread)](out, row, n, plan, next);
+}
+
+// ---- Motion map ---------------------------------------------------------------------------------------
+
+/// Folds the samples of each 128-bit lane into its lowest byte.
+GSVE_AVX2_INLINE __m256i fold_min(__m256i v) {
+    v = _mm256_min_epu8(v, _mm256_srli_si256(v, 8));
+    v = _mm256_min_epu8(v, _mm256_srli_si256(v, 4));
+    v = _mm256_min_epu8(v, _mm256_srli_si256(v, 2));
+    return _mm256_min_epu8(v, _mm256_srli_si256(v, 1));
+}
+
+/// Adds the halves of each 128-bit lane into its lowest 32 bits.
+GSVE_AVX2_INLINE __m256i fold_sum(__m256i v) { return _mm256_add_epi32(v, _mm256_srli_si256(v, 8)); }
+
+/// Two macroblocks, one in each 128-bit lane.
+GSVE_AVX2 inline void motion_row(uint8_t* flags, const uint8_t* const (&lines)[plain::kMotionLines],
+                                 size_t blocks) {
+    const size_t pairs = blocks & ~size_t{1};
+    for (size_t block = 0; block < pairs; block += 2) {
+        const size_t x = block * kMacroblock;
+        __m256i line = load(lines[0] + x), below = load(lines[1] + x);
+        __m256i smallest = line, largest = line;
+        __m256i frame = _mm256_setzero_si256(), field[2] = {frame, frame};
+        for (unsigned y = 0; y < kMacroblock; ++y) {
+            const __m256i after = load(lines[y + 2] + x);
+            smallest = _mm256_min_epu8(smallest, line);
+            largest = _mm256_max_epu8(largest, line);
+            frame = _mm256_add_epi32(frame, _mm256_sad_epu8(line, below));
+            field[y % 2] = _mm256_add_epi32(field[y % 2], _mm256_sad_epu8(line, after));
+            line = below;
+            below = after;
+        }
+        const __m256i ones = _mm256_set1_epi8(-1);
+        const __m256i inverse = fold_min(_mm256_xor_si256(largest, ones));
+        const __m256i range = _mm256_and_si256(
+            _mm256_sub_epi8(_mm256_sub_epi8(ones, inverse), fold_min(smallest)), _mm256_set1_epi64x(0xff));
+        const __m256i steady =
+            _mm256_add_epi32(_mm256_min_epu32(fold_sum(field[0]), fold_sum(field[1])),
+                             _mm256_mullo_epi16(range, _mm256_set1_epi64x(10)));
+        const __m256i combed = _mm256_and_si256(_mm256_cmpgt_epi32(range, _mm256_set1_epi32(17)),
+                                                _mm256_cmpgt_epi32(fold_sum(frame), steady));
+        const int bits = _mm256_movemask_epi8(combed);
+        flags[block] = bits & 1;
+        flags[block + 1] = (bits >> 16) & 1;
+    }
+    if (pairs == blocks) return;
+    const uint8_t* last[plain::kMotionLines];
+    for (unsigned y = 0; y < plain::kMotionLines; ++y) last[y] = lines[y] + pairs * kMacroblock;
+    sse41::motion_row(flags + pairs, last, 1);
+}
+
+inline constexpr RowKernels kRowKernels = {
+    .name = "avx2",
+    .dense = kDense,
+    .sparse = kSparse,
+    .blend = blend,
+    .blend_three = blend_three,
+    .blend_adaptive = blend_adaptive,
+    .interpolate = interpolate,
+    .motion_row = motion_row,
+};
+
+}  // namespace gsve::detail::avx2
+
+#undef GSVE_AVX2
+#undef GSVE_AVX2_INLINE
+
+#endif

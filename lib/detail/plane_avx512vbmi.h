@@ -1,0 +1,222 @@
+#pragma once
+
+// Row kernels for AVX-512 VBMI, whose byte permutes reach across two vectors: one gathers the sample pairs of 32
+// outputs, and one takes the bytes wanted out of two vectors of words.
+
+#if defined(__x86_64__)
+
+#include <immintrin.h>
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "plane_avx2.h"
+#include "plane_avx512.h"
+#include "plane_rows.h"
+
+// The compiler's own headers build these intrinsics on a deliberately undefined vector, which GCC 12 reports.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#pragma GCC diagnostic ignored "-Wuninitialized"
+
+#define GSVE_VBMI __attribute__((target("avx512f,avx512bw,avx512dq,avx512vl,avx512vbmi")))
+#define GSVE_VBMI_INLINE \
+    __attribute__((target("avx512f,avx512bw,avx512dq,avx512vl,avx512vbmi"), always_inline)) inline
+
+namespace gsve::detail::vbmi {
+
+inline constexpr size_t kLanes = 64;
+
+GSVE_VBMI_INLINE __m512i load(const uint8_t* p) {
+    return _mm512_loadu_si512(reinterpret_cast<const __m512i*>(p));
+}
+
+GSVE_VBMI_INLINE void store(uint8_t* p, __m512i v) { _mm512_storeu_si512(reinterpret_cast<__m512i*>(p), v); }
+
+/// floor((a + b) / 2); vpavgb rounds up, which shows where the lowest bits differ: (a ^ b) & 1.
+GSVE_VBMI_INLINE __m512i average(__m512i a, __m512i b) {
+    constexpr int kXorThenAnd = 0x28;
+    const __m512i odd = _mm512_ternarylogic_epi32(a, b, _mm512_set1_epi8(1), kXorThenAnd);
+    return _mm512_sub_epi8(_mm512_avg_epu8(a, b), odd);
+}
+
+/// The offsets of the upper bytes of the words of two vectors, the lower and the upper halves of the 128-bit
+/// lanes that they were unpacked from.
+alignas(64) inline constexpr auto kUpperBytes = [] {
+    std::array<uint8_t, 64> offsets{};
+    for (unsigned i = 0; i < 64; ++i) {
+        const unsigned lane = i / 16 * 16, vector = i % 16 < 8 ? 0 : 64;
+        offsets[i] = static_cast<uint8_t>(vector + lane + 2 * (i % 8) + 1);
+    }
+    return offsets;
+}();
+
+template <Weighting kWeighting>
+GSVE_VBMI_INLINE __m512i blend(__m512i a, __m512i b, __m512i weights) {
+    if constexpr (kWeighting == Weighting::kNone) return a;
+    if constexpr (kWeighting == Weighting::kHalf) return average(a, b);
+    __asm__("" : "+v"(b));  // keeps the compiler from loading b once for each half
+    const __m512i low = _mm512_maddubs_epi16(_mm512_unpacklo_epi8(a, b), weights);
+    const __m512i high = _mm512_maddubs_epi16(_mm512_unpackhi_epi8(a, b), weights);
+    const __m512i upper_bytes = _mm512_load_si512(kUpperBytes.data());
+    return _mm512_add_epi8(kWeighting == Weighting::kNear ? a : b,
+                           _mm512_permutex2var_epi8(low, upper_bytes, high));
+}
+
+/// The offset of the last, overlapping vector: rows of no whole number of vectors end with one.
+constexpr size_t last_vector(size_t i, size_t n) { return i + kLanes <= n ? i : n - kLanes; }
+
+template <Weighting kWeighting>
+GSVE_VBMI void blend_row(uint8_t* out, const uint8_t* a, const uint8_t* b, size_t n, unsigned weight) {
+    const __m512i weights = _mm512_set1_epi16(pair_weights(weight));
+    for (size_t next = 0; next < n; next += kLanes) {
+        const size_t i = last_vector(next, n);
+        store(out + i, blend<kWeighting>(load(a + i), load(b + i), weights));
+    }
+}
+
+template <Weighting kWeighting>
+GSVE_VBMI void blend_three_row(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
+                                unsigned weight) {
+    const __m512i weights = _mm512_set1_epi16(pair_weights(weight));
+    for (size_t next = 0; next < n; next += kLanes) {
+        const size_t i = last_vector(next, n);
+        store(out + i, average(blend<kWeighting>(load(a + i), load(c + i), weights), load(b + i)));
+    }
+}
+
+/// The flags of eight groups: one bit for each of their samples.
+GSVE_VBMI_INLINE __mmask64 spread_flags(const uint8_t* group_flags) {
+    uint64_t flags;
+    std::memcpy(&flags, group_flags, sizeof(flags));
+    return _cvtu64_mask64(flags);
+}
+
+template <Weighting kWeighting>
+GSVE_VBMI void blend_adaptive_row(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
+                                   unsigned weight, const uint8_t* group_flags) {
+    const __m512i weights = _mm512_set1_epi16(pair_weights(weight));
+    for (size_t next = 0; next < n; next += kLanes) {
+        const size_t i = last_vector(next, n);
+        const __m512i at_a = load(a + i), at_b = load(b + i);
+        const __m512i still = blend<kWeighting>(at_a, at_b, weights);
+        const __m512i combed = average(blend<kWeighting>(at_a, load(c + i), weights), at_b);
+        store(out + i, _mm512_mask_mov_epi8(still, spread_flags(group_flags + i / 8), combed));
+    }
+}
+
+// One form of each kernel per Weighting, in its order.
+inline constexpr decltype(RowKernels::blend) kBlendRows[] = {
+    blend_row<Weighting::kNone>, blend_row<Weighting::kNear>, blend_row<Weighting::kHalf>};
+inline constexpr decltype(RowKernels::blend_three) kBlendThreeRows[] = {
+    blend_three_row<Weighting::kNone>, blend_three_row<Weighting::kNear>, blend_three_row<Weighting::kHalf>};
+inline constexpr decltype(RowKernels::blend_adaptive) kBlendAdaptiveRows[] = {
+    blend_adaptive_row<Weighting::kNone>, blend_adaptive_row<Weighting::kNear>,
+    blend_adaptive_row<Weighting::kHalf>, blend_adaptive_row<Weighting::kFar>};
+
+inline void blend(uint8_t* out, const uint8_t* a, const uint8_t* b, size_t n, unsigned weight) {
+    if (n < kLanes) return avx2::blend(out, a, b, n, weight);
+    nearer_first(a, b, weight);
+    kBlendRows[index_of(weight)](out, a, b, n, weight);
+}
+
+inline void blend_three(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
+                        unsigned weight) {
+    if (n < kLanes) return avx2::blend_three(out, a, b, c, n, weight);
+    nearer_first(a, c, weight);
+    kBlendThreeRows[index_of(weight)](out, a, b, c, n, weight);
+}
+
+inline void blend_adaptive(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
+                           unsigned weight, const uint8_t* group_flags) {
+    if (n < kLanes) return avx2::blend_adaptive(out, a, b, c, n, weight, group_flags);
+    kBlendAdaptiveRows[index_of(weight)](out, a, b, c, n, weight, group_flags);
+}
+
+// ---- Horizontal interpolation -------------------------------------------------------------------------
+
+inline constexpr GatherShape kDense = {.outputs = 64, .window = 64, .groups = 1, .position = {0}};
+inline constexpr GatherShape kSparse = {.outputs = 32, .window = 64, .groups = 2, .position = {0, 1}};
+
+/// The pairs of the samples of half a round.
+template <Spread kSpread>
+GSVE_VBMI_INLINE __m512i gather(const uint8_t* window, __m512i pair) {
+    if constexpr (kSpread != Spread::kTwo) return _mm512_permutexvar_epi8(pair, _mm512_loadu_si512(window));
+    return _mm512_permutex2var_epi8(_mm512_loadu_si512(window), pair, _mm512_loadu_si512(window + 64));
+}
+
+/// base + floor((base - other) * weight / 65536) in the lower bytes of 16-bit lanes; the upper ones are of no
+/// meaning.
+GSVE_VBMI_INLINE __m512i weigh(__m512i pairs, __m512i weight) {
+    const __m512i difference = _mm512_maddubs_epi16(pairs, _mm512_set1_epi16(static_cast<int16_t>(0xff01)));
+    return _mm512_add_epi16(pairs, _mm512_mulhi_epi16(difference, weight));
+}
+
+/// The offsets of the lower bytes of 64 words.
+alignas(64) inline constexpr auto kLowerBytes = [] {
+    std::array<uint8_t, 64> offsets{};
+    for (unsigned i = 0; i < 64; ++i) offsets[i] = static_cast<uint8_t>(2 * i);
+    return offsets;
+}();
+
+/// Fetches the samples that the next rows want from around `column`.
+GSVE_VBMI_INLINE void fetch(NextLines next, uint32_t column) {
+    if (next.a != nullptr) _mm_prefetch(reinterpret_cast<const char*>(next.a + column), _MM_HINT_T0);
+    if (next.b != nullptr) _mm_prefetch(reinterpret_cast<const char*>(next.b + column), _MM_HINT_T0);
+}
+
+/// A round of 64 samples, from output `i` of the plan on.
+template <Spread kSpread>
+GSVE_VBMI_INLINE __m512i round(const uint8_t* row, size_t i, const HorizontalPlan& plan, NextLines next) {
+    constexpr bool kIsDense = kSpread == Spread::kDense;
+    const uint32_t* window = plan.window + i / (kIsDense ? kDense.outputs : kSparse.outputs);
+    const uint32_t left = window[0], right = kIsDense ? left : window[1];
+    fetch(next, left);
+    if constexpr (!kIsDense) fetch(next, right);
+    const uint16_t* pair = plan.pair + i;
+    const int16_t* weight = plan.weight + i;
+    const __m512i first = weigh(gather<kSpread>(row + left, _mm512_load_si512(pair)), _mm512_load_si512(weight));
+    const __m512i second = weigh(gather<kSpread>(row + right, _mm512_load_si512(pair + 32)),
+                                 _mm512_load_si512(weight + 32));
+    return _mm512_permutex2var_epi8(first, _mm512_load_si512(kLowerBytes.data()), second);
+}
+
+template <Spread kSpread>
+GSVE_VBMI void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
+                               NextLines next) {
+    const size_t whole = n / kLanes * kLanes;
+    for (size_t i = 0; i < whole; i += kLanes) store(out + i, round<kSpread>(row, i, plan, next));
+    if (whole == n) return;
+    _mm512_mask_storeu_epi8(out + whole, (uint64_t{1} << (n - whole)) - 1, round<kSpread>(row, whole, plan, next));
+}
+
+// One form per Spread, in its order; pairs that were brought together lie as those of kOne do.
+inline constexpr decltype(RowKernels::interpolate) kInterpolateRows[] = {
+    interpolate_row<Spread::kDense>, interpolate_row<Spread::kOne>, interpolate_row<Spread::kTwo>,
+    interpolate_row<Spread::kOne>};
+
+inline void interpolate(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan, NextLines next) {
+    kInterpolateRows[static_cast<size_t>(plan.spread)](out, row, n, plan, next);
+}
+
+inline constexpr RowKernels kRowKernels = {
+    .name = "avx512vbmi",
+    .dense = kDense,
+    .sparse = kSparse,
+    .blend = blend,
+    .blend_three = blend_three,
+    .blend_adaptive = blend_adaptive,
+    .interpolate = interpolate,
+    .motion_row = avx512::motion_row,
+};
+
+}  // namespace gsve::detail::vbmi
+
+#undef GSVE_VBMI
+#undef GSVE_VBMI_INLINE
+
+#pragma GCC diagnostic pop
+
+#endif

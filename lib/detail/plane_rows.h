@@ -1,0 +1,457 @@
+#pragma once
+
+// Plane operations composed of row kernels. The vector forms share everything but their kernels: an output
+// plane is produced in strips of columns, a strip row by row, with the horizontal gather laid out once per
+// strip. Nothing is allocated: the layout, a blended row and three interpolated lines live on the stack.
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "plane_geometry.h"
+#include "plane_plain.h"
+
+namespace gsve::detail {
+
+/// How a gather kernel wants its samples laid out: a group of `outputs` samples is made out of a window of
+/// source bytes, `groups` of them make up a round.
+struct GatherShape {
+    unsigned outputs;
+    unsigned window;
+    unsigned groups;
+    std::array<uint8_t, 8> position;  ///< where the round's tables hold its n-th group
+};
+
+/// How far the source samples of a group lie apart.
+enum class Spread {
+    kDense,  ///< a group of the kernels' larger, dense shape fits one window
+    kOne,    ///< a group fits one window
+    kTwo,    ///< a group fits two windows side by side
+    kFar,    ///< none of these: the pairs are brought together first, and a group of pairs fits one window
+};
+
+/// The horizontal interpolation of up to kColumns output samples, laid out for a gather kernel.
+///
+/// An output is base + floor((base - other) * weight / 65536), a product of signed 16-bit numbers: for
+/// fractions below 0x8000 the left sample is the base and the weight is -fraction, from there on the right one
+/// is the base and the weight is fraction - 65536. Both equal left + floor((right - left) * fraction / 65536).
+struct HorizontalPlan {
+    static constexpr unsigned kColumns = 2048;
+
+    alignas(64) uint16_t pair[kColumns];  ///< offsets in the group's window: base, in the low byte, and other
+    alignas(64) int16_t weight[kColumns];
+    uint32_t window[kColumns / 8];  ///< first source sample of each group's window
+    uint32_t left[kColumns];        ///< Spread::kFar: the sample on the left of each output
+    unsigned src_width;
+    Spread spread;
+    unsigned reach;  ///< bytes that are read from a window's start on
+    unsigned first;  ///< the strip's source samples: [first, end)
+    unsigned end;
+};
+
+/// Source lines to fetch into the cache during a horizontal pass, or null.
+struct NextLines {
+    const uint8_t* a;
+    const uint8_t* b;
+};
+
+/// The row kernels of one instruction set. Source and destination never overlap; `n` is 1 or more.
+struct RowKernels {
+    const char* name;
+    GatherShape dense;
+    GatherShape sparse;
+    /// out = a + floor((b - a) * weight / 256), weight 1 to 255.
+    void (*blend)(uint8_t* out, const uint8_t* a, const uint8_t* b, size_t n, unsigned weight);
+    /// out = floor((a * (256 - weight) + c * weight + b * 256) / 512), weight 0 to 255.
+    void (*blend_three)(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
+                        unsigned weight);
+    /// In groups of 8 samples, of which `n` is a multiple: blend_three() where the group's flag is 0xff,
+    /// blend() of a and b where it is 0. Weight 0 to 255.
+    void (*blend_adaptive)(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
+                           unsigned weight, const uint8_t* group_flags);
+    /// The plan's first `n` samples of a row; of a row of pairs where the plan's spread is kFar.
+    void (*interpolate)(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan, NextLines next);
+    /// Flags, 0 or 1, of `blocks` macroblocks side by side, the first one at lines[0] to lines[17].
+    void (*motion_row)(uint8_t* flags, const uint8_t* const (&lines)[plain::kMotionLines], size_t blocks);
+};
+
+/// How a vertical weight is carried out in 8-bit lanes. The nearer line is the base, so that the other one's
+/// weight stays below 128 and the products of pmaddubsw within 16 bits; 128 itself is an average.
+enum class Weighting { kNone, kNear, kHalf, kFar };
+
+constexpr Weighting weighting(unsigned weight) {
+    if (weight == 0) return Weighting::kNone;
+    if (weight == 128) return Weighting::kHalf;
+    return weight < 128 ? Weighting::kNear : Weighting::kFar;
+}
+
+constexpr size_t index_of(unsigned weight) { return static_cast<size_t>(weighting(weight)); }
+
+/// Makes the nearer of two lines the first, which keeps a blend and rules out Weighting::kFar.
+constexpr void nearer_first(const uint8_t*& a, const uint8_t*& b, unsigned& weight) {
+    const bool far = weight > 128;
+    const uint8_t *nearer = far ? b : a, *other = far ? a : b;
+    a = nearer;
+    b = other;
+    weight = far ? 256 - weight : weight;
+}
+
+/// The signed weights of a pair of lines (a in the low byte) whose weighted sum, shifted right 8, is what the
+/// base lacks: -weight and weight with a as the base, 256 - weight and weight - 256 with b as the base.
+constexpr int16_t pair_weights(unsigned weight) {
+    const int b = weight < 128 ? static_cast<int>(weight) : static_cast<int>(weight) - 256;
+    return static_cast<int16_t>((b * 256) | (-b & 0xff));
+}
+
+namespace rows {
+
+// ---- Rows too short for a vector ----------------------------------------------------------------------
+
+inline void blend_short(uint8_t* out, const uint8_t* a, const uint8_t* b, size_t n, unsigned weight) {
+    for (size_t i = 0; i < n; ++i) out[i] = plain::blend_lines(a[i], b[i], static_cast<int>(weight));
+}
+
+inline void blend_three_short(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
+                              unsigned weight) {
+    for (size_t i = 0; i < n; ++i) {
+        out[i] = plain::blend_three_lines(a[i], b[i], c[i], static_cast<int>(weight));
+    }
+}
+
+inline void blend_adaptive_short(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
+                                 unsigned weight, const uint8_t* group_flags) {
+    for (size_t i = 0; i < n; i += 8) {
+        if (group_flags[i / 8] != 0) blend_three_short(out + i, a + i, b + i, c + i, 8, weight);
+        else blend_short(out + i, a + i, b + i, 8, weight);
+    }
+}
+
+// ---- The horizontal plan ------------------------------------------------------------------------------
+
+/// A plan's outputs before they are grouped: the sample on the left of each and the way to the one on its right.
+struct Outputs {
+    unsigned count;
+    unsigned last;  ///< the row's last sample
+    uint32_t left[HorizontalPlan::kColumns];
+    uint16_t fraction[HorizontalPlan::kColumns];
+
+    uint32_t right(unsigned i) const { return std::min(left[i] + 1, last); }
+};
+
+/// The widest extent, in source samples, of `group` outputs in a row.
+inline unsigned widest_group(const Outputs& outputs, unsigned group) {
+    unsigned widest = 0;
+    for (unsigned i = 0; i < outputs.count; i += group) {
+        const unsigned end = std::min(i + group, outputs.count);
+        widest = std::max(widest, outputs.right(end - 1) + 1 - outputs.left[i]);
+    }
+    return widest;
+}
+
+inline Spread spread_of(const Outputs& outputs, const RowKernels& kernels) {
+    if (widest_group(outputs, kernels.dense.outputs) <= kernels.dense.window) return Spread::kDense;
+    const unsigned widest = widest_group(outputs, kernels.sparse.outputs);
+    if (widest <= kernels.sparse.window) return Spread::kOne;
+    return widest <= 2 * kernels.sparse.window ? Spread::kTwo : Spread::kFar;
+}
+
+/// Enters `n` outputs from `from` on, whose window starts at sample `start`, at `entry`.
+inline void fill_group(HorizontalPlan& plan, size_t entry, const Outputs& outputs, unsigned from, uint32_t start,
+                       unsigned n) {
+    uint16_t* pair = plan.pair + entry;
+    int16_t* weight = plan.weight + entry;
+    for (unsigned i = 0; i < n; ++i) {
+        const auto left = static_cast<uint16_t>(outputs.left[from + i] - start);
+        const auto right = static_cast<uint16_t>(left + (outputs.left[from + i] < outputs.last ? 1 : 0));
+        // Read as a signed number, a fraction of 0x8000 or more is less by 65536, as its weight is.
+        const auto fraction = static_cast<int16_t>(outputs.fraction[from + i]);
+        pair[i] = static_cast<uint16_t>(fraction < 0 ? right | left << 8 : left | right << 8);
+        weight[i] = static_cast<int16_t>(fraction < 0 ? fraction : -fraction);
+    }
+}
+
+/// Groups the outputs for a kernel.
+inline void fill_tables(HorizontalPlan& plan, const GatherShape& shape, Outputs& outputs) {
+    // A round is made whole with copies of the last output, which widen no window.
+    const unsigned round = shape.outputs * shape.groups;
+    const unsigned filled = (outputs.count + round - 1) / round * round;
+    std::fill(outputs.left + outputs.count, outputs.left + filled, outputs.left[outputs.count - 1]);
+    std::fill(outputs.fraction + outputs.count, outputs.fraction + filled, outputs.fraction[outputs.count - 1]);
+
+    // No window reads past the row's end: the last ones start earlier.
+    const unsigned row_end = plan.spread == Spread::kFar ? 2 * filled : plan.src_width;
+    const unsigned last_window = row_end > plan.reach ? row_end - plan.reach : 0;
+    for (unsigned group = 0; group < filled / shape.outputs; ++group) {
+        const unsigned from = group * shape.outputs;
+        const unsigned start = std::min<unsigned>(outputs.left[from], last_window);
+        plan.window[group] = start;
+        const unsigned slot = group / shape.groups * shape.groups + shape.position[group % shape.groups];
+        fill_group(plan, size_t{slot} * shape.outputs, outputs, from, start, shape.outputs);
+    }
+}
+
+/// Lays out `count` outputs, 1 or more, of a row of `src_width` samples from `walk` on, and takes `walk` past
+/// them.
+inline void lay_out(HorizontalPlan& plan, const RowKernels& kernels, SampleWalk& walk, unsigned count,
+                    uint32_t x_step, unsigned src_width) {
+    plan.src_width = src_width;
+
+    Outputs outputs;
+    outputs.count = count;
+    outputs.last = src_width - 1;
+    unsigned i = 0;
+    do {
+        outputs.left[i] = column_in_row(walk.sample(), src_width);
+        outputs.fraction[i] = static_cast<uint16_t>(walk.fraction());
+        walk.advance(x_step);
+    } while (++i < count);
+    plan.first = outputs.left[0];
+    plan.end = outputs.right(count - 1) + 1;
+    plan.spread = spread_of(outputs, kernels);
+    const GatherShape& shape = plan.spread == Spread::kDense ? kernels.dense : kernels.sparse;
+    plan.reach = plan.spread == Spread::kTwo ? 2 * shape.window : shape.window;
+    if (plan.spread == Spread::kFar) {
+        std::copy(outputs.left, outputs.left + count, plan.left);
+        for (i = 0; i < count; ++i) outputs.left[i] = 2 * i;
+        outputs.last = ~0u;
+    }
+    fill_tables(plan, shape, outputs);
+}
+
+/// Bytes to have behind a buffered row, so that a window of any kernel can be read from a row of one sample.
+inline constexpr unsigned kWindowRoom = 128;
+
+/// Brings the plan's first `n` pairs of samples of `row` together.
+inline void bring_together(uint8_t* pairs, const uint8_t* row, size_t n, const HorizontalPlan& plan) {
+    const unsigned last = plan.src_width - 1;
+    size_t i = 0;
+    for (; i < n && plan.left[i] < last; ++i) std::memcpy(pairs + 2 * i, row + plan.left[i], 2);
+    std::memset(pairs + 2 * i, row[last], 2 * (n - i));
+}
+
+inline void interpolate(const RowKernels& kernels, uint8_t* out, const uint8_t* row, size_t n,
+                        const HorizontalPlan& plan, NextLines next) {
+    if (plan.spread == Spread::kFar) {
+        uint8_t pairs[2 * HorizontalPlan::kColumns + kWindowRoom];
+        bring_together(pairs, row, n, plan);
+        std::memset(pairs + 2 * n, 0, kWindowRoom);
+        kernels.interpolate(out, pairs, n, plan, {nullptr, nullptr});
+    } else if (plan.src_width < plan.reach) {
+        uint8_t short_row[kWindowRoom] = {};
+        std::memcpy(short_row, row, plan.src_width);
+        kernels.interpolate(out, short_row, n, plan, {nullptr, nullptr});
+    } else {
+        kernels.interpolate(out, row, n, plan, next);
+    }
+}
+
+// ---- Strips -------------------------------------------------------------------------------------------
+
+/// Columns of an output plane that are produced together. A straight strip takes its samples from the columns
+/// of the same number, the others along their plan.
+struct Strip {
+    static constexpr unsigned kStraightColumns = 8192;
+
+    size_t column;
+    unsigned count;
+    bool straight;
+};
+
+/// Calls body(strip, plan) for all columns of an output plane of `width` samples, from left to right. Columns
+/// come in multiples of 8, but for the last strip's.
+template <typename Body>
+void for_each_strip(const PlaneScaling& plane, uint64_t width, const RowKernels& kernels, Body body) {
+    HorizontalPlan plan;
+    SampleWalk walk;
+    uint64_t column = 0;
+    if (plane.x_step == 65536) {
+        const uint64_t both = std::min<uint64_t>(width, plane.src_width);
+        const uint64_t straight = both == width ? width : both & ~uint64_t{7};
+        for (; column < straight; column += std::min<uint64_t>(straight - column, Strip::kStraightColumns)) {
+            const auto count = std::min<uint64_t>(straight - column, Strip::kStraightColumns);
+            body(Strip{column, static_cast<unsigned>(count), true}, plan);
+        }
+        walk.position = column << 16;
+    }
+    while (column < width) {
+        const auto count = static_cast<unsigned>(std::min<uint64_t>(width - column, HorizontalPlan::kColumns));
+        lay_out(plan, kernels, walk, count, plane.x_step, plane.src_width);
+        body(Strip{column, count, false}, plan);
+        column += count;
+    }
+}
+
+// ---- The plain scaler ---------------------------------------------------------------------------------
+
+inline const uint8_t* line_of(const PlaneScaling& plane, unsigned line) {
+    return plane.src + line * plane.src_stride;
+}
+
+/// The lines of the output row below `row` that `row` itself has not brought into the cache.
+inline NextLines lines_to_come(const PlaneScaling& plane, int mode, int field, unsigned row,
+                               const BlendedRow& source) {
+    if (row + 1 >= plane.to_height) return {nullptr, nullptr};
+    const BlendedRow next = blended_row(plane, mode, field, row + 1);
+    const auto to_come = [&](unsigned line) {
+        return line == source.a || line == source.b ? nullptr : line_of(plane, line);
+    };
+    return {to_come(next.a), next.b == next.a ? nullptr : to_come(next.b)};
+}
+
+/// How many rows from `row`, an unblended one, on are copies of lines that follow each other as the rows do,
+/// without a gap in either plane: 1 or more.
+inline unsigned rows_in_one_piece(const PlaneScaling& plane, int mode, int field, unsigned row) {
+    const size_t width = plane.to_width;
+    if (plane.src_width != width || plane.src_stride != width || plane.dst_stride != width) return 1;
+    const unsigned first = blended_row(plane, mode, field, row).a;
+    for (unsigned n = 1;; ++n) {
+        if (row + n >= plane.to_height) return n;
+        const BlendedRow next = blended_row(plane, mode, field, row + n);
+        if (next.weight != 0 || next.a != first + n) return n;
+    }
+}
+
+/// The strip's part of the rows from `row` on, straight from the lines above it. Returns how many rows it made.
+inline unsigned scale_straight(const RowKernels& kernels, const PlaneScaling& plane, int mode, int field,
+                               const Strip& strip, unsigned row, const BlendedRow& source) {
+    const uint8_t* a = line_of(plane, source.a) + strip.column;
+    const uint8_t* b = line_of(plane, source.b) + strip.column;
+    uint8_t* out = plane.dst + row * plane.dst_stride + strip.column;
+    if (source.weight != 0) {
+        kernels.blend(out, a, b, strip.count, source.weight);
+        return 1;
+    }
+    const unsigned rows = rows_in_one_piece(plane, mode, field, row);
+    std::memcpy(out, a, size_t{strip.count} * rows);
+    return rows;
+}
+
+inline void scale(const RowKernels& kernels, const PlaneScaling& plane, int mode, int field,
+                  const char* function) {
+    alignas(64) uint8_t row_buffer[kScalerRowSamples];
+    for_each_strip(plane, plane.to_width, kernels, [&](const Strip& strip, const HorizontalPlan& plan) {
+        for (unsigned row = 0; row < plane.to_height;) {
+            const BlendedRow source = blended_row(plane, mode, field, row);
+            if (source.weight != 0) require_source_line(plane, source.b, function);
+            require_output_row(plane, row, function);
+            if (strip.straight) {
+                row += scale_straight(kernels, plane, mode, field, strip, row, source);
+                continue;
+            }
+            const uint8_t* line = line_of(plane, source.a);
+            if (source.weight != 0) {
+                kernels.blend(row_buffer + plan.first, line + plan.first, line_of(plane, source.b) + plan.first,
+                              plan.end - plan.first, source.weight);
+                line = row_buffer;
+            }
+            uint8_t* out = plane.dst + row * plane.dst_stride + strip.column;
+            interpolate(kernels, out, line, strip.count, plan, lines_to_come(plane, mode, field, row, source));
+            ++row;
+        }
+    });
+}
+
+// ---- The deinterlacers --------------------------------------------------------------------------------
+
+/// The source lines of a strip, interpolated to its columns and kept while the rows that follow need them: a
+/// row asks for no more than three lines, which lie side by side.
+class StripLines {
+public:
+    StripLines(const RowKernels& kernels, const PlaneScaling& plane, const Strip& strip,
+               const HorizontalPlan& plan)
+        : kernels_(kernels), plane_(plane), strip_(strip), plan_(plan) {}
+
+    const uint8_t* operator[](unsigned line) {
+        const uint8_t* row = line_of(plane_, line);
+        if (strip_.straight) return row + strip_.column;
+        const unsigned slot = line % 3;
+        if (held_[slot] != line) {
+            const uint8_t* next = line_of(plane_, std::min(line + 2, plane_.src_height - 1));
+            interpolate(kernels_, samples_[slot], row, strip_.count, plan_, {next, nullptr});
+            held_[slot] = line;
+        }
+        return samples_[slot];
+    }
+
+private:
+    const RowKernels& kernels_;
+    const PlaneScaling& plane_;
+    const Strip& strip_;
+    const HorizontalPlan& plan_;
+    int64_t held_[3] = {-1, -1, -1};
+    alignas(64) uint8_t samples_[3][HorizontalPlan::kColumns];
+};
+
+inline void deinterlace_basic(const RowKernels& kernels, const PlaneScaling& plane) {
+    for_each_strip(plane, plane.to_width, kernels, [&](const Strip& strip, const HorizontalPlan& plan) {
+        StripLines source(kernels, plane, strip, plan);
+        for (unsigned row = 0; row < plane.to_height; ++row) {
+            const LineTriple lines = line_triple(row_position(row, plane.y_step), plane.src_height);
+            uint8_t* out = plane.dst + row * plane.dst_stride + strip.column;
+            const uint8_t* a = source[lines.a];
+            const uint8_t* b = source[lines.b];
+            kernels.blend_three(out, a, b, source[lines.c], strip.count, lines.weight);
+        }
+    });
+}
+
+/// The flags of a strip's groups of 8 samples, 0xff where the block is combed and 0 elsewhere.
+class StripFlags {
+public:
+    StripFlags(const PlaneScaling& plane, const Strip& strip, const MotionMap& map)
+        : plane_(plane), strip_(strip), map_(map) {}
+
+    const uint8_t* at(uint32_t position) {
+        if (!has_blocks(map_) || held_ == map_row(map_, position)) return flags_;
+        held_ = map_row(map_, position);
+        const uint8_t* blocks = map_.flags + static_cast<size_t>(held_) * map_.cols;
+        const auto first = static_cast<unsigned>(strip_.column / 8);
+        for (unsigned group = 0; group < strip_.count / 8; ++group) {
+            flags_[group] = blocks[map_column(map_, first + group, plane_.x_step)] != 0 ? 0xff : 0;
+        }
+        return flags_;
+    }
+
+private:
+    const PlaneScaling& plane_;
+    const Strip& strip_;
+    const MotionMap& map_;
+    int64_t held_ = -1;
+    uint8_t flags_[Strip::kStraightColumns / 8] = {};
+};
+
+inline void deinterlace_adaptive(const RowKernels& kernels, const PlaneScaling& plane, const MotionMap& map) {
+    const uint64_t width = whole_groups(plane.to_width);
+    for_each_strip(plane, width, kernels, [&](const Strip& strip, const HorizontalPlan& plan) {
+        StripLines source(kernels, plane, strip, plan);
+        StripFlags flags(plane, strip, map);
+        for (unsigned row = 0; row < plane.to_height; ++row) {
+            const uint32_t position = row_position(row, plane.y_step);
+            const LineTriple lines = line_triple(position, plane.src_height);
+            uint8_t* out = plane.dst + row * plane.dst_stride + strip.column;
+            const uint8_t* a = source[lines.a];
+            const uint8_t* b = source[lines.b];
+            kernels.blend_adaptive(out, a, b, source[lines.c], strip.count, lines.weight, flags.at(position));
+        }
+    });
+}
+
+inline void motion_map(const RowKernels& kernels, uint8_t* map, const uint8_t* luma, size_t stride,
+                       unsigned width, unsigned height) {
+    const unsigned cols = macroblocks(width), map_rows = macroblocks(height);
+    for (unsigned row = 0; row + 1 < map_rows; ++row) {
+        const uint8_t* lines[plain::kMotionLines];
+        for (unsigned y = 0; y < plain::kMotionLines; ++y) {
+            lines[y] = luma + std::min(row * kMacroblock + y, height - 1) * stride;
+        }
+        uint8_t* flags = map + size_t{row} * cols;
+        if (cols > 1) kernels.motion_row(flags, lines, cols - 1);
+        flags[cols - 1] = 1;
+    }
+    std::memset(map + size_t{map_rows - 1} * cols, 1, cols);
+}
+
+}  // namespace rows
+}  // namespace gsve::detail

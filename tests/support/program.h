@@ -1,0 +1,82 @@
+#pragma once
+
+// Runs the gsve program the way a user does: by its command line, with its output and exit status.
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+extern char** environ;
+
+namespace gsve::test {
+
+/// A directory for one test, gone with it.
+class ScratchDirectory {
+public:
+    ScratchDirectory() {
+        std::string pattern = std::filesystem::temp_directory_path() / "gsve-test-XXXXXX";
+        if (!mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
+        path_ = pattern;
+    }
+    ~ScratchDirectory() { std::filesystem::remove_all(path_); }
+    std::string operator/(const std::string& name) const { return path_ / name; }
+
+private:
+    std::filesystem::path path_;
+};
+
+inline std::string read_file(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+struct ProgramResult {
+    int status = -1;  ///< exit status, or 128 plus the signal that ended the process
+    std::string out;
+    std::string err;
+};
+
+/// A running gsve.
+class Program {
+public:
+    explicit Program(const std::vector<std::string>& arguments) {
+        std::vector<char*> argv = {const_cast<char*>(GSVE_PROGRAM)};
+        for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+        argv.push_back(nullptr);
+        posix_spawn_file_actions_t files;
+        posix_spawn_file_actions_init(&files);
+        const int flags = O_WRONLY | O_CREAT | O_TRUNC;
+        posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
+        posix_spawn_file_actions_addopen(&files, 1, (directory_ / "out").c_str(), flags, 0600);
+        posix_spawn_file_actions_addopen(&files, 2, (directory_ / "err").c_str(), flags, 0600);
+        const int error = posix_spawn(&pid_, GSVE_PROGRAM, &files, nullptr, argv.data(), environ);
+        posix_spawn_file_actions_destroy(&files);
+        if (error) throw std::runtime_error("cannot start " GSVE_PROGRAM);
+    }
+
+    void send(int signal) const { kill(pid_, signal); }
+
+    ProgramResult wait() const {
+        int status = 0;
+        waitpid(pid_, &status, 0);
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
+                read_file(directory_ / "out"), read_file(directory_ / "err")};
+    }
+
+private:
+    ScratchDirectory directory_;
+    pid_t pid_ = -1;
+};
+
+inline ProgramResult run(const std::vector<std::string>& arguments) { return Program(arguments).wait(); }
+
+}  // namespace gsve::test
