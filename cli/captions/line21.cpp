@@ -69,8 +69,8 @@ constexpr Substitute kSubstitutes[] = {
     {0x201F, U"“"},   {0x2020, U"+"},  {0x2021, U"+"},  {0x2026, U"..."}, {0x2030, U"%"},   {0x2032, U"'"},
     {0x2033, U"\""},  {0x2039, U"<"},  {0x203A, U">"},  {0x2044, U"/"},   {0x20AC, U"EUR"}, {0x2116, U"No"},
     {0x2190, U"<-"},  {0x2192, U"->"}, {0x2212, U"-"},  {0x2260, U"!="},  {0x2264, U"<="},  {0x2265, U">="},
-    {0x266A, U"♪"},   {0x266B, U"♪"},  {0x266C, U"♪"},  {0x2669, U"♪"},   {0x25A0, U"█"},   {0x25CF, U"•"},
-    {0x2715, U"x"},   {0xFFFD, U"?"},
+    {0x266B, U"♪"},   {0x266C, U"♪"},  {0x2669, U"♪"},  {0x25A0, U"█"},   {0x25CF, U"•"},   {0x2715, U"x"},
+    {0xFFFD, U"?"},
 };
 
 // U+0100 to U+017F without their accents, in order; '?' where a table entry above serves.

@@ -25,8 +25,8 @@
 namespace gsve::captions {
 
 struct MccReadOptions {
-    std::optional<Timecode>
-        start{};  ///< of the video's first picture, counted as the file counts; by default zero
+    /// The time code of the video's first picture, counted as the file counts; by default zero.
+    std::optional<Timecode> start{};
 };
 
 /// Reads a file's text; `name` stands for it in errors and warnings. The schedule's rate is the one in the

@@ -25,8 +25,8 @@ namespace gsve::captions {
 struct SccReadOptions {
     int field = 0;                ///< the field that the pairs belong to
     FrameRate rate = kRate29_97;  ///< of the time codes; at most 39 frames per second
-    std::optional<Timecode>
-        start{};  ///< of the video's first picture, counted as the file counts; by default zero
+    /// The time code of the video's first picture, counted as the file counts; by default zero.
+    std::optional<Timecode> start{};
 };
 
 /// Reads a file's text; `name` stands for it in errors and warnings. Throws FileError. Reported: pairs

@@ -1,0 +1,613 @@
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <random>
+
+#include <gtest/gtest.h>
+
+#include "captions/caption_file.h"
+#include "captions/cc_data.h"
+#include "captions/cdp.h"
+#include "captions/dtvcc.h"
+#include "captions/eia608_decoder.h"
+#include "captions/mcc.h"
+#include "captions/pop_on.h"
+#include "captions/repacer.h"
+#include "captions/scc.h"
+#include "captions/subtitles.h"
+#include "captions/text_file.h"
+
+namespace gsve::captions {
+namespace {
+
+std::string data_file(const std::string& name) {
+    return (std::filesystem::path(__FILE__).parent_path() / "data" / "captions" / name).string();
+}
+
+std::string error_of(const std::function<void()>& parse) {
+    try {
+        parse();
+    } catch (const FileError& error) {
+        return error.what();
+    }
+    return "accepted";
+}
+
+std::vector<TimedText> decode(const Schedule& schedule) {
+    Eia608Decoder decoder(schedule.rate);
+    decoder.feed(schedule);
+    return decoder.finish(1000000);
+}
+
+std::int64_t at(const char* timecode) {
+    return timecode_to_frame(parse_timecode(timecode, kRate29_97), kRate29_97);
+}
+
+// --- SCC
+
+TEST(Scc, PlacesOnePairPerFrameFromTheTimeCode) {
+    Report report;
+    const Schedule schedule =
+        parse_scc("Scenarist_SCC V1.0\r\n\r\n00:01:00;02\t9420 9420 8080 94AE\r\n", "a.scc", {}, report);
+    EXPECT_EQ(schedule.eia608,
+              (std::vector<Eia608Event>{{1800, 0, 0x9420}, {1801, 0, 0x9420}, {1803, 0, 0x94AE}}));
+    EXPECT_TRUE(report.empty());
+}
+
+TEST(Scc, CountsNonDropTimeCodesAndTakesTheFieldAsked) {
+    Report report;
+    const Schedule schedule =
+        parse_scc("Scenarist_SCC V1.0\n01:00:00:00 1520\n", "a.scc", {.field = 1}, report);
+    EXPECT_EQ(schedule.eia608, (std::vector<Eia608Event>{{108000, 1, 0x1520}}));
+}
+
+TEST(Scc, CountsFromTheStartAndReportsWhatLiesBefore) {
+    Report report;
+    const SccReadOptions options{.start = Timecode{1, 0, 0, 0, false}};
+    const Schedule schedule = parse_scc(
+        "Scenarist_SCC V1.0\n00:59:59;28\t9420 9420 94ae\n01:00:01;00\t942f\n", "a.scc", options, report);
+    EXPECT_EQ(schedule.eia608, (std::vector<Eia608Event>{{0, 0, 0x94AE}, {30, 0, 0x942F}}));
+    EXPECT_EQ(
+        report.lines(),
+        (std::vector<std::string>{"a.scc: 2 byte pairs lie before the start of the video and are left out"}));
+}
+
+TEST(Scc, DelaysALineThatBeginsBeforeTheLastOneEnds) {
+    Report report;
+    const Schedule schedule = parse_scc(
+        "Scenarist_SCC V1.0\n00:00:01:00\t9420 9420 94ae\n00:00:01:01\t942f\n", "a.scc", {}, report);
+    EXPECT_EQ(schedule.eia608.back(), (Eia608Event{33, 0, 0x942F}));
+    EXPECT_EQ(report.lines(),
+              (std::vector<std::string>{
+                  "a.scc:3: these byte pairs are sent 2 frames late, after those of the line before"}));
+}
+
+TEST(Scc, PutsParityRightAndReportsIt) {
+    Report report;
+    const Schedule schedule =
+        parse_scc("Scenarist_SCC V1.0\n\n00:00:01:00\t1420 1420\n", "a.scc", {}, report);
+    EXPECT_EQ(schedule.eia608[0].word, 0x9420);
+    EXPECT_EQ(report.lines(),
+              (std::vector<std::string>{
+                  "a.scc:3: 2 byte pairs (the first one here) have wrong parity; it is put right"}));
+}
+
+struct ErrorCase {
+    const char* text;
+    const char* error;
+};
+
+class SccError : public testing::TestWithParam<ErrorCase> {};
+
+TEST_P(SccError, NamesTheLineAndTheRemedy) {
+    Report report;
+    EXPECT_EQ(error_of([&] { parse_scc(GetParam().text, "b.scc", {}, report); }), GetParam().error);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Scc, SccError,
+    testing::Values(
+        ErrorCase{"", "b.scc:1: not an SCC file: the first line must be \"Scenarist_SCC V1.0\""},
+        ErrorCase{"1\n00:00:01,000 --> 00:00:02,000\nHi\n",
+                  "b.scc:1: not an SCC file: the first line must be \"Scenarist_SCC V1.0\""},
+        ErrorCase{
+            "Scenarist_SCC V1.0\n\n00:00:01\t9420\n",
+            "b.scc:3: \"00:00:01\" is not a time code: write HH:MM:SS:FF, or HH:MM:SS;FF for drop-frame"},
+        ErrorCase{
+            "Scenarist_SCC V1.0\n00:00:01:30\t9420\n",
+            "b.scc:2: time code \"00:00:01:30\" is out of range: hours go to 23, minutes and seconds to 59, "
+            "frames to 29"},
+        ErrorCase{"Scenarist_SCC V1.0\n00:01:00;00\t9420\n",
+                  "b.scc:2: drop-frame counting leaves out time code \"00:01:00;00\": the minute begins with "
+                  "frame 02"},
+        ErrorCase{"Scenarist_SCC V1.0\n00:00:01:00\t9420 94z0\n",
+                  "b.scc:2: \"94z0\" is not a byte pair: write four hexadecimal digits such as 9420"},
+        ErrorCase{"Scenarist_SCC V1.0\n00:00:01:00\t9420 94\n",
+                  "b.scc:2: \"94\" is not a byte pair: write four hexadecimal digits such as 9420"},
+        ErrorCase{
+            "Scenarist_SCC V1.0\n00:00:01;00\t9420\n00:00:02:00\t9420\n",
+            "b.scc:3: time code 00:00:02:00 is non-drop-frame, those before are not: use the same separator "
+            "before the frames in the whole file"},
+        ErrorCase{"Scenarist_SCC V1.0\n00:00:02:00\t9420\n00:00:01:00\t9420\n",
+                  "b.scc:3: time code 00:00:01:00 is earlier than that of the line before: put the lines in "
+                  "order"}));
+
+TEST(Scc, ReadsTheSampleAsItsWords) {
+    Report report;
+    const Schedule schedule = read_scc(data_file("sample.scc"), {}, report);
+    EXPECT_TRUE(report.empty());
+    const auto captions = decode(schedule);
+    ASSERT_EQ(captions.size(), 4U);
+    EXPECT_EQ(captions[0].text(), "Every word of this clip\nreaches the viewer.");
+    EXPECT_EQ(captions[1].text(), "♪ La la la ♪");
+    EXPECT_EQ(captions[2].text(), "- Was that a café?\n- Yes. Überall.");
+    EXPECT_EQ(captions[3].text(), "Shown around the minute.");
+    EXPECT_EQ(captions[0].end, at("00:00:04;00"));
+    EXPECT_EQ(captions[3].end, at("00:01:00;02"));
+}
+
+TEST(Scc, WritesTheSampleAsItWasRead) {
+    Report report;
+    const std::string text = read_file(data_file("sample.scc"));
+    EXPECT_EQ(write_scc(parse_scc(text, "sample.scc", {}, report), 0, {}), text);
+}
+
+TEST(Scc, WritesALinePerCaptionAndBridgesShortGaps) {
+    const Schedule schedule{kRate29_97,
+                            {{0, 0, 0x9420},
+                             {1, 0, 0x9420},
+                             {4, 0, 0x942F},
+                             {5, 0, 0x942F},
+                             {6, 0, 0x942C},
+                             {7, 0, 0x942C},
+                             {8, 0, 0x9420},
+                             {12, 0, 0xC180}},
+                            {}};
+    EXPECT_EQ(write_scc(schedule, 0, {.drop_frame = false}),
+              "Scenarist_SCC V1.0\n\n00:00:00:00\t9420 9420 8080 8080 942f 942f\n\n00:00:00:06\t942c 942c\n\n"
+              "00:00:00:08\t9420\n\n00:00:00:12\tc180\n");
+}
+
+TEST(Scc, ReadsBackWhatItWrote) {
+    Schedule schedule{kRate29_97, {}, {}};
+    std::uint32_t state = 7;
+    for (std::int64_t frame = 0; frame < 40000; ++frame) {
+        state = state * 1664525 + 1013904223;
+        const Word word = with_parity(static_cast<Word>(state >> 12));
+        if ((state >> 28) < 12 && !is_null(word)) schedule.eia608.push_back({frame, 1, word});
+    }
+    for (const bool drop_frame : {false, true}) {
+        const Timecode start{0, 58, 0, 10, drop_frame};
+        Report report;
+        const std::string text = write_scc(schedule, 1, {drop_frame, start});
+        const Schedule again = parse_scc(text, "x.scc", {.field = 1, .start = start}, report);
+        EXPECT_EQ(again.eia608, schedule.eia608);
+        EXPECT_TRUE(report.empty());
+    }
+}
+
+TEST(Scc, KeepsTheWordsAndTimesOfA59_94Schedule) {
+    Report report;
+    const Schedule sample = read_scc(data_file("sample.scc"), {}, report);
+    const Schedule fast = retime(sample, kRate59_94, report);
+    EXPECT_EQ(parse_scc(write_scc(fast, 0, {}), "x.scc", {}, report).eia608, sample.eia608);
+    EXPECT_EQ(write_scc(fast, 1, {}), "Scenarist_SCC V1.0\n");
+}
+
+TEST(Scc, KeepsTheWordsOfA25Schedule) {
+    Report report;
+    const Schedule slow = retime(read_scc(data_file("sample.scc"), {}, report), kRate25, report);
+    const auto captions = decode(parse_scc(write_scc(slow, 0, {}), "x.scc", {}, report));
+    ASSERT_EQ(captions.size(), 4U);
+    EXPECT_EQ(captions[2].text(), "- Was that a café?\n- Yes. Überall.");
+    EXPECT_NEAR(frame_to_seconds(captions[3].end, kRate29_97),
+                frame_to_seconds(at("00:01:00;02"), kRate29_97), 0.08);
+}
+
+// --- MCC and caption distribution packets
+
+TEST(Mcc, ExpandsTheAbbreviations) {
+    EXPECT_EQ(expand_mcc_bytes("S4f"), (std::vector<std::uint8_t>{0x96, 0x69, 0x4F}));
+    EXPECT_EQ(expand_mcc_bytes("TGH"),
+              (std::vector<std::uint8_t>{0x61, 0x01, 0xFA, 0, 0, 0xFA, 0, 0, 0xFA, 0, 0}));
+    EXPECT_EQ(expand_mcc_bytes("O").size(), 27U);
+    EXPECT_EQ(expand_mcc_bytes("PQR"),
+              (std::vector<std::uint8_t>{0xFB, 0x80, 0x80, 0xFC, 0x80, 0x80, 0xFD, 0x80, 0x80}));
+    EXPECT_EQ(expand_mcc_bytes("UZ"), (std::vector<std::uint8_t>{0xE1, 0, 0, 0, 0}));
+    EXPECT_THROW(expand_mcc_bytes("V"), std::invalid_argument);
+    EXPECT_THROW(expand_mcc_bytes("4"), std::invalid_argument);
+    EXPECT_THROW(expand_mcc_bytes("4S"), std::invalid_argument);
+}
+
+TEST(Mcc, ReadsTheSampleInBothCaptionForms) {
+    Report report;
+    const Schedule schedule = read_mcc(data_file("sample.mcc"), {}, report);
+    EXPECT_TRUE(report.empty());
+    EXPECT_EQ(schedule.rate, kRate29_97);
+    const auto captions = decode(schedule);
+    ASSERT_EQ(captions.size(), 1U);
+    EXPECT_EQ(captions[0].text(), "From MCC");
+    EXPECT_EQ(captions[0].begin, 20);  // the packet of 00:00:00;20
+    EXPECT_EQ(captions[0].end, 52);
+    DtvccDecoder decoder;
+    decoder.feed(schedule);
+    decoder.finish();
+    EXPECT_EQ(decoder.texts(), (std::vector<ServiceText>{{1, 13, "HI"}}));
+}
+
+// A packet with the service information section and all paddings: 20 constructs at 29.97, sequence number 0.
+constexpr const char* kIdlePacket = "T52S524F67ZZ72F4QROO7391UC13FFF74ZZAEB4";
+
+std::string mcc_text(const std::string& body, const std::string& version = "1.0",
+                     const std::string& rate = "30DF") {
+    return "File Format=MacCaption_MCC V" + version + "\n\nTime Code Rate=" + rate + "\n" + body;
+}
+
+TEST(Mcc, AcceptsBothVersionsAndIgnoresFieldAndLine) {
+    Report report;
+    EXPECT_TRUE(parse_mcc(mcc_text(std::string("00:00:00;00\t") + kIdlePacket), "a.mcc", {}, report).empty());
+    EXPECT_TRUE(
+        parse_mcc(mcc_text(std::string("00:00:00;00.0,9\t") + kIdlePacket, "2.0"), "a.mcc", {}, report)
+            .empty());
+    EXPECT_TRUE(report.empty());
+}
+
+TEST(Mcc, LeavesOtherAncillaryDataOutAndReportsIt) {
+    Report report;
+    parse_mcc(mcc_text("00:00:00;00\t41050100"
+                       "47\n"),
+              "a.mcc", {}, report);
+    EXPECT_EQ(report.lines(),
+              (std::vector<std::string>{
+                  "a.mcc: 1 lines hold ancillary data other than captions and are left out"}));
+}
+
+class MccError : public testing::TestWithParam<std::pair<std::string, const char*>> {};
+
+TEST_P(MccError, NamesTheLineAndTheRemedy) {
+    Report report;
+    EXPECT_EQ(error_of([&] { parse_mcc(GetParam().first, "b.mcc", {}, report); }), GetParam().second);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Mcc, MccError,
+    testing::Values(
+        std::pair{
+            std::string("Scenarist_SCC V1.0\n"),
+            "b.mcc:1: not an MCC file: the first line must be \"File Format=MacCaption_MCC V1.0\" or \"File "
+            "Format=MacCaption_MCC V2.0\""},
+        std::pair{
+            mcc_text("", "3.0"),
+            "b.mcc:1: not an MCC file: the first line must be \"File Format=MacCaption_MCC V1.0\" or \"File "
+            "Format=MacCaption_MCC V2.0\""},
+        std::pair{mcc_text("", "1.0", "29"),
+                  "b.mcc:3: \"29\" is not a time code rate: use 24, 25, 30, 30DF, 50, 60 or 60DF"},
+        std::pair{
+            std::string("File Format=MacCaption_MCC V1.0\n00:00:00;00\tT00\n"),
+            "b.mcc:2: captions begin before the time code rate is known: add a line such as \"Time Code "
+            "Rate=30DF\" above"},
+        std::pair{mcc_text("00:00:00;00\n"),
+                  "b.mcc:4: the line has a time code but no data: add it, or remove the line"},
+        std::pair{
+            mcc_text("00:00:00;00\tT52X\n"),
+            "b.mcc:4: 'X' is neither a hexadecimal digit nor an abbreviation (correct the line or export the "
+            "file again)"},
+        std::pair{mcc_text("00:00:00;00\tT52S\n"),
+                  "b.mcc:4: the ancillary packet's count byte says 82 bytes, 1 are given (correct the line "
+                  "or export "
+                  "the file again)"},
+        std::pair{mcc_text("00:00:00;00\tT52S524F67ZZ72F4QROO7391UC13FFF74ZZAEB5\n"),
+                  "b.mcc:4: the ancillary packet's checksum is 0xB5, its bytes need 0xB4 (correct the line "
+                  "or export "
+                  "the file again)"},
+        std::pair{mcc_text("00:00:00;00\tT52S524F67ZZ72F4QROO7391UC13FFF74ZZADB3\n"),
+                  "b.mcc:4: the packet's checksum is 0xAD, its bytes need 0xAE (correct the line or export "
+                  "the file "
+                  "again)"},
+        std::pair{
+            mcc_text(std::string("00:00:01;00\t") + kIdlePacket + "\n00:00:00;29\t" + kIdlePacket + "\n"),
+            "b.mcc:5: time code 00:00:00;29 is earlier than that of the line before (correct the line or "
+            "export "
+            "the file again)"}));
+
+// Builds a packet around its sections and closes it with footer, length and checksum.
+std::vector<std::uint8_t> packet(std::uint8_t rate_code, std::vector<std::uint8_t> sections) {
+    std::vector<std::uint8_t> bytes{0x96, 0x69, 0,   static_cast<std::uint8_t>(rate_code << 4 | 0x0F),
+                                    0x43, 0x12, 0x34};
+    bytes.insert(bytes.end(), sections.begin(), sections.end());
+    bytes.insert(bytes.end(), {0x74, 0x12, 0x34});
+    bytes[2] = static_cast<std::uint8_t>(bytes.size() + 1);
+    unsigned sum = 0;
+    for (const std::uint8_t byte : bytes) sum += byte;
+    bytes.push_back(static_cast<std::uint8_t>(256 - sum % 256));
+    return bytes;
+}
+
+TEST(Cdp, ReadsItsSections) {
+    const Cdp cdp =
+        parse_cdp(packet(5, {0x71, 0xC0, 0x80, 0x80, 0x80, 0x72, 0xE2, 0xFC, 0x94, 0x20, 0xFD, 0x80, 0x80,
+                             0x73, 0xD1, 0xE1, 'e',  'n',  'g',  0xC1, 0x3F, 0xFF, 0x75, 0x01, 0x00}));
+    EXPECT_EQ(cdp.rate, kRate30);
+    EXPECT_EQ(cdp.sequence_counter, 0x1234);
+    EXPECT_EQ(cdp.cc_data, (std::vector<std::uint8_t>{0xFC, 0x94, 0x20, 0xFD, 0x80, 0x80}));
+    EXPECT_EQ(cdp.service_count, 1);
+    EXPECT_FALSE(parse_cdp(packet(9, {})).rate);
+}
+
+TEST(Cdp, RefusesEveryDamagedByte) {
+    const std::vector<std::uint8_t> whole = packet(4, {0x72, 0xE1, 0xFC, 0x94, 0x20});
+    ASSERT_NO_THROW(parse_cdp(whole));
+    for (std::size_t i = 0; i < whole.size(); ++i) {
+        std::vector<std::uint8_t> damaged = whole;
+        damaged[i] ^= 0x10;
+        EXPECT_THROW(parse_cdp(damaged), std::invalid_argument) << i;
+        EXPECT_THROW(parse_cdp({whole.data(), i}), std::invalid_argument) << i;
+    }
+    EXPECT_THROW(parse_cdp(packet(4, {0x72, 0xFF, 0xFC})), std::invalid_argument);  // leaves the packet
+    EXPECT_THROW(parse_cdp(packet(4, {0x10})), std::invalid_argument);              // unknown section
+    EXPECT_THROW(parse_cdp(packet(4, {0x74, 0x12, 0x34, 0x00})),
+                 std::invalid_argument);  // bytes after the footer
+    EXPECT_THROW(parse_cdp(packet(4, {0x74, 0x12, 0x35})), std::invalid_argument);
+}
+
+// --- SubRip and WebVTT
+
+std::vector<std::string> texts_of(const Cue& cue) {
+    std::vector<std::string> texts;
+    for (const StyledLine& line : cue.lines) texts.push_back(plain_text(line));
+    return texts;
+}
+
+TEST(SubRip, ReadsTheSampleWithItsByteOrderMarkAndLineEnds) {
+    const std::vector<Cue> cues = read_srt(data_file("sample.srt"));
+    ASSERT_EQ(cues.size(), 3U);
+    EXPECT_EQ(cues[0].begin_ms, 2000);
+    EXPECT_EQ(cues[0].end_ms, 4000);
+    EXPECT_EQ(cues[0].source_line, 2);
+    EXPECT_EQ(texts_of(cues[0]), (std::vector<std::string>{"A captioned programme,", "re-encoded."}));
+    EXPECT_FALSE(cues[0].lines[0][0].italic);
+    EXPECT_TRUE(cues[0].lines[1][0].italic);
+    EXPECT_FALSE(cues[0].lines[1].back().italic);
+    EXPECT_FALSE(cues[0].first_row);
+    EXPECT_EQ(cues[2].first_row, 1);
+    EXPECT_EQ(texts_of(cues[2]), (std::vector<std::string>{"Señor Peña – “olé!”"}));
+}
+
+TEST(SubRip, StripsMarkupAndKeepsOtherAngleBrackets) {
+    const auto cues = parse_srt(
+        "1\n00:00:01,000 --> 01:00:02.500 X1:10\n<b>bold</b> <font color=\"red\">red</font> "
+        "{\\i1}a < b{\\i0} c > d {x}\n\n\n00:00:03,000 --> 00:00:04,000\n<i></i>\n",
+        "a.srt");
+    ASSERT_EQ(cues.size(), 1U);
+    EXPECT_EQ(cues[0].end_ms, 3602500);
+    EXPECT_EQ(texts_of(cues[0]), (std::vector<std::string>{"bold red a < b c > d {x}"}));
+    EXPECT_TRUE(cues[0].lines[0][9].italic);
+    EXPECT_FALSE(cues[0].lines[0][16].italic);
+}
+
+TEST(SubRip, PlacesByTheNumberPad) {
+    const auto place = [](const std::string& key) {
+        return parse_srt("1\n00:00:01,000 --> 00:00:02,000\n{\\an" + key + "}x\n", "a.srt").at(0);
+    };
+    EXPECT_EQ(place("1").alignment, Alignment::kLeft);
+    EXPECT_FALSE(place("2").first_row);
+    EXPECT_EQ(place("6").alignment, Alignment::kRight);
+    EXPECT_EQ(place("6").first_row, 8);
+    EXPECT_EQ(place("7").alignment, Alignment::kLeft);
+    EXPECT_EQ(place("9").first_row, 1);
+}
+
+class SubRipError : public testing::TestWithParam<ErrorCase> {};
+
+TEST_P(SubRipError, NamesTheLineAndTheRemedy) {
+    EXPECT_EQ(error_of([&] { parse_srt(GetParam().text, "b.srt"); }), GetParam().error);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    SubRip, SubRipError,
+    testing::Values(
+        ErrorCase{"", "accepted"},
+        ErrorCase{"1\nHello\n",
+                  "b.srt:2: expected a time line such as 00:00:01,000 --> 00:00:03,500, found \"Hello\" "
+                  "(an empty line ends a cue)"},
+        ErrorCase{"1\n00:00:01,000 --> 00:00:02,000\none\n\ntwo\n",
+                  "b.srt:5: expected a time line such as 00:00:01,000 --> 00:00:03,500, found \"two\" (an "
+                  "empty line "
+                  "ends a cue)"},
+        ErrorCase{
+            "1\n00:00:01 --> 00:00:02,000\none\n",
+            "b.srt:2: \"00:00:01\" is not a time: write hours, minutes, seconds and milliseconds such as "
+            "00:01:02.345"},
+        ErrorCase{
+            "1\n00:00:01,000 --> 00:61:02,000\none\n",
+            "b.srt:2: \"00:61:02,000\" is not a time: write hours, minutes, seconds and milliseconds such as "
+            "00:01:02.345"},
+        ErrorCase{"1\n00:00:02,000 --> 00:00:01,000\none\n",
+                  "b.srt:2: the cue ends at 00:00:01,000, which is not after its begin at 00:00:02,000: "
+                  "correct one of "
+                  "the times"},
+        ErrorCase{"1\n00:00:01,000 --> 00:00:02,000\ncaf\xE9\n",
+                  "b.srt:3: the text is not UTF-8 (byte 0xE9 after 3 characters): convert the file, for "
+                  "example with "
+                  "iconv -f WINDOWS-1252 -t UTF-8"},
+        ErrorCase{"\xFF\xFE"
+                  "1",
+                  "b.srt:1: the file is UTF-16 text: convert it, for example with iconv -f UTF-16 -t "
+                  "UTF-8"}));
+
+TEST(WebVtt, ReadsTheSample) {
+    const std::vector<Cue> cues = read_webvtt(data_file("sample.vtt"));
+    ASSERT_EQ(cues.size(), 2U);
+    EXPECT_EQ(texts_of(cues[0]), (std::vector<std::string>{"At the top & on the left"}));
+    EXPECT_EQ(cues[0].first_row, 1);
+    EXPECT_EQ(cues[0].alignment, Alignment::kLeft);
+    EXPECT_EQ(cues[0].begin_ms, 2000);
+    EXPECT_EQ(texts_of(cues[1]), (std::vector<std::string>{"Rock <and> roll"}));
+    EXPECT_EQ(cues[1].first_row, 13);
+    EXPECT_TRUE(cues[1].lines[0].back().italic);
+    EXPECT_FALSE(cues[1].lines[0].front().italic);
+}
+
+TEST(WebVtt, PlacesByLineNumberAndPercentage) {
+    const auto row = [](const std::string& setting) {
+        return parse_webvtt("WEBVTT\n\n00:01.000 --> 00:02.000 " + setting + "\nx\n", "a.vtt")
+            .at(0)
+            .first_row;
+    };
+    EXPECT_EQ(row("line:0%"), 1);
+    EXPECT_EQ(row("line:50%,center"), 8);
+    EXPECT_EQ(row("line:84.6%"), 13);
+    EXPECT_EQ(row("line:100%"), 15);
+    EXPECT_EQ(row("line:4"), 5);
+    EXPECT_EQ(row("line:99"), 15);
+    EXPECT_EQ(row("line:-1"), 15);
+    EXPECT_EQ(row("line:-99"), 1);
+    EXPECT_EQ(row("line:auto position:10% size:35%"), std::nullopt);
+}
+
+class WebVttError : public testing::TestWithParam<ErrorCase> {};
+
+TEST_P(WebVttError, NamesTheLineAndTheRemedy) {
+    EXPECT_EQ(error_of([&] { parse_webvtt(GetParam().text, "b.vtt"); }), GetParam().error);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    WebVtt, WebVttError,
+    testing::Values(
+        ErrorCase{"1\n00:01.000 --> 00:02.000\nx\n",
+                  "b.vtt:1: not a WebVTT file: the first line must begin with \"WEBVTT\""},
+        ErrorCase{"WEBVTTX\n", "b.vtt:1: not a WebVTT file: the first line must begin with \"WEBVTT\""},
+        ErrorCase{"WEBVTT\n\nx\n",
+                  "b.vtt:3: expected a time line such as 00:01.000 --> 00:03.500, found "
+                  "\"x\" (an empty line ends a cue)"},
+        ErrorCase{"WEBVTT\n\n1.000 --> 00:02.000\nx\n",
+                  "b.vtt:3: \"1.000\" is not a time: write hours, minutes, seconds and milliseconds such as "
+                  "00:01:02.345"},
+        ErrorCase{"\xEF\xBB\xBFWEBVTT\r\rNOTE x\r\r00:01.000 --> 00:02.000\ry\r", "accepted"}));
+
+// --- all formats
+
+TEST(CaptionFile, IsKnownByItsExtension) {
+    EXPECT_EQ(caption_format("a.b/NEWS.SCC"), CaptionFormat::kScc);
+    EXPECT_EQ(caption_format("x.mcc"), CaptionFormat::kMcc);
+    EXPECT_EQ(caption_format("x.srt"), CaptionFormat::kSubRip);
+    EXPECT_EQ(caption_format("x.Vtt"), CaptionFormat::kWebVtt);
+    EXPECT_EQ(error_of([] { caption_format("x.txt"); }),
+              "x.txt: not a caption file by its name: use one that ends in .scc, .mcc, .srt or .vtt");
+}
+
+TEST(CaptionFile, SaysWhyItCannotBeRead) {
+    Report report;
+    EXPECT_EQ(error_of([&] { load_captions("/nonexistent/x.scc", {}, report); }),
+              "/nonexistent/x.scc: cannot be read: No such file or directory");
+}
+
+TEST(CaptionFile, RefusesOptionsOutOfRange) {
+    Report report;
+    EXPECT_THROW(load_captions(data_file("sample.srt"), {.field = 2}, report), std::invalid_argument);
+    EXPECT_THROW(load_captions(data_file("sample.srt"), {.rows = 0}, report), std::invalid_argument);
+    EXPECT_THROW(load_captions(data_file("sample.srt"), {.rows = 16}, report), std::invalid_argument);
+    EXPECT_THROW(load_captions(data_file("sample.scc"), {.start = "1:00"}, report), std::invalid_argument);
+}
+
+TEST(CaptionFile, CountsFromTheStartTimeCodeAsTheFileCounts) {
+    for (const char* start : {"00:00:05;00", "00:00:05:00"}) {
+        Report report;
+        const Schedule schedule = load_captions(data_file("sample.scc"), {.start = start}, report);
+        EXPECT_EQ(schedule.eia608.front().frame, 10);  // of the line at 00:00:05;10
+        EXPECT_EQ(report.lines().size(), 1U);
+    }
+}
+
+// Every parse ends in a result or in a FileError, whatever the bytes are.
+TEST(CaptionFile, SurvivesDamage) {
+    std::mt19937 random(3);
+    const std::function<void(const std::string&)> parsers[] = {
+        [](const std::string& text) {
+            Report report;
+            decode(parse_scc(text, "x", {}, report));
+        },
+        [](const std::string& text) {
+            Report report;
+            decode(parse_mcc(text, "x", {}, report));
+        },
+        [](const std::string& text) {
+            Report report;
+            encode_pop_on(parse_srt(text, "x"), "x", {}, report);
+        },
+        [](const std::string& text) {
+            Report report;
+            encode_pop_on(parse_webvtt(text, "x"), "x", {}, report);
+        }};
+    const char* const samples[] = {"sample.scc", "sample.mcc", "sample.srt", "sample.vtt"};
+    int refused = 0, accepted = 0;
+    for (std::size_t kind = 0; kind < std::size(samples); ++kind) {
+        const std::string whole = read_file(data_file(samples[kind]));
+        for (int round = 0; round < 400; ++round) {
+            std::string text = whole;
+            for (unsigned i = 0; i < 1 + random() % 3; ++i)
+                text[random() % text.size()] = static_cast<char>(random());
+            if (round % 4 == 0) text.resize(random() % text.size());
+            try {
+                parsers[kind](text);
+                ++accepted;
+            } catch (const FileError&) {
+                ++refused;
+            }
+        }
+    }
+    EXPECT_GT(refused, 100);
+    EXPECT_GT(accepted, 100);
+}
+
+struct SampleCase {
+    const char* file;
+    std::vector<std::string> texts;
+    std::vector<double> begins;  // seconds
+};
+
+class Sample : public testing::TestWithParam<SampleCase> {};
+
+// From the file through the pacer at every rate, picture by picture, to a receiver.
+TEST_P(Sample, ShowsTheSameWordsAtTheSameTimesAtEveryRate) {
+    for (const FrameRate rate :
+         {kRate23_976, kRate24, kRate25, kRate29_97, kRate30, kRate50, kRate59_94, kRate60}) {
+        SCOPED_TRACE(rate.per_second());
+        Report report;
+        const Schedule schedule = load_captions(data_file(GetParam().file), {.output = rate}, report);
+        EXPECT_EQ(report.count(WarningKind::kLateCue) + report.count(WarningKind::kDelayedPairs), 0U);
+        Repacer repacer(rate, rate);
+        repacer.push(schedule);
+        Eia608Decoder decoder(rate);
+        for (std::int64_t picture = 0; repacer.pending() > 0; ++picture) {
+            const PictureWrites writes = repacer.pull(picture);
+            for (int field = 0; field < 2; ++field)
+                if (FieldSlots(rate, field).on_picture(picture))
+                    decoder.feed(picture, field, writes.words[field]);
+        }
+        EXPECT_EQ(repacer.largest_delay(), 0);
+        const auto captions = decoder.finish(1000000);
+        ASSERT_EQ(captions.size(), GetParam().texts.size());
+        for (std::size_t i = 0; i < captions.size(); ++i) {
+            EXPECT_EQ(captions[i].text(), GetParam().texts[i]);
+            const double slot = FieldSlots(rate, 0).step() / rate.per_second();
+            EXPECT_NEAR(frame_to_seconds(captions[i].begin, rate), GetParam().begins[i], slot);
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    CaptionFile, Sample,
+    testing::Values(SampleCase{"sample.scc",
+                               {"Every word of this clip\nreaches the viewer.", "♪ La la la ♪",
+                                "- Was that a café?\n- Yes. Überall.", "Shown around the minute."},
+                               {52 / 29.97, 175 / 29.97, 272 / 29.97, 1778 / 29.97}},
+                    SampleCase{"sample.mcc", {"From MCC"}, {20 / 29.97}},
+                    SampleCase{"sample.srt",
+                               {"A captioned programme,\nre-encoded.", "The second follows at once.",
+                                "Señor Peña - “olé!”"},
+                               {2.0, 4.0, 8.0}},
+                    SampleCase{"sample.vtt", {"At the top & on the left", "Rock <and> roll"}, {2.0, 5.0}}));
+
+}  // namespace
+}  // namespace gsve::captions

@@ -1,0 +1,437 @@
+#include "captions/repacer.h"
+
+#include <algorithm>
+#include <deque>
+#include <random>
+#include <stdexcept>
+
+#include <gtest/gtest.h>
+
+namespace gsve::captions {
+namespace {
+
+constexpr FrameRate kRates[] = {kRate23_976, kRate24, kRate25,    kRate29_97,
+                                kRate30,     kRate50, kRate59_94, kRate60};
+
+Word control(Command command, int field = 0) { return with_parity(command_word(command, field)); }
+
+Word text(char a, char b) {
+    return with_parity(make_word(static_cast<unsigned char>(a), static_cast<unsigned char>(b)));
+}
+
+// One source picture per entry, all at consecutive frames from 0.
+using Source = std::vector<PictureCaptions>;
+
+// A field's pair at every slot: mostly text, doubled and single control pairs, equal control pairs with and
+// without slack between them, and slack.
+class RandomField {
+public:
+    RandomField(std::mt19937& random, int field, double slack)
+        : random_(random), field_(field), slack_(slack) {}
+
+    Word next() {
+        if (queued_.empty()) refill();
+        const Word word = queued_.front();
+        queued_.pop_front();
+        return word;
+    }
+
+private:
+    void refill() {
+        if (std::uniform_real_distribution<>(0, 1)(random_) < slack_) {
+            queued_.assign(1 + random_() % 4, kNullPair);
+            return;
+        }
+        constexpr Command kCommands[] = {kEndOfCaption, kBackspace, kCarriageReturn};
+        const Word word = control(kCommands[random_() % 3], field_);
+        switch (random_() % 6) {
+            case 0: queued_ = {word, word}; break;
+            case 1: queued_ = {word}; break;
+            case 2: queued_ = {word, word, kNullPair, word, word}; break;
+            case 3: queued_ = {word, kNullPair, word}; break;
+            default:
+                queued_ = {
+                    text(static_cast<char>('A' + serial_++ % 26), static_cast<char>('a' + serial_ % 25))};
+        }
+    }
+
+    std::mt19937& random_;
+    int field_;
+    double slack_;
+    std::deque<Word> queued_;
+    int serial_ = 0;
+};
+
+Source random_source(FrameRate rate, int pictures, double slack, std::mt19937& random) {
+    RandomField fields[] = {{random, 0, slack}, {random, 1, slack}};
+    const PictureBudget budget = picture_budget(rate);
+    Source source(static_cast<std::size_t>(pictures));
+    int serial = 0;
+    for (int picture = 0; picture < pictures; ++picture) {
+        PictureCaptions& captions = source[static_cast<std::size_t>(picture)];
+        for (int field = 0; field < 2; ++field)
+            if (FieldSlots(rate, field).on_picture(picture))
+                captions.fields[field].push_back(fields[field].next());
+        const int constructs =
+            static_cast<int>(random() % static_cast<unsigned>(budget.cea708_constructs + 1));
+        for (int i = 0; i < constructs; ++i, ++serial)
+            captions.cea708.push_back({static_cast<std::uint8_t>(random() % 2 ? 0xFE : 0xFF),
+                                       static_cast<std::uint8_t>(serial >> 8),
+                                       static_cast<std::uint8_t>(serial)});
+    }
+    return source;
+}
+
+// What a receiver acts upon: a control pair in the slot after an equal one is its repetition.
+class Receiver {
+public:
+    void slot(Word word) {
+        const bool repetition = is_control(word) && word == newest_control_;
+        newest_control_ = is_control(word) && !repetition ? word : Word{0};
+        if (word != 0 && !is_null(word) && !repetition) acted.push_back(word);
+    }
+
+    std::vector<Word> acted;
+
+private:
+    Word newest_control_ = 0;
+};
+
+// The encoder's intake queues and the share that a picture takes, with their bounds.
+struct EncoderQueues {
+    std::deque<Word> fields[2];
+    std::deque<Cea708Construct> cea708;
+    std::size_t deepest_field = 0;
+    std::size_t deepest_cea708 = 0;
+
+    void write(const PictureWrites& writes) {
+        for (int field = 0; field < 2; ++field)
+            if (writes.words[field] != 0) fields[field].push_back(writes.words[field]);
+        cea708.insert(cea708.end(), writes.cea708.begin(), writes.cea708.end());
+        deepest_field = std::max({deepest_field, fields[0].size(), fields[1].size()});
+        deepest_cea708 = std::max(deepest_cea708, cea708.size());
+    }
+
+    PictureWrites take(std::int64_t picture, FrameRate rate) {
+        const PictureBudget budget = picture_budget(rate);
+        PictureWrites taken;
+        for (int field = 0; field < 2; ++field) {
+            if (fields[field].empty() || (budget.alternating_fields && picture % 2 != field)) continue;
+            taken.words[field] = fields[field].front();
+            fields[field].pop_front();
+        }
+        while (!cea708.empty() && taken.cea708.size() < static_cast<std::size_t>(budget.cea708_constructs)) {
+            taken.cea708.push_back(cea708.front());
+            cea708.pop_front();
+        }
+        return taken;
+    }
+};
+
+struct Carried {
+    std::vector<Word> pairs[2];
+    std::vector<Cea708Construct> cea708;
+    Receiver receivers[2];
+};
+
+Carried carried_by(const Source& source) {
+    Carried carried;
+    for (std::size_t picture = 0; picture < source.size(); ++picture) {
+        for (int field = 0; field < 2; ++field)
+            for (const Word word : source[picture].fields[field]) {
+                carried.receivers[field].slot(word);
+                if (!is_null(word)) carried.pairs[field].push_back(word);
+            }
+        carried.cea708.insert(carried.cea708.end(), source[picture].cea708.begin(),
+                              source[picture].cea708.end());
+    }
+    return carried;
+}
+
+struct Result {
+    Carried carried;
+    std::size_t deepest_field = 0;
+    std::size_t deepest_cea708 = 0;
+    std::size_t left_in_encoder = 0;
+    std::size_t most_waiting = 0;
+    std::int64_t largest_delay = 0;
+};
+
+// Pushes each source picture before the first output picture that begins no earlier, as a transcoder does,
+// and pulls until nothing waits.
+Result transcode(const Source& source, FrameRate from, FrameRate to) {
+    Result result;
+    Repacer repacer(from, to);
+    EncoderQueues encoder;
+    std::size_t pushed = 0;
+    for (std::int64_t picture = 0; picture < 1000000; ++picture) {
+        for (; pushed < source.size() && begins_by(static_cast<std::int64_t>(pushed), from, picture, to);
+             ++pushed)
+            repacer.push(static_cast<std::int64_t>(pushed), source[pushed]);
+        if (pushed == source.size()) repacer.finish();
+        encoder.write(repacer.pull(picture));
+        const PictureWrites taken = encoder.take(picture, to);
+        for (int field = 0; field < 2; ++field) {
+            if (FieldSlots(to, field).on_picture(picture))
+                result.carried.receivers[field].slot(taken.words[field]);
+            if (taken.words[field] != 0) result.carried.pairs[field].push_back(taken.words[field]);
+        }
+        result.carried.cea708.insert(result.carried.cea708.end(), taken.cea708.begin(), taken.cea708.end());
+        result.most_waiting = std::max(result.most_waiting, repacer.pending());
+        result.left_in_encoder += encoder.fields[0].size() + encoder.fields[1].size() + encoder.cea708.size();
+        if (pushed == source.size() && repacer.pending() == 0) break;
+    }
+    result.deepest_field = encoder.deepest_field;
+    result.deepest_cea708 = encoder.deepest_cea708;
+    result.largest_delay = repacer.largest_delay();
+    return result;
+}
+
+double pair_rate(FrameRate rate) { return rate.per_second() / FieldSlots(rate, 0).step(); }
+
+TEST(Repacer, CarriesEverythingOnceAndInOrderBetweenAllRates) {
+    std::mt19937 random(608);
+    for (const FrameRate from : kRates)
+        for (const FrameRate to : kRates) {
+            SCOPED_TRACE(std::to_string(from.per_second()) + " to " + std::to_string(to.per_second()));
+            for (const double slack : {0.0, 0.2, 0.7}) {
+                const Source source = random_source(from, 900, slack, random);
+                const Carried expected = carried_by(source);
+                const Result result = transcode(source, from, to);
+                for (int field = 0; field < 2; ++field) {
+                    ASSERT_FALSE(expected.pairs[field].empty());
+                    ASSERT_EQ(result.carried.pairs[field], expected.pairs[field]);
+                    ASSERT_EQ(result.carried.receivers[field].acted, expected.receivers[field].acted);
+                }
+                ASSERT_EQ(result.carried.cea708, expected.cea708);
+                EXPECT_EQ(result.left_in_encoder, 0U);
+                EXPECT_EQ(result.deepest_field, 1U);
+                EXPECT_LE(result.deepest_cea708,
+                          static_cast<std::size_t>(picture_budget(to).cea708_constructs));
+            }
+        }
+}
+
+TEST(Repacer, KeepsUpWhereTheOutputHasRoom) {
+    std::mt19937 random(708);
+    for (const FrameRate from : kRates)
+        for (const FrameRate to : kRates) {
+            if (pair_rate(to) < pair_rate(from)) continue;
+            SCOPED_TRACE(std::to_string(from.per_second()) + " to " + std::to_string(to.per_second()));
+            Source source = random_source(from, 900, 0.1, random);
+            for (PictureCaptions& captions : source)
+                captions.cea708.resize(std::min<std::size_t>(captions.cea708.size(), 6));
+            const Result result = transcode(source, from, to);
+            EXPECT_LE(result.most_waiting, 12U);
+            EXPECT_LE(result.largest_delay, 2 * FieldSlots(to, 0).step());
+        }
+}
+
+TEST(Repacer, PassesEqualRatesThroughUndelayed) {
+    std::mt19937 random(1);
+    for (const FrameRate rate : kRates) {
+        const Source source = random_source(rate, 300, 0.3, random);
+        Repacer repacer(rate, rate);
+        for (std::size_t picture = 0; picture < source.size(); ++picture) {
+            repacer.push(static_cast<std::int64_t>(picture), source[picture]);
+            const PictureWrites writes = repacer.pull(static_cast<std::int64_t>(picture));
+            for (int field = 0; field < 2; ++field) {
+                const std::vector<Word>& pairs = source[picture].fields[field];
+                const Word expected = pairs.empty() || is_null(pairs[0]) ? Word{0} : pairs[0];
+                ASSERT_EQ(writes.words[field], expected) << rate.per_second() << " picture " << picture;
+            }
+            ASSERT_EQ(writes.cea708, source[picture].cea708);
+        }
+        EXPECT_EQ(repacer.largest_delay(), 0);
+    }
+}
+
+TEST(Repacer, AlternatesFieldsAbove39PicturesPerSecond) {
+    Repacer repacer(kRate29_97, kRate59_94);
+    repacer.push(0, PictureCaptions{{{text('A', 'B')}, {text('c', 'd')}}, {}});
+    repacer.push(1, PictureCaptions{{{text('E', 'F')}, {text('g', 'h')}}, {}});
+    repacer.finish();
+    const Word expected[][2] = {
+        {text('A', 'B'), 0}, {0, text('c', 'd')}, {text('E', 'F'), 0}, {0, text('g', 'h')}};
+    for (int picture = 0; picture < 4; ++picture) {
+        const PictureWrites writes = repacer.pull(picture);
+        EXPECT_EQ(writes.words[0], expected[picture][0]) << picture;
+        EXPECT_EQ(writes.words[1], expected[picture][1]) << picture;
+    }
+    EXPECT_TRUE(repacer.pull(4).empty());
+}
+
+TEST(Repacer, KeepsARepetitionNextToItsCommandWhenSlotsAreFiner) {
+    // At 24 the pair and its repetition are 1/24 s apart; at 30 an idle slot would fall between some.
+    for (int shift = 0; shift < 8; ++shift) {
+        Repacer repacer(kRate24, kRate30);
+        Schedule schedule{
+            kRate24, {{shift, 0, control(kEndOfCaption)}, {shift + 1, 0, control(kEndOfCaption)}}, {}};
+        repacer.push(schedule);
+        std::vector<std::int64_t> pictures;
+        for (std::int64_t picture = 0; picture < 20; ++picture)
+            if (repacer.pull(picture).words[0] != 0) pictures.push_back(picture);
+        ASSERT_EQ(pictures.size(), 2U);
+        EXPECT_EQ(pictures[1], pictures[0] + 1) << shift;
+    }
+}
+
+TEST(Repacer, KeepsTwoCommandsApartThatHadSlackBetween) {
+    Repacer repacer(kRate59_94, kRate23_976);
+    const Word bs = control(kBackspace);
+    repacer.push(Schedule{kRate59_94, {{0, 0, bs}, {4, 0, bs}}, {}});
+    std::vector<Word> slots;
+    for (std::int64_t picture = 0; picture < 6; ++picture) slots.push_back(repacer.pull(picture).words[0]);
+    EXPECT_EQ(slots, (std::vector<Word>{bs, 0, bs, 0, 0, 0}));
+}
+
+TEST(Repacer, TakesNullPairsOnTheOtherFieldsPicturesForNoSlack) {
+    Repacer repacer(kRate59_94, kRate29_97);
+    const Word eoc = control(kEndOfCaption);
+    std::int64_t frame = 0;
+    for (const Word word : {eoc, kNullPair, eoc, kNullPair})
+        repacer.push(frame++, PictureCaptions{{{word}, {}}, {}});
+    EXPECT_EQ(repacer.pull(0).words[0], eoc);
+    EXPECT_EQ(repacer.pull(1).words[0], eoc);
+}
+
+TEST(Repacer, HoldsNoTextBack) {
+    Repacer repacer(kRate24, kRate30);
+    for (std::int64_t frame = 0; frame < 8; ++frame) {
+        repacer.push(frame, PictureCaptions{{{text('a', 'a')}, {}}, {}});
+        EXPECT_EQ(repacer.pull(first_frame_not_before(frame, kRate24, kRate30)).words[0], text('a', 'a'));
+    }
+}
+
+TEST(Repacer, LeavesOtherConstructsThanDtvccOut) {
+    Repacer repacer(kRate25, kRate25);
+    repacer.push(0, PictureCaptions{{}, {{0xFA, 0, 0}, {0xFF, 1, 2}, {0xFC, 0x94, 0x20}, {0xFE, 3, 4}}});
+    EXPECT_EQ(repacer.pull(0).cea708, (std::vector<Cea708Construct>{{0xFF, 1, 2}, {0xFE, 3, 4}}));
+    EXPECT_EQ(repacer.pending(), 0U);
+}
+
+TEST(Repacer, CountsWhatWaits) {
+    Repacer repacer(kRate25, kRate25);
+    repacer.push(0, PictureCaptions{{{text('a', 'b'), text('c', 'd'), text('e', 'f')}, {}}, {}});
+    repacer.finish();
+    repacer.pull(0);
+    EXPECT_EQ(repacer.pending(), 2U);
+    repacer.pull(1);
+    repacer.pull(2);
+    EXPECT_EQ(repacer.pending(), 0U);
+    EXPECT_EQ(repacer.largest_delay(), 2);
+}
+
+TEST(Repacer, RefusesAScheduleOfAnotherRate) {
+    Repacer repacer(kRate25, kRate50);
+    EXPECT_THROW(repacer.push(Schedule{kRate50, {}, {}}), std::invalid_argument);
+}
+
+// A pop-on load of `length` text pairs that ends with End Of Caption on `shown`.
+Schedule pop_on_load(FrameRate rate, int length, std::int64_t shown) {
+    std::vector<Word> words{control(kResumeCaptionLoading), control(kResumeCaptionLoading)};
+    for (int i = 0; i < length; ++i)
+        words.push_back(text(static_cast<char>('A' + i % 26), static_cast<char>('a' + i % 26)));
+    words.insert(words.end(), 2, control(kEndOfCaption));
+    const std::int64_t first = shown - static_cast<std::int64_t>(words.size()) + 2;
+    Schedule schedule{rate, {}, {}};
+    for (std::size_t i = 0; i < words.size(); ++i)
+        schedule.eia608.push_back({first + static_cast<std::int64_t>(i), 0, words[i]});
+    return schedule;
+}
+
+std::vector<Word> words_of(const Schedule& schedule) {
+    std::vector<Word> words;
+    for (const Eia608Event& event : schedule.eia608) words.push_back(event.word);
+    return words;
+}
+
+TEST(Retime, ShowsAPopOnCaptionOnItsPictureAtEveryRate) {
+    const Schedule source = pop_on_load(kRate29_97, 30, 90);
+    for (const FrameRate rate : kRates) {
+        SCOPED_TRACE(rate.per_second());
+        Report report;
+        const Schedule timed = retime(source, rate, report);
+        EXPECT_EQ(words_of(timed), words_of(source));
+        const FieldSlots slots(rate, 0);
+        const std::int64_t due =
+            slots.picture_of(slots.first_slot_not_before(first_frame_not_before(90, kRate29_97, rate)));
+        ASSERT_GE(timed.eia608.size(), 2U);
+        EXPECT_EQ(timed.eia608[timed.eia608.size() - 2].frame, due);
+        EXPECT_EQ(timed.eia608.back().frame, due + slots.step());
+        EXPECT_TRUE(report.empty()) << report.lines().front();
+    }
+}
+
+TEST(Retime, ReportsWhatComesLate) {
+    // Roll-up text is displayed as it arrives, so that it cannot be sent early.
+    Schedule source{kRate29_97, {{0, 0, control(kRollUp2)}, {1, 0, control(kRollUp2)}}, {}};
+    for (int i = 0; i < 60; ++i) source.eia608.push_back({2 + i, 0, text('x', 'y')});
+    Report report;
+    const Schedule timed = retime(source, kRate25, report);
+    EXPECT_EQ(words_of(timed), words_of(source));
+    EXPECT_EQ(timed.eia608.back().frame, 61);
+    ASSERT_EQ(report.count(WarningKind::kDelayedPairs), 1U);
+    // The pair of frame f is due on picture ceil(f * 25 / 29.97) and goes on picture f: late from f = 7 on,
+    // and by ten pictures for f = 61.
+    EXPECT_EQ(report.lines()[0],
+              "55 caption byte pairs of field 1 are sent late, by up to 0.40 s: 25 pictures per "
+              "second carry fewer pairs than the source");
+}
+
+TEST(Retime, LeavesAScheduleThatFitsUnchanged) {
+    std::mt19937 random(5);
+    for (const FrameRate rate : kRates) {
+        const Source source = random_source(rate, 600, 0.3, random);
+        Schedule schedule{rate, {}, {}};
+        for (std::size_t picture = 0; picture < source.size(); ++picture)
+            append(schedule, static_cast<std::int64_t>(picture), source[picture]);
+        std::erase_if(schedule.cea708, [](const Cea708Event& event) { return event.constructs.empty(); });
+        Report report;
+        const Schedule timed = retime(schedule, rate, report);
+        EXPECT_EQ(timed.eia608, schedule.eia608) << rate.per_second();
+        EXPECT_EQ(timed.cea708, schedule.cea708);
+        EXPECT_TRUE(report.empty());
+    }
+}
+
+TEST(Retime, CarriesEverythingWithinTheBudgetBetweenAllRates) {
+    std::mt19937 random(11);
+    for (const FrameRate from : kRates)
+        for (const FrameRate to : kRates) {
+            SCOPED_TRACE(std::to_string(from.per_second()) + " to " + std::to_string(to.per_second()));
+            const Source source = random_source(from, 400, 0.2, random);
+            const Carried expected = carried_by(source);
+            Schedule schedule{from, {}, {}};
+            for (std::size_t picture = 0; picture < source.size(); ++picture)
+                append(schedule, static_cast<std::int64_t>(picture), source[picture]);
+            Report report;
+            const Schedule timed = retime(schedule, to, report);
+
+            Carried carried;
+            std::int64_t newest[2] = {-2, -2};
+            for (const Eia608Event& event : timed.eia608) {
+                const FieldSlots slots(to, event.field);
+                ASSERT_TRUE(slots.on_picture(event.frame));
+                ASSERT_GT(event.frame, newest[event.field]);
+                if (event.frame - newest[event.field] > slots.step())
+                    carried.receivers[event.field].slot(kNullPair);
+                carried.receivers[event.field].slot(event.word);
+                newest[event.field] = event.frame;
+                carried.pairs[event.field].push_back(event.word);
+            }
+            for (const Cea708Event& event : timed.cea708) {
+                ASSERT_LE(event.constructs.size(),
+                          static_cast<std::size_t>(picture_budget(to).cea708_constructs));
+                carried.cea708.insert(carried.cea708.end(), event.constructs.begin(), event.constructs.end());
+            }
+            for (int field = 0; field < 2; ++field) {
+                EXPECT_EQ(carried.pairs[field], expected.pairs[field]);
+                EXPECT_EQ(carried.receivers[field].acted, expected.receivers[field].acted);
+            }
+            EXPECT_EQ(carried.cea708, expected.cea708);
+        }
+}
+
+}  // namespace
+}  // namespace gsve::captions

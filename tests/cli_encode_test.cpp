@@ -1,0 +1,513 @@
+// gsve encode, from its command line to what a player makes of the files.
+
+#include <fcntl.h>
+#include <pty.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <numeric>
+#include <regex>
+#include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "support/clip.h"
+#include "support/program.h"
+
+namespace {
+
+using namespace gsve::test;
+using nlohmann::json;
+using testing::HasSubstr;
+using testing::Not;
+
+constexpr unsigned kPictures = 26;
+
+json report_of(const ProgramResult& result) { return json::parse(result.out); }
+
+/// The pictures of a decoded clip are those of `numbers`, in order.
+void expect_pictures(const DecodedClip& clip, const ClipFormat& format, const std::vector<unsigned>& numbers,
+                     unsigned source_pictures) {
+    ASSERT_EQ(clip.pictures.size(), numbers.size());
+    EXPECT_EQ(clip.errors, 0);
+    for (size_t n = 0; n < numbers.size(); n++) {
+        EXPECT_EQ(recognise(clip.pictures[n], format, source_pictures), numbers[n]) << "picture " << n;
+        EXPECT_GT(luma_psnr(clip.pictures[n], format, numbers[n]), 30) << "picture " << n;
+    }
+}
+
+/// Every picture is shown at its source frame number, and decoding times rise and never pass presentation.
+void expect_times(const DecodedClip& clip, const ClipFormat& format, const std::vector<unsigned>& numbers) {
+    ASSERT_EQ(clip.pictures.size(), numbers.size());
+    const double origin = clip.pictures[0].seconds - numbers[0] / av_q2d(format.rate);
+    for (size_t n = 0; n < numbers.size(); n++)
+        EXPECT_NEAR((clip.pictures[n].seconds - origin) * av_q2d(format.rate), numbers[n], 0.05)
+            << "picture " << n;
+    for (size_t n = 0; n < clip.packet_dts.size(); n++) {
+        if (clip.packet_dts[n] == AV_NOPTS_VALUE) continue;  // Matroska keeps presentation times only
+        EXPECT_LE(clip.packet_dts[n], clip.packet_pts[n]) << "packet " << n;
+        if (n > 0) {
+            EXPECT_GT(clip.packet_dts[n], clip.packet_dts[n - 1]) << "packet " << n;
+        }
+    }
+}
+
+std::vector<unsigned> every(unsigned step, unsigned pictures) {
+    std::vector<unsigned> numbers;
+    for (unsigned n = 0; n < pictures; n += step) numbers.push_back(n);
+    return numbers;
+}
+
+struct Codec {
+    const char* name;
+    const char* extension;
+    AVCodecID id;
+};
+constexpr Codec kCodecs[] = {{"mpeg-2", ".m2v", AV_CODEC_ID_MPEG2VIDEO},
+                             {"h.264", ".h264", AV_CODEC_ID_H264},
+                             {"h.265", ".h265", AV_CODEC_ID_HEVC}};
+
+class EncodeCommand : public testing::Test {
+protected:
+    std::string y4m(const ClipFormat& format, unsigned pictures = kPictures) {
+        const std::string path = directory / "in.y4m";
+        write_y4m(path, format, pictures);
+        return path;
+    }
+    ScratchDirectory directory;
+};
+
+class EncodeToContainer : public EncodeCommand,
+                          public testing::WithParamInterface<std::tuple<Codec, const char*>> {};
+
+TEST_P(EncodeToContainer, CarriesEveryPictureOnceAtItsTime) {
+    const auto& [codec, extension] = GetParam();
+    const ClipFormat format = {.rate = {30000, 1001}};
+    const std::string out = directory / (std::string("out") + extension);
+    const ProgramResult result = run({"encode", y4m(format), out, "--codec", codec.name, "--report", "json"});
+    ASSERT_EQ(result.status, 0) << result.err;
+
+    const DecodedClip clip = decode_clip(out);
+    EXPECT_EQ(clip.codec, codec.id);
+    expect_pictures(clip, format, every(1, kPictures), kPictures);
+    expect_times(clip, format, every(1, kPictures));
+
+    std::map<std::string, int> types;
+    for (const DecodedPicture& picture : clip.pictures) types[{picture.type}]++;
+    EXPECT_EQ(report_of(result)["pictures"]["types"].get<decltype(types)>(), types);
+    EXPECT_GT(types["B"], 0) << "nothing is reordered here";
+}
+
+INSTANTIATE_TEST_SUITE_P(Grid, EncodeToContainer,
+                         testing::Combine(testing::ValuesIn(kCodecs),
+                                          testing::Values(".ts", ".mp4", ".mkv")));
+
+class EncodeToElementaryStream : public EncodeCommand, public testing::WithParamInterface<Codec> {};
+
+TEST_P(EncodeToElementaryStream, TakesTheCodecFromTheNameAndCarriesEveryPicture) {
+    const ClipFormat format;
+    const std::string out = directory / (std::string("out") + GetParam().extension);
+    const ProgramResult result = run({"encode", y4m(format), out, "--report", "json"});
+    ASSERT_EQ(result.status, 0) << result.err;
+    const DecodedClip clip = decode_clip(out);
+    EXPECT_EQ(clip.codec, GetParam().id);
+    expect_pictures(clip, format, every(1, kPictures), kPictures);
+
+    const json report = report_of(result);
+    EXPECT_EQ(report["encoder"], GetParam().name);
+    EXPECT_EQ(report["pictures"]["in"], kPictures);
+    EXPECT_EQ(report["pictures"]["out"], kPictures);
+    EXPECT_EQ(report["bytes"], read_file(out).size());
+    EXPECT_GT(report["pictures"]["held_back"], 0);
+    EXPECT_NEAR(report["bit_rate"]["mean"].get<double>(), read_file(out).size() * 8.0 * 25 / kPictures, 1);
+    EXPECT_EQ(report["status"].size(), 4u) << report["status"];
+}
+
+INSTANTIATE_TEST_SUITE_P(Codecs, EncodeToElementaryStream, testing::ValuesIn(kCodecs));
+
+class EncodeAtDividedRate : public EncodeCommand,
+                            public testing::WithParamInterface<std::tuple<Codec, unsigned, const char*>> {};
+
+TEST_P(EncodeAtDividedRate, ShowsEachRemainingPictureAtItsSourceTime) {
+    const auto& [codec, divider, per_frame] = GetParam();
+    const ClipFormat format = {.rate = {60, 1}};
+    const std::string limit = "frame rate limit=" + std::to_string(60 / divider);
+    const std::string control = std::string("constant bitrate per frame=") + per_frame;
+    const std::string out = directory / "out.mp4";
+    const ProgramResult result = run({"encode", y4m(format, 40), out, "--codec", codec.name, "--set", limit,
+                                      "--set", control, "--report", "json"});
+    ASSERT_EQ(result.status, 0) << result.err;
+
+    const std::vector<unsigned> numbers = every(divider, 40);
+    const DecodedClip clip = decode_clip(out);
+    expect_pictures(clip, format, numbers, 40);
+    expect_times(clip, format, numbers);
+    const json pictures = report_of(result)["pictures"];
+    EXPECT_EQ(pictures["in"], 40);
+    EXPECT_EQ(pictures["out"], numbers.size());
+    EXPECT_EQ(pictures["skipped"], 40 - numbers.size());
+    EXPECT_EQ(pictures["dropped"], 0);
+    EXPECT_EQ(pictures["lost"], 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Grid, EncodeAtDividedRate,
+                         testing::Combine(testing::ValuesIn(kCodecs), testing::Values(1u, 2u, 3u),
+                                          testing::Values("0", "1")));
+
+TEST_F(EncodeCommand, KeepsTimesWithoutBPictures) {
+    const ClipFormat format;
+    const std::string out = directory / "out.mp4";
+    ASSERT_EQ(run({"encode", y4m(format), out, "--set", "b frames=0"}).status, 0);
+    const DecodedClip clip = decode_clip(out);
+    expect_pictures(clip, format, every(1, kPictures), kPictures);
+    expect_times(clip, format, every(1, kPictures));
+    EXPECT_EQ(clip.packet_pts, clip.packet_dts);
+}
+
+TEST_F(EncodeCommand, FailsRatherThanMisplacePicturesWhenTheirTimesAreLost) {
+    const ProgramResult result =
+        run({"encode", y4m({}, 100), directory / "out.mp4", "--set", "constant bitrate per frame=1", "--set",
+             "h.264 preset=placebo", "--set", "b frames=16"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, HasSubstr("choose a faster \"h.264 preset\""));
+}
+
+TEST_F(EncodeCommand, CountsPicturesDroppedForTheBitRate) {
+    const std::string out = directory / "out.ts";
+    const ProgramResult result =
+        run({"encode", y4m({}, 60), out, "--codec", "mpeg-2", "--set", "drop frame for bitrate limit=on",
+             "--set", "bitrate=20000", "--set", "min bitrate=0", "--report", "json"});
+    ASSERT_EQ(result.status, 0) << result.err;
+    const json pictures = report_of(result)["pictures"];
+    EXPECT_GT(pictures["dropped"], 0);
+    EXPECT_EQ(pictures["out"].get<int>() + pictures["dropped"].get<int>(), 60);
+    const DecodedClip clip = decode_clip(out);
+    EXPECT_EQ(clip.pictures.size(), pictures["out"]);
+    for (size_t n = 1; n < clip.packet_dts.size(); n++) EXPECT_GT(clip.packet_dts[n], clip.packet_dts[n - 1]);
+}
+
+TEST_F(EncodeCommand, CropsOddSizesAndSaysSo) {
+    const ClipFormat format = {.width = 131, .height = 97};
+    const std::string out = directory / "out.mp4";
+    const ProgramResult result = run({"encode", y4m(format), out});
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_THAT(result.err, HasSubstr("cropped from 131x97 to 130x96"));
+    const DecodedClip clip = decode_clip(out);
+    EXPECT_EQ(clip.pictures[0].width, 130);
+    EXPECT_EQ(clip.pictures[0].height, 96);
+    expect_pictures(clip, format, every(1, kPictures), kPictures);
+}
+
+class EncodeInterlaced : public EncodeCommand,
+                         public testing::WithParamInterface<std::tuple<const char*, char>> {};
+
+TEST_P(EncodeInterlaced, CarriesTheFieldOrder) {
+    const auto& [codec, interlacing] = GetParam();
+    const ClipFormat format = {.interlacing = interlacing};
+    const std::string out = directory / "out.mp4";
+    ASSERT_EQ(run({"encode", y4m(format), out, "--codec", codec}).status, 0);
+    for (const DecodedPicture& picture : decode_clip(out).pictures) {
+        EXPECT_EQ(picture.interlaced, interlacing != 'p');
+        EXPECT_EQ(picture.top_field_first, interlacing == 't');
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Grid, EncodeInterlaced,
+                         testing::Combine(testing::Values("mpeg-2", "h.264"),
+                                          testing::Values('p', 't', 'b')));
+
+TEST_F(EncodeCommand, KeepsWholeLinePairsInEachFieldOfInterlacedPictures) {
+    const std::string out = directory / "out.mp4";
+    const ProgramResult result = run({"encode", y4m({.height = 98, .interlacing = 't'}), out});
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(decode_clip(out).pictures[0].height, 96);
+}
+
+class EncodeAspectRatio : public EncodeCommand, public testing::WithParamInterface<Codec> {};
+
+TEST_P(EncodeAspectRatio, CarriesTheDisplayAspectRatio) {
+    const ClipFormat format = {.width = 720, .height = 576, .sample_aspect = {64, 45}};  // 16:9
+    const std::string out = directory / (std::string("out") + GetParam().extension);
+    ASSERT_EQ(run({"encode", y4m(format, 3), out}).status, 0);
+    const AVRational sample = decode_clip(out).pictures.at(0).sample_aspect;
+    EXPECT_EQ(av_cmp_q(sample, {64, 45}), 0) << sample.num << ":" << sample.den;
+}
+
+INSTANTIATE_TEST_SUITE_P(Codecs, EncodeAspectRatio, testing::ValuesIn(kCodecs));
+
+TEST_F(EncodeCommand, TakesSamplesAsSquareWhenTheSourceDoesNotTell) {
+    const std::string out = directory / "out.mp4";
+    ASSERT_EQ(run({"encode", y4m({.width = 160, .height = 90, .sample_aspect = {0, 0}}, 3), out}).status, 0);
+    EXPECT_EQ(av_cmp_q(decode_clip(out).pictures.at(0).sample_aspect, {1, 1}), 0);
+}
+
+TEST_F(EncodeCommand, HandsOverFourTwoTwo) {
+    const ClipFormat format = {.shift_x = 1, .shift_y = 0};
+    const std::string out = directory / "out.ts";
+    ASSERT_EQ(run({"encode", y4m(format), out, "--codec", "mpeg-2"}).status, 0);
+    const DecodedClip clip = decode_clip(out);
+    EXPECT_EQ(clip.pictures.at(0).format, AV_PIX_FMT_YUV422P);
+    expect_pictures(clip, format, every(1, kPictures), kPictures);
+}
+
+TEST_F(EncodeCommand, ConvertsPixelFormatsThatNoCodecHas) {
+    const ClipFormat dv = {.shift_x = 2, .shift_y = 0};
+    const std::string out = directory / "out.mp4";
+    const ProgramResult result = run({"encode", y4m(dv), out});
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_THAT(result.err, HasSubstr("converted from yuv411p to yuv420p"));
+    expect_pictures(decode_clip(out), dv, every(1, kPictures), kPictures);
+}
+
+std::vector<int64_t> regular_times(unsigned pictures, int64_t period_ms) {
+    std::vector<int64_t> times;
+    for (unsigned n = 0; n < pictures; n++) times.push_back(n * period_ms);
+    return times;
+}
+
+TEST_F(EncodeCommand, ConvertsTenBitPictures) {
+    const std::string in = directory / "in.mkv";
+    const std::string out = directory / "out.mp4";
+    const ClipFormat format;
+    write_mkv(in, format, regular_times(kPictures, 40), AV_PIX_FMT_YUV420P10);
+    const ProgramResult result = run({"encode", in, out});
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_THAT(result.err, HasSubstr("converted from yuv420p10le to yuv420p"));
+    expect_pictures(decode_clip(out), format, every(1, kPictures), kPictures);
+}
+
+TEST_F(EncodeCommand, SaysThatOnlyVideoIsCarried) {
+    const std::string in = directory / "in.mkv";
+    write_mkv(in, {}, regular_times(kPictures, 40), AV_PIX_FMT_YUV420P, true);
+    const ProgramResult result = run({"encode", in, directory / "out.ts"});
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_THAT(result.err, HasSubstr("only video is carried: stream 0 of 2 is encoded"));
+}
+
+TEST_F(EncodeCommand, RepeatsPicturesToMakeAVariableFrameRateConstant) {
+    const ClipFormat format = {.rate = {25, 1}};
+    const std::string in = directory / "in.mkv";
+    const std::string out = directory / "out.mp4";
+    std::vector<int64_t> times;
+    std::vector<unsigned> shown;  // source picture in each 40 ms
+    for (unsigned n = 0; n < 24; n++) {
+        times.push_back(static_cast<int64_t>(shown.size()) * 40);
+        shown.insert(shown.end(), n % 3 == 1 ? 3 : 1, n);
+    }
+    shown.resize(times.back() / 40 + 1);
+    write_mkv(in, format, times);
+    const ProgramResult result = run({"encode", in, out, "--report", "json"});
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(report_of(result)["pictures"]["decoded"], 24);
+
+    const DecodedClip clip = decode_clip(out);
+    ASSERT_GE(clip.pictures.size(), shown.size());
+    for (size_t n = 0; n < shown.size(); n++)
+        EXPECT_EQ(recognise(clip.pictures[n], format, 24), shown[n]) << "picture " << n;
+}
+
+TEST_F(EncodeCommand, ChangesTheFrameRateOnRequest) {
+    const ClipFormat format = {.rate = {50, 1}};
+    const std::string out = directory / "out.mp4";
+    const ProgramResult result = run({"encode", y4m(format, 40), out, "--rate", "25"});
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_THAT(result.err, HasSubstr("the frame rate is 50.000: made 25.000 pictures/s"));
+    const DecodedClip clip = decode_clip(out);
+    EXPECT_EQ(clip.pictures.size(), 20u);
+    for (size_t n = 1; n < clip.pictures.size(); n++)
+        EXPECT_NEAR(clip.pictures[n].seconds - clip.pictures[n - 1].seconds, 0.04, 1e-6);
+}
+
+TEST_F(EncodeCommand, GoesOnWhereARecordingsClockRestarts) {
+    const ClipFormat format;
+    const std::string part = directory / "part.ts";
+    const std::string joined = directory / "joined.ts";
+    const std::string out = directory / "out.mp4";
+    ASSERT_EQ(run({"encode", y4m(format, 30), part, "--codec", "mpeg-2"}).status, 0);
+    std::ofstream(joined, std::ios::binary) << read_file(part) << read_file(part);
+    ASSERT_EQ(run({"encode", joined, out}).status, 0);
+    std::vector<unsigned> twice = every(1, 30);
+    twice.insert(twice.end(), twice.begin(), twice.begin() + 30);
+    expect_pictures(decode_clip(out), format, twice, 30);
+}
+
+TEST_F(EncodeCommand, WarnsOfAConstantRateTooLowForMpeg2) {
+    const std::string in = y4m({.width = 320, .height = 240}, 3);
+    const std::vector<std::string> starved = {"encode", in,      directory / "out.m2v",
+                                              "-y",     "--set", "bitrate=40000"};
+    EXPECT_THAT(run(starved).err, HasSubstr("40000 bits/s is very little for 320x240 MPEG-2"));
+    std::vector<std::string> variable = starved;
+    variable.insert(variable.end(), {"--set", "min bitrate=0"});
+    const ProgramResult result = run(variable);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.err, Not(HasSubstr("very little")));
+}
+
+TEST_F(EncodeCommand, ShowsProgressOnATerminal) {
+    const std::string in = y4m({});
+    const std::string out = directory / "out.ts";
+    int terminal = -1;
+    const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
+    if (child == 0) {
+        execl(GSVE_PROGRAM, GSVE_PROGRAM, "encode", in.c_str(), out.c_str(), nullptr);
+        _exit(127);
+    }
+    std::string shown;
+    char bytes[4096];
+    for (ssize_t count; (count = read(terminal, bytes, sizeof bytes)) > 0;) shown.append(bytes, count);
+    int status = -1;
+    waitpid(child, &status, 0);
+    close(terminal);
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(
+        std::regex_search(shown, std::regex("picture 1  [0-9.]+ pictures/s  [0-9.]+x  [0-9.]+ Mbit/s  "
+                                            "+3%  left [0-9]+:[0-9]{2}\r")))
+        << shown;
+}
+
+TEST_F(EncodeCommand, SummarisesForAReader) {
+    const ProgramResult result =
+        run({"encode", y4m({.rate = {50, 1}}, 60), directory / "out.ts", "--set", "frame rate limit=25"});
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_THAT(result.out, HasSubstr("out.ts: h.264 128x96 at 25.000 pictures/s"));
+    EXPECT_THAT(result.out, HasSubstr("60 in, 30 out"));
+    EXPECT_THAT(result.out, HasSubstr("30 skipped by the frame-rate limit, 0 dropped for the bit rate"));
+    EXPECT_THAT(result.out, HasSubstr("Mbit/s mean"));
+    EXPECT_THAT(result.err, Not(HasSubstr("\033"))) << "no progress bar without a terminal";
+}
+
+TEST_F(EncodeCommand, PrintsStatusPairsAsText) {
+    const ProgramResult result =
+        run({"encode", y4m({}), directory / "main.ts", "--report", "text", "--quiet"});
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_THAT(result.out, HasSubstr("*main, active: 1,res=128x96"));
+    EXPECT_THAT(result.out, HasSubstr("efc=26"));
+    EXPECT_THAT(result.out, HasSubstr("*main, last error: "));
+    EXPECT_THAT(result.out, Not(HasSubstr("Mbit/s mean")));
+}
+
+TEST_F(EncodeCommand, AppliesSettings) {
+    const std::string out = directory / "out.m2v";
+    const ProgramResult result =
+        run({"encode", y4m({}), out, "--set", "gop size=4", "--set", "b frames = 0", "--report", "json"});
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(report_of(result)["pictures"]["types"], (json{{"I", 7}, {"P", 19}}));
+}
+
+TEST_F(EncodeCommand, ShowsWhyTheCodecDoesNotOpenAndLeavesNoFile) {
+    const std::string out = directory / "out.ts";
+    const ProgramResult result = run({"encode", y4m({}), out, "--set", "h.264 profile=none such"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, HasSubstr("gsve: the h.264 encoder does not open: Unable to open encoder "
+                                      "(Encoding to pixel format 4:2:0"));
+    EXPECT_FALSE(std::filesystem::exists(out));
+}
+
+TEST_F(EncodeCommand, NamesTheLowestBitRate) {
+    const ProgramResult result = run({"encode", y4m({}), directory / "out.ts", "--set", "bitrate=9999"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, HasSubstr("Bitrate out of range; --set \"bitrate=N\" with N from 10000"));
+}
+
+TEST_F(EncodeCommand, RefusesToRunDisabled) {
+    EXPECT_EQ(run({"encode", y4m({}), directory / "out.ts", "--set", "enable=0"}).status, 2);
+}
+
+TEST_F(EncodeCommand, ReportsAMissingInput) {
+    const ProgramResult result = run({"encode", directory / "none.mpg", directory / "out.ts"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, HasSubstr("none.mpg: No such file or directory"));
+}
+
+TEST_F(EncodeCommand, ReportsAnInputWithoutPictures) {
+    const std::string in = directory / "in.y4m";
+    write_y4m(in, {}, 0);
+    EXPECT_EQ(run({"encode", in, directory / "out.ts"}).status, 1);
+}
+
+TEST_F(EncodeCommand, ReportsAnOutputThatCannotBeWritten) {
+    for (const char* name : {"no such directory/out.ts", "no such directory/out.m2v"}) {
+        const ProgramResult result = run({"encode", y4m({}), directory / name});
+        EXPECT_EQ(result.status, 1);
+        EXPECT_THAT(result.err, HasSubstr("out."));
+        EXPECT_THAT(result.err, HasSubstr("No such file or directory"));
+    }
+}
+
+TEST_F(EncodeCommand, ReportsAFullDisk) {
+    for (const char* name : {"out.ts", "out.h264"}) {
+        std::filesystem::create_symlink("/dev/full", directory / name);
+        const ProgramResult result = run({"encode", y4m({}), directory / name});
+        EXPECT_EQ(result.status, 1) << name;
+        EXPECT_THAT(result.err, HasSubstr("No space left on device")) << name;
+    }
+}
+
+TEST_F(EncodeCommand, OverwritesOnlyOnRequestAndNeverItsInput) {
+    const std::string in = directory / "in.mkv";
+    const std::string out = directory / "out.mkv";
+    write_mkv(in, {}, regular_times(kPictures, 40));
+    const std::string input_bytes = read_file(in);
+    ASSERT_EQ(run({"encode", in, out}).status, 0);
+    const ProgramResult refused = run({"encode", in, out});
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_THAT(refused.err, HasSubstr("exists: give -y to overwrite it"));
+    EXPECT_EQ(run({"encode", in, out, "-y"}).status, 0);
+    EXPECT_EQ(run({"encode", in, in, "-y"}).status, 2);
+    EXPECT_EQ(read_file(in), input_bytes);
+}
+
+TEST_F(EncodeCommand, FinishesTheFileWhenTheSourceChangesItsSize) {
+    const std::string first = directory / "first.h264";
+    const std::string second = directory / "second.h264";
+    const std::string joined = directory / "joined.h264";
+    const std::string out = directory / "out.mp4";
+    ASSERT_EQ(run({"encode", y4m({}, 20), first}).status, 0);
+    ASSERT_EQ(run({"encode", y4m({.width = 192}, 20), second}).status, 0);
+    std::ofstream(joined, std::ios::binary) << read_file(first) << read_file(second);
+    const ProgramResult result = run({"encode", joined, out});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, HasSubstr("changes from 128x96 to 192x96 (yuv420p) after 20 pictures"));
+    EXPECT_EQ(decode_clip(out).pictures.size(), 20u);
+}
+
+class EncodeStopped : public EncodeCommand, public testing::WithParamInterface<int> {};
+
+TEST_P(EncodeStopped, LeavesACompleteFile) {
+    const int signal = GetParam();
+    constexpr unsigned kWritten = 60;
+    const ClipFormat format;
+    const std::string in = directory / "in.y4m";
+    const std::string out = directory / "out.mp4";
+    ASSERT_EQ(mkfifo(in.c_str(), 0600), 0);
+    const Program program({"encode", in, out, "--report", "json"});
+    // The pipe holds three pictures: once all are written, most have been encoded, and the program waits.
+    const int pipe = open(in.c_str(), O_WRONLY);
+    std::string bytes = y4m_header(format);
+    for (unsigned n = 0; n < kWritten; n++) bytes += y4m_picture(format, n);
+    for (size_t written = 0; written < bytes.size();) {
+        const ssize_t count = write(pipe, bytes.data() + written, bytes.size() - written);
+        ASSERT_GT(count, 0);
+        written += count;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    program.send(signal);
+    const ProgramResult result = program.wait();
+    close(pipe);
+
+    EXPECT_EQ(result.status, 128 + signal) << result.err;
+    const json report = report_of(result);
+    EXPECT_EQ(report["stopped_by"], signal);
+    const DecodedClip clip = decode_clip(out);
+    EXPECT_GE(clip.pictures.size(), kWritten - 10);
+    EXPECT_EQ(clip.pictures.size(), report["pictures"]["out"]);
+    expect_pictures(clip, format, every(1, static_cast<unsigned>(clip.pictures.size())), kWritten);
+    expect_times(clip, format, every(1, static_cast<unsigned>(clip.pictures.size())));
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, EncodeStopped, testing::Values(SIGINT, SIGTERM));
+
+}  // namespace
