@@ -10,6 +10,7 @@
 #include <exception>
 #include <memory>
 #include <new>
+#include <string_view>
 #include <utility>
 
 #include <orb_utils_v4/comm.h>
@@ -29,6 +30,7 @@
 #include "detail/start_code.h"
 
 extern "C" {
+#include <libavutil/buffer.h>
 #include <libavutil/dict.h>
 }
 
@@ -717,6 +719,7 @@ void configure_time_base(Encoder& e);
 void configure_rate_control(Encoder& e);
 void configure_threads(Encoder& e);
 void set_h26x_options(Encoder& e, CodecOptions& options);
+void spare_picture_copy(Encoder& e);
 void open_debug_file(Encoder& e);
 bool make_working_planes(Encoder& e, AVPixelFormat source_format, const char* function);
 
@@ -757,6 +760,7 @@ bool Encoder::init_encoder() try {
                  static_cast<unsigned>(mpeg_context->thread_count),
                  static_cast<unsigned>(mpeg_context->active_thread_type),
                  static_cast<unsigned>(detail::ticks_per_frame(*mpeg_context)));
+    spare_picture_copy(*this);
     open_debug_file(*this);
     if (!make_working_planes(*this, source->pixel_format, __PRETTY_FUNCTION__)) return false;
 
@@ -1025,6 +1029,19 @@ void set_h26x_options(Encoder& e, CodecOptions& options) {
     const bool variable = context.rc_min_rate != context.rc_max_rate;
     if (e.h264_nal_hrd) options.set("nal-hrd", variable ? "vbr" : "cbr");
     print(variable ? "H.264 VBR\n" : "H.264 CBR\n");
+}
+
+/// libavcodec copies every picture that no buffer of its own stands behind. libx264 and libx265 take a copy
+/// of theirs inside the call that hands them the picture, so for them an empty buffer claims the host's
+/// planes. MPEG-2 must not be spared: its encoder refers to pictures until they leave.
+void spare_picture_copy(Encoder& e) {
+    constexpr std::string_view kCopyingEncoders[] = {"libx264", "libx265"};
+    if (std::find(std::begin(kCopyingEncoders), std::end(kCopyingEncoders), e.mpeg_codec->name) ==
+        std::end(kCopyingEncoders))
+        return;
+    static uint8_t nothing;
+    e.mpeg_frame->buf[0] = av_buffer_create(
+        &nothing, sizeof(nothing), [](void*, uint8_t*) {}, nullptr, AV_BUFFER_FLAG_READONLY);
 }
 
 const char* debug_file_extension(int32_t codec_id) {

@@ -35,7 +35,6 @@ template <Weighting kWeighting>
 GSVE_AVX2_INLINE __m256i blend(__m256i a, __m256i b, __m256i weights) {
     if constexpr (kWeighting == Weighting::kNone) return a;
     if constexpr (kWeighting == Weighting::kHalf) return average(a, b);
-    __asm__("" : "+x"(b));  // keeps the compiler from loading b once for each half
     const __m256i low = _mm256_srai_epi16(_mm256_maddubs_epi16(_mm256_unpacklo_epi8(a, b), weights), 8);
     const __m256i high = _mm256_srai_epi16(_mm256_maddubs_epi16(_mm256_unpackhi_epi8(a, b), weights), 8);
     return _mm256_add_epi8(kWeighting == Weighting::kNear ? a : b, _mm256_packs_epi16(low, high));
@@ -149,18 +148,24 @@ GSVE_AVX2_INLINE __m256i weigh(__m256i pairs, __m256i weight) {
                             _mm256_mulhi_epi16(difference, weight));
 }
 
-/// Fetches the samples that the next rows want from around `column`.
-GSVE_AVX2_INLINE void fetch(NextLines next, uint32_t column) {
-    if (next.a != nullptr) _mm_prefetch(reinterpret_cast<const char*>(next.a + column), _MM_HINT_T0);
-    if (next.b != nullptr) _mm_prefetch(reinterpret_cast<const char*>(next.b + column), _MM_HINT_T0);
+/// Fetches what the next rows want from around the windows of the round from output `i` on.
+template <Spread kSpread>
+GSVE_AVX2_INLINE void fetch(NextLines next, size_t i, const HorizontalPlan& plan) {
+    const uint32_t* window = plan.window + i / (kSpread == Spread::kDense ? kDense.outputs : kSparse.outputs);
+    for (const uint8_t* line : {next.a, next.b}) {
+        if (line == nullptr) continue;
+        _mm_prefetch(reinterpret_cast<const char*>(line + window[0]), _MM_HINT_T0);
+        if constexpr (kSpread == Spread::kTwo) {
+            _mm_prefetch(reinterpret_cast<const char*>(line + window[2]), _MM_HINT_T0);
+        }
+    }
 }
 
 /// A round of 32 samples, from output `i` of the plan on.
 template <Spread kSpread>
-GSVE_AVX2_INLINE __m256i round(const uint8_t* row, size_t i, const HorizontalPlan& plan, NextLines next) {
+GSVE_AVX2_INLINE __m256i round(const uint8_t* row, size_t i, const HorizontalPlan& plan) {
     constexpr bool kIsDense = kSpread == Spread::kDense;
     const uint32_t* window = plan.window + i / (kIsDense ? kDense.outputs : kSparse.outputs);
-    fetch(next, window[0]);
     const auto* pair = reinterpret_cast<const uint8_t*>(plan.pair + i);
     const auto* weight = reinterpret_cast<const __m256i*>(plan.weight + i);
     const __m256i first_weights = _mm256_load_si256(weight), second_weights = _mm256_load_si256(weight + 1);
@@ -175,15 +180,39 @@ GSVE_AVX2_INLINE __m256i round(const uint8_t* row, size_t i, const HorizontalPla
     return _mm256_packus_epi16(weigh(even, first_weights), weigh(odd, second_weights));
 }
 
-template <Spread kSpread>
-GSVE_AVX2 void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
-                               NextLines next) {
-    const size_t whole = n / kLanes * kLanes;
-    for (size_t i = 0; i < whole; i += kLanes) store(out + i, round<kSpread>(row, i, plan, next));
-    if (whole == n) return;
+/// Stores the first `n` samples of a round.
+GSVE_AVX2_INLINE void store_rest(uint8_t* out, size_t i, size_t n, __m256i samples) {
     uint8_t rest[kLanes];
-    store(rest, round<kSpread>(row, whole, plan, next));
-    std::memcpy(out + whole, rest, n - whole);
+    store(rest, samples);
+    std::memcpy(out + i, rest, n);
+}
+
+template <Spread kSpread>
+GSVE_AVX2 void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan, NextLines next) {
+    const size_t whole = n / kLanes * kLanes;
+    for (size_t i = 0; i < whole; i += kLanes) {
+        fetch<kSpread>(next, i, plan);
+        store(out + i, round<kSpread>(row, i, plan));
+    }
+    if (whole < n) store_rest(out, whole, n - whole, round<kSpread>(row, whole, plan));
+}
+
+template <Spread kSpread>
+GSVE_AVX2 void interpolate_two_rows(const RowPair& rows, size_t n, const HorizontalPlan& plan, NextLines first,
+                              NextLines second) {
+    const auto [upper_out, lower_out] = rows.out;
+    const auto [upper_row, lower_row] = rows.row;
+    const size_t whole = n / kLanes * kLanes;
+    for (size_t i = 0; i < whole; i += kLanes) {
+        fetch<kSpread>(first, i, plan);
+        fetch<kSpread>(second, i, plan);
+        const __m256i upper = round<kSpread>(upper_row, i, plan), lower = round<kSpread>(lower_row, i, plan);
+        store(upper_out + i, upper);
+        store(lower_out + i, lower);
+    }
+    if (whole == n) return;
+    store_rest(upper_out, whole, n - whole, round<kSpread>(upper_row, whole, plan));
+    store_rest(lower_out, whole, n - whole, round<kSpread>(lower_row, whole, plan));
 }
 
 // One form per Spread, in its order; pairs that were brought together lie as those of kOne do.
@@ -191,22 +220,35 @@ inline constexpr decltype(RowKernels::interpolate) kInterpolateRows[] = {
     interpolate_row<Spread::kDense>, interpolate_row<Spread::kOne>, interpolate_row<Spread::kTwo>,
     interpolate_row<Spread::kOne>};
 
+inline constexpr decltype(RowKernels::interpolate_two) kInterpolateTwoRows[] = {
+    interpolate_two_rows<Spread::kDense>, interpolate_two_rows<Spread::kOne>, interpolate_two_rows<Spread::kTwo>,
+    interpolate_two_rows<Spread::kOne>};
+
 inline void interpolate(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan, NextLines next) {
     kInterpolateRows[static_cast<size_t>(plan.spread)](out, row, n, plan, next);
 }
 
-// ---- Motion map ---------------------------------------------------------------------------------------
-
-/// Folds the samples of each 128-bit lane into its lowest byte.
-GSVE_AVX2_INLINE __m256i fold_min(__m256i v) {
-    v = _mm256_min_epu8(v, _mm256_srli_si256(v, 8));
-    v = _mm256_min_epu8(v, _mm256_srli_si256(v, 4));
-    v = _mm256_min_epu8(v, _mm256_srli_si256(v, 2));
-    return _mm256_min_epu8(v, _mm256_srli_si256(v, 1));
+inline void interpolate_two(const RowPair& rows, size_t n, const HorizontalPlan& plan, NextLines first,
+                            NextLines second) {
+    kInterpolateTwoRows[static_cast<size_t>(plan.spread)](rows, n, plan, first, second);
 }
 
-/// Adds the halves of each 128-bit lane into its lowest 32 bits.
-GSVE_AVX2_INLINE __m256i fold_sum(__m256i v) { return _mm256_add_epi32(v, _mm256_srli_si256(v, 8)); }
+// ---- Motion map ---------------------------------------------------------------------------------------
+
+/// Adds the halves of each 128-bit lane into its lower half.
+GSVE_AVX2_INLINE __m256i fold_sum(__m256i v) { return _mm256_add_epi64(v, _mm256_srli_si256(v, 8)); }
+
+/// Largest minus smallest sample of each 128-bit lane, in its lower half. The smallest and the complement of the
+/// largest are searched for side by side.
+GSVE_AVX2_INLINE __m256i range_of(__m256i smallest, __m256i largest) {
+    const __m256i inverse = _mm256_xor_si256(largest, _mm256_set1_epi8(-1));
+    __m256i both = _mm256_min_epu8(_mm256_unpacklo_epi64(smallest, inverse),
+                                   _mm256_unpackhi_epi64(smallest, inverse));
+    both = _mm256_min_epu8(both, _mm256_srli_epi64(both, 32));
+    both = _mm256_min_epu8(both, _mm256_srli_epi64(both, 16));
+    both = _mm256_and_si256(_mm256_min_epu8(both, _mm256_srli_epi64(both, 8)), _mm256_set1_epi64x(0xff));
+    return _mm256_sub_epi64(_mm256_set1_epi64x(255), fold_sum(both));
+}
 
 /// Two macroblocks, one in each 128-bit lane.
 GSVE_AVX2 inline void motion_row(uint8_t* flags, const uint8_t* const (&lines)[plain::kMotionLines],
@@ -221,15 +263,12 @@ GSVE_AVX2 inline void motion_row(uint8_t* flags, const uint8_t* const (&lines)[p
             const __m256i after = load(lines[y + 2] + x);
             smallest = _mm256_min_epu8(smallest, line);
             largest = _mm256_max_epu8(largest, line);
-            frame = _mm256_add_epi32(frame, _mm256_sad_epu8(line, below));
-            field[y % 2] = _mm256_add_epi32(field[y % 2], _mm256_sad_epu8(line, after));
+            frame = _mm256_add_epi64(frame, _mm256_sad_epu8(line, below));
+            field[y % 2] = _mm256_add_epi64(field[y % 2], _mm256_sad_epu8(line, after));
             line = below;
             below = after;
         }
-        const __m256i ones = _mm256_set1_epi8(-1);
-        const __m256i inverse = fold_min(_mm256_xor_si256(largest, ones));
-        const __m256i range = _mm256_and_si256(
-            _mm256_sub_epi8(_mm256_sub_epi8(ones, inverse), fold_min(smallest)), _mm256_set1_epi64x(0xff));
+        const __m256i range = range_of(smallest, largest);
         const __m256i steady =
             _mm256_add_epi32(_mm256_min_epu32(fold_sum(field[0]), fold_sum(field[1])),
                              _mm256_mullo_epi16(range, _mm256_set1_epi64x(10)));
@@ -253,6 +292,7 @@ inline constexpr RowKernels kRowKernels = {
     .blend_three = blend_three,
     .blend_adaptive = blend_adaptive,
     .interpolate = interpolate,
+    .interpolate_two = interpolate_two,
     .motion_row = motion_row,
 };
 

@@ -42,7 +42,6 @@ template <Weighting kWeighting>
 GSVE_AVX512_INLINE __m512i blend(__m512i a, __m512i b, __m512i weights) {
     if constexpr (kWeighting == Weighting::kNone) return a;
     if constexpr (kWeighting == Weighting::kHalf) return average(a, b);
-    __asm__("" : "+v"(b));  // keeps the compiler from loading b once for each half
     const __m512i low = _mm512_srai_epi16(_mm512_maddubs_epi16(_mm512_unpacklo_epi8(a, b), weights), 8);
     const __m512i high = _mm512_srai_epi16(_mm512_maddubs_epi16(_mm512_unpackhi_epi8(a, b), weights), 8);
     return _mm512_add_epi8(kWeighting == Weighting::kNear ? a : b, _mm512_packs_epi16(low, high));
@@ -178,6 +177,7 @@ inline constexpr RowKernels kRowKernels = {
     .blend_three = blend_three,
     .blend_adaptive = blend_adaptive,
     .interpolate = avx2::interpolate,  // four windows to a vector cost what two vectors save
+    .interpolate_two = avx2::interpolate_two,
     .motion_row = motion_row,
 };
 

@@ -161,20 +161,27 @@ alignas(64) inline constexpr auto kLowerBytes = [] {
     return offsets;
 }();
 
-/// Fetches the samples that the next rows want from around `column`.
-GSVE_VBMI_INLINE void fetch(NextLines next, uint32_t column) {
-    if (next.a != nullptr) _mm_prefetch(reinterpret_cast<const char*>(next.a + column), _MM_HINT_T0);
-    if (next.b != nullptr) _mm_prefetch(reinterpret_cast<const char*>(next.b + column), _MM_HINT_T0);
+/// Fetches what the next rows want from around the windows of the round from output `i` on.
+template <Spread kSpread>
+GSVE_VBMI_INLINE void fetch(NextLines next, size_t i, const HorizontalPlan& plan) {
+    constexpr bool kIsDense = kSpread == Spread::kDense;
+    const uint32_t* window = plan.window + i / (kIsDense ? kDense.outputs : kSparse.outputs);
+    for (const uint8_t* line : {next.a, next.b}) {
+        if (line == nullptr) continue;
+        for (unsigned group = 0; group < (kIsDense ? 1 : 2); ++group) {
+            const auto* samples = reinterpret_cast<const char*>(line + window[group]);
+            _mm_prefetch(samples, _MM_HINT_T0);
+            if constexpr (kSpread == Spread::kTwo) _mm_prefetch(samples + 64, _MM_HINT_T0);
+        }
+    }
 }
 
 /// A round of 64 samples, from output `i` of the plan on.
 template <Spread kSpread>
-GSVE_VBMI_INLINE __m512i round(const uint8_t* row, size_t i, const HorizontalPlan& plan, NextLines next) {
+GSVE_VBMI_INLINE __m512i round(const uint8_t* row, size_t i, const HorizontalPlan& plan) {
     constexpr bool kIsDense = kSpread == Spread::kDense;
     const uint32_t* window = plan.window + i / (kIsDense ? kDense.outputs : kSparse.outputs);
     const uint32_t left = window[0], right = kIsDense ? left : window[1];
-    fetch(next, left);
-    if constexpr (!kIsDense) fetch(next, right);
     const uint16_t* pair = plan.pair + i;
     const int16_t* weight = plan.weight + i;
     const __m512i first = weigh(gather<kSpread>(row + left, _mm512_load_si512(pair)), _mm512_load_si512(weight));
@@ -183,13 +190,37 @@ GSVE_VBMI_INLINE __m512i round(const uint8_t* row, size_t i, const HorizontalPla
     return _mm512_permutex2var_epi8(first, _mm512_load_si512(kLowerBytes.data()), second);
 }
 
+/// Stores the first `n` samples of a round.
+GSVE_VBMI_INLINE void store_rest(uint8_t* out, size_t i, size_t n, __m512i samples) {
+    _mm512_mask_storeu_epi8(out + i, (uint64_t{1} << n) - 1, samples);
+}
+
 template <Spread kSpread>
-GSVE_VBMI void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
-                               NextLines next) {
+GSVE_VBMI void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan, NextLines next) {
     const size_t whole = n / kLanes * kLanes;
-    for (size_t i = 0; i < whole; i += kLanes) store(out + i, round<kSpread>(row, i, plan, next));
+    for (size_t i = 0; i < whole; i += kLanes) {
+        fetch<kSpread>(next, i, plan);
+        store(out + i, round<kSpread>(row, i, plan));
+    }
+    if (whole < n) store_rest(out, whole, n - whole, round<kSpread>(row, whole, plan));
+}
+
+template <Spread kSpread>
+GSVE_VBMI void interpolate_two_rows(const RowPair& rows, size_t n, const HorizontalPlan& plan, NextLines first,
+                              NextLines second) {
+    const auto [upper_out, lower_out] = rows.out;
+    const auto [upper_row, lower_row] = rows.row;
+    const size_t whole = n / kLanes * kLanes;
+    for (size_t i = 0; i < whole; i += kLanes) {
+        fetch<kSpread>(first, i, plan);
+        fetch<kSpread>(second, i, plan);
+        const __m512i upper = round<kSpread>(upper_row, i, plan), lower = round<kSpread>(lower_row, i, plan);
+        store(upper_out + i, upper);
+        store(lower_out + i, lower);
+    }
     if (whole == n) return;
-    _mm512_mask_storeu_epi8(out + whole, (uint64_t{1} << (n - whole)) - 1, round<kSpread>(row, whole, plan, next));
+    store_rest(upper_out, whole, n - whole, round<kSpread>(upper_row, whole, plan));
+    store_rest(lower_out, whole, n - whole, round<kSpread>(lower_row, whole, plan));
 }
 
 // One form per Spread, in its order; pairs that were brought together lie as those of kOne do.
@@ -197,8 +228,17 @@ inline constexpr decltype(RowKernels::interpolate) kInterpolateRows[] = {
     interpolate_row<Spread::kDense>, interpolate_row<Spread::kOne>, interpolate_row<Spread::kTwo>,
     interpolate_row<Spread::kOne>};
 
+inline constexpr decltype(RowKernels::interpolate_two) kInterpolateTwoRows[] = {
+    interpolate_two_rows<Spread::kDense>, interpolate_two_rows<Spread::kOne>, interpolate_two_rows<Spread::kTwo>,
+    interpolate_two_rows<Spread::kOne>};
+
 inline void interpolate(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan, NextLines next) {
     kInterpolateRows[static_cast<size_t>(plan.spread)](out, row, n, plan, next);
+}
+
+inline void interpolate_two(const RowPair& rows, size_t n, const HorizontalPlan& plan, NextLines first,
+                            NextLines second) {
+    kInterpolateTwoRows[static_cast<size_t>(plan.spread)](rows, n, plan, first, second);
 }
 
 inline constexpr RowKernels kRowKernels = {
@@ -209,6 +249,7 @@ inline constexpr RowKernels kRowKernels = {
     .blend_three = blend_three,
     .blend_adaptive = blend_adaptive,
     .interpolate = interpolate,
+    .interpolate_two = interpolate_two,
     .motion_row = avx512::motion_row,
 };
 

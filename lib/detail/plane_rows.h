@@ -57,6 +57,12 @@ struct NextLines {
     const uint8_t* b;
 };
 
+/// Two rows to be interpolated together.
+struct RowPair {
+    uint8_t* out[2];
+    const uint8_t* row[2];
+};
+
 /// The row kernels of one instruction set. Source and destination never overlap; `n` is 1 or more.
 struct RowKernels {
     const char* name;
@@ -73,6 +79,9 @@ struct RowKernels {
                            unsigned weight, const uint8_t* group_flags);
     /// The plan's first `n` samples of a row; of a row of pairs where the plan's spread is kFar.
     void (*interpolate)(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan, NextLines next);
+    /// interpolate() for two rows in one pass over the plan's tables.
+    void (*interpolate_two)(const RowPair& rows, size_t n, const HorizontalPlan& plan, NextLines first,
+                            NextLines second);
     /// Flags, 0 or 1, of `blocks` macroblocks side by side, the first one at lines[0] to lines[17].
     void (*motion_row)(uint8_t* flags, const uint8_t* const (&lines)[plain::kMotionLines], size_t blocks);
 };
@@ -160,15 +169,20 @@ inline Spread spread_of(const Outputs& outputs, const RowKernels& kernels) {
 /// Enters `n` outputs from `from` on, whose window starts at sample `start`, at `entry`.
 inline void fill_group(HorizontalPlan& plan, size_t entry, const Outputs& outputs, unsigned from, uint32_t start,
                        unsigned n) {
-    uint16_t* pair = plan.pair + entry;
-    int16_t* weight = plan.weight + entry;
+    uint16_t* __restrict pair = plan.pair + entry;
+    int16_t* __restrict weight = plan.weight + entry;
+    const uint32_t* __restrict left = outputs.left + from;
+    const uint16_t* __restrict fractions = outputs.fraction + from;
     for (unsigned i = 0; i < n; ++i) {
-        const auto left = static_cast<uint16_t>(outputs.left[from + i] - start);
-        const auto right = static_cast<uint16_t>(left + (outputs.left[from + i] < outputs.last ? 1 : 0));
         // Read as a signed number, a fraction of 0x8000 or more is less by 65536, as its weight is.
-        const auto fraction = static_cast<int16_t>(outputs.fraction[from + i]);
-        pair[i] = static_cast<uint16_t>(fraction < 0 ? right | left << 8 : left | right << 8);
+        const auto fraction = static_cast<int16_t>(fractions[i]);
+        const auto offset = static_cast<uint16_t>(left[i] - start);
+        pair[i] = static_cast<uint16_t>(offset * 0x101 + (fraction < 0 ? 0x001 : 0x100));
         weight[i] = static_cast<int16_t>(fraction < 0 ? fraction : -fraction);
+    }
+    // Behind the row's last sample stands the last again.
+    for (unsigned i = n; i-- > 0 && left[i] == outputs.last;) {
+        pair[i] = static_cast<uint16_t>((left[i] - start) * 0x101);
     }
 }
 
@@ -247,6 +261,15 @@ inline void interpolate(const RowKernels& kernels, uint8_t* out, const uint8_t* 
     }
 }
 
+inline void interpolate_two(const RowKernels& kernels, const RowPair& pair, size_t n, const HorizontalPlan& plan,
+                            NextLines first, NextLines second) {
+    if (plan.spread != Spread::kFar && plan.src_width >= plan.reach) {
+        return kernels.interpolate_two(pair, n, plan, first, second);
+    }
+    interpolate(kernels, pair.out[0], pair.row[0], n, plan, first);
+    interpolate(kernels, pair.out[1], pair.row[1], n, plan, second);
+}
+
 // ---- Strips -------------------------------------------------------------------------------------------
 
 /// Columns of an output plane that are produced together. A straight strip takes its samples from the columns
@@ -289,11 +312,8 @@ inline const uint8_t* line_of(const PlaneScaling& plane, unsigned line) {
     return plane.src + line * plane.src_stride;
 }
 
-/// The lines of the output row below `row` that `row` itself has not brought into the cache.
-inline NextLines lines_to_come(const PlaneScaling& plane, int mode, int field, unsigned row,
-                               const BlendedRow& source) {
-    if (row + 1 >= plane.to_height) return {nullptr, nullptr};
-    const BlendedRow next = blended_row(plane, mode, field, row + 1);
+/// The lines of row `next` that row `source` has not brought into the cache.
+inline NextLines lines_to_come(const PlaneScaling& plane, const BlendedRow& source, const BlendedRow& next) {
     const auto to_come = [&](unsigned line) {
         return line == source.a || line == source.b ? nullptr : line_of(plane, line);
     };
@@ -328,27 +348,52 @@ inline unsigned scale_straight(const RowKernels& kernels, const PlaneScaling& pl
     return rows;
 }
 
+/// The samples of a source row that the plan reads: a line of the plane, or the blend of two in `buffer`.
+inline const uint8_t* source_row(const RowKernels& kernels, const PlaneScaling& plane, const HorizontalPlan& plan,
+                                 const BlendedRow& source, uint8_t* buffer) {
+    const uint8_t* a = line_of(plane, source.a);
+    if (source.weight == 0) return a;
+    kernels.blend(buffer + plan.first, a + plan.first, line_of(plane, source.b) + plan.first,
+                  plan.end - plan.first, source.weight);
+    return buffer;
+}
+
+/// Makes the strip's part of all rows along its plan, two rows at a time.
+inline void scale_along_plan(const RowKernels& kernels, const PlaneScaling& plane, int mode, int field,
+                             const Strip& strip, const HorizontalPlan& plan, const char* function) {
+    alignas(64) uint8_t buffer[2][kScalerRowSamples];
+    const auto out = [&](unsigned row) { return plane.dst + row * plane.dst_stride + strip.column; };
+    const auto source_of = [&](unsigned row) { return blended_row(plane, mode, field, row); };
+    const auto samples = [&](unsigned row, const BlendedRow& source, uint8_t* into) {
+        if (source.weight != 0) require_source_line(plane, source.b, function);
+        require_output_row(plane, row, function);
+        return source_row(kernels, plane, plan, source, into);
+    };
+
+    BlendedRow first = source_of(0), second = source_of(1);
+    unsigned row = 0;
+    for (; row + 1 < plane.to_height; row += 2) {
+        const BlendedRow third = source_of(row + 2), fourth = source_of(row + 3);
+        const RowPair pair = {{out(row), out(row + 1)},
+                              {samples(row, first, buffer[0]), samples(row + 1, second, buffer[1])}};
+        interpolate_two(kernels, pair, strip.count, plan, lines_to_come(plane, second, third),
+                        lines_to_come(plane, third, fourth));
+        first = third;
+        second = fourth;
+    }
+    if (row == plane.to_height) return;
+    interpolate(kernels, out(row), samples(row, first, buffer[0]), strip.count, plan, {nullptr, nullptr});
+}
+
 inline void scale(const RowKernels& kernels, const PlaneScaling& plane, int mode, int field,
                   const char* function) {
-    alignas(64) uint8_t row_buffer[kScalerRowSamples];
     for_each_strip(plane, plane.to_width, kernels, [&](const Strip& strip, const HorizontalPlan& plan) {
+        if (!strip.straight) return scale_along_plan(kernels, plane, mode, field, strip, plan, function);
         for (unsigned row = 0; row < plane.to_height;) {
             const BlendedRow source = blended_row(plane, mode, field, row);
             if (source.weight != 0) require_source_line(plane, source.b, function);
             require_output_row(plane, row, function);
-            if (strip.straight) {
-                row += scale_straight(kernels, plane, mode, field, strip, row, source);
-                continue;
-            }
-            const uint8_t* line = line_of(plane, source.a);
-            if (source.weight != 0) {
-                kernels.blend(row_buffer + plan.first, line + plan.first, line_of(plane, source.b) + plan.first,
-                              plan.end - plan.first, source.weight);
-                line = row_buffer;
-            }
-            uint8_t* out = plane.dst + row * plane.dst_stride + strip.column;
-            interpolate(kernels, out, line, strip.count, plan, lines_to_come(plane, mode, field, row, source));
-            ++row;
+            row += scale_straight(kernels, plane, mode, field, strip, row, source);
         }
     });
 }

@@ -131,18 +131,19 @@ GSVE_SSE41_INLINE __m128i weigh(__m128i pairs, __m128i weight) {
     return _mm_add_epi16(_mm_and_si128(pairs, _mm_set1_epi16(0xff)), _mm_mulhi_epi16(difference, weight));
 }
 
-/// Fetches the samples that the next rows want from around `column`.
-GSVE_SSE41_INLINE void fetch(NextLines next, uint32_t column) {
+/// Fetches what the next rows want from around the first window of the round from output `i` on.
+template <Spread kSpread>
+GSVE_SSE41_INLINE void fetch(NextLines next, size_t i, const HorizontalPlan& plan) {
+    const uint32_t column = plan.window[i / (kSpread == Spread::kDense ? kDense.outputs : kSparse.outputs)];
     if (next.a != nullptr) _mm_prefetch(reinterpret_cast<const char*>(next.a + column), _MM_HINT_T0);
     if (next.b != nullptr) _mm_prefetch(reinterpret_cast<const char*>(next.b + column), _MM_HINT_T0);
 }
 
 /// A round of 16 samples, from output `i` of the plan on.
 template <Spread kSpread>
-GSVE_SSE41_INLINE __m128i round(const uint8_t* row, size_t i, const HorizontalPlan& plan, NextLines next) {
+GSVE_SSE41_INLINE __m128i round(const uint8_t* row, size_t i, const HorizontalPlan& plan) {
     constexpr bool kIsDense = kSpread == Spread::kDense;
     const uint32_t* window = plan.window + i / (kIsDense ? kDense.outputs : kSparse.outputs);
-    fetch(next, window[0]);
     const uint8_t* left = row + window[0];
     const uint8_t* right = kIsDense ? left : row + window[1];
     const auto* pair = reinterpret_cast<const uint8_t*>(plan.pair + i);
@@ -151,15 +152,39 @@ GSVE_SSE41_INLINE __m128i round(const uint8_t* row, size_t i, const HorizontalPl
                             weigh(gather<kSpread>(right, load(pair + 16)), _mm_load_si128(weight + 1)));
 }
 
-template <Spread kSpread>
-GSVE_SSE41 void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
-                                NextLines next) {
-    const size_t whole = n / kLanes * kLanes;
-    for (size_t i = 0; i < whole; i += kLanes) store(out + i, round<kSpread>(row, i, plan, next));
-    if (whole == n) return;
+/// Stores the first `n` samples of a round.
+GSVE_SSE41_INLINE void store_rest(uint8_t* out, size_t i, size_t n, __m128i samples) {
     uint8_t rest[kLanes];
-    store(rest, round<kSpread>(row, whole, plan, next));
-    std::memcpy(out + whole, rest, n - whole);
+    store(rest, samples);
+    std::memcpy(out + i, rest, n);
+}
+
+template <Spread kSpread>
+GSVE_SSE41 void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan, NextLines next) {
+    const size_t whole = n / kLanes * kLanes;
+    for (size_t i = 0; i < whole; i += kLanes) {
+        fetch<kSpread>(next, i, plan);
+        store(out + i, round<kSpread>(row, i, plan));
+    }
+    if (whole < n) store_rest(out, whole, n - whole, round<kSpread>(row, whole, plan));
+}
+
+template <Spread kSpread>
+GSVE_SSE41 void interpolate_two_rows(const RowPair& rows, size_t n, const HorizontalPlan& plan, NextLines first,
+                              NextLines second) {
+    const auto [upper_out, lower_out] = rows.out;
+    const auto [upper_row, lower_row] = rows.row;
+    const size_t whole = n / kLanes * kLanes;
+    for (size_t i = 0; i < whole; i += kLanes) {
+        fetch<kSpread>(first, i, plan);
+        fetch<kSpread>(second, i, plan);
+        const __m128i upper = round<kSpread>(upper_row, i, plan), lower = round<kSpread>(lower_row, i, plan);
+        store(upper_out + i, upper);
+        store(lower_out + i, lower);
+    }
+    if (whole == n) return;
+    store_rest(upper_out, whole, n - whole, round<kSpread>(upper_row, whole, plan));
+    store_rest(lower_out, whole, n - whole, round<kSpread>(lower_row, whole, plan));
 }
 
 // One form per Spread, in its order; pairs that were brought together lie as those of kOne do.
@@ -167,8 +192,17 @@ inline constexpr decltype(RowKernels::interpolate) kInterpolateRows[] = {
     interpolate_row<Spread::kDense>, interpolate_row<Spread::kOne>, interpolate_row<Spread::kTwo>,
     interpolate_row<Spread::kOne>};
 
+inline constexpr decltype(RowKernels::interpolate_two) kInterpolateTwoRows[] = {
+    interpolate_two_rows<Spread::kDense>, interpolate_two_rows<Spread::kOne>, interpolate_two_rows<Spread::kTwo>,
+    interpolate_two_rows<Spread::kOne>};
+
 inline void interpolate(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan, NextLines next) {
     kInterpolateRows[static_cast<size_t>(plan.spread)](out, row, n, plan, next);
+}
+
+inline void interpolate_two(const RowPair& rows, size_t n, const HorizontalPlan& plan, NextLines first,
+                            NextLines second) {
+    kInterpolateTwoRows[static_cast<size_t>(plan.spread)](rows, n, plan, first, second);
 }
 
 // ---- Motion map ---------------------------------------------------------------------------------------
@@ -218,6 +252,7 @@ inline constexpr RowKernels kRowKernels = {
     .blend_three = blend_three,
     .blend_adaptive = blend_adaptive,
     .interpolate = interpolate,
+    .interpolate_two = interpolate_two,
     .motion_row = motion_row,
 };
 

@@ -1,0 +1,128 @@
+// The host's planes are its own again as soon as write_video() returns. Whether the encoder copies a picture
+// or reads it in place, it must not look at it later: here the planes become unreadable behind its back.
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <memory>
+
+#include <gtest/gtest.h>
+
+#include "support/recording_host.h"
+#include "support/test_picture.h"
+
+namespace gsve::test {
+namespace {
+
+/// Bytes whose last one is followed by an unreadable page; unreadable as a whole once closed.
+class Pages {
+public:
+    explicit Pages(const std::vector<uint8_t>& bytes) {
+        const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+        used_ = (bytes.size() + page - 1) / page * page;
+        size_ = used_ + page;
+        base_ = static_cast<uint8_t*>(
+            mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        data_ = base_ + used_ - bytes.size();
+        std::memcpy(data_, bytes.data(), bytes.size());
+        mprotect(base_ + used_, page, PROT_NONE);
+    }
+    Pages(const Pages&) = delete;
+    Pages& operator=(const Pages&) = delete;
+    ~Pages() { munmap(base_, size_); }
+
+    const uint8_t* data() const { return data_; }
+    void close() { ASSERT_EQ(mprotect(base_, size_, PROT_NONE), 0); }
+
+private:
+    uint8_t* base_;
+    uint8_t* data_;
+    size_t used_;
+    size_t size_;
+};
+
+struct Case {
+    const char* codec;
+    const char* chroma_format;
+    const char* profile;
+    int shift_x, shift_y;
+    int width, height;
+    const char* threads;
+};
+
+std::ostream& operator<<(std::ostream& out, const Case& c) {
+    return out << c.codec << " " << c.chroma_format << " " << c.width << "x" << c.height << ", " << c.threads
+               << " threads";
+}
+
+class PictureOwnership : public testing::TestWithParam<Case> {};
+
+constexpr unsigned kPictures = 24;
+
+/// The units of a short film, encoded with `take_away` called on each picture's planes after it was written.
+template <class TakeAway>
+std::vector<Unit> encode(const Case& c, const TakeAway& take_away) {
+    RecordingHost host;
+    describe_source(host, c.width, c.height, 25, 1);
+    host.input_chroma_shift_x = static_cast<uint32_t>(c.shift_x);
+    host.input_chroma_shift_y = static_cast<uint32_t>(c.shift_y);
+    configure(host, {{"encoder", c.codec},
+                     {"bitrate", "1500000"},
+                     {"chroma format", c.chroma_format},
+                     {"h.264 profile", c.profile},
+                     {"maximum threads", c.threads},
+                     {"enable", "1"}});
+    EXPECT_TRUE(host.client_addref()) << host.last_error;
+
+    std::vector<std::unique_ptr<Pages>>
+        planes;  // stay mapped, so that a late read faults and hits nothing else
+    for (unsigned number = 0; number < kPictures; number++) {
+        const TestPicture picture(c.width, c.height, c.shift_x, c.shift_y, number);
+        for (const auto* plane : {&picture.y, &picture.u, &picture.v})
+            planes.push_back(std::make_unique<Pages>(*plane));
+        const auto plane = planes.end() - 3;
+        EXPECT_TRUE(host.write_video(plane[0]->data(), static_cast<size_t>(c.width), plane[1]->data(),
+                                     static_cast<size_t>(picture.chroma_width), plane[2]->data(),
+                                     static_cast<size_t>(picture.chroma_width), -1, number));
+        for (int i = 0; i < 3; i++) take_away(*plane[i]);
+    }
+    while (host.flush_delayed_video()) {
+    }
+    host.client_unref();
+    return host.units;
+}
+
+TEST_P(PictureOwnership, PlanesAreNotReadAfterTheCall) {
+    const std::vector<Unit> kept = encode(GetParam(), [](Pages&) {});
+    const std::vector<Unit> taken = encode(GetParam(), [](Pages& planes) { planes.close(); });
+    ASSERT_EQ(kept.size(), kPictures);
+    ASSERT_EQ(taken.size(), kPictures);
+    for (unsigned i = 0; i < kPictures; i++)
+        EXPECT_EQ(taken[i].bytes, kept[i].bytes) << "unit " << i << " depends on planes that were taken away";
+}
+
+INSTANTIATE_TEST_SUITE_P(Codecs, PictureOwnership,
+                         testing::Values(Case{"h.264", "4:2:0", "main", 1, 1, 322, 242, "1"},
+                                         Case{"h.264", "4:2:0", "main", 1, 1, 318, 238, "3"},
+                                         Case{"h.264", "4:2:2", "high422", 1, 0, 320, 180, "1"},
+                                         Case{"h.264", "4:4:4", "high444", 0, 0, 162, 122, "1"},
+                                         Case{"h.265", "4:2:0", "main", 1, 1, 322, 242, "1"},
+                                         Case{"h.265", "4:2:0", "main", 1, 1, 318, 238, "3"},
+                                         Case{"mpeg-2", "4:2:0", "", 1, 1, 322, 242, "1"},
+                                         Case{"mpeg-2", "4:2:2", "", 1, 0, 318, 238, "3"}),
+                         [](const auto& info) { return "Case" + std::to_string(info.index); });
+
+TEST(PictureOwnership, NoCopyIsMadeForEncodersThatCopyThemselves) {
+    for (const auto& [codec, claims] : {std::pair{"h.264", true}, {"h.265", true}, {"mpeg-2", false}}) {
+        RecordingHost host;
+        describe_source(host, 320, 240, 25, 1);
+        configure(host, {{"encoder", codec}, {"bitrate", "1500000"}, {"enable", "1"}});
+        ASSERT_TRUE(host.client_addref()) << codec;
+        EXPECT_EQ(host.mpeg_frame->buf[0] != nullptr, claims) << codec;
+        host.client_unref();
+    }
+}
+
+}  // namespace
+}  // namespace gsve::test
