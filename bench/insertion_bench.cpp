@@ -54,10 +54,10 @@ const Bytes kMpeg2Head = {
     0, 0, 1, 0x01, 0x12,                                            // first slice
 };
 const Bytes kH264Head = {
-    0, 0, 0, 1, 0x09, 0x10,                                      // access unit delimiter
-    0, 0, 0, 1, 0x67, 0x42, 0x00, 0x1E, 0x95, 0xA8, 0x28, 0x0F,  // sequence parameter set
-    0, 0, 0, 1, 0x68, 0xCE, 0x3C, 0x80,                          // picture parameter set
-    0, 0, 1, 0x65, 0x88,                                         // IDR slice
+    0, 0, 0, 1,    0x09, 0x10,                                      // access unit delimiter
+    0, 0, 0, 1,    0x67, 0x42, 0x00, 0x1E, 0x95, 0xA8, 0x28, 0x0F,  // sequence parameter set
+    0, 0, 0, 1,    0x68, 0xCE, 0x3C, 0x80,                          // picture parameter set
+    0, 0, 1, 0x65, 0x88,                                            // IDR slice
 };
 
 /// An encoder with one unit in its window and captions waiting for it.
@@ -100,7 +100,8 @@ void insertion(benchmark::State& state, const Bytes& head, const Insert& insert)
     for (auto _ : state) {
         encoder.reset();
         insert(encoder);
-        inserted = static_cast<uint64_t>(encoder.output_window->end - encoder.output_window->data) - kUnitSize;
+        inserted =
+            static_cast<uint64_t>(encoder.output_window->end - encoder.output_window->data) - kUnitSize;
         benchmark::ClobberMemory();
     }
     state.counters["allocations"] =

@@ -1132,6 +1132,7 @@ detail::PictureFormat output_format(const Encoder& e) {
 template <class ScalePlane>
 void scale_planes(Encoder& e, const SourcePlanes& planes, const detail::PictureGeometry& geometry,
                   const ScalePlane& scale_plane) {
+    if (!e.resize_buffer[0]) return;  // closed, or open with nothing to resize
     for (int i = 0; i < 3; i++) {
         const detail::PlaneGeometry& g = i == 0 ? geometry.luma : geometry.chroma;
         scale_plane(detail::PlaneScaling{e.resize_buffer[i], e.resize_buffer_stride[i], planes.data[i],

@@ -28,7 +28,8 @@ GSVE_AVX2_INLINE void store(uint8_t* p, __m256i v) { _mm256_storeu_si256(reinter
 
 /// floor((a + b) / 2); pavgb rounds up, which shows where the lowest bits differ.
 GSVE_AVX2_INLINE __m256i average(__m256i a, __m256i b) {
-    return _mm256_sub_epi8(_mm256_avg_epu8(a, b), _mm256_and_si256(_mm256_xor_si256(a, b), _mm256_set1_epi8(1)));
+    return _mm256_sub_epi8(_mm256_avg_epu8(a, b),
+                           _mm256_and_si256(_mm256_xor_si256(a, b), _mm256_set1_epi8(1)));
 }
 
 template <Weighting kWeighting>
@@ -54,7 +55,7 @@ GSVE_AVX2 void blend_row(uint8_t* out, const uint8_t* a, const uint8_t* b, size_
 
 template <Weighting kWeighting>
 GSVE_AVX2 void blend_three_row(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
-                                unsigned weight) {
+                               unsigned weight) {
     const __m256i weights = _mm256_set1_epi16(pair_weights(weight));
     for (size_t next = 0; next < n; next += kLanes) {
         const size_t i = last_vector(next, n);
@@ -66,13 +67,14 @@ GSVE_AVX2 void blend_three_row(uint8_t* out, const uint8_t* a, const uint8_t* b,
 GSVE_AVX2_INLINE __m256i spread_flags(const uint8_t* group_flags) {
     uint32_t flags;
     std::memcpy(&flags, group_flags, sizeof(flags));
-    return _mm256_shuffle_epi8(_mm256_set1_epi32(static_cast<int>(flags)),
-                               _mm256_set_epi64x(0x0303030303030303, 0x0202020202020202, 0x0101010101010101, 0));
+    return _mm256_shuffle_epi8(
+        _mm256_set1_epi32(static_cast<int>(flags)),
+        _mm256_set_epi64x(0x0303030303030303, 0x0202020202020202, 0x0101010101010101, 0));
 }
 
 template <Weighting kWeighting>
-GSVE_AVX2 void blend_adaptive_row(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
-                                   unsigned weight, const uint8_t* group_flags) {
+GSVE_AVX2 void blend_adaptive_row(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c,
+                                  size_t n, unsigned weight, const uint8_t* group_flags) {
     const __m256i weights = _mm256_set1_epi16(pair_weights(weight));
     for (size_t next = 0; next < n; next += kLanes) {
         const size_t i = last_vector(next, n);
@@ -129,8 +131,8 @@ GSVE_AVX2_INLINE __m256i load_windows(const uint8_t* a, const uint8_t* b) {
     return _mm256_inserti128_si256(low, _mm_loadu_si128(reinterpret_cast<const __m128i*>(b)), 1);
 }
 
-/// The pairs of two groups' samples. vpshufb gives 0 for an index with its top bit set: biased by 0x70, indices
-/// below 16 find their sample in the first window, and less 16, the others find theirs in the second.
+/// The pairs of two groups' samples. vpshufb gives 0 for an index with its top bit set: biased by 0x70,
+/// indices below 16 find their sample in the first window, and less 16, the others find theirs in the second.
 template <Spread kSpread>
 GSVE_AVX2_INLINE __m256i gather(const uint8_t* a, const uint8_t* b, __m256i pair) {
     if constexpr (kSpread == Spread::kOne) return _mm256_shuffle_epi8(load_windows(a, b), pair);
@@ -149,14 +151,15 @@ GSVE_AVX2_INLINE __m256i weigh(__m256i pairs, __m256i weight) {
 }
 
 /// Fetches what the next rows want from around the windows of the round from output `i` on.
+/// Into the second level: the lines of two rows of 4K are too much for the first, and cost more there.
 template <Spread kSpread>
 GSVE_AVX2_INLINE void fetch(NextLines next, size_t i, const HorizontalPlan& plan) {
     const uint32_t* window = plan.window + i / (kSpread == Spread::kDense ? kDense.outputs : kSparse.outputs);
     for (const uint8_t* line : {next.a, next.b}) {
         if (line == nullptr) continue;
-        _mm_prefetch(reinterpret_cast<const char*>(line + window[0]), _MM_HINT_T0);
+        _mm_prefetch(reinterpret_cast<const char*>(line + window[0]), _MM_HINT_T1);
         if constexpr (kSpread == Spread::kTwo) {
-            _mm_prefetch(reinterpret_cast<const char*>(line + window[2]), _MM_HINT_T0);
+            _mm_prefetch(reinterpret_cast<const char*>(line + window[2]), _MM_HINT_T1);
         }
     }
 }
@@ -172,7 +175,8 @@ GSVE_AVX2_INLINE __m256i round(const uint8_t* row, size_t i, const HorizontalPla
     if constexpr (kIsDense) {
         const __m256i first = _mm256_shuffle_epi8(load_window(row + window[0]), load(pair));
         const __m256i second = _mm256_shuffle_epi8(load_window(row + window[1]), load(pair + 32));
-        const __m256i samples = _mm256_packus_epi16(weigh(first, first_weights), weigh(second, second_weights));
+        const __m256i samples =
+            _mm256_packus_epi16(weigh(first, first_weights), weigh(second, second_weights));
         return _mm256_permute4x64_epi64(samples, _MM_SHUFFLE(3, 1, 2, 0));
     }
     const __m256i even = gather<kSpread>(row + window[0], row + window[2], load(pair));
@@ -188,7 +192,8 @@ GSVE_AVX2_INLINE void store_rest(uint8_t* out, size_t i, size_t n, __m256i sampl
 }
 
 template <Spread kSpread>
-GSVE_AVX2 void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan, NextLines next) {
+GSVE_AVX2 void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
+                               NextLines next) {
     const size_t whole = n / kLanes * kLanes;
     for (size_t i = 0; i < whole; i += kLanes) {
         fetch<kSpread>(next, i, plan);
@@ -198,8 +203,8 @@ GSVE_AVX2 void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const
 }
 
 template <Spread kSpread>
-GSVE_AVX2 void interpolate_two_rows(const RowPair& rows, size_t n, const HorizontalPlan& plan, NextLines first,
-                              NextLines second) {
+GSVE_AVX2 void interpolate_two_rows(const RowPair& rows, size_t n, const HorizontalPlan& plan,
+                                    NextLines first, NextLines second) {
     const auto [upper_out, lower_out] = rows.out;
     const auto [upper_row, lower_row] = rows.row;
     const size_t whole = n / kLanes * kLanes;
@@ -221,10 +226,11 @@ inline constexpr decltype(RowKernels::interpolate) kInterpolateRows[] = {
     interpolate_row<Spread::kOne>};
 
 inline constexpr decltype(RowKernels::interpolate_two) kInterpolateTwoRows[] = {
-    interpolate_two_rows<Spread::kDense>, interpolate_two_rows<Spread::kOne>, interpolate_two_rows<Spread::kTwo>,
-    interpolate_two_rows<Spread::kOne>};
+    interpolate_two_rows<Spread::kDense>, interpolate_two_rows<Spread::kOne>,
+    interpolate_two_rows<Spread::kTwo>, interpolate_two_rows<Spread::kOne>};
 
-inline void interpolate(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan, NextLines next) {
+inline void interpolate(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
+                        NextLines next) {
     kInterpolateRows[static_cast<size_t>(plan.spread)](out, row, n, plan, next);
 }
 
@@ -238,12 +244,12 @@ inline void interpolate_two(const RowPair& rows, size_t n, const HorizontalPlan&
 /// Adds the halves of each 128-bit lane into its lower half.
 GSVE_AVX2_INLINE __m256i fold_sum(__m256i v) { return _mm256_add_epi64(v, _mm256_srli_si256(v, 8)); }
 
-/// Largest minus smallest sample of each 128-bit lane, in its lower half. The smallest and the complement of the
-/// largest are searched for side by side.
+/// Largest minus smallest sample of each 128-bit lane, in its lower half. The smallest and the complement of
+/// the largest are searched for side by side.
 GSVE_AVX2_INLINE __m256i range_of(__m256i smallest, __m256i largest) {
     const __m256i inverse = _mm256_xor_si256(largest, _mm256_set1_epi8(-1));
-    __m256i both = _mm256_min_epu8(_mm256_unpacklo_epi64(smallest, inverse),
-                                   _mm256_unpackhi_epi64(smallest, inverse));
+    __m256i both =
+        _mm256_min_epu8(_mm256_unpacklo_epi64(smallest, inverse), _mm256_unpackhi_epi64(smallest, inverse));
     both = _mm256_min_epu8(both, _mm256_srli_epi64(both, 32));
     both = _mm256_min_epu8(both, _mm256_srli_epi64(both, 16));
     both = _mm256_and_si256(_mm256_min_epu8(both, _mm256_srli_epi64(both, 8)), _mm256_set1_epi64x(0xff));
@@ -269,9 +275,8 @@ GSVE_AVX2 inline void motion_row(uint8_t* flags, const uint8_t* const (&lines)[p
             below = after;
         }
         const __m256i range = range_of(smallest, largest);
-        const __m256i steady =
-            _mm256_add_epi32(_mm256_min_epu32(fold_sum(field[0]), fold_sum(field[1])),
-                             _mm256_mullo_epi16(range, _mm256_set1_epi64x(10)));
+        const __m256i steady = _mm256_add_epi32(_mm256_min_epu32(fold_sum(field[0]), fold_sum(field[1])),
+                                                _mm256_mullo_epi16(range, _mm256_set1_epi64x(10)));
         const __m256i combed = _mm256_and_si256(_mm256_cmpgt_epi32(range, _mm256_set1_epi32(17)),
                                                 _mm256_cmpgt_epi32(fold_sum(frame), steady));
         const int bits = _mm256_movemask_epi8(combed);

@@ -29,7 +29,9 @@ GSVE_AVX512_INLINE __m512i load(const uint8_t* p) {
     return _mm512_loadu_si512(reinterpret_cast<const __m512i*>(p));
 }
 
-GSVE_AVX512_INLINE void store(uint8_t* p, __m512i v) { _mm512_storeu_si512(reinterpret_cast<__m512i*>(p), v); }
+GSVE_AVX512_INLINE void store(uint8_t* p, __m512i v) {
+    _mm512_storeu_si512(reinterpret_cast<__m512i*>(p), v);
+}
 
 /// floor((a + b) / 2); vpavgb rounds up, which shows where the lowest bits differ: (a ^ b) & 1.
 GSVE_AVX512_INLINE __m512i average(__m512i a, __m512i b) {
@@ -61,7 +63,7 @@ GSVE_AVX512 void blend_row(uint8_t* out, const uint8_t* a, const uint8_t* b, siz
 
 template <Weighting kWeighting>
 GSVE_AVX512 void blend_three_row(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
-                                unsigned weight) {
+                                 unsigned weight) {
     const __m512i weights = _mm512_set1_epi16(pair_weights(weight));
     for (size_t next = 0; next < n; next += kLanes) {
         const size_t i = last_vector(next, n);
@@ -77,8 +79,8 @@ GSVE_AVX512_INLINE __mmask64 spread_flags(const uint8_t* group_flags) {
 }
 
 template <Weighting kWeighting>
-GSVE_AVX512 void blend_adaptive_row(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
-                                   unsigned weight, const uint8_t* group_flags) {
+GSVE_AVX512 void blend_adaptive_row(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c,
+                                    size_t n, unsigned weight, const uint8_t* group_flags) {
     const __m512i weights = _mm512_set1_epi16(pair_weights(weight));
     for (size_t next = 0; next < n; next += kLanes) {
         const size_t i = last_vector(next, n);
@@ -122,12 +124,12 @@ inline void blend_adaptive(uint8_t* out, const uint8_t* a, const uint8_t* b, con
 /// Adds the halves of each 128-bit lane into its lower half.
 GSVE_AVX512_INLINE __m512i fold_sum(__m512i v) { return _mm512_add_epi64(v, _mm512_bsrli_epi128(v, 8)); }
 
-/// Largest minus smallest sample of each 128-bit lane, in its lower half. The smallest and the complement of the
-/// largest are searched for side by side.
+/// Largest minus smallest sample of each 128-bit lane, in its lower half. The smallest and the complement of
+/// the largest are searched for side by side.
 GSVE_AVX512_INLINE __m512i range_of(__m512i smallest, __m512i largest) {
     const __m512i inverse = _mm512_xor_si512(largest, _mm512_set1_epi8(-1));
-    __m512i both = _mm512_min_epu8(_mm512_unpacklo_epi64(smallest, inverse),
-                                   _mm512_unpackhi_epi64(smallest, inverse));
+    __m512i both =
+        _mm512_min_epu8(_mm512_unpacklo_epi64(smallest, inverse), _mm512_unpackhi_epi64(smallest, inverse));
     both = _mm512_min_epu8(both, _mm512_srli_epi64(both, 32));
     both = _mm512_min_epu8(both, _mm512_srli_epi64(both, 16));
     both = _mm512_and_si512(_mm512_min_epu8(both, _mm512_srli_epi64(both, 8)), _mm512_set1_epi64(0xff));
@@ -153,7 +155,8 @@ GSVE_AVX512_INLINE unsigned combed_of(const uint8_t* const (&lines)[plain::kMoti
     const __m512i range = range_of(smallest, largest);
     const __m512i steady = _mm512_add_epi64(_mm512_min_epu64(fold_sum(field[0]), fold_sum(field[1])),
                                             _mm512_mullo_epi16(range, _mm512_set1_epi64(10)));
-    return _mm512_cmpgt_epu64_mask(range, _mm512_set1_epi64(17)) & _mm512_cmplt_epu64_mask(steady, fold_sum(frame));
+    return _mm512_cmpgt_epu64_mask(range, _mm512_set1_epi64(17)) &
+           _mm512_cmplt_epu64_mask(steady, fold_sum(frame));
 }
 
 GSVE_AVX512 inline void motion_row(uint8_t* flags, const uint8_t* const (&lines)[plain::kMotionLines],
@@ -165,7 +168,8 @@ GSVE_AVX512 inline void motion_row(uint8_t* flags, const uint8_t* const (&lines)
         std::memcpy(flags + block, &four, sizeof(four));
     }
     if (block == blocks) return;
-    const unsigned combed = combed_of(lines, block * kMacroblock, ~uint64_t{0} >> (16 * (block + 4 - blocks)));
+    const unsigned combed =
+        combed_of(lines, block * kMacroblock, ~uint64_t{0} >> (16 * (block + 4 - blocks)));
     for (size_t i = 0; block + i < blocks; ++i) flags[block + i] = (combed >> (2 * i)) & 1;
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 
-// Row kernels for AVX-512 VBMI, whose byte permutes reach across two vectors: one gathers the sample pairs of 32
-// outputs, and one takes the bytes wanted out of two vectors of words.
+// Row kernels for AVX-512 VBMI, whose byte permutes reach across two vectors: one gathers the sample pairs of
+// 32 outputs, and one takes the bytes wanted out of two vectors of words.
 
 #if defined(__x86_64__)
 
@@ -79,7 +79,7 @@ GSVE_VBMI void blend_row(uint8_t* out, const uint8_t* a, const uint8_t* b, size_
 
 template <Weighting kWeighting>
 GSVE_VBMI void blend_three_row(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
-                                unsigned weight) {
+                               unsigned weight) {
     const __m512i weights = _mm512_set1_epi16(pair_weights(weight));
     for (size_t next = 0; next < n; next += kLanes) {
         const size_t i = last_vector(next, n);
@@ -95,8 +95,8 @@ GSVE_VBMI_INLINE __mmask64 spread_flags(const uint8_t* group_flags) {
 }
 
 template <Weighting kWeighting>
-GSVE_VBMI void blend_adaptive_row(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
-                                   unsigned weight, const uint8_t* group_flags) {
+GSVE_VBMI void blend_adaptive_row(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c,
+                                  size_t n, unsigned weight, const uint8_t* group_flags) {
     const __m512i weights = _mm512_set1_epi16(pair_weights(weight));
     for (size_t next = 0; next < n; next += kLanes) {
         const size_t i = last_vector(next, n);
@@ -162,6 +162,7 @@ alignas(64) inline constexpr auto kLowerBytes = [] {
 }();
 
 /// Fetches what the next rows want from around the windows of the round from output `i` on.
+/// Into the second level: the lines of two rows of 4K are too much for the first, and cost more there.
 template <Spread kSpread>
 GSVE_VBMI_INLINE void fetch(NextLines next, size_t i, const HorizontalPlan& plan) {
     constexpr bool kIsDense = kSpread == Spread::kDense;
@@ -170,8 +171,8 @@ GSVE_VBMI_INLINE void fetch(NextLines next, size_t i, const HorizontalPlan& plan
         if (line == nullptr) continue;
         for (unsigned group = 0; group < (kIsDense ? 1 : 2); ++group) {
             const auto* samples = reinterpret_cast<const char*>(line + window[group]);
-            _mm_prefetch(samples, _MM_HINT_T0);
-            if constexpr (kSpread == Spread::kTwo) _mm_prefetch(samples + 64, _MM_HINT_T0);
+            _mm_prefetch(samples, _MM_HINT_T1);
+            if constexpr (kSpread == Spread::kTwo) _mm_prefetch(samples + 64, _MM_HINT_T1);
         }
     }
 }
@@ -184,9 +185,10 @@ GSVE_VBMI_INLINE __m512i round(const uint8_t* row, size_t i, const HorizontalPla
     const uint32_t left = window[0], right = kIsDense ? left : window[1];
     const uint16_t* pair = plan.pair + i;
     const int16_t* weight = plan.weight + i;
-    const __m512i first = weigh(gather<kSpread>(row + left, _mm512_load_si512(pair)), _mm512_load_si512(weight));
-    const __m512i second = weigh(gather<kSpread>(row + right, _mm512_load_si512(pair + 32)),
-                                 _mm512_load_si512(weight + 32));
+    const __m512i first =
+        weigh(gather<kSpread>(row + left, _mm512_load_si512(pair)), _mm512_load_si512(weight));
+    const __m512i second =
+        weigh(gather<kSpread>(row + right, _mm512_load_si512(pair + 32)), _mm512_load_si512(weight + 32));
     return _mm512_permutex2var_epi8(first, _mm512_load_si512(kLowerBytes.data()), second);
 }
 
@@ -196,7 +198,8 @@ GSVE_VBMI_INLINE void store_rest(uint8_t* out, size_t i, size_t n, __m512i sampl
 }
 
 template <Spread kSpread>
-GSVE_VBMI void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan, NextLines next) {
+GSVE_VBMI void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
+                               NextLines next) {
     const size_t whole = n / kLanes * kLanes;
     for (size_t i = 0; i < whole; i += kLanes) {
         fetch<kSpread>(next, i, plan);
@@ -206,8 +209,8 @@ GSVE_VBMI void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const
 }
 
 template <Spread kSpread>
-GSVE_VBMI void interpolate_two_rows(const RowPair& rows, size_t n, const HorizontalPlan& plan, NextLines first,
-                              NextLines second) {
+GSVE_VBMI void interpolate_two_rows(const RowPair& rows, size_t n, const HorizontalPlan& plan,
+                                    NextLines first, NextLines second) {
     const auto [upper_out, lower_out] = rows.out;
     const auto [upper_row, lower_row] = rows.row;
     const size_t whole = n / kLanes * kLanes;
@@ -229,10 +232,11 @@ inline constexpr decltype(RowKernels::interpolate) kInterpolateRows[] = {
     interpolate_row<Spread::kOne>};
 
 inline constexpr decltype(RowKernels::interpolate_two) kInterpolateTwoRows[] = {
-    interpolate_two_rows<Spread::kDense>, interpolate_two_rows<Spread::kOne>, interpolate_two_rows<Spread::kTwo>,
-    interpolate_two_rows<Spread::kOne>};
+    interpolate_two_rows<Spread::kDense>, interpolate_two_rows<Spread::kOne>,
+    interpolate_two_rows<Spread::kTwo>, interpolate_two_rows<Spread::kOne>};
 
-inline void interpolate(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan, NextLines next) {
+inline void interpolate(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
+                        NextLines next) {
     kInterpolateRows[static_cast<size_t>(plan.spread)](out, row, n, plan, next);
 }
 

@@ -135,13 +135,13 @@ struct BlendedRow {
 inline constexpr int kProgressive = -1;
 
 /// The parity of the field that an output row is built from, or kProgressive. `mode` is the
-/// "resize deinterlace" setting, `field` the parity of the picture's first field or negative for a progressive
-/// picture.
+/// "resize deinterlace" setting, `field` the parity of the picture's first field or negative for a
+/// progressive picture.
 constexpr int row_parity(int mode, int field, unsigned row) {
-    if (mode == 0 || mode == 1) return mode;          // the whole picture from that field
+    if (mode == 0 || mode == 1) return mode;  // the whole picture from that field
     if (mode == 2 || field < 0) return kProgressive;
-    if (mode < 0) return static_cast<int>(row & 1);   // each field from its own lines: stays interlaced
-    return field & 1;                                 // both fields from the first one
+    if (mode < 0) return static_cast<int>(row & 1);  // each field from its own lines: stays interlaced
+    return field & 1;                                // both fields from the first one
 }
 
 constexpr BlendedRow single_line(unsigned line) { return {line, line, 0}; }
@@ -158,7 +158,8 @@ constexpr BlendedRow progressive_row(uint32_t position, unsigned src_height) {
 constexpr BlendedRow field_row(uint32_t position, unsigned src_height, unsigned parity) {
     const int64_t line = whole_lines(position);
     const int64_t last_pair = static_cast<int64_t>(src_height & ~1u) - 2;
-    const auto last = static_cast<unsigned>(std::max<int64_t>(last_pair + parity, 0));  // 0: a plane of one line
+    const auto last =
+        static_cast<unsigned>(std::max<int64_t>(last_pair + parity, 0));  // 0: a plane of one line
     const bool own_field = (line & 1) == parity;
     const int64_t pair = own_field ? line - parity : line + 1 - parity;
     if (pair >= last_pair) return single_line(last);
@@ -166,9 +167,19 @@ constexpr BlendedRow field_row(uint32_t position, unsigned src_height, unsigned 
     return {static_cast<unsigned>(line), static_cast<unsigned>(line + 2), line_weight(position)};
 }
 
-constexpr BlendedRow blended_row(const PlaneScaling& plane, int mode, int field, unsigned row) {
+/// The parity of the field that even and odd output rows are built from, or kProgressive for both.
+struct RowScheme {
+    int even;
+    int odd;
+};
+
+constexpr RowScheme row_scheme(int mode, int field) {
+    return {row_parity(mode, field, 0), row_parity(mode, field, 1)};
+}
+
+constexpr BlendedRow blended_row(const PlaneScaling& plane, const RowScheme& scheme, unsigned row) {
     const uint32_t position = row_position(row, plane.y_step);
-    const int parity = row_parity(mode, field, row);
+    const int parity = row % 2 == 0 ? scheme.even : scheme.odd;
     if (parity == kProgressive) return progressive_row(position, plane.src_height);
     return field_row(position, plane.src_height, static_cast<unsigned>(parity));
 }
@@ -193,8 +204,8 @@ constexpr LineTriple line_triple(uint32_t position, unsigned src_height) {
 
 // ---- Source samples -----------------------------------------------------------------------------------
 
-/// The walk of a row's output samples along the source row: a whole sample and a 16-bit fraction. The fraction
-/// and the step are added in 32 bits, the whole samples have no end.
+/// The walk of a row's output samples along the source row: a whole sample and a 16-bit fraction. The
+/// fraction and the step are added in 32 bits, the whole samples have no end.
 struct SampleWalk {
     uint64_t position = 0;
 
@@ -261,6 +272,8 @@ constexpr bool has_blocks(const MotionMap& map) {
 }
 
 /// The width that the adaptive deinterlacer writes: whole groups of 8 samples.
-constexpr uint64_t whole_groups(unsigned to_width) { return (static_cast<uint64_t>(to_width) + 7) & ~uint64_t{7}; }
+constexpr uint64_t whole_groups(unsigned to_width) {
+    return (static_cast<uint64_t>(to_width) + 7) & ~uint64_t{7};
+}
 
 }  // namespace gsve::detail

@@ -29,8 +29,8 @@ inline void require_output_row(const PlaneScaling& plane, unsigned row, const ch
 
 namespace plain {
 
-/// a + floor((b - a) * weight / 256), weight 0 to 255. The shift of a negative product is arithmetic: it rounds
-/// toward minus infinity, as everything here does; there is no rounding constant.
+/// a + floor((b - a) * weight / 256), weight 0 to 255. The shift of a negative product is arithmetic: it
+/// rounds toward minus infinity, as everything here does; there is no rounding constant.
 constexpr uint8_t blend_lines(int a, int b, int weight) {
     return static_cast<uint8_t>(a + (((b - a) * weight) >> 8));
 }
@@ -48,14 +48,16 @@ constexpr uint8_t blend_three_lines(int a, int b, int c, int weight) {
 /// A row of `plane` at a point of the walk. Past the row's end its last sample stands in.
 inline uint8_t sample_at(const PlaneScaling& plane, const uint8_t* line, const SampleWalk& walk) {
     return blend_samples(line[column_in_row(walk.sample(), plane.src_width)],
-                         line[column_in_row(walk.sample() + 1, plane.src_width)], static_cast<int>(walk.fraction()));
+                         line[column_in_row(walk.sample() + 1, plane.src_width)],
+                         static_cast<int>(walk.fraction()));
 }
 
 /// The plain scaler's plane: see scale_plane() in plane_scaler.h.
 inline void scale(const PlaneScaling& plane, int mode, int field, const char* function) {
+    const RowScheme scheme = row_scheme(mode, field);
     uint8_t row_buffer[kScalerRowSamples];
     for (unsigned row = 0; row < plane.to_height; ++row) {
-        const BlendedRow source = blended_row(plane, mode, field, row);
+        const BlendedRow source = blended_row(plane, scheme, row);
         const uint8_t* line = plane.src + source.a * plane.src_stride;
         if (source.weight != 0) {
             require_source_line(plane, source.b, function);

@@ -2,7 +2,7 @@
 
 // Plane operations composed of row kernels. The vector forms share everything but their kernels: an output
 // plane is produced in strips of columns, a strip row by row, with the horizontal gather laid out once per
-// strip. Nothing is allocated: the layout, a blended row and three interpolated lines live on the stack.
+// strip. Nothing is allocated: the layout, two blended rows or three interpolated lines live on the stack.
 
 #include <algorithm>
 #include <array>
@@ -35,8 +35,9 @@ enum class Spread {
 /// The horizontal interpolation of up to kColumns output samples, laid out for a gather kernel.
 ///
 /// An output is base + floor((base - other) * weight / 65536), a product of signed 16-bit numbers: for
-/// fractions below 0x8000 the left sample is the base and the weight is -fraction, from there on the right one
-/// is the base and the weight is fraction - 65536. Both equal left + floor((right - left) * fraction / 65536).
+/// fractions below 0x8000 the left sample is the base and the weight is -fraction, from there on the right
+/// one is the base and the weight is fraction - 65536. Both equal left + floor((right - left) * fraction /
+/// 65536).
 struct HorizontalPlan {
     static constexpr unsigned kColumns = 2048;
 
@@ -78,7 +79,8 @@ struct RowKernels {
     void (*blend_adaptive)(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
                            unsigned weight, const uint8_t* group_flags);
     /// The plan's first `n` samples of a row; of a row of pairs where the plan's spread is kFar.
-    void (*interpolate)(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan, NextLines next);
+    void (*interpolate)(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
+                        NextLines next);
     /// interpolate() for two rows in one pass over the plan's tables.
     void (*interpolate_two)(const RowPair& rows, size_t n, const HorizontalPlan& plan, NextLines first,
                             NextLines second);
@@ -132,14 +134,17 @@ inline void blend_three_short(uint8_t* out, const uint8_t* a, const uint8_t* b, 
 inline void blend_adaptive_short(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
                                  unsigned weight, const uint8_t* group_flags) {
     for (size_t i = 0; i < n; i += 8) {
-        if (group_flags[i / 8] != 0) blend_three_short(out + i, a + i, b + i, c + i, 8, weight);
-        else blend_short(out + i, a + i, b + i, 8, weight);
+        if (group_flags[i / 8] != 0)
+            blend_three_short(out + i, a + i, b + i, c + i, 8, weight);
+        else
+            blend_short(out + i, a + i, b + i, 8, weight);
     }
 }
 
 // ---- The horizontal plan ------------------------------------------------------------------------------
 
-/// A plan's outputs before they are grouped: the sample on the left of each and the way to the one on its right.
+/// A plan's outputs before they are grouped: the sample on the left of each and the way to the one on its
+/// right.
 struct Outputs {
     unsigned count;
     unsigned last;  ///< the row's last sample
@@ -167,8 +172,8 @@ inline Spread spread_of(const Outputs& outputs, const RowKernels& kernels) {
 }
 
 /// Enters `n` outputs from `from` on, whose window starts at sample `start`, at `entry`.
-inline void fill_group(HorizontalPlan& plan, size_t entry, const Outputs& outputs, unsigned from, uint32_t start,
-                       unsigned n) {
+inline void fill_group(HorizontalPlan& plan, size_t entry, const Outputs& outputs, unsigned from,
+                       uint32_t start, unsigned n) {
     uint16_t* __restrict pair = plan.pair + entry;
     int16_t* __restrict weight = plan.weight + entry;
     const uint32_t* __restrict left = outputs.left + from;
@@ -192,7 +197,8 @@ inline void fill_tables(HorizontalPlan& plan, const GatherShape& shape, Outputs&
     const unsigned round = shape.outputs * shape.groups;
     const unsigned filled = (outputs.count + round - 1) / round * round;
     std::fill(outputs.left + outputs.count, outputs.left + filled, outputs.left[outputs.count - 1]);
-    std::fill(outputs.fraction + outputs.count, outputs.fraction + filled, outputs.fraction[outputs.count - 1]);
+    std::fill(outputs.fraction + outputs.count, outputs.fraction + filled,
+              outputs.fraction[outputs.count - 1]);
 
     // No window reads past the row's end: the last ones start earlier.
     const unsigned row_end = plan.spread == Spread::kFar ? 2 * filled : plan.src_width;
@@ -261,8 +267,8 @@ inline void interpolate(const RowKernels& kernels, uint8_t* out, const uint8_t* 
     }
 }
 
-inline void interpolate_two(const RowKernels& kernels, const RowPair& pair, size_t n, const HorizontalPlan& plan,
-                            NextLines first, NextLines second) {
+inline void interpolate_two(const RowKernels& kernels, const RowPair& pair, size_t n,
+                            const HorizontalPlan& plan, NextLines first, NextLines second) {
     if (plan.spread != Spread::kFar && plan.src_width >= plan.reach) {
         return kernels.interpolate_two(pair, n, plan, first, second);
     }
@@ -299,7 +305,8 @@ void for_each_strip(const PlaneScaling& plane, uint64_t width, const RowKernels&
         walk.position = column << 16;
     }
     while (column < width) {
-        const auto count = static_cast<unsigned>(std::min<uint64_t>(width - column, HorizontalPlan::kColumns));
+        const auto count =
+            static_cast<unsigned>(std::min<uint64_t>(width - column, HorizontalPlan::kColumns));
         lay_out(plan, kernels, walk, count, plane.x_step, plane.src_width);
         body(Strip{column, count, false}, plan);
         column += count;
@@ -322,19 +329,17 @@ inline NextLines lines_to_come(const PlaneScaling& plane, const BlendedRow& sour
 
 /// How many rows from `row`, an unblended one, on are copies of lines that follow each other as the rows do,
 /// without a gap in either plane: 1 or more.
-inline unsigned rows_in_one_piece(const PlaneScaling& plane, int mode, int field, unsigned row) {
+inline unsigned rows_in_one_piece(const PlaneScaling& plane, const RowScheme& scheme, unsigned row) {
     const size_t width = plane.to_width;
-    if (plane.src_width != width || plane.src_stride != width || plane.dst_stride != width) return 1;
-    const unsigned first = blended_row(plane, mode, field, row).a;
-    for (unsigned n = 1;; ++n) {
-        if (row + n >= plane.to_height) return n;
-        const BlendedRow next = blended_row(plane, mode, field, row + n);
-        if (next.weight != 0 || next.a != first + n) return n;
-    }
+    const bool gapless = plane.src_width == width && plane.src_stride == width && plane.dst_stride == width;
+    const bool line_by_line = plane.y_step == 65536 && scheme.even == kProgressive;
+    const unsigned end = std::min({plane.to_height, plane.src_height, 65536u});  // where positions wrap
+    return gapless && line_by_line && row < end ? end - row : 1;
 }
 
-/// The strip's part of the rows from `row` on, straight from the lines above it. Returns how many rows it made.
-inline unsigned scale_straight(const RowKernels& kernels, const PlaneScaling& plane, int mode, int field,
+/// The strip's part of the rows from `row` on, straight from the lines above it. Returns how many rows it
+/// made.
+inline unsigned scale_straight(const RowKernels& kernels, const PlaneScaling& plane, const RowScheme& scheme,
                                const Strip& strip, unsigned row, const BlendedRow& source) {
     const uint8_t* a = line_of(plane, source.a) + strip.column;
     const uint8_t* b = line_of(plane, source.b) + strip.column;
@@ -343,14 +348,14 @@ inline unsigned scale_straight(const RowKernels& kernels, const PlaneScaling& pl
         kernels.blend(out, a, b, strip.count, source.weight);
         return 1;
     }
-    const unsigned rows = rows_in_one_piece(plane, mode, field, row);
+    const unsigned rows = rows_in_one_piece(plane, scheme, row);
     std::memcpy(out, a, size_t{strip.count} * rows);
     return rows;
 }
 
 /// The samples of a source row that the plan reads: a line of the plane, or the blend of two in `buffer`.
-inline const uint8_t* source_row(const RowKernels& kernels, const PlaneScaling& plane, const HorizontalPlan& plan,
-                                 const BlendedRow& source, uint8_t* buffer) {
+inline const uint8_t* source_row(const RowKernels& kernels, const PlaneScaling& plane,
+                                 const HorizontalPlan& plan, const BlendedRow& source, uint8_t* buffer) {
     const uint8_t* a = line_of(plane, source.a);
     if (source.weight == 0) return a;
     kernels.blend(buffer + plan.first, a + plan.first, line_of(plane, source.b) + plan.first,
@@ -359,11 +364,11 @@ inline const uint8_t* source_row(const RowKernels& kernels, const PlaneScaling& 
 }
 
 /// Makes the strip's part of all rows along its plan, two rows at a time.
-inline void scale_along_plan(const RowKernels& kernels, const PlaneScaling& plane, int mode, int field,
+inline void scale_along_plan(const RowKernels& kernels, const PlaneScaling& plane, const RowScheme& scheme,
                              const Strip& strip, const HorizontalPlan& plan, const char* function) {
     alignas(64) uint8_t buffer[2][kScalerRowSamples];
     const auto out = [&](unsigned row) { return plane.dst + row * plane.dst_stride + strip.column; };
-    const auto source_of = [&](unsigned row) { return blended_row(plane, mode, field, row); };
+    const auto source_of = [&](unsigned row) { return blended_row(plane, scheme, row); };
     const auto samples = [&](unsigned row, const BlendedRow& source, uint8_t* into) {
         if (source.weight != 0) require_source_line(plane, source.b, function);
         require_output_row(plane, row, function);
@@ -387,13 +392,14 @@ inline void scale_along_plan(const RowKernels& kernels, const PlaneScaling& plan
 
 inline void scale(const RowKernels& kernels, const PlaneScaling& plane, int mode, int field,
                   const char* function) {
+    const RowScheme scheme = row_scheme(mode, field);
     for_each_strip(plane, plane.to_width, kernels, [&](const Strip& strip, const HorizontalPlan& plan) {
-        if (!strip.straight) return scale_along_plan(kernels, plane, mode, field, strip, plan, function);
+        if (!strip.straight) return scale_along_plan(kernels, plane, scheme, strip, plan, function);
         for (unsigned row = 0; row < plane.to_height;) {
-            const BlendedRow source = blended_row(plane, mode, field, row);
+            const BlendedRow source = blended_row(plane, scheme, row);
             if (source.weight != 0) require_source_line(plane, source.b, function);
             require_output_row(plane, row, function);
-            row += scale_straight(kernels, plane, mode, field, strip, row, source);
+            row += scale_straight(kernels, plane, scheme, strip, row, source);
         }
     });
 }
@@ -429,7 +435,12 @@ private:
     alignas(64) uint8_t samples_[3][HorizontalPlan::kColumns];
 };
 
+/// True where a row of `width` samples reaches into the next: strips would write that in another order than
+/// rows do.
+constexpr bool rows_overlap(const PlaneScaling& plane, uint64_t width) { return plane.dst_stride < width; }
+
 inline void deinterlace_basic(const RowKernels& kernels, const PlaneScaling& plane) {
+    if (rows_overlap(plane, plane.to_width)) return plain::deinterlace_basic(plane);
     for_each_strip(plane, plane.to_width, kernels, [&](const Strip& strip, const HorizontalPlan& plan) {
         StripLines source(kernels, plane, strip, plan);
         for (unsigned row = 0; row < plane.to_height; ++row) {
@@ -469,6 +480,7 @@ private:
 
 inline void deinterlace_adaptive(const RowKernels& kernels, const PlaneScaling& plane, const MotionMap& map) {
     const uint64_t width = whole_groups(plane.to_width);
+    if (rows_overlap(plane, width)) return plain::deinterlace_adaptive(plane, map);
     for_each_strip(plane, width, kernels, [&](const Strip& strip, const HorizontalPlan& plan) {
         StripLines source(kernels, plane, strip, plan);
         StripFlags flags(plane, strip, map);

@@ -70,8 +70,8 @@ GSVE_SSE41_INLINE __m128i spread_flags(const uint8_t* group_flags) {
 }
 
 template <Weighting kWeighting>
-GSVE_SSE41 void blend_adaptive_row(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
-                                   unsigned weight, const uint8_t* group_flags) {
+GSVE_SSE41 void blend_adaptive_row(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c,
+                                   size_t n, unsigned weight, const uint8_t* group_flags) {
     const __m128i weights = _mm_set1_epi16(pair_weights(weight));
     for (size_t next = 0; next < n; next += kLanes) {
         const size_t i = last_vector(next, n);
@@ -132,11 +132,12 @@ GSVE_SSE41_INLINE __m128i weigh(__m128i pairs, __m128i weight) {
 }
 
 /// Fetches what the next rows want from around the first window of the round from output `i` on.
+/// Into the second level: the lines of two rows of 4K are too much for the first, and cost more there.
 template <Spread kSpread>
 GSVE_SSE41_INLINE void fetch(NextLines next, size_t i, const HorizontalPlan& plan) {
     const uint32_t column = plan.window[i / (kSpread == Spread::kDense ? kDense.outputs : kSparse.outputs)];
-    if (next.a != nullptr) _mm_prefetch(reinterpret_cast<const char*>(next.a + column), _MM_HINT_T0);
-    if (next.b != nullptr) _mm_prefetch(reinterpret_cast<const char*>(next.b + column), _MM_HINT_T0);
+    if (next.a != nullptr) _mm_prefetch(reinterpret_cast<const char*>(next.a + column), _MM_HINT_T1);
+    if (next.b != nullptr) _mm_prefetch(reinterpret_cast<const char*>(next.b + column), _MM_HINT_T1);
 }
 
 /// A round of 16 samples, from output `i` of the plan on.
@@ -160,7 +161,8 @@ GSVE_SSE41_INLINE void store_rest(uint8_t* out, size_t i, size_t n, __m128i samp
 }
 
 template <Spread kSpread>
-GSVE_SSE41 void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan, NextLines next) {
+GSVE_SSE41 void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
+                                NextLines next) {
     const size_t whole = n / kLanes * kLanes;
     for (size_t i = 0; i < whole; i += kLanes) {
         fetch<kSpread>(next, i, plan);
@@ -170,8 +172,8 @@ GSVE_SSE41 void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, cons
 }
 
 template <Spread kSpread>
-GSVE_SSE41 void interpolate_two_rows(const RowPair& rows, size_t n, const HorizontalPlan& plan, NextLines first,
-                              NextLines second) {
+GSVE_SSE41 void interpolate_two_rows(const RowPair& rows, size_t n, const HorizontalPlan& plan,
+                                     NextLines first, NextLines second) {
     const auto [upper_out, lower_out] = rows.out;
     const auto [upper_row, lower_row] = rows.row;
     const size_t whole = n / kLanes * kLanes;
@@ -193,10 +195,11 @@ inline constexpr decltype(RowKernels::interpolate) kInterpolateRows[] = {
     interpolate_row<Spread::kOne>};
 
 inline constexpr decltype(RowKernels::interpolate_two) kInterpolateTwoRows[] = {
-    interpolate_two_rows<Spread::kDense>, interpolate_two_rows<Spread::kOne>, interpolate_two_rows<Spread::kTwo>,
-    interpolate_two_rows<Spread::kOne>};
+    interpolate_two_rows<Spread::kDense>, interpolate_two_rows<Spread::kOne>,
+    interpolate_two_rows<Spread::kTwo>, interpolate_two_rows<Spread::kOne>};
 
-inline void interpolate(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan, NextLines next) {
+inline void interpolate(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
+                        NextLines next) {
     kInterpolateRows[static_cast<size_t>(plan.spread)](out, row, n, plan, next);
 }
 
@@ -207,14 +210,14 @@ inline void interpolate_two(const RowPair& rows, size_t n, const HorizontalPlan&
 
 // ---- Motion map ---------------------------------------------------------------------------------------
 
-/// Largest minus smallest of 16 samples of each, in the lowest 16 bits. phminposuw finds the smallest of eight
-/// words; the largest is the complement of the complements' smallest.
+/// Largest minus smallest of 16 samples of each, in the lowest 16 bits. phminposuw finds the smallest of
+/// eight words; the largest is the complement of the complements' smallest.
 GSVE_SSE41_INLINE __m128i range_of(__m128i smallest, __m128i largest) {
     const __m128i inverse = _mm_xor_si128(largest, _mm_set1_epi8(-1));
-    const __m128i low = _mm_minpos_epu16(_mm_min_epu8(_mm_and_si128(smallest, _mm_set1_epi16(0xff)),
-                                                      _mm_srli_epi16(smallest, 8)));
-    const __m128i high = _mm_minpos_epu16(_mm_min_epu8(_mm_and_si128(inverse, _mm_set1_epi16(0xff)),
-                                                       _mm_srli_epi16(inverse, 8)));
+    const __m128i low = _mm_minpos_epu16(
+        _mm_min_epu8(_mm_and_si128(smallest, _mm_set1_epi16(0xff)), _mm_srli_epi16(smallest, 8)));
+    const __m128i high = _mm_minpos_epu16(
+        _mm_min_epu8(_mm_and_si128(inverse, _mm_set1_epi16(0xff)), _mm_srli_epi16(inverse, 8)));
     return _mm_sub_epi16(_mm_sub_epi16(_mm_set1_epi16(255), high), low);
 }
 

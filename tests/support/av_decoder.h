@@ -2,6 +2,7 @@
 
 // Reads emitted units back through libavcodec, which is the judge of what reaches a viewer.
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <memory>
@@ -28,9 +29,9 @@ struct DecodedPicture {
     int format = -1;
     AVPictureType type = AV_PICTURE_TYPE_NONE;
     AVRational sample_aspect_ratio = {0, 1};
-    Bytes planes[3];                        ///< rows without padding
-    Bytes a53;                              ///< cc_data constructs, three bytes each
-    std::optional<int64_t> gop_timecode;    ///< 25 bits as in the GOP header
+    Bytes planes[3];                      ///< rows without padding
+    Bytes a53;                            ///< cc_data constructs, three bytes each
+    std::optional<int64_t> gop_timecode;  ///< 25 bits as in the GOP header
 };
 
 struct FreeDecoder {
@@ -65,7 +66,8 @@ inline DecodedPicture copy_picture(const AVFrame& frame) {
 /// The pictures of `units` in display order. Every error of the decoder fails the test.
 inline std::vector<DecodedPicture> decode(AVCodecID id, const std::vector<Unit>& units) {
     std::vector<DecodedPicture> pictures;
-    const std::unique_ptr<AVCodecContext, FreeDecoder> context(avcodec_alloc_context3(avcodec_find_decoder(id)));
+    const std::unique_ptr<AVCodecContext, FreeDecoder> context(
+        avcodec_alloc_context3(avcodec_find_decoder(id)));
     const std::unique_ptr<AVFrame, FreeDecoder> frame(av_frame_alloc());
     const std::unique_ptr<AVPacket, FreeDecoder> packet(av_packet_alloc());
     context->thread_count = 1;
@@ -97,7 +99,8 @@ inline std::vector<DecodedPicture> decode(AVCodecID id, const std::vector<Unit>&
 inline double psnr(const Bytes& decoded, const Bytes& source) {
     if (decoded.size() != source.size() || source.empty()) return 0;
     double squares = 0;
-    for (size_t i = 0; i < source.size(); i++) squares += std::pow(static_cast<double>(decoded[i]) - source[i], 2);
+    for (size_t i = 0; i < source.size(); i++)
+        squares += std::pow(static_cast<double>(decoded[i]) - source[i], 2);
     return squares == 0 ? 99 : 10 * std::log10(255.0 * 255.0 * static_cast<double>(source.size()) / squares);
 }
 

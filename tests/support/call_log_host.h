@@ -22,6 +22,9 @@ struct ResizeCall {
 
 class CallLogHost : public RecordingHost {
 public:
+    /// Leaves no client attached: most tests end in the middle of a stream.
+    ~CallLogHost() override { refcount = 0; }
+
     void emit_data_out(const uint8_t* data, size_t len, AVPacket* pkt) override {
         calls.push_back("emit_data_out(" + std::to_string(len) + ")");
         RecordingHost::emit_data_out(data, len, pkt);
@@ -40,9 +43,10 @@ public:
                                                         unsigned width, unsigned height, int field) override {
         resizes.push_back({"basic", {y, u, v}, {y_stride, u_stride, v_stride}, width, height, field});
     }
-    void resize_input_to_output_deinterlace_adaptive_mode4(const uint8_t* y, size_t y_stride, const uint8_t* u,
-                                                           size_t u_stride, const uint8_t* v, size_t v_stride,
-                                                           unsigned width, unsigned height, int field) override {
+    void resize_input_to_output_deinterlace_adaptive_mode4(const uint8_t* y, size_t y_stride,
+                                                           const uint8_t* u, size_t u_stride,
+                                                           const uint8_t* v, size_t v_stride, unsigned width,
+                                                           unsigned height, int field) override {
         resizes.push_back({"adaptive", {y, u, v}, {y_stride, u_stride, v_stride}, width, height, field});
     }
     bool mpeg_insert_output(uint8_t*& out, size_t n) override {
@@ -67,8 +71,8 @@ public:
         RecordingHost::mpeg_insert_scte20(pts);
     }
     void mpeg_insert_gop_timecode(const mpeg2_gop_timecode_t& tc) override {
-        calls.push_back("mpeg_insert_gop_timecode(" + std::to_string(tc.valid) + ":" + std::to_string(tc.hours) +
-                        ":" + tc.text + ")");
+        calls.push_back("mpeg_insert_gop_timecode(" + std::to_string(tc.valid) + ":" +
+                        std::to_string(tc.hours) + ":" + tc.text + ")");
         RecordingHost::mpeg_insert_gop_timecode(tc);
     }
 

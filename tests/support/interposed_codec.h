@@ -130,6 +130,7 @@ inline int ticks_per_frame(const AVCodecContext& context) { return context.ticks
 extern "C" {
 
 const AVCodec* avcodec_find_encoder(AVCodecID id) {
+    const gsve::test::Listening listening;
     static const auto next =
         gsve::test::next_function<decltype(avcodec_find_encoder)>("avcodec_find_encoder");
     auto& listener = gsve::test::codec_listener;
@@ -140,6 +141,7 @@ const AVCodec* avcodec_find_encoder(AVCodecID id) {
 }
 
 AVCodecContext* avcodec_alloc_context3(const AVCodec* codec) {
+    const gsve::test::Listening listening;
     static const auto next =
         gsve::test::next_function<decltype(avcodec_alloc_context3)>("avcodec_alloc_context3");
     auto& listener = gsve::test::codec_listener;
@@ -225,6 +227,7 @@ int avcodec_open2(AVCodecContext* context, const AVCodec* codec, AVDictionary** 
 }
 
 void avcodec_free_context(AVCodecContext** context) {
+    const gsve::test::Listening listening;
     static const auto next =
         gsve::test::next_function<decltype(avcodec_free_context)>("avcodec_free_context");
     auto& listener = gsve::test::codec_listener;

@@ -38,15 +38,16 @@ inline Bytes gop_unit(uint32_t gop_word) { return kSequenceHeader + gop_header(g
 /// One start code with the bytes up to the next one.
 struct Section {
     uint8_t code;
-    size_t offset;   ///< of the 00 00 01 prefix
-    Bytes payload;   ///< after the start code
+    size_t offset;  ///< of the 00 00 01 prefix
+    Bytes payload;  ///< after the start code
 };
 
 inline std::vector<Section> sections(const Bytes& unit) {
     std::vector<Section> found;
     for (size_t i = 0; i + 3 < unit.size(); i++) {
         if (unit[i] != 0 || unit[i + 1] != 0 || unit[i + 2] != 1) continue;
-        if (!found.empty()) found.back().payload.assign(unit.begin() + found.back().offset + 4, unit.begin() + i);
+        if (!found.empty())
+            found.back().payload.assign(unit.begin() + found.back().offset + 4, unit.begin() + i);
         found.push_back({unit[i + 3], i, {}});
         i += 3;
     }

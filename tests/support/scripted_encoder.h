@@ -26,7 +26,8 @@ inline constexpr uint64_t kAllOnes = UINT64_MAX;
 
 /// Opens `host` with a 64x48 4:2:0 source of 25 pictures/s, unless described otherwise before, and one codec
 /// thread; what it says on the way is swallowed.
-inline void open_encoder(GeneralStreamingVideoEncoder& host, const char* codec, const Settings& settings = {}) {
+inline void open_encoder(GeneralStreamingVideoEncoder& host, const char* codec,
+                         const Settings& settings = {}) {
     if (host.input_width == 0) describe_source(host, 64, 48, 25, 1);
     configure(host, {{"encoder", codec}, {"bitrate", "1000000"}, {"maximum threads", "1"}, {"enable", "1"}});
     configure(host, settings);

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <deque>
 #include <functional>
+#include <utility>
 #include <vector>
 
 extern "C" {
@@ -117,13 +118,13 @@ inline SentPicture describe(const AVFrame& frame) {
 
 struct Surroundings {
     bool scripted = false;
-    std::deque<Outcome> outcomes;        ///< one per send; where there is none, the picture is held back
-    std::function<void()> during_send;   ///< runs inside every scripted send
-    std::vector<SentPicture> pictures;   ///< sent so far, drains left out
+    std::deque<Outcome> outcomes;       ///< one per send; where there is none, the picture is held back
+    std::function<void()> during_send;  ///< runs inside every scripted send
+    std::vector<SentPicture> pictures;  ///< sent so far, drains left out
     int drains = 0;
     int receives = 0;
     uint64_t now_us = 1000000;
-    std::vector<size_t> window_sizes;    ///< asked for so far
+    std::vector<size_t> window_sizes;  ///< asked for so far
     bool refuse_window = false;
     bool window_insane = false;
 
@@ -148,7 +149,8 @@ extern "C" {
 int avcodec_send_frame(AVCodecContext* context, const AVFrame* frame) {
     auto& around = gsve::test::surroundings();
     if (!around.scripted)
-        return gsve::test::next_definition<decltype(avcodec_send_frame)>("avcodec_send_frame")(context, frame);
+        return gsve::test::next_definition<decltype(avcodec_send_frame)>("avcodec_send_frame")(context,
+                                                                                               frame);
     if (frame)
         around.pictures.push_back(gsve::test::describe(*frame));
     else
@@ -167,8 +169,8 @@ int avcodec_send_frame(AVCodecContext* context, const AVFrame* frame) {
 int avcodec_receive_packet(AVCodecContext* context, AVPacket* packet) {
     auto& around = gsve::test::surroundings();
     if (!around.scripted)
-        return gsve::test::next_definition<decltype(avcodec_receive_packet)>("avcodec_receive_packet")(context,
-                                                                                                       packet);
+        return gsve::test::next_definition<decltype(avcodec_receive_packet)>("avcodec_receive_packet")(
+            context, packet);
     around.receives++;
     const gsve::test::Outcome& outcome = around.current;
     av_packet_unref(packet);
@@ -185,7 +187,8 @@ int avcodec_receive_packet(AVCodecContext* context, AVPacket* packet) {
 
 uint64_t monotonic_clock_us(void) {
     auto& around = gsve::test::surroundings();
-    if (!around.scripted) return gsve::test::next_definition<decltype(monotonic_clock_us)>("monotonic_clock_us")();
+    if (!around.scripted)
+        return gsve::test::next_definition<decltype(monotonic_clock_us)>("monotonic_clock_us")();
     return around.now_us;
 }
 
@@ -199,7 +202,8 @@ sliding_window_v4* sliding_window_v4_create_buffer(size_t size) {
 
 bool sliding_window_v4_is_sane(const sliding_window_v4* window) {
     return !gsve::test::surroundings().window_insane &&
-           gsve::test::next_definition<decltype(sliding_window_v4_is_sane)>("sliding_window_v4_is_sane")(window);
+           gsve::test::next_definition<decltype(sliding_window_v4_is_sane)>("sliding_window_v4_is_sane")(
+               window);
 }
 
 }  // extern "C"

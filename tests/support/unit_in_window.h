@@ -11,6 +11,8 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 }
 
+#include <orb_utils_v4/io.h>
+
 #include "support/bytes.h"
 #include "support/call_log_host.h"
 
