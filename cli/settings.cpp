@@ -55,8 +55,8 @@ constexpr std::array kSettings = {
             "4:2:0, 4:2:2 or 4:4:4; default the source's, as far as codec and profile have it."},
     Setting{"Pictures", "resize", "", kSize, "Size to encode; default the source's."},
     Setting{"Pictures", "resize deinterlace", "-1", kWhole,
-            "-1: keep interlaced; 3: deinterlace by a blend; 4: where the picture combs; others from 0: "
-            "scale to progressive."},
+            "-1: keep interlaced; 0, 1: from the even or odd field alone; 2: as a progressive picture; "
+            "3: three-line blend; 4: blend only where the picture combs."},
 
     Setting{"Quality", "noise reduction", "5", kWhole, "Strength of the codec's noise reduction; 0: none."},
     Setting{"Quality", "motion estimation range", "16", kWhole, "Motion search range in samples, 1 to 256."},
