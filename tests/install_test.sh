@@ -26,7 +26,7 @@ pkg_check_modules(LIBAVCODEC REQUIRED IMPORTED_TARGET libavcodec)
 add_executable(host host.cpp)
 target_link_libraries(host PRIVATE gsve::encoder gsve::host PkgConfig::LIBAVCODEC)
 CMAKE
-cmake -S "$work/host" -B "$work/host/build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake -G Ninja -S "$work/host" -B "$work/host/build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/host/build" >/dev/null
 (cd "$work/host" && ./build/host >units.txt 2>diagnostics.txt) || fail "the README's host (CMake)"
 [ "$(wc -l <"$work/host/units.txt")" = 100 ] || fail "the README's host emitted $(wc -l <"$work/host/units.txt") units of 100"
@@ -38,7 +38,7 @@ g++ -std=c++20 "$work/host/host.cpp" -o "$work/host/pkg" $(pkg-config --cflags -
 (cd "$work/host" && ./pkg >units.txt 2>diagnostics.txt) || fail "the README's host (pkg-config)"
 
 # Another host framework's headers and libraries: no stand-in may be built.
-cmake -S "$source_dir" -B "$work/other" -DGSVE_HOST_PREFIX="$prefix" >/dev/null
+cmake -G Ninja -S "$source_dir" -B "$work/other" -DGSVE_HOST_PREFIX="$prefix" >/dev/null
 cmake --build "$work/other" >/dev/null
 stand_ins=$(find "$work/other" -name 'liborb_utils_v4_*.so*' ! -name '*streaming_encoder*')
 [ -z "$stand_ins" ] || fail "stand-ins were built beside the host's own libraries: $stand_ins"

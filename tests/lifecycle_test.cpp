@@ -444,7 +444,8 @@ TEST(Destructor, WithClientsLeftComplainsAndReleasesEverything) {
         encode(*host, 2);
     });
     const int fd = host->debug_fd = open_null();
-    ASSERT_EQ(codec_listener.alive(), 3u);
+    // Context, picture and packet; libavcodec 61 has pictures of its own besides.
+    ASSERT_GE(codec_listener.alive(), 3u);
     EXPECT_EQ(stderr_of([&] { host.reset(); }), "GVSE: encoder refcount 2 on destruct\n");
     EXPECT_EQ(codec_listener.alive(), 0u);
     EXPECT_FALSE(is_open(fd));
