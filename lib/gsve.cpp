@@ -69,13 +69,7 @@ AuxData::~GeneralStreamingVideoEncoderAuxData() = default;
 
 // Construction and settings
 
-Encoder::GeneralStreamingVideoEncoder() {
-    Encoder::default_config();
-    mpeg_codec = nullptr;
-    mpeg_context = nullptr;
-    mpeg_packet = nullptr;
-    mpeg_frame = nullptr;
-}
+Encoder::GeneralStreamingVideoEncoder() { Encoder::default_config(); }
 
 Encoder::~GeneralStreamingVideoEncoder() {
     Encoder::free_encoder();
@@ -367,6 +361,7 @@ uint16_t take_word(std::deque<uint16_t>& queue) {
 
 /// Moves one picture's share of the caption queues into its record.
 void take_captions(Encoder& e, AuxData& record) {
+    // At exactly 40 pictures per second the fields alternate here, while insertion still writes both.
     constexpr int64_t kSlowestAlternatingRate = 40;
     if (source_rate(e).divided_whole(e.frame_rate_divider) < kSlowestAlternatingRate) {
         record.eia608_word_field1 = take_word(e.eia608_field1_queue);
@@ -1330,55 +1325,52 @@ Effect set_resize(Encoder& e, const char* value) {
     return Effect::closes_encoder;
 }
 
-using namespace gsve::detail;
-using E = Encoder;
-
 // clang-format off
 constexpr Setting kSettings[] = {
     {"encoder",                       select_codec},
-    {"enable h.264 nal hrd",          store<&E::h264_nal_hrd, parse_nonzero_switch>},
-    {"temporal complexity masking",   store<&E::temporal_complexity_masking, parse_masking<5>>},
-    {"spatial complexity masking",    store<&E::spatial_complexity_masking, parse_masking<20>>},
-    {"p masking",                     store<&E::p_masking, parse_masking<800>>},
-    {"noise reduction",               store<&E::noise_reduction, parse_positive<15, 0>>},
-    {"bitrate",                       store<&E::bitrate, parse_positive<6000000, -1>>},
-    {"min bitrate",                   store<&E::min_bitrate, parse_min_bitrate>},
-    {"max bitrate",                   store<&E::max_bitrate, parse_max_bitrate>},
-    {"h.264 b-slice multithreading",  store<&E::h264_b_slice_multithreading, parse_digit_led_switch<false>>},
-    {"h.264 aud",                     store<&E::h264_aud, parse_digit_led_switch<true>>},
-    {"h.264 level",                   store<&E::h264_level, as_text>},
-    {"h.264 profile",                 store<&E::h264_profile, as_text>},
-    {"h.264 preset",                  store<&E::h264_preset, as_text>},
-    {"bitrate tolerance",             store<&E::bitrate_tolerance, parse_positive<-1, -1>>},
-    {"gop size",                      store<&E::gop_size, parse_gop_size>},
-    {"b frames",                      store<&E::b_frames, parse_b_frames>},
-    {"minimum quant",                 store<&E::minimum_quant, parse_positive<-1, -1>>},
-    {"maximum threads",               store<&E::maximum_threads, parse_positive<0, 0>>},
-    {"gop synchronization",           store_at_once<&E::gop_synchronization, parse_switch>},
-    {"maximum quant",                 store<&E::maximum_quant, parse_positive<-1, -1>>},
-    {"buffer size",                   store<&E::buffer_size, parse_positive<-1, -1>>},
-    {"name",                          store_at_once<&E::encoder_name, as_text>},
+    {"enable h.264 nal hrd",          store<&Encoder::h264_nal_hrd, detail::parse_nonzero_switch>},
+    {"temporal complexity masking",   store<&Encoder::temporal_complexity_masking, detail::parse_masking<0.005>>},
+    {"spatial complexity masking",    store<&Encoder::spatial_complexity_masking, detail::parse_masking<0.02>>},
+    {"p masking",                     store<&Encoder::p_masking, detail::parse_masking<0.8>>},
+    {"noise reduction",               store<&Encoder::noise_reduction, detail::parse_positive<15, 0>>},
+    {"bitrate",                       store<&Encoder::bitrate, detail::parse_positive<6000000, -1>>},
+    {"min bitrate",                   store<&Encoder::min_bitrate, detail::parse_min_bitrate>},
+    {"max bitrate",                   store<&Encoder::max_bitrate, detail::parse_max_bitrate>},
+    {"h.264 b-slice multithreading",  store<&Encoder::h264_b_slice_multithreading, detail::parse_digit_led_switch<false>>},
+    {"h.264 aud",                     store<&Encoder::h264_aud, detail::parse_digit_led_switch<true>>},
+    {"h.264 level",                   store<&Encoder::h264_level, as_text>},
+    {"h.264 profile",                 store<&Encoder::h264_profile, as_text>},
+    {"h.264 preset",                  store<&Encoder::h264_preset, as_text>},
+    {"bitrate tolerance",             store<&Encoder::bitrate_tolerance, detail::parse_positive<-1, -1>>},
+    {"gop size",                      store<&Encoder::gop_size, detail::parse_gop_size>},
+    {"b frames",                      store<&Encoder::b_frames, detail::parse_b_frames>},
+    {"minimum quant",                 store<&Encoder::minimum_quant, detail::parse_positive<-1, -1>>},
+    {"maximum threads",               store<&Encoder::maximum_threads, detail::parse_positive<0, 0>>},
+    {"gop synchronization",           store_at_once<&Encoder::gop_synchronization, detail::parse_switch>},
+    {"maximum quant",                 store<&Encoder::maximum_quant, detail::parse_positive<-1, -1>>},
+    {"buffer size",                   store<&Encoder::buffer_size, detail::parse_positive<-1, -1>>},
+    {"name",                          store_at_once<&Encoder::encoder_name, as_text>},
     {"enable",                        set_enabled},
     {"closed gop",                    set_closed_gop},
-    {"debug file",                    store<&E::debug_file, parse_whole_switch>},
-    {"enable eia-608",                store<&E::eia608_enable, parse_number_or_empty<-1>>},
-    {"enable eia-608 gop delay",      store<&E::eia608_gop_delay, parse_number_or_empty<-1>>},
-    {"enable cea-708",                store<&E::cea708_enable, parse_number_or_empty<-1>>},
-    {"eia-608 on p-frames",           store<&E::eia608_on_p_frames, parse_number_or_empty<-1>>},
-    {"drop frame for bitrate limit",  store<&E::drop_frame_for_bitrate_limit, parse_drop_frame>},
-    {"chroma format",                 store<&E::chroma_format, as_text>},
-    {"resize deinterlace",            store<&E::resize_deinterlace, parse_digit_led_number<-1>>},
+    {"debug file",                    store<&Encoder::debug_file, detail::parse_whole_switch>},
+    {"enable eia-608",                store<&Encoder::eia608_enable, detail::parse_number_or_empty<-1>>},
+    {"enable eia-608 gop delay",      store<&Encoder::eia608_gop_delay, detail::parse_number_or_empty<-1>>},
+    {"enable cea-708",                store<&Encoder::cea708_enable, detail::parse_number_or_empty<-1>>},
+    {"eia-608 on p-frames",           store<&Encoder::eia608_on_p_frames, detail::parse_number_or_empty<-1>>},
+    {"drop frame for bitrate limit",  store<&Encoder::drop_frame_for_bitrate_limit, detail::parse_drop_frame>},
+    {"chroma format",                 store<&Encoder::chroma_format, as_text>},
+    {"resize deinterlace",            store<&Encoder::resize_deinterlace, detail::parse_digit_led_number<-1>>},
     {"resize",                        set_resize},
-    {"s_tune_cpu",                    store<&E::s_tune_cpu, parse_real_in_range<100, 0, 1000000>>},
-    {"s_tune_bitrate",                store<&E::s_tune_bitrate, parse_real_in_range<100, 0, 1000000>>},
-    {"s_tune_recovery",               store<&E::s_tune_recovery, parse_real_in_range<100, 0, 1000000>>},
-    {"cpu threshhold",                store<&E::cpu_threshold, parse_real_in_range<60, 10, 95>>},
-    {"interlaced motion estimation",  store<&E::interlaced_motion_estimation, parse_digit_led_number<-1>>},
-    {"motion estimation range",       store<&E::motion_estimation_range, parse_motion_estimation_range>},
-    {"constant bitrate per frame",    store<&E::constant_bitrate_per_frame, parse_constant_bitrate_per_frame>},
-    {"remove trailing zeros",         store_at_once<&E::remove_trailing_zeros, parse_digit_led_switch<false>>},
-    {"frame rate limit",              store<&E::frame_rate_limit, parse_digit_led_number<-1, 0>>},
-    {"reference frames",              store<&E::reference_frames, parse_digit_led_number<0, 0>>},
+    {"s_tune_cpu",                    store<&Encoder::s_tune_cpu, detail::parse_real_in_range<1.0, 0.0, 10000.0>>},
+    {"s_tune_bitrate",                store<&Encoder::s_tune_bitrate, detail::parse_real_in_range<1.0, 0.0, 10000.0>>},
+    {"s_tune_recovery",               store<&Encoder::s_tune_recovery, detail::parse_real_in_range<1.0, 0.0, 10000.0>>},
+    {"cpu threshhold",                store<&Encoder::cpu_threshold, detail::parse_real_in_range<0.6, 0.1, 0.95>>},
+    {"interlaced motion estimation",  store<&Encoder::interlaced_motion_estimation, detail::parse_digit_led_number<-1>>},
+    {"motion estimation range",       store<&Encoder::motion_estimation_range, detail::parse_motion_estimation_range>},
+    {"constant bitrate per frame",    store<&Encoder::constant_bitrate_per_frame, detail::parse_constant_bitrate_per_frame>},
+    {"remove trailing zeros",         store_at_once<&Encoder::remove_trailing_zeros, detail::parse_digit_led_switch<false>>},
+    {"frame rate limit",              store<&Encoder::frame_rate_limit, detail::parse_digit_led_number<-1, 0>>},
+    {"reference frames",              store<&Encoder::reference_frames, detail::parse_digit_led_number<0, 0>>},
 };
 // clang-format on
 

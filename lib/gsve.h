@@ -183,8 +183,10 @@ public:
                                                                 unsigned width, unsigned height, int field);
 
     /// Scales one plane with the three-line blend where `motion_map` flags combing and plain interpolation
-    /// elsewhere. The map has one byte per 16 by 16 luma block, `mb_cols` to a row; `map_shift_x` and
-    /// `map_shift_y` are the plane's subsampling against it. Rows are written up to a multiple of 8 samples.
+    /// elsewhere. The map has one byte per 16 by 16 luma block of the source, `mb_cols` to a row; its rows
+    /// are those of a source whose plane has `src_height` lines, by the input's chroma shift where
+    /// `map_shift_y` is not 0. `map_shift_x` and `map_shift_y` are the plane's subsampling against the map.
+    /// Rows are written up to a multiple of 8 samples.
     virtual void do_resize_yuv_plane_deinterlace_adaptive_mode4(
         uint8_t* dY, size_t dY_stride, const uint8_t* sY, size_t sY_stride, unsigned to_width,
         unsigned to_height, unsigned x_step, unsigned y_step, unsigned src_width, unsigned src_height,
@@ -279,7 +281,8 @@ public:
     int32_t gop_sync_frame_number = -1;    ///< output_frame_count to take on with the next picture; -1 none
     uint64_t host_frame_tag = UINT64_MAX;  ///< tag for the next picture; all ones = none
 
-    // Settings. In the numeric ones -1 means not given: opening the codec decides.
+    // Settings, as on_set() stores them. -1 in a numeric one means not given, and so does 0 where it makes no
+    // sense as a value: opening the codec decides.
     int32_t codec_id = 0;  ///< 0 none, 2 MPEG-2, 4 H.264, 8 H.265
     std::string encoder_name;
     bool enabled = false;
@@ -310,7 +313,7 @@ public:
     double s_tune_recovery = 0;
     double cpu_threshold = 0;  ///< encode time budget as a fraction of the frame period
     int32_t maximum_threads = 0;
-    int32_t frame_rate_limit = 0;  ///< frames per second; 0 or below: none
+    int32_t frame_rate_limit = 0;  ///< frames per second; 0 none; negative none, but time may not go back
     std::string chroma_format;
     int32_t resize_width = 0;
     int32_t resize_height = 0;

@@ -59,20 +59,16 @@ inline bool parse_nonzero_switch(const char* value) {
     return !is_empty(value) && static_cast<uint32_t>(std::strtoul(value, nullptr, 0)) != 0;
 }
 
-/// A masking strength in single precision; `when_empty` in thousandths for an empty text.
-template <int when_empty_thousandths>
+/// A masking strength in single precision.
+template <double when_empty>
 double parse_masking(const char* value) {
-    return is_empty(value) ? when_empty_thousandths / 1000.0 : std::strtof(value, nullptr);
+    return is_empty(value) ? when_empty : std::strtof(value, nullptr);
 }
 
-/// A real number in [low, high] hundredths; `otherwise` hundredths unless digit-led.
-template <int otherwise, int low, int high>
+/// A real number in [low, high]; `otherwise` unless digit-led.
+template <double otherwise, double low, double high>
 double parse_real_in_range(const char* value) {
-    if (!is_digit_led(value)) return otherwise / 100.0;
-    const double number = std::strtod(value, nullptr);
-    if (number < low / 100.0) return low / 100.0;
-    if (number > high / 100.0) return high / 100.0;
-    return number;
+    return is_digit_led(value) ? std::clamp(std::strtod(value, nullptr), low, high) : otherwise;
 }
 
 /// A lower bit-rate bound; -1 not given.
