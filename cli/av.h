@@ -55,16 +55,17 @@ inline std::string av_error_text(int code) {
     return av_strerror(code, text, sizeof text) == 0 ? text : "error " + std::to_string(code);
 }
 
+#if LIBAVUTIL_VERSION_INT >= AV_VERSION_INT(58, 7, 100)
+inline bool interlaced(const AVFrame& frame) { return frame.flags & AV_FRAME_FLAG_INTERLACED; }
+inline bool top_field_first(const AVFrame& frame) { return frame.flags & AV_FRAME_FLAG_TOP_FIELD_FIRST; }
+#else
+inline bool interlaced(const AVFrame& frame) { return frame.interlaced_frame; }
+inline bool top_field_first(const AVFrame& frame) { return frame.top_field_first; }
+#endif
+
 /// Field order of a decoded picture: 0 progressive, 1 top field first, 2 bottom field first.
 inline int field_order(const AVFrame& frame) {
-#if LIBAVUTIL_VERSION_INT >= AV_VERSION_INT(58, 7, 100)
-    const bool interlaced = frame.flags & AV_FRAME_FLAG_INTERLACED;
-    const bool top_first = frame.flags & AV_FRAME_FLAG_TOP_FIELD_FIRST;
-#else
-    const bool interlaced = frame.interlaced_frame;
-    const bool top_first = frame.top_field_first;
-#endif
-    return !interlaced ? 0 : top_first ? 1 : 2;
+    return !interlaced(frame) ? 0 : top_field_first(frame) ? 1 : 2;
 }
 
 /// Tells a buffer source about the pictures that it will get.

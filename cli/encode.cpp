@@ -1,5 +1,6 @@
 #include "encode.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <optional>
 
@@ -16,6 +17,7 @@ extern "C" {
 #include "status.h"
 #include "stop.h"
 #include "summary.h"
+#include "timecode_feed.h"
 
 namespace gsve::cli {
 namespace {
@@ -32,7 +34,7 @@ std::string choose_codec(const EncodeOptions& options, const std::vector<KeyValu
         if (key != "encoder") continue;
         if (!codec.empty() && codec != value)
             throw UsageError(fmt::format("two codecs are asked for, {} and {}: give one", codec, value));
-        codec = value;
+        codec = value.empty() ? "none" : value;
     }
     if (codec == "none")
         throw UsageError("the encoder \"none\" encodes nothing: choose mpeg-2, h.264 or h.265");
@@ -47,6 +49,7 @@ std::string choose_codec(const EncodeOptions& options, const std::vector<KeyValu
 std::vector<KeyValue> choose_settings(const EncodeOptions& options, const OutputFormat& format) {
     std::vector<KeyValue> given;
     for (const std::string& text : options.settings) given.push_back(parse_setting(text));
+    check_together(given);
     std::vector<KeyValue> all = {{"enable", "1"}, {"encoder", choose_codec(options, given, format)}};
     all.insert(all.end(), given.begin(), given.end());
     return all;
@@ -58,13 +61,38 @@ SourceOptions source_options(const EncodeOptions& options, const std::vector<Key
         av_parse_video_rate(&source.frame_rate, options.frame_rate.c_str()) < 0)
         throw UsageError(fmt::format("--rate takes a frame rate such as 25 or 30000/1001, not \"{}\"",
                                      options.frame_rate));
+    if (!options.frame_rate.empty() && (av_q2d(source.frame_rate) < 1 || av_q2d(source.frame_rate) > 1000))
+        throw UsageError(fmt::format("--rate takes 1 to 1000 pictures/s, not \"{}\"", options.frame_rate));
     for (const auto& [key, value] : settings)
         if (key == "chroma format") source.chroma_format = value;
+    source.captions = options.captions.carry_over && options.captions.files.empty();
     return source;
+}
+
+std::string last_value(const std::vector<KeyValue>& settings, std::string_view key) {
+    std::string last;
+    for (const auto& [name, value] : settings)
+        if (name == key) last = value;
+    return last;
+}
+
+/// Captions need "enable cea-708", where the user has not decided. "enable eia-608" stays as it is: its "CC"
+/// user data says the same once more, and readers that know both forms, FFmpeg among them, mix them up.
+void switch_captions_on(Host& host, const std::vector<KeyValue>& given) {
+    constexpr const char* kKey = "enable cea-708";
+    const bool decided = std::any_of(given.begin(), given.end(),
+                                     [](const KeyValue& setting) { return setting.first == kKey; });
+    if (!decided) host.on_set(kKey, "1", false);
 }
 
 void check_output(const EncodeOptions& options) {
     std::error_code absent;
+    const std::filesystem::path directory = std::filesystem::path(options.output).parent_path();
+    if (!directory.empty() && !std::filesystem::is_directory(directory, absent))
+        throw Failure(fmt::format("cannot write {}: there is no directory {}; create it or name another",
+                                  options.output, directory.string()));
+    if (std::filesystem::is_directory(options.output, absent))
+        throw Failure(fmt::format("cannot write {}: it is a directory; name a file", options.output));
     if (std::filesystem::equivalent(options.input, options.output, absent))
         throw UsageError("input and output are the same file");
     if (!options.overwrite && std::filesystem::is_regular_file(options.output, absent))
@@ -73,8 +101,8 @@ void check_output(const EncodeOptions& options) {
 
 /// At a constant rate, libavcodec's MPEG-2 encoder ends the process when one picture takes more than about
 /// 0.73 s of the rate (vbv_delay is 16 bits of a 90 kHz clock). Even at the coarsest quantiser, an I-picture
-/// may take around half a bit per sample.
-void warn_of_starvation(const EncodeOptions& options, const Host& host) {
+/// may take around half a bit per sample. Quiet or not, a user has to know why no file came out.
+void warn_of_starvation(const Host& host) {
     constexpr double kLongestDelay = 65535 / 90000.0;
     constexpr double kBitsPerSample = 0.6;
     const int lowest = host.min_bitrate >= 0 ? host.min_bitrate : host.bitrate;
@@ -82,21 +110,20 @@ void warn_of_starvation(const EncodeOptions& options, const Host& host) {
     const double samples = static_cast<double>(host.input_width) * host.input_height;
     if (host.codec_id != 2 || lowest != highest || host.resize_width > 0) return;
     if (kLongestDelay * host.bitrate >= kBitsPerSample * samples) return;
-    note(options,
-         fmt::format("gsve: {} bits/s is very little for {}x{} MPEG-2 at a constant rate, and the codec may "
-                     "give up: raise \"bitrate\", or --set \"min bitrate=0\"\n",
-                     host.bitrate, host.input_width, host.input_height));
-}
-
-std::string one_line(std::string text) {
-    while (text.ends_with('\n')) text.pop_back();
-    for (size_t at = 0; (at = text.find('\n', at)) != std::string::npos;) text.replace(at, 1, ", ");
-    return text;
+    fmt::print(stderr,
+               "gsve: {} bits/s is very little for {}x{} MPEG-2 at a constant rate, and the codec may "
+               "give up: raise \"bitrate\", or --set \"min bitrate=0\"\n",
+               host.bitrate, host.input_width, host.input_height);
 }
 
 std::string advice(const Host& host) {
     const AVRational rate = {host.frame_rate_num, host.frame_rate_den};
-    if (host.last_error == "Bitrate out of range") return "--set \"bitrate=N\" with N from 10000";
+    const bool profile_fits = host.h264_profile == "main" || (host.h264_profile.empty() && host.b_frames > 0);
+    if (host.codec_id == 8 && !profile_fits)
+        return "H.265 has the main profile: --set \"h.264 profile=main\"";
+    if (host.b_frames > 16) return "no codec takes more than 16 B-pictures: --set \"b frames=16\"";
+    if (host.input_interlaced && host.resize_deinterlace < 0 && host.resize_height % 4 > 0)
+        return "interlaced pictures need a height in multiples of 4: change \"resize\"";
     if (host.output_pixel_format == AV_PIX_FMT_YUV411P)
         return "no codec has 4:1:1: --set \"chroma format=4:2:0\"";
     if (host.codec_id == 2 && av_cmp_q(rate, broadcast_rate(rate)) != 0)
@@ -126,9 +153,12 @@ void print_results(const EncodeOptions& options, const Summary& summary, const T
 }  // namespace
 
 int encode(const EncodeOptions& options) {
-    av_log_set_level(options.verbose ? AV_LOG_INFO : options.quiet ? AV_LOG_ERROR : AV_LOG_WARNING);
+    av_log_set_level(options.verbose ? AV_LOG_INFO : AV_LOG_ERROR);
     const OutputFormat& format = output_format(options.output);
     const std::vector<KeyValue> settings = choose_settings(options, format);
+    const std::string codec = last_value(settings, "encoder");
+    check_caption_options(options.captions, codec);
+    check_timecode_option(options.timecode, codec);
     const SourceOptions wanted = source_options(options, settings);
     check_output(options);
 
@@ -139,9 +169,14 @@ int encode(const EncodeOptions& options) {
     Host host(std::filesystem::path(options.output).stem());
     host.describe_source(source.format());
     for (const auto& [key, value] : settings) host.on_set(key.c_str(), value.c_str(), false);
+    if (source.has_captions() || !options.captions.files.empty()) switch_captions_on(host, settings);
     host.global_header = format.wants_global_header();
-    warn_of_starvation(options, host);
+    warn_of_starvation(host);
     open_encoder(host, source.first());
+    CaptionFeed captions(options.captions, source, host);
+    for (const std::string& line : captions.report().lines()) note(options, fmt::format("{}\n", line));
+    std::optional<TimecodeFeed> timecodes;
+    if (!options.timecode.empty()) timecodes.emplace(options.timecode, source, host);
 
     const std::unique_ptr<Sink> sink = open_sink(format, options.output, host);
     PictureTypeReader types(*host.mpeg_context);
@@ -149,15 +184,18 @@ int encode(const EncodeOptions& options) {
     host.send_units_to([&](const EncodedUnit& unit) {
         sink->write(unit);
         tally.unit(unit, types.type(unit.bytes));
+        captions.emitted(unit);
     });
 
-    const std::vector<BeforePicture> before_picture;
     Summary summary;
     {
         Progress progress(!options.quiet, source.expected_pictures());
         while (const std::optional<Picture> picture = source.next()) {
-            for (const BeforePicture& step : before_picture) step(host, *picture);
-            tally.picture(host.encode(*picture));
+            captions.before(source, host, *picture);
+            if (timecodes) timecodes->before(host, *picture);
+            const Outcome outcome = host.encode(*picture);
+            captions.after(outcome);
+            tally.picture(outcome);
             progress.show(tally);
         }
         tally.held_back = host.drain();
@@ -170,13 +208,17 @@ int encode(const EncodeOptions& options) {
     summary.codec = gsve_encoder_str[host.codec_id];
     summary.width = host.output_width;
     summary.height = host.output_height;
-    summary.frame_rate = av_mul_q(source.format().frame_rate, {1, static_cast<int>(host.frame_rate_divider)});
+    summary.frame_rate = host.encoded_rate();
+    summary.captions = captions.account(host);
+    if (timecodes) summary.timecode = format_timecode(timecodes->first());
     summary.stopped_by = stop_signal();
     if (!stop_signal() && source.decoded() != tally.pictures) summary.source_pictures = source.decoded();
     summary.status = status_pairs(host, host.output_name());
+    if (!stop_signal()) note(options, caption_losses(summary.captions));
     print_results(options, summary, tally);
 
     if (!source.problem().empty()) throw Failure(source.problem());
+    check_complete(tally);
     return stop_signal() ? kExitSignal + stop_signal() : 0;
 }
 

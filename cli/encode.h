@@ -2,18 +2,14 @@
 
 // gsve encode: one media file in, one encoded stream out.
 
-#include <functional>
 #include <string>
 #include <vector>
 
-#include "host.h"
+#include "caption_feed.h"
 
 namespace gsve::cli {
 
 enum class Report { kNone, kText, kJson };
-
-/// A step that is taken before each picture goes to the encoder; ancillary data is queued here.
-using BeforePicture = std::function<void(Host&, const Picture&)>;
 
 struct EncodeOptions {
     std::string input;
@@ -21,6 +17,8 @@ struct EncodeOptions {
     std::string codec;                  ///< empty: by the output's name
     std::vector<std::string> settings;  ///< "KEY=VALUE"
     std::string frame_rate;             ///< "25" or "30000/1001"; empty: the source's
+    CaptionOptions captions;
+    std::string timecode;  ///< of the first picture, at the encoded rate; "source": the input's; empty: none
     Report report = Report::kNone;
     bool overwrite = false;
     bool quiet = false;

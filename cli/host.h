@@ -3,6 +3,7 @@
 // The host: what a program adds to GeneralStreamingVideoEncoder. It describes the source, signals each
 // picture's aspect ratio and field order, numbers the pictures, and passes the units on.
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <exception>
@@ -14,9 +15,12 @@
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#include <libavutil/rational.h>
 }
 
 #include <gsve.h>
+#include <orb_utils_v4/io.h>
+#include <orb_utils_v4/mpeg12_video.h>
 
 #include "error.h"
 #include "source.h"
@@ -30,6 +34,7 @@ struct EncodedUnit {
     int64_t pts = 0;  ///< source frame number
     int64_t dts = 0;  ///< the same scale; may be negative at the start
     bool key = false;
+    bool ancillary = false;  ///< what was queued for the picture was still there to be inserted
 };
 
 /// What the encoder did with a picture.
@@ -69,6 +74,17 @@ public:
         return true;
     }
 
+    /// Pictures per second that are encoded. For an opened encoder.
+    AVRational encoded_rate() const {
+        return av_mul_q({frame_rate_num, frame_rate_den}, {1, static_cast<int>(frame_rate_divider)});
+    }
+
+    /// Whether encode() will take the picture, rather than leave it out for the frame-rate limit. Captions
+    /// and time codes are queued for pictures that it takes.
+    bool takes(const Picture& picture) const {
+        return frame_rate_limit == 0 || next_due_timestamp <= picture.number;
+    }
+
     Outcome encode(const Picture& picture) {
         signal(picture);
         const uint64_t taken = input_frame_count;
@@ -97,6 +113,17 @@ public:
 
     const char* output_name() override { return name_.c_str(); }
 
+    /// The encoder leaves drained units as the codec made them. What their pictures' records hold is inserted
+    /// here, with the encoder's own operations: the unit stands in the output window.
+    void emit_data_out(const uint8_t* data, size_t len, AVPacket* pkt) override {
+        if (draining_) {
+            insert_ancillary_data(*pkt);
+            data = output_window->data;
+            len = static_cast<size_t>(output_window->end - output_window->data);
+        }
+        GeneralStreamingVideoEncoder::emit_data_out(data, len, pkt);
+    }
+
     void host_emit_data_out(const uint8_t* data, size_t len, AVPacket* pkt) override {
         // The encoder is no place for an exception to cross; later units of a failed output are of no use.
         if (failure_) return;
@@ -104,7 +131,8 @@ public:
             receiver_({{data, len},
                        source_number(pkt->pts),
                        times_->next_decode_time(),
-                       (pkt->flags & AV_PKT_FLAG_KEY) != 0});
+                       (pkt->flags & AV_PKT_FLAG_KEY) != 0,
+                       aux_data_map.contains(record_key(pkt->pts))});
         } catch (...) {
             failure_ = std::current_exception();
         }
@@ -116,6 +144,40 @@ private:
         current_aspect_den = picture.display_aspect.den;
         current_field_order = static_cast<int8_t>(picture.field_order);
         host_frame_tag = picture.number;
+    }
+
+    /// The key of a picture's side-data record: the codec's own count of pictures.
+    uint64_t record_key(int64_t emitted_time) const {
+        const auto time = static_cast<uint64_t>(emitted_time);
+        if (!per_frame_rate_control) return draining_ ? time : time / frame_rate_divider;
+        const auto entry = std::find_if(pts_map.begin(), pts_map.end(),
+                                        [time](const auto& numbers) { return numbers.second == time; });
+        return entry == pts_map.end() ? UINT64_MAX : entry->first;
+    }
+
+    /// As write_video() does, in the same order.
+    void insert_ancillary_data(AVPacket& unit) {
+        constexpr int kMpeg2 = 2, kH264 = 4, kTypeI = 1, kTypeP = 2;
+        const uint64_t key = record_key(unit.pts);
+        if (aux_data_map.empty()) return;
+        if (codec_id == kH264 && enabled_cea708()) h264_insert_cea708_cc(key);
+        if (codec_id != kMpeg2) return;
+
+        const uint8_t* header = nullptr;
+        const auto size = static_cast<size_t>(output_window->end - output_window->data);
+        const int type = mpeg2_get_frame_type(output_window->data, size, &header);
+        if ((last_key_flag || (type == kTypeP && do_eia608_on_p_frames())) && enabled_eia608()) {
+            // The inserter counts pictures as the codec does, up to the packet's decoding time.
+            const int64_t dts = unit.dts;
+            if (per_frame_rate_control) unit.dts = static_cast<int64_t>(record_key(dts));
+            mpeg_insert_eia608_cc();
+            unit.dts = dts;
+        }
+        mpeg_insert_scte20(key);
+        if (enabled_cea708()) mpeg_insert_cea708_cc(key);
+        const auto record = aux_data_map.find(key);
+        if (type == kTypeI && record != aux_data_map.end())
+            mpeg_insert_gop_timecode(record->second.gop_timecode);
     }
 
     /// Pictures that the codec may hold back for reordering. Where it does not tell (libx265), assume the

@@ -1,9 +1,15 @@
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <system_error>
+
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
 #include "av.h"
 #include "encode.h"
 #include "error.h"
+#include "inspect.h"
 #include "settings.h"
 #include "stop.h"
 
@@ -17,6 +23,33 @@ const std::map<std::string, Report> kReports = {{"text", Report::kText}, {"json"
 
 // Each command adds its options to the parser, and itself as what is to run once they have been read.
 
+void add_ancillary_options(CLI::App& app, const std::shared_ptr<EncodeOptions>& options) {
+    CLI::Option* files =
+        app.add_option("--captions", options->captions.files,
+                       "SCC, MCC, SRT or WebVTT file, in place of the input's captions; a second file is "
+                       "for the other field")
+            ->take_all()
+            ->expected(1)
+            ->allow_extra_args(false)
+            ->check(CLI::ExistingFile);
+    app.add_option("--captions-field", options->captions.field, "Field of the (first) file: 1 (default) or 2")
+        ->check(CLI::Range(1, 2))
+        ->needs(files);
+    app.add_option("--captions-start", options->captions.start,
+                   "SCC, MCC: time code in the file that is the first picture's; default 00:00:00:00")
+        ->needs(files);
+    app.add_option("--caption-rows", options->captions.rows, "SRT, WebVTT: rows of a caption; default 2")
+        ->check(CLI::Range(1, 15))
+        ->needs(files);
+    app.add_flag("!--no-captions", options->captions.carry_over, "Leave the input's captions out")
+        ->excludes(files);
+    app.add_flag("--scte20", options->captions.scte20,
+                 "MPEG-2: send EIA-608 captions as SCTE 20 user data, too");
+    app.add_option("--timecode", options->timecode,
+                   "MPEG-2: GOP time code of the first picture, HH:MM:SS:FF, HH:MM:SS;FF (drop-frame), or "
+                   "\"source\": the input's");
+}
+
 void add_encode(CLI::App& app, Command& command) {
     auto options = std::make_shared<EncodeOptions>();
     CLI::App* encode_app = app.add_subcommand("encode", "Encode a media file to MPEG-2, H.264 or H.265");
@@ -29,21 +62,40 @@ void add_encode(CLI::App& app, Command& command) {
         ->check(CLI::IsMember({"mpeg-2", "h.264", "h.265"}));
     encode_app
         ->add_option("-s,--set", options->settings,
-                     "\"KEY=VALUE\", repeatable; \"gsve settings\" lists the keys")
+                     "\"KEY=VALUE\", repeatable; \"gsve settings\" lists the keys, and what \"KEY=\" sets")
         ->take_all()
         ->expected(1)
         ->allow_extra_args(false);
     encode_app->add_option("--rate", options->frame_rate,
-                           "Make this the source's frame rate: 25, 30000/1001, ...");
+                           "Make this the source's frame rate: 25, 30000/1001, ...; 1 to 1000");
+    add_ancillary_options(*encode_app, options);
     encode_app
         ->add_option_function<std::string>(
             "--report", [options](const std::string& kind) { options->report = kReports.at(kind); },
             "Print the encoder's status pairs as text, or everything as json")
         ->check(CLI::IsMember(kReports));
     encode_app->add_flag("-y,--overwrite", options->overwrite, "Overwrite OUTPUT");
-    encode_app->add_flag("-q,--quiet", options->quiet, "No notes, progress or summary");
+    encode_app->add_flag(
+        "-q,--quiet", options->quiet,
+        "No notes, progress or summary; errors, and what the encoder and libx265 print themselves, "
+        "remain");
     encode_app->add_flag("-v,--verbose", options->verbose, "Show what the codecs report");
     encode_app->callback([options, &command] { command = [options] { return encode(*options); }; });
+}
+
+void add_inspect(CLI::App& app, Command& command) {
+    auto options = std::make_shared<InspectOptions>();
+    CLI::App* inspect_app =
+        app.add_subcommand("inspect", "Show a stream's pictures, GOPs, time codes and captions");
+    inspect_app->add_option("FILE", options->input, "Any file that libavformat opens")->required();
+    inspect_app->add_flag("--json", options->json, "As JSON");
+    CLI::Option* scc =
+        inspect_app->add_option("--scc", options->scc, "Write the EIA-608 byte pairs to this file");
+    inspect_app->add_option("--field", options->scc_field, "The field to write: 1 (default) or 2")
+        ->check(CLI::IsMember({1, 2}))
+        ->needs(scc);
+    inspect_app->add_flag("--pictures", options->pictures, "List every GOP and picture");
+    inspect_app->callback([options, &command] { command = [options] { return inspect(*options); }; });
 }
 
 void add_settings(CLI::App& app, Command& command) {
@@ -67,7 +119,8 @@ void add_help(CLI::App& app, Command& command) {
         command = [topic, &app] {
             try {
                 app.clear();  // else the parser explains the command that it has read, which is this one
-                fmt::print("{}", topic->empty() ? app.help() : app.get_subcommand(*topic)->help());
+                fmt::print("{}",
+                           topic->empty() ? app.help() : app.get_subcommand(*topic)->help(app.get_name()));
             } catch (const CLI::OptionNotFound&) {
                 throw UsageError(fmt::format("there is no command \"{}\"; gsve help lists them", *topic));
             }
@@ -87,25 +140,47 @@ int complain(std::string_view text, int status) {
     return status;
 }
 
-}  // namespace
+int complain_of_lost_results(int error) {
+    return complain(fmt::format("cannot write the results to standard output: {}; send it elsewhere",
+                                std::strerror(error)),
+                    kExitFailure);
+}
 
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
     CLI::App app("Encodes video for broadcast: MPEG-2, H.264 and H.265 with captions and time codes", "gsve");
     app.set_version_flag("--version", version());
-    app.require_subcommand(1);
+    app.require_subcommand(0, 1);  // with 1 required, the parser would not name an unknown word
     Command command;
     add_encode(app, command);
+    add_inspect(app, command);
     add_settings(app, command);
     add_help(app, command);
     try {
         app.parse(argc, argv);
+        if (!command) throw UsageError("a command is missing (gsve help lists them)");
         return command();
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) return app.exit(error);  // --help, --version
-        return complain(fmt::format("{} (gsve help explains)", error.what()), kExitUsage);
+        const std::vector<CLI::App*> commands = app.get_subcommands();
+        const std::string topic = commands.empty() ? "" : " " + commands.front()->get_name();
+        return complain(fmt::format("{} (gsve help{} explains)", error.what(), topic), kExitUsage);
     } catch (const UsageError& error) {
         return complain(error.what(), kExitUsage);
+    } catch (const std::system_error& error) {
+        if (!std::ferror(stdout)) return complain(error.what(), kExitFailure);
+        return complain_of_lost_results(error.code().value());
     } catch (const std::exception& error) {
         return complain(error.what(), stop_signal() ? kExitSignal + stop_signal() : kExitFailure);
     }
 }
+
+/// Results that were lost on the way out are a failure, where there was none before.
+int deliver_results(int status) {
+    if (std::fflush(stdout) == 0 && !std::ferror(stdout)) return status;
+    const int error = errno;
+    return status == kExitFailure || status == kExitUsage ? status : complain_of_lost_results(error);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) { return deliver_results(run(argc, argv)); }

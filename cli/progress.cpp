@@ -22,7 +22,7 @@ Progress::Progress(bool wanted, std::optional<uint64_t> expected)
     : shown_(wanted && isatty(STDERR_FILENO)), expected_(expected) {}
 
 Progress::~Progress() {
-    if (shown_) fmt::print(stderr, "{}", kEraseLine);
+    if (drawn_) fmt::print(stderr, "{}", kEraseLine);
 }
 
 double Progress::elapsed_seconds() const {
@@ -30,7 +30,8 @@ double Progress::elapsed_seconds() const {
 }
 
 void Progress::show(const Tally& tally) {
-    if (!shown_ || Clock::now() < next_) return;
+    // Until the first unit is out, there is nothing to tell, and codecs explain themselves.
+    if (!shown_ || tally.units == 0 || Clock::now() < next_) return;
     next_ = Clock::now() + std::chrono::milliseconds(100);
 
     const double elapsed = std::max(elapsed_seconds(), 0.001);
@@ -43,6 +44,7 @@ void Progress::show(const Tally& tally) {
     fmt::print(stderr, "{}picture {}  {:.1f} pictures/s  {:.2f}x  {:.2f} Mbit/s{}\r", kEraseLine,
                tally.pictures, rate, tally.seconds() / elapsed, tally.mean_bit_rate() / 1e6, left);
     std::fflush(stderr);
+    drawn_ = true;
 }
 
 }  // namespace gsve::cli

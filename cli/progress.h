@@ -23,6 +23,7 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
     bool shown_;
+    bool drawn_ = false;
     std::optional<uint64_t> expected_;
     Clock::time_point start_ = Clock::now();
     Clock::time_point next_ = start_;

@@ -3,6 +3,8 @@
 // The encoder's settings as a user meets them: by topic, with syntax and meaning. The encoder itself ignores
 // unknown keys and makes something of every number, so that what is refused is refused here.
 
+#include <cstdint>
+#include <limits>
 #include <span>
 #include <string>
 #include <string_view>
@@ -17,16 +19,30 @@ enum class Syntax {
     kWhole,
     kReal,
     kText,
-    kSize,      ///< WIDTHxHEIGHT
-    kDropping,  ///< on, off, auto
+    kSize,    ///< WIDTHxHEIGHT
+    kChoice,  ///< one of a list
 };
+
+/// The values that a setting takes.
+struct Values {
+    Syntax syntax = Syntax::kText;
+    double lowest = 0;  ///< kWhole, kReal: both bounds are allowed
+    double highest = 0;
+    std::string_view choices = {};  ///< kChoice: with single spaces between them
+};
+
+/// Codecs as a set: the sum of their codec ids.
+inline constexpr unsigned kMpeg2 = 2, kH264 = 4, kH265 = 8;
+inline constexpr unsigned kAllCodecs = kMpeg2 | kH264 | kH265;
 
 struct Setting {
     std::string_view topic;
     std::string_view key;
     std::string_view default_value;  ///< empty: not given
-    Syntax syntax;
+    Values values;
     std::string_view meaning;
+    unsigned codecs = kAllCodecs;              ///< that it does something for
+    std::string_view empty_value = "default";  ///< what "KEY=" sets
 };
 
 using KeyValue = std::pair<std::string, std::string>;
@@ -35,10 +51,13 @@ using KeyValue = std::pair<std::string, std::string>;
 std::span<const Setting> settings();
 
 /// How a value is written.
-std::string_view syntax_text(Syntax syntax);
+std::string syntax_text(const Values& values);
 
 /// Takes "KEY=VALUE" apart and checks both. Throws UsageError, naming the nearest key or the syntax.
 KeyValue parse_setting(const std::string& text);
+
+/// Checks settings that depend on each other, in the order of their application. Throws UsageError.
+void check_together(std::span<const KeyValue> given);
 
 /// The settings as a table to read, and as JSON.
 std::string settings_text();

@@ -1,13 +1,15 @@
 #include "sink.h"
 
 #include <array>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
+
+#include "file_name.h"
 
 namespace gsve::cli {
 namespace {
@@ -20,8 +22,14 @@ constexpr std::array kFormats = {
     OutputFormat{".mkv", "", "matroska"},
 };
 
-[[noreturn]] void fail_to_write(const std::string& path, const std::string& reason) {
-    throw Failure(fmt::format("cannot write {}: {}", path, reason));
+/// `error` is one of FFmpeg's, which for the system's are errno, negated.
+[[noreturn]] void fail_to_write(const std::string& path, int error) {
+    throw Failure(fmt::format("cannot write {}: {}; {}", path, av_error_text(error), writing_advice(error)));
+}
+
+std::string lower_case(std::string text) {
+    for (char& letter : text) letter = static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
+    return text;
 }
 
 /// The units as they come, one after the other.
@@ -29,16 +37,16 @@ class ElementaryStreamFile final : public Sink {
 public:
     explicit ElementaryStreamFile(const std::string& path)
         : path_(path), file_(std::fopen(path.c_str(), "wb")) {
-        if (!file_) fail_to_write(path_, std::strerror(errno));
+        if (!file_) fail_to_write(path_, AVERROR(errno));
     }
 
     void write(const EncodedUnit& unit) override {
         if (std::fwrite(unit.bytes.data(), 1, unit.bytes.size(), file_.get()) != unit.bytes.size())
-            fail_to_write(path_, std::strerror(errno));
+            fail_to_write(path_, AVERROR(errno));
     }
 
     void finish() override {
-        if (std::fclose(file_.release()) != 0) fail_to_write(path_, std::strerror(errno));
+        if (std::fclose(file_.release()) != 0) fail_to_write(path_, AVERROR(errno));
     }
 
 private:
@@ -57,10 +65,11 @@ public:
           source_time_base_{encoder.frame_rate_den, encoder.frame_rate_num},
           packet_(av_packet_alloc()) {
         AVFormatContext* context = nullptr;
-        check(avformat_alloc_output_context2(&context, nullptr, muxer.c_str(), path.c_str()));
+        const std::string url = file_url(path);
+        check(avformat_alloc_output_context2(&context, nullptr, muxer.c_str(), url.c_str()));
         output_.reset(context);
         add_stream(encoder);
-        check(avio_open(&context->pb, path.c_str(), AVIO_FLAG_WRITE));
+        check(avio_open(&context->pb, url.c_str(), AVIO_FLAG_WRITE));
         context->max_delay = AV_TIME_BASE * 7 / 10;  // a transport stream's clock runs this far ahead
         check(avformat_write_header(context, nullptr));
     }
@@ -102,7 +111,7 @@ private:
     }
 
     void check(int result) const {
-        if (result < 0) fail_to_write(path_, av_error_text(result));
+        if (result < 0) fail_to_write(path_, result);
     }
 
     std::string path_;
@@ -121,7 +130,7 @@ bool OutputFormat::wants_global_header() const {
 }
 
 const OutputFormat& output_format(const std::string& path) {
-    const std::string extension = std::filesystem::path(path).extension();
+    const std::string extension = lower_case(std::filesystem::path(path).extension());
     for (const OutputFormat& format : kFormats)
         if (format.extension == extension) return format;
     std::vector<std::string_view> known;

@@ -6,7 +6,9 @@
 
 #include <fmt/format.h>
 
+#include "caption_packets.h"
 #include "error.h"
+#include "file_name.h"
 #include "stop.h"
 
 namespace gsve::cli {
@@ -19,6 +21,10 @@ constexpr std::array<AVRational, 8> kBroadcastRates = {
 // What is still one clock, in seconds. Beyond, a recording has been spliced or its clock restarted.
 constexpr double kLargestStepBack = 0.5;
 constexpr double kLargestGap = 10;
+
+// How far the packets are read ahead for the first caption. What has captions at all has them in every
+// picture, mostly idle ones, in broadcast; in files they may begin with the first words.
+constexpr double kLookAheadSeconds = 5;
 
 /// Formats that go to the encoder untouched. True 4:1:0 is not among them: the encoder's 4:1:0 has two luma
 /// lines to a chroma line, FFmpeg's has four. 4:1:1 needs a chroma format to be encoded in: no codec has it.
@@ -35,15 +41,6 @@ const char* conversion_target(std::string_view chroma_format) {
 }
 
 bool valid(AVRational rate) { return rate.num > 0 && rate.den > 0; }
-
-/// The rate of whole pictures, of the container's two estimates: the rate that all times fit and the average.
-AVRational picture_rate(AVFormatContext* input, AVStream* stream) {
-    const AVRational guess = av_guess_frame_rate(input, stream, nullptr);
-    const AVRational average = stream->avg_frame_rate;
-    const bool counts_fields =
-        valid(guess) && valid(average) && std::abs(av_q2d(guess) / av_q2d(average) - 2) < 0.002;
-    return counts_fields ? average : valid(guess) ? guess : AVRational{25, 1};
-}
 
 /// Whether the container's two estimates agree: the rate that all timestamps fit and the average one. An
 /// interlaced stream may have the former counted in fields.
@@ -69,6 +66,14 @@ int interrupted(void*) { return stop_signal() != 0; }
 
 }  // namespace
 
+AVRational picture_rate(AVFormatContext* input, AVStream* stream) {
+    const AVRational guess = av_guess_frame_rate(input, stream, nullptr);
+    const AVRational average = stream->avg_frame_rate;
+    const bool counts_fields =
+        valid(guess) && valid(average) && std::abs(av_q2d(guess) / av_q2d(average) - 2) < 0.002;
+    return counts_fields ? average : valid(guess) ? guess : AVRational{25, 1};
+}
+
 AVRational broadcast_rate(AVRational rate) {
     for (const AVRational candidate : kBroadcastRates)
         if (av_q2d(candidate) > 0.9995 * av_q2d(rate)) return candidate;
@@ -79,6 +84,7 @@ Source::Source(const std::string& path, const SourceOptions& options)
     : packet_(av_packet_alloc()), decoded_frame_(av_frame_alloc()), filtered_frame_(av_frame_alloc()) {
     if (!packet_ || !decoded_frame_ || !filtered_frame_) throw std::bad_alloc();
     open(path);
+    if (options.captions) look_for_captions();
     if (!decode()) throw Failure(fmt::format("{}: no picture could be decoded", path));
     frame_waits_ = true;
     shape_width_ = decoded_frame_->width;
@@ -93,8 +99,9 @@ void Source::open(const std::string& path) {
     AVFormatContext* context = avformat_alloc_context();
     if (!context) throw std::bad_alloc();
     context->interrupt_callback = {interrupted, nullptr};
-    if (const int error = avformat_open_input(&context, path.c_str(), nullptr, nullptr); error < 0)
-        throw Failure(fmt::format("cannot open {}: {}", path, av_error_text(error)));
+    if (const int error = avformat_open_input(&context, input_url(path).c_str(), nullptr, nullptr); error < 0)
+        throw Failure(
+            fmt::format("cannot open {}: {}; {}", path, av_error_text(error), opening_advice(error)));
     input_.reset(context);
     if (const int error = avformat_find_stream_info(context, nullptr); error < 0)
         throw Failure(fmt::format("cannot read {}: {}", path, av_error_text(error)));
@@ -253,7 +260,10 @@ bool Source::decode() {
             continue;
         }
         if (result == AVERROR_INVALIDDATA) continue;  // a damaged picture; FFmpeg has said so
-        if (result < 0) return false;
+        if (result < 0) {
+            decoded_all_ = true;
+            return false;
+        }
         AVFrame& frame = *decoded_frame_;
         frame.sample_aspect_ratio = av_guess_sample_aspect_ratio(input_.get(), stream_, &frame);
         if (!same_shape(frame)) {
@@ -265,6 +275,7 @@ bool Source::decode() {
             return false;
         }
         frame.pts = continuous_time(frame);
+        note_side_data(frame);
         decoded_++;
         return true;
     }
@@ -288,19 +299,60 @@ int64_t Source::continuous_time(const AVFrame& frame) {
 /// Gives the decoder the next packet of the stream, or the end of the stream.
 bool Source::feed_decoder() {
     for (;;) {
-        av_packet_unref(packet_.get());
-        const int result = av_read_frame(input_.get(), packet_.get());
+        const int result = read_packet();
         if (result < 0) {
             if (result != AVERROR_EOF && result != AVERROR_EXIT)
                 problem_ = fmt::format("the input cannot be read further: {}", av_error_text(result));
             return avcodec_send_packet(decoder_.get(), nullptr) == 0;
         }
         if (packet_->stream_index != stream_->index) continue;
+        if (collect_captions_ && decoder_->codec_id == AV_CODEC_ID_MPEG2VIDEO)
+            keep_one_kind_of_captions(*packet_);
         const int sent = avcodec_send_packet(decoder_.get(), packet_.get());
         if (sent == 0 || sent == AVERROR_INVALIDDATA) return true;
         problem_ = fmt::format("the input cannot be decoded further: {}", av_error_text(sent));
         return false;
     }
+}
+
+/// Makes the next packet of the input the current one.
+int Source::read_packet() {
+    av_packet_unref(packet_.get());
+    if (ahead_.empty()) return av_read_frame(input_.get(), packet_.get());
+    av_packet_move_ref(packet_.get(), ahead_.front().get());
+    ahead_.pop_front();
+    return 0;
+}
+
+/// Reads packets until one has captions, and keeps them for the decoder.
+void Source::look_for_captions() {
+    collect_captions_ = true;
+    const AVCodecID codec = stream_->codecpar->codec_id;
+    double pictures_left = may_have_captions(codec) ? kLookAheadSeconds * av_q2d(own_rate_) : 0;
+    while (pictures_left > 0 && !has_captions_) {
+        PacketPtr packet(av_packet_alloc());
+        if (!packet) throw std::bad_alloc();
+        if (av_read_frame(input_.get(), packet.get()) < 0) return;  // the decoder will meet the same end
+        if (packet->stream_index != stream_->index) continue;
+        has_captions_ = cli::has_captions(codec, {packet->data, static_cast<size_t>(packet->size)});
+        pictures_left--;
+        ahead_.push_back(std::move(packet));
+    }
+}
+
+/// Takes note of what came beside a decoded picture.
+void Source::note_side_data(const AVFrame& frame) {
+    if (decoded_ == 0) {
+        for (const AVDictionary* metadata : {frame.metadata, stream_->metadata, input_->metadata})
+            if (const AVDictionaryEntry* entry = av_dict_get(metadata, "timecode", nullptr, 0);
+                entry && timecode_.empty())
+                timecode_ = entry->value;
+    }
+    const AVFrameSideData* cc = av_frame_get_side_data(&frame, AV_FRAME_DATA_A53_CC);
+    if (!collect_captions_) return;
+    // A picture without captions is noted too: it tells that there was a pause.
+    const int64_t number = av_rescale_q(frame.pts, stream_->time_base, av_inv_q(own_rate_));
+    captions_.push_back({number, cc ? std::vector(cc->data, cc->data + cc->size) : std::vector<uint8_t>()});
 }
 
 bool Source::same_shape(const AVFrame& frame) const {

@@ -7,8 +7,11 @@
 // repeats or leaves out pictures where the frame rate is not constant, and converts other pixel formats.
 
 #include <cstdint>
+#include <deque>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "av.h"
 
@@ -35,10 +38,22 @@ struct Picture {
 struct SourceOptions {
     AVRational frame_rate = {0, 1};  ///< make the rate this one; 0 keeps the source's
     std::string chroma_format;       ///< the encoder's setting: what other pixel formats are converted to
+    bool captions = false;           ///< collect the captions, and look whether there are any
+};
+
+/// The captions of one decoded picture. Pictures are counted at the source's own rate, before any were
+/// repeated or left out.
+struct DecodedCaptions {
+    int64_t frame = 0;
+    std::vector<uint8_t> cc_data;  ///< triples of A/53 cc_data
 };
 
 /// The lowest rate of 24000/1001, 24, 25, ... 60 that loses no pictures of `rate`, or the highest there is.
 AVRational broadcast_rate(AVRational rate);
+
+/// The rate of whole pictures, of the container's two estimates: the rate that all times fit and the average.
+/// 25 where it has neither.
+AVRational picture_rate(AVFormatContext* input, AVStream* stream);
 
 class Source {
 public:
@@ -59,6 +74,22 @@ public:
     /// What was changed or left out on the way to the encoder, a line each.
     const std::string& notes() const { return notes_; }
 
+    /// The rate of the pictures in the file.
+    AVRational own_rate() const { return own_rate_; }
+
+    /// Whether the first five seconds of the stream carry captions, idle ones included.
+    bool has_captions() const { return has_captions_; }
+
+    /// The captions of all pictures that were decoded since the last call. They run ahead of next(): those of
+    /// the picture that it returned are always among them.
+    std::vector<DecodedCaptions> take_captions() { return std::exchange(captions_, {}); }
+
+    /// Whether the decoder has given its last picture.
+    bool decoded_all() const { return decoded_all_; }
+
+    /// Time code of the first picture, as the stream or its container has it; empty: none.
+    const std::string& timecode() const { return timecode_; }
+
     uint64_t decoded() const { return decoded_; }       ///< pictures that came out of the decoder
     std::optional<uint64_t> expected_pictures() const;  ///< as far as the container tells
 
@@ -71,6 +102,9 @@ private:
     bool read_filtered();
     bool decode();
     bool feed_decoder();
+    void look_for_captions();
+    int read_packet();
+    void note_side_data(const AVFrame& frame);
     int64_t continuous_time(const AVFrame& frame);
     bool same_shape(const AVFrame& frame) const;
 
@@ -95,6 +129,12 @@ private:
     bool first_pending_ = true;
     uint64_t produced_ = 0;
     uint64_t decoded_ = 0;
+    bool decoded_all_ = false;
+    bool collect_captions_ = false;
+    bool has_captions_ = false;
+    std::deque<PacketPtr> ahead_;  ///< read while looking for captions
+    std::vector<DecodedCaptions> captions_;
+    std::string timecode_;
     std::string problem_;
     std::string notes_;
 };

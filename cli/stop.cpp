@@ -1,6 +1,7 @@
 #include "stop.h"
 
 #include <csignal>
+#include <initializer_list>
 
 namespace gsve::cli {
 namespace {
@@ -16,8 +17,12 @@ void catch_stop_signals() {
     action.sa_handler = remember;
     // Not SA_RESTART: a read that waits for a pipe or a network has to come back.
     action.sa_flags = static_cast<int>(SA_RESETHAND);
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        struct sigaction inherited = {};
+        sigaction(signal, nullptr, &inherited);
+        const bool outlives_terminal = signal == SIGHUP && inherited.sa_handler == SIG_IGN;  // nohup
+        if (!outlives_terminal) sigaction(signal, &action, nullptr);
+    }
 }
 
 int stop_signal() { return received; }

@@ -1,6 +1,6 @@
 #pragma once
 
-// Ctrl-C and termination: the first signal asks the running command to end its stream cleanly, a second one
+// Ctrl-C, termination and a closed terminal: the first signal asks the running command to end its stream cleanly, a second one
 // ends the process.
 
 namespace gsve::cli {

@@ -4,6 +4,8 @@
 #include <fmt/ranges.h>
 #include <nlohmann/json.hpp>
 
+#include "status.h"
+
 namespace gsve::cli {
 namespace {
 
@@ -13,7 +15,51 @@ double speed(const Summary& summary, const Tally& tally) {
     return summary.elapsed > 0 ? tally.seconds() / summary.elapsed : 0;
 }
 
+std::string count_text(const CaptionCount& count) {
+    return fmt::format("{} byte pairs and {} CEA-708 constructs", count.pairs, count.constructs);
+}
+
+nlohmann::ordered_json count_json(const CaptionCount& count) {
+    return {{"eia608_pairs", count.pairs}, {"cea708_constructs", count.constructs}};
+}
+
+nlohmann::ordered_json captions_json(const CaptionAccount& account) {
+    return {{"source", account.source},
+            {"carried", count_json(account.carried)},
+            {"left_over", account.left_over},
+            {"without_form", count_json(account.without_form)},
+            {"expired", count_json(account.expired)},
+            {"pairs_after_last_cc", account.pairs_after_last_cc},
+            {"largest_delay", account.largest_delay},
+            {"warnings", account.warnings}};
+}
+
 }  // namespace
+
+std::string caption_losses(const CaptionAccount& account) {
+    std::string text;
+    if (account.left_over > 0)
+        text += fmt::format(
+            "captions: {} byte pairs or constructs are not in the stream: they waited when its last picture "
+            "went in\n",
+            account.left_over);
+    if (account.without_form.all() > 0)
+        text += fmt::format(
+            "captions: {} of the input are not in the stream: it has no form for them (--set \"enable "
+            "cea-708=1\" gives MPEG-2 and H.264 one)\n",
+            count_text(account.without_form));
+    if (account.expired.all() > 0)
+        text += fmt::format(
+            "captions: {} are not in the stream: the codec held their pictures for too long (choose a "
+            "faster \"h.264 preset\")\n",
+            count_text(account.expired));
+    if (account.pairs_after_last_cc > 0)
+        text += fmt::format(
+            "captions: the last {} byte pairs are not in the \"CC\" user data, which ends before the last "
+            "pictures\n",
+            account.pairs_after_last_cc);
+    return text;
+}
 
 std::string summary_text(const Summary& summary, const Tally& tally) {
     std::vector<std::string> types;
@@ -33,6 +79,11 @@ std::string summary_text(const Summary& summary, const Tally& tally) {
                         rate_text(tally.peak_bit_rate()));
     text += fmt::format("  time      {:.2f} s of video in {:.2f} s ({:.2f}x)\n", tally.seconds(),
                         summary.elapsed, speed(summary, tally));
+    if (summary.captions.source != "none")
+        text += fmt::format("  captions  {} from the {}, at most {:.2f} s late\n",
+                            count_text(summary.captions.carried), summary.captions.source,
+                            summary.captions.largest_delay);
+    if (!summary.timecode.empty()) text += fmt::format("  timecode  from {}\n", summary.timecode);
     if (summary.source_pictures)
         text += fmt::format("  source    {} pictures, before the frame rate was made constant\n",
                             *summary.source_pictures);
@@ -44,7 +95,7 @@ std::string summary_text(const Summary& summary, const Tally& tally) {
 
 std::string status_text(const Summary& summary) {
     std::string text;
-    for (const auto& [name, value] : summary.status) text += fmt::format("{}: {}\n", name, value);
+    for (const auto& [name, value] : summary.status) text += fmt::format("{}: {}\n", name, one_line(value));
     return text;
 }
 
@@ -52,7 +103,7 @@ std::string report_json(const Summary& summary, const Tally& tally) {
     nlohmann::ordered_json types = nlohmann::ordered_json::object();
     for (const auto& [type, count] : tally.types) types[std::string(1, type)] = count;
     nlohmann::ordered_json status = nlohmann::ordered_json::object();
-    for (const auto& [name, value] : summary.status) status[name] = value;
+    for (const auto& [name, value] : summary.status) status[std::string(pair_subject(name))] = value;
     const nlohmann::ordered_json report = {
         {"input", summary.input},
         {"output", summary.output},
@@ -71,6 +122,8 @@ std::string report_json(const Summary& summary, const Tally& tally) {
           {"types", types}}},
         {"bytes", tally.bytes},
         {"bit_rate", {{"mean", tally.mean_bit_rate()}, {"peak", tally.peak_bit_rate()}}},
+        {"captions", captions_json(summary.captions)},
+        {"timecode", summary.timecode},
         {"seconds", tally.seconds()},
         {"elapsed", summary.elapsed},
         {"speed", speed(summary, tally)},

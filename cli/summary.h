@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "caption_feed.h"
 #include "tally.h"
 
 namespace gsve::cli {
@@ -21,8 +22,13 @@ struct Summary {
     double elapsed = 0;                       ///< seconds of work
     std::optional<uint64_t> source_pictures;  ///< decoded, where repeating or leaving out changed the number
     int stopped_by = 0;                       ///< the signal that ended the encoding early, or 0
+    CaptionAccount captions;
+    std::string timecode;  ///< of the first picture; empty: none was written
     std::vector<std::pair<std::string, std::string>> status;
 };
+
+/// What did not come through of the captions, and what to do about it: a line each.
+std::string caption_losses(const CaptionAccount& account);
 
 std::string summary_text(const Summary& summary, const Tally& tally);
 std::string status_text(const Summary& summary);

@@ -7,6 +7,9 @@
 #include <deque>
 #include <map>
 
+#include <fmt/format.h>
+
+#include "error.h"
 #include "host.h"
 
 namespace gsve::cli {
@@ -72,5 +75,14 @@ struct Tally {
     std::map<char, uint64_t> types;
     PeakRate peak;
 };
+
+/// Throws Failure where pictures were lost.
+inline void check_complete(const Tally& tally) {
+    if (tally.lost() > 0)
+        throw Failure(
+            fmt::format("{} pictures went into the codec and never came out: choose another "
+                        "\"h.264 preset\" or fewer \"b frames\"",
+                        tally.lost()));
+}
 
 }  // namespace gsve::cli

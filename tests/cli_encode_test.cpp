@@ -123,7 +123,11 @@ TEST_P(EncodeToElementaryStream, TakesTheCodecFromTheNameAndCarriesEveryPicture)
     EXPECT_EQ(report["bytes"], read_file(out).size());
     EXPECT_GT(report["pictures"]["held_back"], 0);
     EXPECT_NEAR(report["bit_rate"]["mean"].get<double>(), read_file(out).size() * 8.0 * 25 / kPictures, 1);
-    EXPECT_EQ(report["status"].size(), 4u) << report["status"];
+    const json& status = report["status"];
+    EXPECT_EQ(status.size(), 4u) << status;
+    EXPECT_THAT(status["active"].get<std::string>(), HasSubstr("1,res=128x96"));
+    for (const char* subject : {"debug status", "last error", "last notes"})
+        EXPECT_TRUE(status.contains(subject)) << subject;
 }
 
 INSTANTIATE_TEST_SUITE_P(Codecs, EncodeToElementaryStream, testing::ValuesIn(kCodecs));
@@ -339,6 +343,9 @@ TEST_F(EncodeCommand, WarnsOfAConstantRateTooLowForMpeg2) {
     const std::vector<std::string> starved = {"encode", in,      directory / "out.m2v",
                                               "-y",     "--set", "bitrate=40000"};
     EXPECT_THAT(run(starved).err, HasSubstr("40000 bits/s is very little for 320x240 MPEG-2"));
+    std::vector<std::string> quiet = starved;
+    quiet.push_back("--quiet");
+    EXPECT_THAT(run(quiet).err, HasSubstr("40000 bits/s is very little for 320x240 MPEG-2"));
     std::vector<std::string> variable = starved;
     variable.insert(variable.end(), {"--set", "min bitrate=0"});
     const ProgramResult result = run(variable);
@@ -363,9 +370,11 @@ TEST_F(EncodeCommand, ShowsProgressOnATerminal) {
     close(terminal);
     EXPECT_EQ(status, 0);
     EXPECT_TRUE(
-        std::regex_search(shown, std::regex("picture 1  [0-9.]+ pictures/s  [0-9.]+x  [0-9.]+ Mbit/s  "
-                                            "+3%  left [0-9]+:[0-9]{2}\r")))
+        std::regex_search(shown, std::regex("picture [0-9]+  [0-9.]+ pictures/s  [0-9.]+x  [0-9.]+ Mbit/s  "
+                                            "+[0-9]+%  left [0-9]+:[0-9]{2}\r")))
         << shown;
+    EXPECT_LT(shown.rfind("codec delay"), shown.find("pictures/s"))
+        << "the line begins once the codec has explained its delay: " << shown;
 }
 
 TEST_F(EncodeCommand, SummarisesForAReader) {
@@ -381,11 +390,15 @@ TEST_F(EncodeCommand, SummarisesForAReader) {
 
 TEST_F(EncodeCommand, PrintsStatusPairsAsText) {
     const ProgramResult result =
-        run({"encode", y4m({}), directory / "main.ts", "--report", "text", "--quiet"});
+        run({"encode", y4m({}), directory / "main.ts", "--report", "text", "--quiet", "--set",
+             "enable cea-708=1"});
     ASSERT_EQ(result.status, 0) << result.err;
     EXPECT_THAT(result.out, HasSubstr("*main, active: 1,res=128x96"));
     EXPECT_THAT(result.out, HasSubstr("efc=26"));
     EXPECT_THAT(result.out, HasSubstr("*main, last error: "));
+    EXPECT_THAT(result.out,
+                HasSubstr("*main, last notes: Encoding to pixel format 4:2:0, Making room for 708 CC data in "
+                          "bitrate, 14512 bits/sec\n"));
     EXPECT_THAT(result.out, Not(HasSubstr("Mbit/s mean")));
 }
 
@@ -399,17 +412,75 @@ TEST_F(EncodeCommand, AppliesSettings) {
 
 TEST_F(EncodeCommand, ShowsWhyTheCodecDoesNotOpenAndLeavesNoFile) {
     const std::string out = directory / "out.ts";
-    const ProgramResult result = run({"encode", y4m({}), out, "--set", "h.264 profile=none such"});
+    const ProgramResult result = run({"encode", y4m({}), out, "--set", "h.264 level=none such"});
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(result.err, HasSubstr("gsve: the h.264 encoder does not open: Unable to open encoder "
                                       "(Encoding to pixel format 4:2:0"));
     EXPECT_FALSE(std::filesystem::exists(out));
 }
 
-TEST_F(EncodeCommand, NamesTheLowestBitRate) {
-    const ProgramResult result = run({"encode", y4m({}), directory / "out.ts", "--set", "bitrate=9999"});
+TEST_F(EncodeCommand, AdvisesTheMainProfileForH265WithoutBPictures) {
+    std::vector<std::string> arguments = {"encode", y4m({}), directory / "out.h265", "--set", "b frames=0"};
+    const ProgramResult result = run(arguments);
     EXPECT_EQ(result.status, 1);
-    EXPECT_THAT(result.err, HasSubstr("Bitrate out of range; --set \"bitrate=N\" with N from 10000"));
+    EXPECT_THAT(result.err, HasSubstr("--set \"h.264 profile=main\""));
+    arguments.insert(arguments.end(), {"--set", "h.264 profile=main"});
+    EXPECT_EQ(run(arguments).status, 0);
+}
+
+TEST_F(EncodeCommand, AdvisesAHeightThatInterlacedPicturesCanHave) {
+    const ProgramResult result =
+        run({"encode", y4m({.interlacing = 't'}), directory / "out.h264", "--set", "resize=64x50"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, HasSubstr("multiples of 4: change \"resize\""));
+}
+
+TEST_F(EncodeCommand, FailsWhenItsReportCannotBeWritten) {
+    for (const char* report : {"text", "json"}) {
+        const ProgramResult result =
+            Program({"encode", y4m({}), directory / "out.ts", "-y", "-q", "--report", report}, "/dev/full")
+                .wait();
+        EXPECT_EQ(result.status, 1);
+        EXPECT_THAT(result.err, HasSubstr("gsve: cannot write the results to standard output: No space left "
+                                          "on device"));
+    }
+}
+
+TEST_F(EncodeCommand, ShowsNoLogOfTheCodecUnlessAsked) {
+    const std::string in = y4m({});
+    const std::string out = directory / "out.ts";
+    EXPECT_THAT(run({"encode", in, out}).err, Not(HasSubstr("[libx264")));
+    EXPECT_THAT(run({"encode", in, out, "-y", "--verbose"}).err, HasSubstr("[libx264"));
+}
+
+TEST_F(EncodeCommand, ShowsErrorsInTheInputEvenWhenQuiet) {
+    const std::string good = directory / "good.m2v";
+    const std::string bad = directory / "bad.m2v";
+    ASSERT_EQ(run({"encode", y4m({}), good}).status, 0);
+    std::string bytes = read_file(good);
+    for (size_t at = bytes.size() / 2; at < bytes.size(); at += 997) bytes[at] ^= 0x55;
+    std::ofstream(bad, std::ios::binary) << bytes;
+    EXPECT_THAT(run({"encode", bad, directory / "out.ts", "--quiet"}).err, HasSubstr("[mpeg2video"));
+}
+
+TEST_F(EncodeCommand, TakesFileNamesWithColons) {
+    const std::string in = directory / "a:b.y4m";
+    write_y4m(in, {}, kPictures);
+    const std::filesystem::path before = std::filesystem::current_path();
+    std::filesystem::current_path(directory / "");
+    for (const char* name : {"12:30.ts", "12:30.mp4", "12:30.h264"}) {
+        const ProgramResult result = run({"encode", "a:b.y4m", name});
+        EXPECT_EQ(result.status, 0) << result.err;
+        EXPECT_TRUE(std::filesystem::exists(directory / name)) << name;
+        EXPECT_EQ(run({"inspect", name}).status, 0) << name;
+    }
+    std::filesystem::current_path(before);
+}
+
+TEST_F(EncodeCommand, TakesExtensionsInCapitals) {
+    const std::string out = directory / "OUT.M2V";
+    ASSERT_EQ(run({"encode", y4m({}), out}).status, 0);
+    EXPECT_EQ(decode_clip(out).codec, AV_CODEC_ID_MPEG2VIDEO);
 }
 
 TEST_F(EncodeCommand, RefusesToRunDisabled) {
@@ -419,7 +490,15 @@ TEST_F(EncodeCommand, RefusesToRunDisabled) {
 TEST_F(EncodeCommand, ReportsAMissingInput) {
     const ProgramResult result = run({"encode", directory / "none.mpg", directory / "out.ts"});
     EXPECT_EQ(result.status, 1);
-    EXPECT_THAT(result.err, HasSubstr("none.mpg: No such file or directory"));
+    EXPECT_THAT(result.err, HasSubstr("none.mpg: No such file or directory; check the name"));
+}
+
+TEST_F(EncodeCommand, ReportsAnInputThatIsNoMedia) {
+    const std::string in = directory / "t.txt";
+    std::ofstream(in) << "text\n";
+    const ProgramResult result = run({"encode", in, directory / "out.ts"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, HasSubstr("name a media file"));
 }
 
 TEST_F(EncodeCommand, ReportsAnInputWithoutPictures) {
@@ -430,10 +509,10 @@ TEST_F(EncodeCommand, ReportsAnInputWithoutPictures) {
 
 TEST_F(EncodeCommand, ReportsAnOutputThatCannotBeWritten) {
     for (const char* name : {"no such directory/out.ts", "no such directory/out.m2v"}) {
-        const ProgramResult result = run({"encode", y4m({}), directory / name});
+        const ProgramResult result = run({"encode", directory / "not looked at", directory / name});
         EXPECT_EQ(result.status, 1);
         EXPECT_THAT(result.err, HasSubstr("out."));
-        EXPECT_THAT(result.err, HasSubstr("No such file or directory"));
+        EXPECT_THAT(result.err, HasSubstr("no such directory; create it or name another"));
     }
 }
 
@@ -442,7 +521,7 @@ TEST_F(EncodeCommand, ReportsAFullDisk) {
         std::filesystem::create_symlink("/dev/full", directory / name);
         const ProgramResult result = run({"encode", y4m({}), directory / name});
         EXPECT_EQ(result.status, 1) << name;
-        EXPECT_THAT(result.err, HasSubstr("No space left on device")) << name;
+        EXPECT_THAT(result.err, HasSubstr("No space left on device; make room")) << name;
     }
 }
 
@@ -508,6 +587,6 @@ TEST_P(EncodeStopped, LeavesACompleteFile) {
     expect_times(clip, format, every(1, static_cast<unsigned>(clip.pictures.size())));
 }
 
-INSTANTIATE_TEST_SUITE_P(Signals, EncodeStopped, testing::Values(SIGINT, SIGTERM));
+INSTANTIATE_TEST_SUITE_P(Signals, EncodeStopped, testing::Values(SIGINT, SIGTERM, SIGHUP));
 
 }  // namespace

@@ -1,5 +1,6 @@
 // The program's table of settings, and what it refuses.
 
+#include <map>
 #include <set>
 
 #include <gmock/gmock.h>
@@ -52,6 +53,60 @@ TEST(SettingsCommand, ShowsEveryKeyWithSyntaxAndMeaningAsText) {
     }
 }
 
+TEST(SettingsCommand, AcceptsEveryDefaultThatItShows) {
+    for (const auto& setting : listed_settings()) {
+        const std::string value = setting["default"];
+        const std::string text = setting["key"].get<std::string>() + "=" + value;
+        if (setting["key"] == "encoder") continue;  // has none
+        const ProgramResult result = run({"encode", "none.mpg", "out.ts", "--set", text});
+        EXPECT_EQ(result.status, 1) << result.err;  // for want of the input
+    }
+}
+
+// The reference is the encoder: a fresh one, and one to which the shown value was given.
+TEST(SettingsCommand, SaysWhatAnEmptyValueSets) {
+    const std::map<std::string, int32_t RecordingHost::*> fields = {
+        {"noise reduction", &RecordingHost::noise_reduction},
+        {"bitrate tolerance", &RecordingHost::bitrate_tolerance},
+        {"buffer size", &RecordingHost::buffer_size},
+        {"minimum quant", &RecordingHost::minimum_quant},
+        {"maximum quant", &RecordingHost::maximum_quant},
+        {"frame rate limit", &RecordingHost::frame_rate_limit},
+        {"bitrate", &RecordingHost::bitrate},
+        {"min bitrate", &RecordingHost::min_bitrate},
+        {"max bitrate", &RecordingHost::max_bitrate},
+        {"gop size", &RecordingHost::gop_size},
+        {"b frames", &RecordingHost::b_frames},
+        {"maximum threads", &RecordingHost::maximum_threads},
+        {"motion estimation range", &RecordingHost::motion_estimation_range},
+        {"reference frames", &RecordingHost::reference_frames},
+    };
+    for (const auto& setting : listed_settings()) {
+        const std::string key = setting["key"];
+        if (!fields.contains(key)) continue;
+        RecordingHost fresh, emptied;
+        emptied.on_set(key.c_str(), "", false);
+        EXPECT_EQ(std::to_string(emptied.*fields.at(key)), setting["empty"]) << key;
+        EXPECT_EQ(std::to_string(fresh.*fields.at(key)), setting["default"]) << key;
+    }
+}
+
+TEST(SettingsCommand, NamesTheCodecsThatASettingIsFor) {
+    std::map<std::string, std::string> codecs;
+    for (const auto& setting : listed_settings()) codecs[setting["key"]] = setting["codecs"];
+    EXPECT_EQ(codecs["bitrate"], "mpeg-2, h.264, h.265");
+    EXPECT_EQ(codecs["h.264 aud"], "h.264");
+    EXPECT_EQ(codecs["noise reduction"], "mpeg-2, h.264");
+    EXPECT_EQ(codecs["p masking"], "mpeg-2");
+    EXPECT_THAT(run({"settings"}).out, HasSubstr("0 or 1 (h.264)"));
+}
+
+TEST(SettingsCommand, FailsWhenItCannotBeWritten) {
+    const ProgramResult result = Program({"settings"}, "/dev/full").wait();
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, StartsWith("gsve: cannot write the results to standard output"));
+}
+
 TEST(Program, PrintsItsVersion) {
     const ProgramResult shown = run({"--version"});
     EXPECT_EQ(shown.status, 0);
@@ -64,6 +119,8 @@ TEST(Program, ExplainsItsCommands) {
     const ProgramResult shown = run({"help", "encode"});
     EXPECT_EQ(shown.status, 0);
     EXPECT_THAT(shown.out, HasSubstr("--report"));
+    EXPECT_THAT(shown.out, HasSubstr("Usage: gsve encode "));
+    EXPECT_EQ(run({"encode", "--help"}).out, shown.out);
 }
 
 struct Refusal {
@@ -85,7 +142,9 @@ TEST_P(UsageError, IsOneLineAndExitStatusTwo) {
 INSTANTIATE_TEST_SUITE_P(
     CommandLines, UsageError,
     testing::Values(
-        Refusal{{}, "subcommand"}, Refusal{{"transcode"}, "gsve help"},
+        Refusal{{}, "gsve help"}, Refusal{{"transcode"}, "transcode (gsve help explains)"},
+        Refusal{{"--bogus"}, "--bogus (gsve help explains)"},
+        Refusal{{"encode", "a", "b.ts", "--bogus"}, "--bogus (gsve help encode explains)"},
         Refusal{{"help", "transcode"}, "gsve help"}, Refusal{{"encode", "in.mpg"}, "OUTPUT"},
         Refusal{{"encode", "in.mpg", "out.avi"}, ".m2v .h264 .264 .h265 .265 .hevc .ts .mp4 .mkv"},
         Refusal{{"encode", "in.mpg", "out"}, ".mp4"},
@@ -97,14 +156,76 @@ INSTANTIATE_TEST_SUITE_P(
                 "out.m2v is for mpeg-2, not h.265"},
         Refusal{{"encode", "in.mpg", "out.ts", "--codec", "h.264", "--set", "encoder=mpeg-2"}, "two codecs"},
         Refusal{{"encode", "in.mpg", "out.ts", "--set", "encoder=none"}, "encodes nothing"},
-        Refusal{{"encode", "in.mpg", "out.ts", "--set", "encoder=H.264"}, "mpeg-2, h.264 or h.265"},
+        Refusal{{"encode", "in.mpg", "out.ts", "--set", "encoder=H.264"}, "mpeg-2, h.264, h.265, none"},
         Refusal{{"encode", "in.mpg", "out.ts", "--set", "bitrate"}, "KEY=VALUE"},
         Refusal{{"encode", "in.mpg", "out.ts", "--set", "bit rate=1000000"}, "did you mean \"bitrate\"?"},
         Refusal{{"encode", "in.mpg", "out.ts", "--set", "cpu threshold=0.5"},
                 "did you mean \"cpu threshhold\"?"},
         Refusal{{"encode", "in.mpg", "out.ts", "--set", "Bitrate=1000000"}, "did you mean \"bitrate\"?"},
-        Refusal{{"encode", "in.mpg", "out.ts", "--set", "bitrate=6M"}, "whole number, not \"6M\""},
+        Refusal{{"encode", "in.mpg", "out.ts", "--set", "bitrate=6M"},
+                "whole number from 10000 to 2147483647; not \"6M\""},
         Refusal{{"encode", "in.mpg", "out.ts", "--set", "resize=1280X720"}, "WIDTHxHEIGHT"},
-        Refusal{{"encode", "in.mpg", "out.ts", "--set", "h.264 aud=yes"}, "0 or 1"}));
+        Refusal{{"encode", "in.mpg", "out.ts", "--set", "h.264 aud=yes"}, "0 or 1"},
+        Refusal{{"encode", "in.mpg", "out.ts", "--rate", "0.5"}, "1 to 1000 pictures/s"},
+        Refusal{{"encode", "in.mpg", "out.ts", "--rate", "1001"}, "1 to 1000 pictures/s"}));
+
+struct RefusedValue {
+    const char* setting;
+    const char* advice;
+};
+
+class RefusedSetting : public testing::TestWithParam<RefusedValue> {};
+
+TEST_P(RefusedSetting, NamesWhatIsAllowed) {
+    const ProgramResult result = run({"encode", "in.mpg", "out.ts", "--set", GetParam().setting});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_THAT(result.err, StartsWith("gsve: \""));
+    EXPECT_THAT(result.err, HasSubstr(GetParam().advice));
+}
+
+INSTANTIATE_TEST_SUITE_P(Values, RefusedSetting,
+                         testing::Values(RefusedValue{"gop size=5000", "from -1 to 1000; not \"5000\""},
+                                         RefusedValue{"resize deinterlace=9", "from -1 to 4"},
+                                         RefusedValue{"resize deinterlace=-2", "from -1 to 4"},
+                                         RefusedValue{"s_tune_cpu=20000", "from 0 to 10000"},
+                                         RefusedValue{"cpu threshhold=0.05", "from 0.1 to 0.95"},
+                                         RefusedValue{"cpu threshhold=0.96", "from 0.1 to 0.95"},
+                                         RefusedValue{"motion estimation range=0", "from 1 to 256"},
+                                         RefusedValue{"b frames=101", "from 0 to 100"},
+                                         RefusedValue{"bitrate=99999999999", "from 10000 to 2147483647"},
+                                         RefusedValue{"bitrate=9999", "from 10000 to 2147483647"},
+                                         RefusedValue{"frame rate limit=025", "whole number"},
+                                         RefusedValue{"frame rate limit=0x19", "whole number"},
+                                         RefusedValue{"reference frames=010", "whole number"},
+                                         RefusedValue{"resize=641x480", "even"},
+                                         RefusedValue{"resize=640x481", "even"},
+                                         RefusedValue{"resize=16386x480", "16384x16384"},
+                                         RefusedValue{"resize=640x99999999999", "16384x16384"},
+                                         RefusedValue{"h.264 profile=extended", "high422"},
+                                         RefusedValue{"h.264 preset=superslow", "veryslow"},
+                                         RefusedValue{"chroma format=420", "4:2:0, 4:2:2, 4:4:4"},
+                                         RefusedValue{"drop frame for bitrate limit=yes", "on, off, auto"}));
+
+class AcceptedSetting : public testing::TestWithParam<std::vector<std::string>> {};
+
+TEST_P(AcceptedSetting, IsNotRefused) {
+    std::vector<std::string> arguments = {"encode", "none.mpg", "out.ts"};
+    for (const std::string& setting : GetParam()) arguments.insert(arguments.end(), {"--set", setting});
+    const ProgramResult result = run(arguments);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, HasSubstr("cannot open none.mpg")) << "the input is missed first";
+}
+
+INSTANTIATE_TEST_SUITE_P(Values, AcceptedSetting,
+                         testing::Values(std::vector<std::string>{"gop size=1000"},
+                                         std::vector<std::string>{"bitrate=10000"},
+                                         std::vector<std::string>{"bitrate=2147483647"},
+                                         std::vector<std::string>{"frame rate limit=0"},
+                                         std::vector<std::string>{"cpu threshhold=0.1"},
+                                         std::vector<std::string>{"motion estimation range=256"},
+                                         std::vector<std::string>{"resize=16384x2"},
+                                         std::vector<std::string>{"resize=641x481", "chroma format=4:4:4"},
+                                         std::vector<std::string>{"resize=640x481", "chroma format=4:2:2"},
+                                         std::vector<std::string>{"h.264 preset=ultrafast+deblock"}));
 
 }  // namespace

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 #include <fstream>
-#include <set>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -35,7 +35,8 @@ struct CaptionedStreamOptions {
 };
 
 /// What the schedule has for each picture goes to the encoder right before that picture. Captions of pictures
-/// that the codec still holds at the end do not reach the stream: the schedule is to end half a second before.
+/// that the codec still holds at the end do not reach the stream: the schedule is to end half a second
+/// before.
 class CaptionedStream {
 public:
     explicit CaptionedStream(const CaptionedStreamOptions& options) : options_(options) {
@@ -98,7 +99,9 @@ private:
             host_.write_cea708(static_cast<unsigned>(constructs.size()), constructs.data());
         }
         if (options_.scte20) {
-            Bytes body = captions::compose_scte20(captions::scte20_constructs(words[0], words[1], true));
+            // Interlaced pictures show the top field first; in progressive ones the flag is clear.
+            const auto constructs = captions::scte20_constructs(words[0], words[1], options_.interlaced);
+            Bytes body = captions::compose_scte20(constructs);
             host_.write_scte20(body.data(), body.size());
         }
         if (options_.timecode) {
@@ -121,7 +124,8 @@ private:
 };
 
 /// Constructs of one CTA-708 packet with a single service block: define window 0, then `text`, then ETX.
-inline std::vector<captions::Cea708Construct> service_packet(int service, int sequence, const std::string& text) {
+inline std::vector<captions::Cea708Construct> service_packet(int service, int sequence,
+                                                             const std::string& text) {
     Bytes block = from_hex("98 38 00 00 0A 1F 11");  // DefineWindow 0: visible, a row of 32 columns
     block.insert(block.end(), text.begin(), text.end());
     block.push_back(0x03);
@@ -131,8 +135,8 @@ inline std::vector<captions::Cea708Construct> service_packet(int service, int se
     packet[0] = static_cast<uint8_t>(sequence << 6 | static_cast<int>(packet.size() / 2));
     std::vector<captions::Cea708Construct> constructs;
     for (size_t i = 0; i < packet.size(); i += 2)
-        constructs.push_back({i == 0 ? captions::kHeaderDtvccStart : captions::kHeaderDtvccData, packet[i],
-                              packet[i + 1]});
+        constructs.push_back(
+            {i == 0 ? captions::kHeaderDtvccStart : captions::kHeaderDtvccData, packet[i], packet[i + 1]});
     return constructs;
 }
 

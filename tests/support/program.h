@@ -48,7 +48,8 @@ struct ProgramResult {
 /// A running gsve.
 class Program {
 public:
-    explicit Program(const std::vector<std::string>& arguments) {
+    /// `standard_output`: a file for it in place of the one that wait() returns.
+    explicit Program(const std::vector<std::string>& arguments, const std::string& standard_output = {}) {
         std::vector<char*> argv = {const_cast<char*>(GSVE_PROGRAM)};
         for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
         argv.push_back(nullptr);
@@ -56,9 +57,19 @@ public:
         posix_spawn_file_actions_init(&files);
         const int flags = O_WRONLY | O_CREAT | O_TRUNC;
         posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
-        posix_spawn_file_actions_addopen(&files, 1, (directory_ / "out").c_str(), flags, 0600);
+        const std::string out = standard_output.empty() ? directory_ / "out" : standard_output;
+        posix_spawn_file_actions_addopen(&files, 1, out.c_str(), flags, 0600);
         posix_spawn_file_actions_addopen(&files, 2, (directory_ / "err").c_str(), flags, 0600);
-        const int error = posix_spawn(&pid_, GSVE_PROGRAM, &files, nullptr, argv.data(), environ);
+        // As a terminal starts it, even where this process was started to ignore signals.
+        posix_spawnattr_t attributes;
+        posix_spawnattr_init(&attributes);
+        sigset_t signals;
+        sigemptyset(&signals);
+        for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, signal);
+        posix_spawnattr_setsigdefault(&attributes, &signals);
+        posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
+        const int error = posix_spawn(&pid_, GSVE_PROGRAM, &files, &attributes, argv.data(), environ);
+        posix_spawnattr_destroy(&attributes);
         posix_spawn_file_actions_destroy(&files);
         if (error) throw std::runtime_error("cannot start " GSVE_PROGRAM);
     }
