@@ -1,6 +1,7 @@
 #include "encode.h"
 
 #include <algorithm>
+#include <cmath>
 #include <filesystem>
 #include <optional>
 
@@ -108,7 +109,7 @@ void warn_of_starvation(const Host& host) {
     const int lowest = host.min_bitrate >= 0 ? host.min_bitrate : host.bitrate;
     const int highest = host.max_bitrate >= 0 ? host.max_bitrate : host.bitrate;
     const double samples = static_cast<double>(host.input_width) * host.input_height;
-    if (host.codec_id != 2 || lowest != highest || host.resize_width > 0) return;
+    if (host.codec_id != kMpeg2 || lowest != highest || host.resize_width > 0) return;
     if (kLongestDelay * host.bitrate >= kBitsPerSample * samples) return;
     fmt::print(stderr,
                "gsve: {} bits/s is very little for {}x{} MPEG-2 at a constant rate, and the codec may "
@@ -116,19 +117,38 @@ void warn_of_starvation(const Host& host) {
                host.bitrate, host.input_width, host.input_height);
 }
 
+/// Why the codec may have refused, the likeliest first.
 std::string advice(const Host& host) {
-    const AVRational rate = {host.frame_rate_num, host.frame_rate_den};
-    const bool profile_fits = host.h264_profile == "main" || (host.h264_profile.empty() && host.b_frames > 0);
-    if (host.codec_id == 8 && !profile_fits)
-        return "H.265 has the main profile: --set \"h.264 profile=main\"";
-    if (host.b_frames > 16) return "no codec takes more than 16 B-pictures: --set \"b frames=16\"";
-    if (host.input_interlaced && host.resize_deinterlace < 0 && host.resize_height % 4 > 0)
-        return "interlaced pictures need a height in multiples of 4: change \"resize\"";
-    if (host.output_pixel_format == AV_PIX_FMT_YUV411P)
-        return "no codec has 4:1:1: --set \"chroma format=4:2:0\"";
-    if (host.codec_id == 2 && av_cmp_q(rate, broadcast_rate(rate)) != 0)
-        return fmt::format("MPEG-2 may not have {:.3f} pictures/s: --rate {}/{}", av_q2d(rate),
-                           broadcast_rate(rate).num, broadcast_rate(rate).den);
+    constexpr int kMostBPictures = 16;
+    const bool mpeg2 = host.codec_id == kMpeg2, h265 = host.codec_id == kH265;
+    const bool main_profile = host.h264_profile == "main" || (host.h264_profile.empty() && host.b_frames > 0);
+    const bool interlaced = host.input_interlaced && host.resize_deinterlace < 0;
+    const bool subsampled = host.output_chroma_shift_x > 0;
+    const AVRational source = {host.frame_rate_num, host.frame_rate_den};
+    const double buffer = host.buffer_size > 0 ? host.buffer_size : std::min(host.bitrate / 4, 1835008);
+    const double bits_per_picture = host.bitrate / av_q2d(host.encoded_rate());
+    const std::pair<bool, std::string> cases[] = {
+        {h265 && !main_profile, "H.265 has the main profile: --set \"h.264 profile=main\""},
+        {host.b_frames > kMostBPictures, "no codec takes more than 16 B-pictures: --set \"b frames=16\""},
+        {host.resize_width > 0 && subsampled && (host.resize_width % 2 > 0 || host.resize_height % 2 > 0),
+         "this chroma format needs even sizes: change \"resize\", or --set \"h.264 profile=high444\""},
+        {interlaced && host.resize_height % 4 > 0,
+         "interlaced pictures need a height in multiples of 4: change \"resize\""},
+        {host.output_pixel_format == AV_PIX_FMT_YUV411P, "no codec has 4:1:1: --set \"chroma format=4:2:0\""},
+        {mpeg2 && buffer < bits_per_picture,
+         fmt::format("MPEG-2 needs room for a picture in its buffer: --set \"buffer size={:.0f}\" --set "
+                     "\"min bitrate=0\"",
+                     std::ceil(bits_per_picture))},
+        {mpeg2 && av_cmp_q(source, broadcast_rate(source)) != 0,
+         fmt::format("MPEG-2 may not have {:.3f} pictures/s: --rate {}/{}", av_q2d(source),
+                     broadcast_rate(source).num, broadcast_rate(source).den)},
+        {host.max_bitrate >= 0 && host.max_bitrate < std::max(host.bitrate, host.min_bitrate),
+         "\"max bitrate\" is below \"bitrate\" or \"min bitrate\": raise it"},
+        {host.maximum_quant > 0 && host.minimum_quant > host.maximum_quant,
+         "\"minimum quant\" is above \"maximum quant\": lower it"},
+    };
+    for (const auto& [applies, text] : cases)
+        if (applies) return text;
     return "check the settings; --verbose shows what the codec says";
 }
 

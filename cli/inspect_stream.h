@@ -12,13 +12,13 @@
 namespace gsve::cli {
 
 struct InspectedPicture {
-    char type = '?';       ///< I, P, B
-    double time = 0;       ///< seconds after the first picture
-    int64_t unit = 0;      ///< its place in coding order
-    size_t bytes = 0;      ///< of its coded unit
-    int field_order = 0;   ///< 0 progressive, 1 top field first, 2 bottom field first
+    char type = '?';               ///< I, P, B
+    double time = 0;               ///< seconds after the first picture
+    int64_t unit = 0;              ///< its place in coding order
+    size_t bytes = 0;              ///< of its coded unit
+    int field_order = 0;           ///< 0 progressive, 1 top field first, 2 bottom field first
     bool top_field_first = false;  ///< as flagged, in a progressive picture too
-    bool damaged = false;  ///< the decoder complained of it, or showed it with parts made up
+    bool damaged = false;          ///< the decoder complained of it, or showed it with parts made up
     UnitCaptions captions;
 };
 

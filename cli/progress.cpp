@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdio>
 
 #include <fmt/format.h>
@@ -12,7 +13,7 @@ namespace {
 constexpr const char* kEraseLine = "\r\033[K";
 
 std::string minutes(double seconds) {
-    const auto whole = static_cast<uint64_t>(seconds + 0.5);
+    const auto whole = static_cast<uint64_t>(std::llround(seconds));
     return fmt::format("{}:{:02}", whole / 60, whole % 60);
 }
 

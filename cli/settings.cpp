@@ -210,9 +210,9 @@ std::string range_text(const Values& values) {
     return fmt::format("from {} to {}", values.lowest, values.highest);
 }
 
-std::string codecs_text(unsigned codecs) {
+std::string codecs_text(int codecs) {
     std::vector<std::string_view> names;
-    for (const unsigned codec : {kMpeg2, kH264, kH265})
+    for (const int codec : {kMpeg2, kH264, kH265})
         if (codecs & codec) names.push_back(gsve_encoder_str[codec]);
     return fmt::format("{}", fmt::join(names, ", "));
 }

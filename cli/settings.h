@@ -32,8 +32,8 @@ struct Values {
 };
 
 /// Codecs as a set: the sum of their codec ids.
-inline constexpr unsigned kMpeg2 = 2, kH264 = 4, kH265 = 8;
-inline constexpr unsigned kAllCodecs = kMpeg2 | kH264 | kH265;
+inline constexpr int kMpeg2 = 2, kH264 = 4, kH265 = 8;
+inline constexpr int kAllCodecs = kMpeg2 | kH264 | kH265;
 
 struct Setting {
     std::string_view topic;
@@ -41,7 +41,7 @@ struct Setting {
     std::string_view default_value;  ///< empty: not given
     Values values;
     std::string_view meaning;
-    unsigned codecs = kAllCodecs;              ///< that it does something for
+    int codecs = kAllCodecs;                   ///< that it does something for
     std::string_view empty_value = "default";  ///< what "KEY=" sets
 };
 

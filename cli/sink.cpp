@@ -134,6 +134,7 @@ const OutputFormat& output_format(const std::string& path) {
     for (const OutputFormat& format : kFormats)
         if (format.extension == extension) return format;
     std::vector<std::string_view> known;
+    known.reserve(kFormats.size());
     for (const OutputFormat& format : kFormats) known.push_back(format.extension);
     throw UsageError(fmt::format("{}: the output's name must end in one of {}", path, fmt::join(known, " ")));
 }

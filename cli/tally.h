@@ -79,10 +79,10 @@ struct Tally {
 /// Throws Failure where pictures were lost.
 inline void check_complete(const Tally& tally) {
     if (tally.lost() > 0)
-        throw Failure(
-            fmt::format("{} pictures went into the codec and never came out: choose another "
-                        "\"h.264 preset\" or fewer \"b frames\"",
-                        tally.lost()));
+        throw Failure(fmt::format(
+            "{} pictures went into the codec and never came out: it tells why above; where it says "
+            "\"stuffing too large\", --set \"min bitrate=0\"",
+            tally.lost()));
 }
 
 }  // namespace gsve::cli

@@ -389,9 +389,8 @@ TEST_F(EncodeCommand, SummarisesForAReader) {
 }
 
 TEST_F(EncodeCommand, PrintsStatusPairsAsText) {
-    const ProgramResult result =
-        run({"encode", y4m({}), directory / "main.ts", "--report", "text", "--quiet", "--set",
-             "enable cea-708=1"});
+    const ProgramResult result = run({"encode", y4m({}), directory / "main.ts", "--report", "text", "--quiet",
+                                      "--set", "enable cea-708=1"});
     ASSERT_EQ(result.status, 0) << result.err;
     EXPECT_THAT(result.out, HasSubstr("*main, active: 1,res=128x96"));
     EXPECT_THAT(result.out, HasSubstr("efc=26"));
@@ -419,20 +418,62 @@ TEST_F(EncodeCommand, ShowsWhyTheCodecDoesNotOpenAndLeavesNoFile) {
     EXPECT_FALSE(std::filesystem::exists(out));
 }
 
-TEST_F(EncodeCommand, AdvisesTheMainProfileForH265WithoutBPictures) {
-    std::vector<std::string> arguments = {"encode", y4m({}), directory / "out.h265", "--set", "b frames=0"};
-    const ProgramResult result = run(arguments);
-    EXPECT_EQ(result.status, 1);
-    EXPECT_THAT(result.err, HasSubstr("--set \"h.264 profile=main\""));
-    arguments.insert(arguments.end(), {"--set", "h.264 profile=main"});
-    EXPECT_EQ(run(arguments).status, 0);
+struct Misfit {
+    const char* name;                   ///< of the output
+    std::vector<std::string> settings;  ///< that the codec refuses
+    const char* advice;
+    std::vector<std::string> remedy;  ///< settings that follow the advice
+    char interlacing = 'p';
+};
+
+class EncodeRefused : public EncodeCommand, public testing::WithParamInterface<Misfit> {};
+
+TEST_P(EncodeRefused, SaysWhatToChangeAndThenOpens) {
+    const Misfit& misfit = GetParam();
+    std::vector<std::string> arguments = {
+        "encode", y4m({.rate = {50, 1}, .interlacing = misfit.interlacing}, 3), directory / misfit.name};
+    for (const std::string& setting : misfit.settings) arguments.insert(arguments.end(), {"--set", setting});
+    const ProgramResult refused = run(arguments);
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_THAT(refused.err, HasSubstr(misfit.advice));
+    for (const std::string& setting : misfit.remedy) arguments.insert(arguments.end(), {"--set", setting});
+    const ProgramResult taken = run(arguments);
+    EXPECT_EQ(taken.status, 0) << taken.err;
 }
 
-TEST_F(EncodeCommand, AdvisesAHeightThatInterlacedPicturesCanHave) {
+INSTANTIATE_TEST_SUITE_P(
+    Settings, EncodeRefused,
+    testing::Values(
+        Misfit{"out.h265", {"b frames=0"}, "--set \"h.264 profile=main\"", {"h.264 profile=main"}},
+        Misfit{"out.h265", {"b frames=17"}, "--set \"b frames=16\"", {"b frames=16"}},
+        Misfit{"out.h264",
+               {"resize=65x49", "chroma format=4:4:4"},
+               "--set \"h.264 profile=high444\"",
+               {"h.264 profile=high444"}},
+        Misfit{"out.h264", {"resize=64x50"}, "multiples of 4: change \"resize\"", {"resize=64x52"}, 't'},
+        Misfit{"out.m2v",
+               {"frame rate limit=2"},
+               "--set \"buffer size=3000000\" --set \"min bitrate=0\"",
+               {"buffer size=3000000", "min bitrate=0"}},
+        Misfit{"out.m2v",
+               {"max bitrate=5000000"},
+               "\"max bitrate\" is below \"bitrate\"",
+               {"max bitrate=7000000"}},
+        Misfit{"out.m2v",
+               {"minimum quant=20", "maximum quant=10"},
+               "\"minimum quant\" is above \"maximum quant\"",
+               {"minimum quant=5"}}));
+
+TEST_F(EncodeCommand, FailsWhenTheCodecLosesPictures) {
+    // At so high a constant rate a small picture is mostly stuffing: more than the codec has room for in a
+    // packet, so that it gives the picture up.
     const ProgramResult result =
-        run({"encode", y4m({.interlacing = 't'}), directory / "out.h264", "--set", "resize=64x50"});
+        run({"encode", y4m({.rate = {50, 1}}, 26), directory / "out.m2v", "--set", "frame rate limit=2",
+             "--set", "buffer size=3000000", "--report", "json"});
     EXPECT_EQ(result.status, 1);
-    EXPECT_THAT(result.err, HasSubstr("multiples of 4: change \"resize\""));
+    EXPECT_GT(report_of(result)["pictures"]["lost"], 0);
+    EXPECT_THAT(result.err, HasSubstr("went into the codec and never came out"));
+    EXPECT_THAT(result.err, HasSubstr("--set \"min bitrate=0\""));
 }
 
 TEST_F(EncodeCommand, FailsWhenItsReportCannotBeWritten) {
@@ -514,6 +555,13 @@ TEST_F(EncodeCommand, ReportsAnOutputThatCannotBeWritten) {
         EXPECT_THAT(result.err, HasSubstr("out."));
         EXPECT_THAT(result.err, HasSubstr("no such directory; create it or name another"));
     }
+}
+
+TEST_F(EncodeCommand, ReportsAnOutputThatIsADirectory) {
+    std::filesystem::create_directory(directory / "out.ts");
+    const ProgramResult result = run({"encode", directory / "not looked at", directory / "out.ts", "-y"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, HasSubstr("out.ts: it is a directory; name a file"));
 }
 
 TEST_F(EncodeCommand, ReportsAFullDisk) {

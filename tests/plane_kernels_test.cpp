@@ -302,6 +302,20 @@ TEST_P(VectorForm, InterpolatesEveryFraction) {
     }
 }
 
+TEST_P(VectorForm, TellsPairsSideBySideFromPairsThatFitAWindow) {
+    static HorizontalPlan plan;
+    const auto spread = [&](unsigned count, unsigned x_step, unsigned src_width) {
+        SampleWalk walk;
+        rows::lay_out(plan, *kernels_, walk, count, x_step, src_width);
+        return plan.spread;
+    };
+    EXPECT_EQ(spread(960, 131072, 1920), Spread::kHalf);
+    EXPECT_EQ(spread(960, (1919 << 16) / 959, 1920), Spread::kHalf);  // falls short of the last sample
+    EXPECT_EQ(spread(960, 131072, 1919), Spread::kOne);               // the last pair has no right sample
+    EXPECT_EQ(spread(960, 131071, 1920), Spread::kOne);               // all but the first lie one to the left
+    EXPECT_NE(spread(960, 98304, 1920), Spread::kHalf);
+}
+
 INSTANTIATE_TEST_SUITE_P(PlaneKernels, VectorForm, testing::ValuesIn(kForms + 1, std::end(kForms)),
                          form_name);
 

@@ -17,6 +17,7 @@ extern "C" {
 }
 
 #include "support/av_decoder.h"
+#include "support/frozen_clock.h"
 #include "support/mpeg2_units.h"
 #include "support/recording_host.h"
 #include "support/stderr_capture.h"

@@ -47,7 +47,15 @@ constexpr size_t last_vector(size_t i, size_t n) { return i + kLanes <= n ? i : 
 template <Weighting kWeighting>
 GSVE_AVX2 void blend_row(uint8_t* out, const uint8_t* a, const uint8_t* b, size_t n, unsigned weight) {
     const __m256i weights = _mm256_set1_epi16(pair_weights(weight));
-    for (size_t next = 0; next < n; next += kLanes) {
+    size_t done = 0;
+    for (; done + 2 * kLanes <= n; done += 2 * kLanes) {
+        const size_t i = done, j = done + kLanes;
+        const __m256i first = blend<kWeighting>(load(a + i), load(b + i), weights);
+        const __m256i second = blend<kWeighting>(load(a + j), load(b + j), weights);
+        store(out + i, first);
+        store(out + j, second);
+    }
+    for (size_t next = done; next < n; next += kLanes) {
         const size_t i = last_vector(next, n);
         store(out + i, blend<kWeighting>(load(a + i), load(b + i), weights));
     }
@@ -135,7 +143,7 @@ GSVE_AVX2_INLINE __m256i load_windows(const uint8_t* a, const uint8_t* b) {
 /// indices below 16 find their sample in the first window, and less 16, the others find theirs in the second.
 template <Spread kSpread>
 GSVE_AVX2_INLINE __m256i gather(const uint8_t* a, const uint8_t* b, __m256i pair) {
-    if constexpr (kSpread == Spread::kOne) return _mm256_shuffle_epi8(load_windows(a, b), pair);
+    if constexpr (kSpread != Spread::kTwo) return _mm256_shuffle_epi8(load_windows(a, b), pair);
     const __m256i near =
         _mm256_shuffle_epi8(load_windows(a, b), _mm256_add_epi8(pair, _mm256_set1_epi8(0x70)));
     const __m256i far =
@@ -150,38 +158,66 @@ GSVE_AVX2_INLINE __m256i weigh(__m256i pairs, __m256i weight) {
                             _mm256_mulhi_epi16(difference, weight));
 }
 
-/// Fetches what the next rows want from around the windows of the round from output `i` on.
+/// What a round of 32 outputs is made of. The windows of Spread::kHalf follow each other from the start on.
+struct Round {
+    const uint32_t* window;
+    size_t start;
+    __m256i pair[2];
+    __m256i weight[2];
+};
+
+/// The round from output `i` of the plan on.
+template <Spread kSpread>
+GSVE_AVX2_INLINE Round round_at(size_t i, const HorizontalPlan& plan) {
+    const uint32_t* window = plan.window + i / (kSpread == Spread::kDense ? kDense.outputs : kSparse.outputs);
+    const auto* pair = reinterpret_cast<const __m256i*>(plan.pair + i);
+    const auto* weight = reinterpret_cast<const __m256i*>(plan.weight + i);
+    return {window,
+            kSpread == Spread::kHalf ? plan.first + 2 * i : window[0],
+            {_mm256_load_si256(pair), _mm256_load_si256(pair + 1)},
+            {_mm256_load_si256(weight), _mm256_load_si256(weight + 1)}};
+}
+
+/// Fetches what the next rows want from around the windows of a round.
 /// Into the second level: the lines of two rows of 4K are too much for the first, and cost more there.
 template <Spread kSpread>
-GSVE_AVX2_INLINE void fetch(NextLines next, size_t i, const HorizontalPlan& plan) {
-    const uint32_t* window = plan.window + i / (kSpread == Spread::kDense ? kDense.outputs : kSparse.outputs);
+GSVE_AVX2_INLINE void fetch(NextLines next, const Round& round) {
     for (const uint8_t* line : {next.a, next.b}) {
         if (line == nullptr) continue;
-        _mm_prefetch(reinterpret_cast<const char*>(line + window[0]), _MM_HINT_T1);
+        _mm_prefetch(reinterpret_cast<const char*>(line + round.start), _MM_HINT_T1);
         if constexpr (kSpread == Spread::kTwo) {
-            _mm_prefetch(reinterpret_cast<const char*>(line + window[2]), _MM_HINT_T1);
+            _mm_prefetch(reinterpret_cast<const char*>(line + round.window[2]), _MM_HINT_T1);
         }
     }
 }
 
-/// A round of 32 samples, from output `i` of the plan on.
+/// Keeps the tables of a round in registers for a second row, where the compiler would load them again. Not
+/// those of a dense round: its bound is the number of instructions, and operands in memory save some.
 template <Spread kSpread>
-GSVE_AVX2_INLINE __m256i round(const uint8_t* row, size_t i, const HorizontalPlan& plan) {
-    constexpr bool kIsDense = kSpread == Spread::kDense;
-    const uint32_t* window = plan.window + i / (kIsDense ? kDense.outputs : kSparse.outputs);
-    const auto* pair = reinterpret_cast<const uint8_t*>(plan.pair + i);
-    const auto* weight = reinterpret_cast<const __m256i*>(plan.weight + i);
-    const __m256i first_weights = _mm256_load_si256(weight), second_weights = _mm256_load_si256(weight + 1);
-    if constexpr (kIsDense) {
-        const __m256i first = _mm256_shuffle_epi8(load_window(row + window[0]), load(pair));
-        const __m256i second = _mm256_shuffle_epi8(load_window(row + window[1]), load(pair + 32));
-        const __m256i samples =
-            _mm256_packus_epi16(weigh(first, first_weights), weigh(second, second_weights));
+GSVE_AVX2_INLINE Round held(Round round) {
+    if constexpr (kSpread == Spread::kDense) return round;
+    __asm__("" : "+x"(round.pair[0]), "+x"(round.pair[1]), "+x"(round.weight[0]), "+x"(round.weight[1]));
+    return round;
+}
+
+/// The 32 samples of a round.
+template <Spread kSpread>
+GSVE_AVX2_INLINE __m256i samples_of(const uint8_t* row, const Round& round) {
+    const auto& [window, start, pair, weight] = round;
+    if constexpr (kSpread == Spread::kDense) {
+        const __m256i first = _mm256_shuffle_epi8(load_window(row + window[0]), pair[0]);
+        const __m256i second = _mm256_shuffle_epi8(load_window(row + window[1]), pair[1]);
+        const __m256i samples = _mm256_packus_epi16(weigh(first, weight[0]), weigh(second, weight[1]));
         return _mm256_permute4x64_epi64(samples, _MM_SHUFFLE(3, 1, 2, 0));
     }
-    const __m256i even = gather<kSpread>(row + window[0], row + window[2], load(pair));
-    const __m256i odd = gather<kSpread>(row + window[1], row + window[3], load(pair + 32));
-    return _mm256_packus_epi16(weigh(even, first_weights), weigh(odd, second_weights));
+    if constexpr (kSpread == Spread::kHalf) {
+        const uint8_t* at = row + start;
+        return _mm256_packus_epi16(weigh(gather<kSpread>(at, at + 32, pair[0]), weight[0]),
+                                   weigh(gather<kSpread>(at + 16, at + 48, pair[1]), weight[1]));
+    }
+    const __m256i even = gather<kSpread>(row + window[0], row + window[2], pair[0]);
+    const __m256i odd = gather<kSpread>(row + window[1], row + window[3], pair[1]);
+    return _mm256_packus_epi16(weigh(even, weight[0]), weigh(odd, weight[1]));
 }
 
 /// Stores the first `n` samples of a round.
@@ -196,10 +232,13 @@ GSVE_AVX2 void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const
                                NextLines next) {
     const size_t whole = n / kLanes * kLanes;
     for (size_t i = 0; i < whole; i += kLanes) {
-        fetch<kSpread>(next, i, plan);
-        store(out + i, round<kSpread>(row, i, plan));
+        const Round round = round_at<kSpread>(i, plan);
+        fetch<kSpread>(next, round);
+        store(out + i, samples_of<kSpread>(row, round));
     }
-    if (whole < n) store_rest(out, whole, n - whole, round<kSpread>(row, whole, plan));
+    if (whole == n) return;
+    constexpr Spread kRest = rest_of(kSpread);
+    store_rest(out, whole, n - whole, samples_of<kRest>(row, round_at<kRest>(whole, plan)));
 }
 
 template <Spread kSpread>
@@ -209,25 +248,30 @@ GSVE_AVX2 void interpolate_two_rows(const RowPair& rows, size_t n, const Horizon
     const auto [upper_row, lower_row] = rows.row;
     const size_t whole = n / kLanes * kLanes;
     for (size_t i = 0; i < whole; i += kLanes) {
-        fetch<kSpread>(first, i, plan);
-        fetch<kSpread>(second, i, plan);
-        const __m256i upper = round<kSpread>(upper_row, i, plan), lower = round<kSpread>(lower_row, i, plan);
+        const Round round = held<kSpread>(round_at<kSpread>(i, plan));
+        fetch<kSpread>(first, round);
+        fetch<kSpread>(second, round);
+        const __m256i upper = samples_of<kSpread>(upper_row, round);
+        const __m256i lower = samples_of<kSpread>(lower_row, round);
         store(upper_out + i, upper);
         store(lower_out + i, lower);
     }
     if (whole == n) return;
-    store_rest(upper_out, whole, n - whole, round<kSpread>(upper_row, whole, plan));
-    store_rest(lower_out, whole, n - whole, round<kSpread>(lower_row, whole, plan));
+    constexpr Spread kRest = rest_of(kSpread);
+    const Round round = round_at<kRest>(whole, plan);
+    store_rest(upper_out, whole, n - whole, samples_of<kRest>(upper_row, round));
+    store_rest(lower_out, whole, n - whole, samples_of<kRest>(lower_row, round));
 }
 
 // One form per Spread, in its order; pairs that were brought together lie as those of kOne do.
 inline constexpr decltype(RowKernels::interpolate) kInterpolateRows[] = {
     interpolate_row<Spread::kDense>, interpolate_row<Spread::kOne>, interpolate_row<Spread::kTwo>,
-    interpolate_row<Spread::kOne>};
+    interpolate_row<Spread::kOne>, interpolate_row<Spread::kHalf>};
 
 inline constexpr decltype(RowKernels::interpolate_two) kInterpolateTwoRows[] = {
     interpolate_two_rows<Spread::kDense>, interpolate_two_rows<Spread::kOne>,
-    interpolate_two_rows<Spread::kTwo>, interpolate_two_rows<Spread::kOne>};
+    interpolate_two_rows<Spread::kTwo>, interpolate_two_rows<Spread::kOne>,
+    interpolate_two_rows<Spread::kHalf>};
 
 inline void interpolate(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
                         NextLines next) {
@@ -256,7 +300,8 @@ GSVE_AVX2_INLINE __m256i range_of(__m256i smallest, __m256i largest) {
     return _mm256_sub_epi64(_mm256_set1_epi64x(255), fold_sum(both));
 }
 
-/// Two macroblocks, one in each 128-bit lane.
+/// Two macroblocks, one in each 128-bit lane, while the lines of those further on are fetched: the processor
+/// does not foresee the reads of so many lines.
 GSVE_AVX2 inline void motion_row(uint8_t* flags, const uint8_t* const (&lines)[plain::kMotionLines],
                                  size_t blocks) {
     const size_t pairs = blocks & ~size_t{1};
@@ -267,6 +312,7 @@ GSVE_AVX2 inline void motion_row(uint8_t* flags, const uint8_t* const (&lines)[p
         __m256i frame = _mm256_setzero_si256(), field[2] = {frame, frame};
         for (unsigned y = 0; y < kMacroblock; ++y) {
             const __m256i after = load(lines[y + 2] + x);
+            _mm_prefetch(reinterpret_cast<const char*>(lines[y + 2] + x + 4 * kLanes), _MM_HINT_T0);
             smallest = _mm256_min_epu8(smallest, line);
             largest = _mm256_max_epu8(largest, line);
             frame = _mm256_add_epi64(frame, _mm256_sad_epu8(line, below));

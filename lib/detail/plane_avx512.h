@@ -6,6 +6,7 @@
 
 #include <immintrin.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -121,56 +122,79 @@ inline void blend_adaptive(uint8_t* out, const uint8_t* a, const uint8_t* b, con
 
 // ---- Motion map ---------------------------------------------------------------------------------------
 
-/// Adds the halves of each 128-bit lane into its lower half.
-GSVE_AVX512_INLINE __m512i fold_sum(__m512i v) { return _mm512_add_epi64(v, _mm512_bsrli_epi128(v, 8)); }
+/// What is known of four macroblocks side by side: each has its parts in a 128-bit lane.
+struct Motion {
+    __m512i smallest, largest;  ///< samples, column by column
+    __m512i frame, field[2];    ///< sums of differences between neighbours and within each field
+};
 
-/// Largest minus smallest sample of each 128-bit lane, in its lower half. The smallest and the complement of
-/// the largest are searched for side by side.
-GSVE_AVX512_INLINE __m512i range_of(__m512i smallest, __m512i largest) {
-    const __m512i inverse = _mm512_xor_si512(largest, _mm512_set1_epi8(-1));
-    __m512i both =
-        _mm512_min_epu8(_mm512_unpacklo_epi64(smallest, inverse), _mm512_unpackhi_epi64(smallest, inverse));
-    both = _mm512_min_epu8(both, _mm512_srli_epi64(both, 32));
-    both = _mm512_min_epu8(both, _mm512_srli_epi64(both, 16));
-    both = _mm512_and_si512(_mm512_min_epu8(both, _mm512_srli_epi64(both, 8)), _mm512_set1_epi64(0xff));
-    return _mm512_sub_epi64(_mm512_set1_epi64(255), fold_sum(both));
+/// The motion of the four macroblocks from column `x` on, while the lines of those behind are fetched: the
+/// processor does not foresee the reads of so many lines.
+GSVE_AVX512_INLINE Motion motion_of(const uint8_t* const (&lines)[plain::kMotionLines], size_t x) {
+    const __m512i none = _mm512_setzero_si512();
+    __m512i even = load(lines[0] + x), odd = load(lines[1] + x);
+    Motion motion = {even, even, none, {none, none}};
+#pragma GCC unroll 2  // unrolled further, it needs more registers than there are
+    for (unsigned y = 0; y < kMacroblock; y += 2) {
+        const __m512i next_even = load(lines[y + 2] + x), next_odd = load(lines[y + 3] + x);
+        _mm_prefetch(reinterpret_cast<const char*>(lines[y + 2] + x + 2 * kLanes), _MM_HINT_T0);
+        _mm_prefetch(reinterpret_cast<const char*>(lines[y + 3] + x + 2 * kLanes), _MM_HINT_T0);
+        motion.smallest = _mm512_min_epu8(motion.smallest, _mm512_min_epu8(even, odd));
+        motion.largest = _mm512_max_epu8(motion.largest, _mm512_max_epu8(even, odd));
+        motion.frame = _mm512_add_epi64(motion.frame, _mm512_sad_epu8(even, odd));
+        motion.frame = _mm512_add_epi64(motion.frame, _mm512_sad_epu8(odd, next_even));
+        motion.field[0] = _mm512_add_epi64(motion.field[0], _mm512_sad_epu8(even, next_even));
+        motion.field[1] = _mm512_add_epi64(motion.field[1], _mm512_sad_epu8(odd, next_odd));
+        even = next_even;
+        odd = next_odd;
+    }
+    return motion;
 }
 
-/// Four macroblocks, one in each 128-bit lane: bits 0, 2, 4 and 6 are set where they are combed.
-GSVE_AVX512_INLINE unsigned combed_of(const uint8_t* const (&lines)[plain::kMotionLines], size_t x,
-                                      __mmask64 lanes) {
-    __m512i line = _mm512_maskz_loadu_epi8(lanes, lines[0] + x);
-    __m512i below = _mm512_maskz_loadu_epi8(lanes, lines[1] + x);
-    __m512i smallest = line, largest = line;
-    __m512i frame = _mm512_setzero_si512(), field[2] = {frame, frame};
-    for (unsigned y = 0; y < kMacroblock; ++y) {
-        const __m512i after = _mm512_maskz_loadu_epi8(lanes, lines[y + 2] + x);
-        smallest = _mm512_min_epu8(smallest, line);
-        largest = _mm512_max_epu8(largest, line);
-        frame = _mm512_add_epi64(frame, _mm512_sad_epu8(line, below));
-        field[y % 2] = _mm512_add_epi64(field[y % 2], _mm512_sad_epu8(line, after));
-        line = below;
-        below = after;
-    }
-    const __m512i range = range_of(smallest, largest);
-    const __m512i steady = _mm512_add_epi64(_mm512_min_epu64(fold_sum(field[0]), fold_sum(field[1])),
-                                            _mm512_mullo_epi16(range, _mm512_set1_epi64(10)));
-    return _mm512_cmpgt_epu64_mask(range, _mm512_set1_epi64(17)) &
-           _mm512_cmplt_epu64_mask(steady, fold_sum(frame));
+/// The sums of the 128-bit lanes of two vectors, side by side.
+GSVE_AVX512_INLINE __m512i lane_sums(__m512i a, __m512i b) {
+    return _mm512_add_epi64(_mm512_unpacklo_epi64(a, b), _mm512_unpackhi_epi64(a, b));
+}
+
+/// Likewise, their smallest bytes, in the lowest of 64 bits; those above are of no meaning.
+GSVE_AVX512_INLINE __m512i lane_minima(__m512i a, __m512i b) {
+    __m512i least = _mm512_min_epu8(_mm512_unpacklo_epi64(a, b), _mm512_unpackhi_epi64(a, b));
+    least = _mm512_min_epu8(least, _mm512_srli_epi64(least, 32));
+    least = _mm512_min_epu8(least, _mm512_srli_epi64(least, 16));
+    return _mm512_min_epu8(least, _mm512_srli_epi64(least, 8));
+}
+
+/// Likewise, their largest bytes.
+GSVE_AVX512_INLINE __m512i lane_maxima(__m512i a, __m512i b) {
+    __m512i most = _mm512_max_epu8(_mm512_unpacklo_epi64(a, b), _mm512_unpackhi_epi64(a, b));
+    most = _mm512_max_epu8(most, _mm512_srli_epi64(most, 32));
+    most = _mm512_max_epu8(most, _mm512_srli_epi64(most, 16));
+    return _mm512_max_epu8(most, _mm512_srli_epi64(most, 8));
+}
+
+/// The flags of eight macroblocks, of which `a` and `b` hold four each.
+GSVE_AVX512_INLINE __m128i flags_of(const Motion& a, const Motion& b) {
+    const __m512i largest = lane_maxima(a.largest, b.largest);
+    const __m512i smallest = lane_minima(a.smallest, b.smallest);
+    const __m512i range = _mm512_and_si512(_mm512_sub_epi8(largest, smallest), _mm512_set1_epi64(0xff));
+    const __m512i field =
+        _mm512_min_epu64(lane_sums(a.field[0], b.field[0]), lane_sums(a.field[1], b.field[1]));
+    const __m512i steady = _mm512_add_epi64(field, _mm512_mullo_epi16(range, _mm512_set1_epi64(10)));
+    const __mmask8 wide = _mm512_cmpgt_epu64_mask(range, _mm512_set1_epi64(17));
+    const __mmask8 combed = _mm512_mask_cmplt_epu64_mask(wide, steady, lane_sums(a.frame, b.frame));
+    const __m128i flags = _mm512_cvtepi64_epi8(_mm512_maskz_set1_epi64(combed, 1));
+    return _mm_shuffle_epi8(flags, _mm_set1_epi64x(0x0705030106040200));  // those of a, those of b
 }
 
 GSVE_AVX512 inline void motion_row(uint8_t* flags, const uint8_t* const (&lines)[plain::kMotionLines],
                                    size_t blocks) {
-    size_t block = 0;
-    for (; block + 4 <= blocks; block += 4) {
-        const unsigned combed = combed_of(lines, block * kMacroblock, ~uint64_t{0});
-        const uint32_t four = (combed & 1) | (combed & 4) << 6 | (combed & 16) << 12 | (combed & 64) << 18;
-        std::memcpy(flags + block, &four, sizeof(four));
+    if (blocks < 8) return avx2::motion_row(flags, lines, blocks);
+    for (size_t next = 0; next < blocks; next += 8) {
+        const size_t block = std::min(next, blocks - 8);  // the last eight overlap those before
+        const Motion left = motion_of(lines, block * kMacroblock);
+        const Motion right = motion_of(lines, (block + 4) * kMacroblock);
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(flags + block), flags_of(left, right));
     }
-    if (block == blocks) return;
-    const unsigned combed =
-        combed_of(lines, block * kMacroblock, ~uint64_t{0} >> (16 * (block + 4 - blocks)));
-    for (size_t i = 0; block + i < blocks; ++i) flags[block + i] = (combed >> (2 * i)) & 1;
 }
 
 inline constexpr RowKernels kRowKernels = {

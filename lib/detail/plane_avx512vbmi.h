@@ -177,19 +177,46 @@ GSVE_VBMI_INLINE void fetch(NextLines next, size_t i, const HorizontalPlan& plan
     }
 }
 
-/// A round of 64 samples, from output `i` of the plan on.
+/// The tables of a round of 64 outputs.
+struct Round {
+    uint32_t window[2];
+    __m512i pair[2];
+    __m512i weight[2];
+};
+
+/// The tables from output `i` of the plan on.
 template <Spread kSpread>
-GSVE_VBMI_INLINE __m512i round(const uint8_t* row, size_t i, const HorizontalPlan& plan) {
+GSVE_VBMI_INLINE Round round_at(size_t i, const HorizontalPlan& plan) {
     constexpr bool kIsDense = kSpread == Spread::kDense;
     const uint32_t* window = plan.window + i / (kIsDense ? kDense.outputs : kSparse.outputs);
-    const uint32_t left = window[0], right = kIsDense ? left : window[1];
     const uint16_t* pair = plan.pair + i;
     const int16_t* weight = plan.weight + i;
-    const __m512i first =
-        weigh(gather<kSpread>(row + left, _mm512_load_si512(pair)), _mm512_load_si512(weight));
-    const __m512i second =
-        weigh(gather<kSpread>(row + right, _mm512_load_si512(pair + 32)), _mm512_load_si512(weight + 32));
-    return _mm512_permutex2var_epi8(first, _mm512_load_si512(kLowerBytes.data()), second);
+    return {{window[0], kIsDense ? window[0] : window[1]},
+            {_mm512_load_si512(pair), _mm512_load_si512(pair + 32)},
+            {_mm512_load_si512(weight), _mm512_load_si512(weight + 32)}};
+}
+
+/// Keeps the tables of a round in registers for a second row, where the compiler would load them again.
+GSVE_VBMI_INLINE Round held(Round round) {
+    __asm__("" : "+v"(round.pair[0]), "+v"(round.pair[1]), "+v"(round.weight[0]), "+v"(round.weight[1]));
+    return round;
+}
+
+/// The 64 samples of a round.
+template <Spread kSpread>
+GSVE_VBMI_INLINE __m512i samples_of(const uint8_t* row, const Round& round) {
+    __m512i first, second;
+    if constexpr (kSpread == Spread::kDense) {
+        __m512i window = load(row + round.window[0]);
+        __asm__("" : "+v"(window));  // loaded once for both halves
+        first = _mm512_permutexvar_epi8(round.pair[0], window);
+        second = _mm512_permutexvar_epi8(round.pair[1], window);
+    } else {
+        first = gather<kSpread>(row + round.window[0], round.pair[0]);
+        second = gather<kSpread>(row + round.window[1], round.pair[1]);
+    }
+    return _mm512_permutex2var_epi8(weigh(first, round.weight[0]), _mm512_load_si512(kLowerBytes.data()),
+                                    weigh(second, round.weight[1]));
 }
 
 /// Stores the first `n` samples of a round.
@@ -203,9 +230,10 @@ GSVE_VBMI void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const
     const size_t whole = n / kLanes * kLanes;
     for (size_t i = 0; i < whole; i += kLanes) {
         fetch<kSpread>(next, i, plan);
-        store(out + i, round<kSpread>(row, i, plan));
+        store(out + i, samples_of<kSpread>(row, round_at<kSpread>(i, plan)));
     }
-    if (whole < n) store_rest(out, whole, n - whole, round<kSpread>(row, whole, plan));
+    if (whole == n) return;
+    store_rest(out, whole, n - whole, samples_of<kSpread>(row, round_at<kSpread>(whole, plan)));
 }
 
 template <Spread kSpread>
@@ -217,23 +245,25 @@ GSVE_VBMI void interpolate_two_rows(const RowPair& rows, size_t n, const Horizon
     for (size_t i = 0; i < whole; i += kLanes) {
         fetch<kSpread>(first, i, plan);
         fetch<kSpread>(second, i, plan);
-        const __m512i upper = round<kSpread>(upper_row, i, plan), lower = round<kSpread>(lower_row, i, plan);
-        store(upper_out + i, upper);
-        store(lower_out + i, lower);
+        const Round round = held(round_at<kSpread>(i, plan));
+        store(upper_out + i, samples_of<kSpread>(upper_row, round));
+        store(lower_out + i, samples_of<kSpread>(lower_row, round));
     }
     if (whole == n) return;
-    store_rest(upper_out, whole, n - whole, round<kSpread>(upper_row, whole, plan));
-    store_rest(lower_out, whole, n - whole, round<kSpread>(lower_row, whole, plan));
+    const Round round = round_at<kSpread>(whole, plan);
+    store_rest(upper_out, whole, n - whole, samples_of<kSpread>(upper_row, round));
+    store_rest(lower_out, whole, n - whole, samples_of<kSpread>(lower_row, round));
 }
 
 // One form per Spread, in its order; pairs that were brought together lie as those of kOne do.
 inline constexpr decltype(RowKernels::interpolate) kInterpolateRows[] = {
     interpolate_row<Spread::kDense>, interpolate_row<Spread::kOne>, interpolate_row<Spread::kTwo>,
-    interpolate_row<Spread::kOne>};
+    interpolate_row<Spread::kOne>, interpolate_row<Spread::kOne>};
 
 inline constexpr decltype(RowKernels::interpolate_two) kInterpolateTwoRows[] = {
     interpolate_two_rows<Spread::kDense>, interpolate_two_rows<Spread::kOne>,
-    interpolate_two_rows<Spread::kTwo>, interpolate_two_rows<Spread::kOne>};
+    interpolate_two_rows<Spread::kTwo>, interpolate_two_rows<Spread::kOne>,
+    interpolate_two_rows<Spread::kOne>};
 
 inline void interpolate(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
                         NextLines next) {

@@ -30,7 +30,11 @@ enum class Spread {
     kOne,    ///< a group fits one window
     kTwo,    ///< a group fits two windows side by side
     kFar,    ///< none of these: the pairs are brought together first, and a group of pairs fits one window
+    kHalf,   ///< as kOne, and each pair follows the one before: the windows lie side by side
 };
+
+/// How a round that is not filled reads its windows: those of kHalf would reach past the row's end.
+constexpr Spread rest_of(Spread spread) { return spread == Spread::kHalf ? Spread::kOne : spread; }
 
 /// The horizontal interpolation of up to kColumns output samples, laid out for a gather kernel.
 ///
@@ -164,10 +168,18 @@ inline unsigned widest_group(const Outputs& outputs, unsigned group) {
     return widest;
 }
 
+/// True where the pairs of samples lie side by side, as those of a picture of half the width do.
+inline bool are_side_by_side(const Outputs& outputs) {
+    for (unsigned i = 0; i < outputs.count; ++i) {
+        if (outputs.left[i] != outputs.left[0] + 2 * i) return false;
+    }
+    return outputs.left[outputs.count - 1] < outputs.last;
+}
+
 inline Spread spread_of(const Outputs& outputs, const RowKernels& kernels) {
     if (widest_group(outputs, kernels.dense.outputs) <= kernels.dense.window) return Spread::kDense;
     const unsigned widest = widest_group(outputs, kernels.sparse.outputs);
-    if (widest <= kernels.sparse.window) return Spread::kOne;
+    if (widest <= kernels.sparse.window) return are_side_by_side(outputs) ? Spread::kHalf : Spread::kOne;
     return widest <= 2 * kernels.sparse.window ? Spread::kTwo : Spread::kFar;
 }
 
