@@ -86,8 +86,8 @@ TEST(SettingsCommand, SaysWhatAnEmptyValueSets) {
         if (!fields.contains(key)) continue;
         RecordingHost fresh, emptied;
         emptied.on_set(key.c_str(), "", false);
-        EXPECT_EQ(std::to_string(emptied.*fields.at(key)), setting["empty"]) << key;
-        EXPECT_EQ(std::to_string(fresh.*fields.at(key)), setting["default"]) << key;
+        EXPECT_EQ(std::to_string(emptied.*fields.at(key)), setting["empty"].get<std::string>()) << key;
+        EXPECT_EQ(std::to_string(fresh.*fields.at(key)), setting["default"].get<std::string>()) << key;
     }
 }
 

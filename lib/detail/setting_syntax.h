@@ -59,17 +59,20 @@ inline bool parse_nonzero_switch(const char* value) {
     return !is_empty(value) && static_cast<uint32_t>(std::strtoul(value, nullptr, 0)) != 0;
 }
 
-/// A masking strength in single precision.
-template <double when_empty>
-double parse_masking(const char* value) {
+/// A masking strength in single precision; `when_empty` for an empty text.
+inline double parse_masking(const char* value, double when_empty) {
     return is_empty(value) ? when_empty : std::strtof(value, nullptr);
 }
+inline double parse_temporal_masking(const char* value) { return parse_masking(value, 0.005); }
+inline double parse_spatial_masking(const char* value) { return parse_masking(value, 0.02); }
+inline double parse_p_masking(const char* value) { return parse_masking(value, 0.8); }
 
 /// A real number in [low, high]; `otherwise` unless digit-led.
-template <double otherwise, double low, double high>
-double parse_real_in_range(const char* value) {
+inline double parse_real_in_range(const char* value, double otherwise, double low, double high) {
     return is_digit_led(value) ? std::clamp(std::strtod(value, nullptr), low, high) : otherwise;
 }
+inline double parse_tuning_gain(const char* value) { return parse_real_in_range(value, 1.0, 0.0, 10000.0); }
+inline double parse_cpu_threshold(const char* value) { return parse_real_in_range(value, 0.6, 0.1, 0.95); }
 
 /// A lower bit-rate bound; -1 not given.
 inline int32_t parse_min_bitrate(const char* value) {
