@@ -196,7 +196,7 @@ int encode(const EncodeOptions& options) {
     CaptionFeed captions(options.captions, source, host);
     for (const std::string& line : captions.report().lines()) note(options, fmt::format("{}\n", line));
     std::optional<TimecodeFeed> timecodes;
-    if (!options.timecode.empty()) timecodes.emplace(options.timecode, source, host);
+    if (!options.timecode.empty()) timecodes.emplace(options.timecode, source, host).attach(host);
 
     const std::unique_ptr<Sink> sink = open_sink(format, options.output, host);
     PictureTypeReader types(*host.mpeg_context);

@@ -138,7 +138,27 @@ public:
         }
     }
 
+    /// What the GOP header of an I-picture with this time code says, the I-picture being displayed that many
+    /// pictures after the GOP's first.
+    using GopTimecode = std::function<mpeg2_gop_timecode_t(const mpeg2_gop_timecode_t&, int)>;
+    void say_in_gop_headers(GopTimecode timecode) { gop_timecode_ = std::move(timecode); }
+
+    /// The header's time code is that of the picture displayed first (ISO/IEC 13818-2, 6.3.8): in an open GOP
+    /// a B-picture in front of the I-picture that the encoder hands over.
+    void mpeg_insert_gop_timecode(const mpeg2_gop_timecode_t& tc) override {
+        GeneralStreamingVideoEncoder::mpeg_insert_gop_timecode(
+            gop_timecode_ && tc.valid ? gop_timecode_(tc, temporal_reference()) : tc);
+    }
+
 private:
+    /// How many pictures of its GOP are displayed before the one in the output window.
+    int temporal_reference() const {
+        const uint8_t* header = nullptr;
+        const auto size = static_cast<size_t>(output_window->end - output_window->data);
+        if (mpeg2_get_frame_type(output_window->data, size, &header) == 0) return 0;
+        return header[4] << 2 | header[5] >> 6;
+    }
+
     void signal(const Picture& picture) {
         current_aspect_num = picture.display_aspect.num;
         current_aspect_den = picture.display_aspect.den;
@@ -201,6 +221,7 @@ private:
 
     std::string name_;
     Receiver receiver_;
+    GopTimecode gop_timecode_;
     std::optional<UnitTimes> times_;
     std::exception_ptr failure_;
     bool draining_ = false;

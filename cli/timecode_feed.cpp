@@ -43,11 +43,26 @@ void check_timecode_option(const std::string& timecode, const std::string& codec
 TimecodeFeed::TimecodeFeed(const std::string& timecode, const Source& source, const Host& host)
     : first_(first_timecode(timecode, source, host)), counter_(first_, to_rate(host.encoded_rate())) {}
 
+/// The record of picture `number`, which goes along as its text.
+mpeg2_gop_timecode_t TimecodeFeed::record(int64_t number) const {
+    const captions::GopTimecode header = captions::gop_timecode(counter_.at(number));
+    return {1,
+            header.drop_frame_flag,
+            header.hours,
+            header.minutes,
+            header.seconds,
+            header.pictures,
+            std::to_string(number)};
+}
+
 void TimecodeFeed::before(Host& host, const Picture& picture) const {
-    const Timecode timecode = counter_.at(static_cast<int64_t>(picture.number / host.frame_rate_divider));
-    const captions::GopTimecode header = captions::gop_timecode(timecode);
-    host.write_mpeg2_gop_timecode({1, header.drop_frame_flag, header.hours, header.minutes, header.seconds,
-                                   header.pictures, captions::format_timecode(timecode)});
+    host.write_mpeg2_gop_timecode(record(static_cast<int64_t>(picture.number / host.frame_rate_divider)));
+}
+
+void TimecodeFeed::attach(Host& host) const {
+    host.say_in_gop_headers([this](const mpeg2_gop_timecode_t& tc, int pictures_before) {
+        return record(std::stoll(tc.text) - pictures_before);
+    });
 }
 
 }  // namespace gsve::cli

@@ -24,10 +24,15 @@ public:
 
     const captions::Timecode& first() const { return first_; }
 
+    /// Has the encoder's GOP headers say the time code of the picture displayed first. Outlives the encoding.
+    void attach(Host& host) const;
+
     /// Gives the time code of a picture that encode() will be given next.
     void before(Host& host, const Picture& picture) const;
 
 private:
+    mpeg2_gop_timecode_t record(int64_t number) const;
+
     captions::Timecode first_;
     captions::TimecodeCounter counter_;
 };

@@ -577,10 +577,16 @@ TEST_P(Timecodes, CountDropFramesAcrossTheMinuteAndTravelWithTheirPictures) {
             fmt::format("b frames={}", GetParam())});
     const ReadBack found = read_back(out);
     std::vector<std::string> wanted;
-    for (const int picture : found.intra)
+    int before = -1;
+    for (const int intra : found.intra) {
+        // An open GOP's header tells the time of the B-pictures in front of the I-picture, of which there are
+        // fewer at the end of the film.
+        const int picture = intra - std::min(GetParam(), intra - before - 1);
+        before = intra;
         wanted.push_back(picture < 10
                              ? fmt::format("00:00:59;{:02}", 20 + picture)
                              : fmt::format("00:01:{:02};{:02}", (picture - 8) / 30, (picture - 8) % 30));
+    }
     ASSERT_GT(found.intra.size(), 3U);
     EXPECT_EQ(gop_timecodes(read_file(out)), wanted);
 }
