@@ -13,7 +13,7 @@ extern "C" {
 }
 
 #include "error.h"
-#include "file_name.h"
+#include "input.h"
 #include "inspect_log.h"
 #include "source.h"
 
@@ -64,25 +64,15 @@ private:
 
 StreamReader::StreamReader(const std::string& path) : path_(path), frame_(av_frame_alloc()) {
     if (!frame_) throw std::bad_alloc();
-    AVFormatContext* context = nullptr;
-    if (const int error = avformat_open_input(&context, input_url(path).c_str(), nullptr, nullptr); error < 0)
-        throw Failure(
-            fmt::format("cannot open {}: {}; {}", path, av_error_text(error), opening_advice(error)));
-    input_.reset(context);
-    if (const int error = avformat_find_stream_info(context, nullptr); error < 0)
-        throw Failure(fmt::format("cannot read {}: {}", path, av_error_text(error)));
-    const AVCodec* codec = nullptr;
-    const int index = av_find_best_stream(context, AVMEDIA_TYPE_VIDEO, -1, -1, &codec, 0);
-    if (index < 0) throw Failure(fmt::format("{} has no video stream that can be decoded", path));
-    for (unsigned other = 0; other < context->nb_streams; other++)
-        if (static_cast<int>(other) != index) context->streams[other]->discard = AVDISCARD_ALL;
-    video_ = context->streams[index];
-    open_decoder(*codec);
+    VideoInput input = open_video_input(path);
+    input_ = std::move(input.format);
+    video_ = input.stream;
+    open_decoder(*input.codec);
 
-    stream_.format = context->iformat->name;
-    stream_.codec = avcodec_get_name(codec->id);
-    stream_.mpeg_video = is_mpeg_video(codec->id);
-    stream_.rate = picture_rate(context, video_);
+    stream_.format = input_->iformat->name;
+    stream_.codec = avcodec_get_name(input.codec->id);
+    stream_.mpeg_video = is_mpeg_video(input.codec->id);
+    stream_.rate = picture_rate(input_.get(), video_);
 }
 
 void StreamReader::open_decoder(const AVCodec& codec) {

@@ -3,12 +3,13 @@
 #include <array>
 #include <cmath>
 #include <string_view>
+#include <utility>
 
 #include <fmt/format.h>
 
 #include "caption_packets.h"
 #include "error.h"
-#include "file_name.h"
+#include "input.h"
 #include "stop.h"
 
 namespace gsve::cli {
@@ -96,25 +97,14 @@ Source::Source(const std::string& path, const SourceOptions& options)
 }
 
 void Source::open(const std::string& path) {
-    AVFormatContext* context = avformat_alloc_context();
-    if (!context) throw std::bad_alloc();
-    context->interrupt_callback = {interrupted, nullptr};
-    if (const int error = avformat_open_input(&context, input_url(path).c_str(), nullptr, nullptr); error < 0)
-        throw Failure(
-            fmt::format("cannot open {}: {}; {}", path, av_error_text(error), opening_advice(error)));
-    input_.reset(context);
-    if (const int error = avformat_find_stream_info(context, nullptr); error < 0)
-        throw Failure(fmt::format("cannot read {}: {}", path, av_error_text(error)));
-
-    const AVCodec* codec = nullptr;
-    const int index = av_find_best_stream(context, AVMEDIA_TYPE_VIDEO, -1, -1, &codec, 0);
-    if (index < 0) throw Failure(fmt::format("{} has no video stream that can be decoded", path));
-    stream_ = context->streams[index];
-    for (unsigned other = 0; other < context->nb_streams; other++)
-        if (static_cast<int>(other) != index) context->streams[other]->discard = AVDISCARD_ALL;
+    VideoInput video = open_video_input(path, {interrupted, nullptr});
+    input_ = std::move(video.format);
+    stream_ = video.stream;
+    AVFormatContext* const context = input_.get();
+    const AVCodec* const codec = video.codec;
     if (context->nb_streams > 1)
-        notes_ +=
-            fmt::format("only video is carried: stream {} of {} is encoded\n", index, context->nb_streams);
+        notes_ += fmt::format("only video is carried: stream {} of {} is encoded\n", stream_->index,
+                              context->nb_streams);
 
     decoder_.reset(avcodec_alloc_context3(codec));
     if (!decoder_ || avcodec_parameters_to_context(decoder_.get(), stream_->codecpar) < 0)
