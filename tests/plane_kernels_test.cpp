@@ -12,7 +12,7 @@ using namespace plane_test;
 /// How often each row kernel of the form under test was entered.
 struct Entries {
     unsigned long blend = 0, blend_three = 0, blend_adaptive = 0, interpolate = 0, interpolate_two = 0,
-                  motion_row = 0;
+                  halve = 0, motion_row = 0;
 };
 
 Entries entries;
@@ -48,6 +48,14 @@ inline constexpr RowKernels kCounted = {
             ++entries.interpolate_two;
             kKernels.interpolate_two(rows, n, plan, first, second);
         },
+    .halve = kKernels.halve == nullptr ? nullptr
+                                       : +[](uint8_t* out, const uint8_t* a, const uint8_t* b,
+                                             unsigned weight, size_t n, const HorizontalPlan& plan,
+                                             NextLines next) {
+                                             ++entries.halve;
+                                             kKernels.halve(out, a, b, weight, n, plan, next);
+                                         },
+    .fewest_halved = kKernels.fewest_halved,
     .motion_row =
         [](uint8_t* flags, const uint8_t* const (&lines)[plain::kMotionLines], size_t blocks) {
             ++entries.motion_row;
@@ -80,6 +88,7 @@ unsigned random_step(Random& random, unsigned from, unsigned to) {
         case 3:
         case 4: return to > 1 ? ((from - 1) << 16) / (to - 1) : 65536;
         case 5: return between(random, 1, 3) << (14 + random() % 4);
+        case 6: return 2 * 65536 - 3 + random() % 7;
         default: return (from << 16) / to;
     }
 }
@@ -88,9 +97,11 @@ struct Sizes {
     unsigned src_width, src_height, to_width, to_height;
 };
 
+/// Every third size halves the width, or nearly.
 Sizes random_sizes(Random& random) {
-    return {between(random, 1, 300), between(random, 1, 300), between(random, 1, 300),
-            between(random, 1, 300)};
+    const unsigned to_width = between(random, 1, 300);
+    const unsigned src_width = random() % 3 == 0 ? 2 * to_width + random() % 3 : between(random, 1, 300);
+    return {src_width, between(random, 1, 300), to_width, between(random, 1, 300)};
 }
 
 /// Sizes around the kernels' own: vectors, windows, rounds, strips and the scaler's widest row.
@@ -302,6 +313,43 @@ TEST_P(VectorForm, InterpolatesEveryFraction) {
     }
 }
 
+TEST_P(VectorForm, HalvesTheWidthWithEveryWeightAndFraction) {
+    if (kernels_->halve == nullptr) GTEST_SKIP() << "no kernel of its own";
+    Random random(3);
+    entries = {};
+    // Row r lies r/256 behind its line; a step 1/65536 off two samples lets fractions rise or fall by one.
+    const unsigned src_width = 4094;
+    std::vector<uint8_t> source(3 * src_width), actual(256 * (src_width / 2)), expected(actual.size());
+    for (uint8_t& sample : source) sample = random() % 4 == 0 ? random() % 2 * 255 : random();
+    PlaneScaling plane{actual.data(), src_width / 2, source.data(), src_width, src_width / 2,
+                       256,           131072,        256,           src_width, 3};
+    for (const unsigned x_step : {131072u, 131073u, ((src_width - 1) << 16) / (src_width / 2 - 1)}) {
+        plane.x_step = x_step;
+        plane.dst = actual.data();
+        rows::scale(*kernels_, plane, 0, -1, "f");
+        plane.dst = expected.data();
+        plain::scale(plane, 0, -1, "f");
+        ASSERT_TRUE(actual == expected) << x_step;
+    }
+    EXPECT_EQ(entries.halve, 3 * 256u);
+
+    constexpr unsigned kColumns = 65536;
+    std::vector<uint8_t> row(2 * kColumns + 2), out(kColumns), wanted(kColumns);
+    for (const int other : {0, 1, 2, 127, 128, 129, 200, 254, 255}) {
+        for (size_t i = 0; i < row.size(); ++i) row[i] = static_cast<uint8_t>(i % 2 == 0 ? 255 : other);
+        for (const unsigned x_step : {131071u, 131073u}) {
+            const auto width = static_cast<unsigned>(row.size());
+            PlaneScaling line{out.data(), kColumns, row.data(), width, kColumns, 1, x_step, 65536, width, 1};
+            entries = {};
+            rows::deinterlace_basic(*kernels_, line);
+            EXPECT_GE(entries.halve, 31u);
+            line.dst = wanted.data();
+            plain::deinterlace_basic(line);
+            ASSERT_TRUE(out == wanted) << x_step << ", other sample " << other;
+        }
+    }
+}
+
 TEST_P(VectorForm, TellsPairsSideBySideFromPairsThatFitAWindow) {
     static HorizontalPlan plan;
     const auto spread = [&](unsigned count, unsigned x_step, unsigned src_width) {
@@ -309,10 +357,11 @@ TEST_P(VectorForm, TellsPairsSideBySideFromPairsThatFitAWindow) {
         rows::lay_out(plan, *kernels_, walk, count, x_step, src_width);
         return plan.spread;
     };
-    EXPECT_EQ(spread(960, 131072, 1920), Spread::kHalf);
-    EXPECT_EQ(spread(960, (1919 << 16) / 959, 1920), Spread::kHalf);  // falls short of the last sample
-    EXPECT_EQ(spread(960, 131072, 1919), Spread::kOne);               // the last pair has no right sample
-    EXPECT_EQ(spread(960, 131071, 1920), Spread::kOne);               // all but the first lie one to the left
+    const Spread half = kernels_->halve != nullptr ? Spread::kHalf : Spread::kOne;
+    EXPECT_EQ(spread(960, 131072, 1920), half);
+    EXPECT_EQ(spread(960, (1919 << 16) / 959, 1920), half);  // falls short of the last sample
+    EXPECT_EQ(spread(960, 131072, 1919), Spread::kOne);      // the last pair has no right sample
+    EXPECT_EQ(spread(960, 131071, 1920), Spread::kOne);      // all but the first lie one to the left
     EXPECT_NE(spread(960, 98304, 1920), Spread::kHalf);
 }
 

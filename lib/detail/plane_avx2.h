@@ -158,10 +158,9 @@ GSVE_AVX2_INLINE __m256i weigh(__m256i pairs, __m256i weight) {
                             _mm256_mulhi_epi16(difference, weight));
 }
 
-/// What a round of 32 outputs is made of. The windows of Spread::kHalf follow each other from the start on.
+/// What a round of 32 outputs is made of.
 struct Round {
     const uint32_t* window;
-    size_t start;
     __m256i pair[2];
     __m256i weight[2];
 };
@@ -173,7 +172,6 @@ GSVE_AVX2_INLINE Round round_at(size_t i, const HorizontalPlan& plan) {
     const auto* pair = reinterpret_cast<const __m256i*>(plan.pair + i);
     const auto* weight = reinterpret_cast<const __m256i*>(plan.weight + i);
     return {window,
-            kSpread == Spread::kHalf ? plan.first + 2 * i : window[0],
             {_mm256_load_si256(pair), _mm256_load_si256(pair + 1)},
             {_mm256_load_si256(weight), _mm256_load_si256(weight + 1)}};
 }
@@ -184,7 +182,7 @@ template <Spread kSpread>
 GSVE_AVX2_INLINE void fetch(NextLines next, const Round& round) {
     for (const uint8_t* line : {next.a, next.b}) {
         if (line == nullptr) continue;
-        _mm_prefetch(reinterpret_cast<const char*>(line + round.start), _MM_HINT_T1);
+        _mm_prefetch(reinterpret_cast<const char*>(line + round.window[0]), _MM_HINT_T1);
         if constexpr (kSpread == Spread::kTwo) {
             _mm_prefetch(reinterpret_cast<const char*>(line + round.window[2]), _MM_HINT_T1);
         }
@@ -203,17 +201,12 @@ GSVE_AVX2_INLINE Round held(Round round) {
 /// The 32 samples of a round.
 template <Spread kSpread>
 GSVE_AVX2_INLINE __m256i samples_of(const uint8_t* row, const Round& round) {
-    const auto& [window, start, pair, weight] = round;
+    const auto& [window, pair, weight] = round;
     if constexpr (kSpread == Spread::kDense) {
         const __m256i first = _mm256_shuffle_epi8(load_window(row + window[0]), pair[0]);
         const __m256i second = _mm256_shuffle_epi8(load_window(row + window[1]), pair[1]);
         const __m256i samples = _mm256_packus_epi16(weigh(first, weight[0]), weigh(second, weight[1]));
         return _mm256_permute4x64_epi64(samples, _MM_SHUFFLE(3, 1, 2, 0));
-    }
-    if constexpr (kSpread == Spread::kHalf) {
-        const uint8_t* at = row + start;
-        return _mm256_packus_epi16(weigh(gather<kSpread>(at, at + 32, pair[0]), weight[0]),
-                                   weigh(gather<kSpread>(at + 16, at + 48, pair[1]), weight[1]));
     }
     const __m256i even = gather<kSpread>(row + window[0], row + window[2], pair[0]);
     const __m256i odd = gather<kSpread>(row + window[1], row + window[3], pair[1]);
@@ -237,8 +230,7 @@ GSVE_AVX2 void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const
         store(out + i, samples_of<kSpread>(row, round));
     }
     if (whole == n) return;
-    constexpr Spread kRest = rest_of(kSpread);
-    store_rest(out, whole, n - whole, samples_of<kRest>(row, round_at<kRest>(whole, plan)));
+    store_rest(out, whole, n - whole, samples_of<kSpread>(row, round_at<kSpread>(whole, plan)));
 }
 
 template <Spread kSpread>
@@ -257,21 +249,19 @@ GSVE_AVX2 void interpolate_two_rows(const RowPair& rows, size_t n, const Horizon
         store(lower_out + i, lower);
     }
     if (whole == n) return;
-    constexpr Spread kRest = rest_of(kSpread);
-    const Round round = round_at<kRest>(whole, plan);
-    store_rest(upper_out, whole, n - whole, samples_of<kRest>(upper_row, round));
-    store_rest(lower_out, whole, n - whole, samples_of<kRest>(lower_row, round));
+    const Round round = round_at<kSpread>(whole, plan);
+    store_rest(upper_out, whole, n - whole, samples_of<kSpread>(upper_row, round));
+    store_rest(lower_out, whole, n - whole, samples_of<kSpread>(lower_row, round));
 }
 
 // One form per Spread, in its order; pairs that were brought together lie as those of kOne do.
 inline constexpr decltype(RowKernels::interpolate) kInterpolateRows[] = {
     interpolate_row<Spread::kDense>, interpolate_row<Spread::kOne>, interpolate_row<Spread::kTwo>,
-    interpolate_row<Spread::kOne>, interpolate_row<Spread::kHalf>};
+    interpolate_row<Spread::kOne>};
 
 inline constexpr decltype(RowKernels::interpolate_two) kInterpolateTwoRows[] = {
     interpolate_two_rows<Spread::kDense>, interpolate_two_rows<Spread::kOne>,
-    interpolate_two_rows<Spread::kTwo>, interpolate_two_rows<Spread::kOne>,
-    interpolate_two_rows<Spread::kHalf>};
+    interpolate_two_rows<Spread::kTwo>, interpolate_two_rows<Spread::kOne>};
 
 inline void interpolate(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
                         NextLines next) {
@@ -281,6 +271,62 @@ inline void interpolate(uint8_t* out, const uint8_t* row, size_t n, const Horizo
 inline void interpolate_two(const RowPair& rows, size_t n, const HorizontalPlan& plan, NextLines first,
                             NextLines second) {
     kInterpolateTwoRows[static_cast<size_t>(plan.spread)](rows, n, plan, first, second);
+}
+
+// ---- Half of the width --------------------------------------------------------------------------------
+
+/// 16 samples, in 16-bit lanes, out of 16 pairs: left + floor((right - left) * fraction / 65536). The product
+/// takes fractions from 0x8000 on for less by 65536, which is one difference too few: the right-hand sample
+/// in place of the left-hand one makes up for it.
+template <Side kSide>
+GSVE_AVX2_INLINE __m256i between(__m256i pairs, __m256i fraction) {
+    const __m256i difference = _mm256_maddubs_epi16(pairs, _mm256_set1_epi16(0x01ff));
+    const __m256i part = _mm256_mulhi_epi16(difference, fraction);
+    if constexpr (kSide == Side::kRight) return _mm256_add_epi16(_mm256_srli_epi16(pairs, 8), part);
+    __m256i sample = _mm256_add_epi16(pairs, part);
+    if constexpr (kSide == Side::kEither) {
+        sample = _mm256_add_epi16(sample, _mm256_and_si256(difference, _mm256_srai_epi16(fraction, 15)));
+    }
+    return _mm256_and_si256(sample, _mm256_set1_epi16(0xff));
+}
+
+/// Outputs [first, end), in whole vectors.
+template <Weighting kWeighting, Side kSide>
+GSVE_AVX2_INLINE void halve_run(uint8_t* out, const HalfSource& source, __m256i weights,
+                                const int16_t* fractions, size_t first, size_t end) {
+#pragma GCC unroll 2
+    for (size_t i = first; i < end; i += kLanes) {
+        _mm_prefetch(reinterpret_cast<const char*>(source.next_a + 2 * i), _MM_HINT_T0);
+        _mm_prefetch(reinterpret_cast<const char*>(source.next_b + 2 * i), _MM_HINT_T0);
+        const uint8_t *a = source.a + 2 * i, *b = source.b + 2 * i;
+        const auto* fraction = reinterpret_cast<const __m256i*>(fractions + i);
+        const __m256i low = blend<kWeighting>(load(a), load(b), weights);
+        const __m256i high = blend<kWeighting>(load(a + kLanes), load(b + kLanes), weights);
+        const __m256i samples = _mm256_packus_epi16(between<kSide>(low, _mm256_loadu_si256(fraction)),
+                                                    between<kSide>(high, _mm256_loadu_si256(fraction + 1)));
+        store(out + i, _mm256_permute4x64_epi64(samples, _MM_SHUFFLE(3, 1, 2, 0)));
+    }
+}
+
+template <Weighting kWeighting>
+GSVE_AVX2 void halve_row(uint8_t* out, const HalfSource& source, unsigned weight, size_t n,
+                         const HorizontalPlan& plan) {
+    const __m256i weights = _mm256_set1_epi16(pair_weights(weight));
+    const HalfRuns runs(plan, n, kLanes);
+    halve_run<kWeighting, Side::kLeft>(out, source, weights, plan.weight, 0, runs.left_end);
+    halve_run<kWeighting, Side::kEither>(out, source, weights, plan.weight, runs.left_end, runs.right_first);
+    halve_run<kWeighting, Side::kRight>(out, source, weights, plan.weight, runs.right_first, runs.end);
+    if (runs.end == n) return;
+    halve_run<kWeighting, Side::kEither>(out, source, weights, plan.weight, n - kLanes, n);
+}
+
+inline constexpr decltype(&halve_row<Weighting::kNone>) kHalveRows[] = {
+    halve_row<Weighting::kNone>, halve_row<Weighting::kNear>, halve_row<Weighting::kHalf>};
+
+inline void halve(uint8_t* out, const uint8_t* a, const uint8_t* b, unsigned weight, size_t n,
+                  const HorizontalPlan& plan, NextLines next) {
+    nearer_first(a, b, weight);
+    kHalveRows[index_of(weight)](out, half_source(a, b, plan, next), weight, n, plan);
 }
 
 // ---- Motion map ---------------------------------------------------------------------------------------
@@ -344,6 +390,8 @@ inline constexpr RowKernels kRowKernels = {
     .blend_adaptive = blend_adaptive,
     .interpolate = interpolate,
     .interpolate_two = interpolate_two,
+    .halve = halve,
+    .fewest_halved = kLanes,
     .motion_row = motion_row,
 };
 

@@ -258,12 +258,11 @@ GSVE_VBMI void interpolate_two_rows(const RowPair& rows, size_t n, const Horizon
 // One form per Spread, in its order; pairs that were brought together lie as those of kOne do.
 inline constexpr decltype(RowKernels::interpolate) kInterpolateRows[] = {
     interpolate_row<Spread::kDense>, interpolate_row<Spread::kOne>, interpolate_row<Spread::kTwo>,
-    interpolate_row<Spread::kOne>, interpolate_row<Spread::kOne>};
+    interpolate_row<Spread::kOne>};
 
 inline constexpr decltype(RowKernels::interpolate_two) kInterpolateTwoRows[] = {
     interpolate_two_rows<Spread::kDense>, interpolate_two_rows<Spread::kOne>,
-    interpolate_two_rows<Spread::kTwo>, interpolate_two_rows<Spread::kOne>,
-    interpolate_two_rows<Spread::kOne>};
+    interpolate_two_rows<Spread::kTwo>, interpolate_two_rows<Spread::kOne>};
 
 inline void interpolate(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
                         NextLines next) {
@@ -275,6 +274,59 @@ inline void interpolate_two(const RowPair& rows, size_t n, const HorizontalPlan&
     kInterpolateTwoRows[static_cast<size_t>(plan.spread)](rows, n, plan, first, second);
 }
 
+// ---- Half of the width --------------------------------------------------------------------------------
+
+/// 32 samples, in the lower bytes of 16-bit lanes, out of 32 pairs: left + floor((right - left) * fraction /
+/// 65536). The product takes fractions from 0x8000 on for less by 65536, which is one difference too few.
+template <Side kSide>
+GSVE_VBMI_INLINE __m512i between(__m512i pairs, __m512i fraction) {
+    const __m512i difference = _mm512_maddubs_epi16(pairs, _mm512_set1_epi16(0x01ff));
+    const __m512i sample = _mm512_add_epi16(pairs, _mm512_mulhi_epi16(difference, fraction));
+    if constexpr (kSide == Side::kLeft) return sample;
+    if constexpr (kSide == Side::kRight) return _mm512_add_epi16(sample, difference);
+    return _mm512_mask_add_epi16(sample, _mm512_movepi16_mask(fraction), sample, difference);
+}
+
+/// Outputs [first, end), in whole vectors.
+template <Weighting kWeighting, Side kSide>
+GSVE_VBMI_INLINE void halve_run(uint8_t* out, const HalfSource& source, __m512i weights,
+                                const int16_t* fractions, size_t first, size_t end) {
+    const __m512i lower = _mm512_load_si512(kLowerBytes.data());
+    for (size_t i = first; i < end; i += kLanes) {
+        for (const size_t at : {2 * i, 2 * i + kLanes}) {
+            _mm_prefetch(reinterpret_cast<const char*>(source.next_a + at), _MM_HINT_T0);
+            _mm_prefetch(reinterpret_cast<const char*>(source.next_b + at), _MM_HINT_T0);
+        }
+        const uint8_t *a = source.a + 2 * i, *b = source.b + 2 * i;
+        const int16_t* fraction = fractions + i;
+        const __m512i low = blend<kWeighting>(load(a), load(b), weights);
+        const __m512i high = blend<kWeighting>(load(a + kLanes), load(b + kLanes), weights);
+        store(out + i, _mm512_permutex2var_epi8(between<kSide>(low, _mm512_loadu_si512(fraction)), lower,
+                                                between<kSide>(high, _mm512_loadu_si512(fraction + 32))));
+    }
+}
+
+template <Weighting kWeighting>
+GSVE_VBMI void halve_row(uint8_t* out, const HalfSource& source, unsigned weight, size_t n,
+                         const HorizontalPlan& plan) {
+    const __m512i weights = _mm512_set1_epi16(pair_weights(weight));
+    const HalfRuns runs(plan, n, kLanes);
+    halve_run<kWeighting, Side::kLeft>(out, source, weights, plan.weight, 0, runs.left_end);
+    halve_run<kWeighting, Side::kEither>(out, source, weights, plan.weight, runs.left_end, runs.right_first);
+    halve_run<kWeighting, Side::kRight>(out, source, weights, plan.weight, runs.right_first, runs.end);
+    if (runs.end == n) return;
+    halve_run<kWeighting, Side::kEither>(out, source, weights, plan.weight, n - kLanes, n);
+}
+
+inline constexpr decltype(&halve_row<Weighting::kNone>) kHalveRows[] = {
+    halve_row<Weighting::kNone>, halve_row<Weighting::kNear>, halve_row<Weighting::kHalf>};
+
+inline void halve(uint8_t* out, const uint8_t* a, const uint8_t* b, unsigned weight, size_t n,
+                  const HorizontalPlan& plan, NextLines next) {
+    nearer_first(a, b, weight);
+    kHalveRows[index_of(weight)](out, half_source(a, b, plan, next), weight, n, plan);
+}
+
 inline constexpr RowKernels kRowKernels = {
     .name = "avx512vbmi",
     .dense = kDense,
@@ -284,6 +336,8 @@ inline constexpr RowKernels kRowKernels = {
     .blend_adaptive = blend_adaptive,
     .interpolate = interpolate,
     .interpolate_two = interpolate_two,
+    .halve = halve,
+    .fewest_halved = kLanes,
     .motion_row = avx512::motion_row,
 };
 

@@ -30,11 +30,8 @@ enum class Spread {
     kOne,    ///< a group fits one window
     kTwo,    ///< a group fits two windows side by side
     kFar,    ///< none of these: the pairs are brought together first, and a group of pairs fits one window
-    kHalf,   ///< as kOne, and each pair follows the one before: the windows lie side by side
+    kHalf,   ///< each pair follows the one before, as in a picture of half the width: nothing to gather
 };
-
-/// How a round that is not filled reads its windows: those of kHalf would reach past the row's end.
-constexpr Spread rest_of(Spread spread) { return spread == Spread::kHalf ? Spread::kOne : spread; }
 
 /// The horizontal interpolation of up to kColumns output samples, laid out for a gather kernel.
 ///
@@ -54,6 +51,22 @@ struct HorizontalPlan {
     unsigned reach;  ///< bytes that are read from a window's start on
     unsigned first;  ///< the strip's source samples: [first, end)
     unsigned end;
+
+    // Spread::kHalf takes no windows and no offsets, and its weights are the fractions, read as signed
+    // numbers.
+    unsigned left_end;     ///< the outputs before it have fractions below 0x8000
+    unsigned right_first;  ///< it and the outputs behind it have others
+};
+
+/// A plan of Spread::kHalf in vectors of `lanes` outputs: below `left_end` they hold fractions below 0x8000
+/// alone, from `right_first` to `end` others alone. What lies behind `end` takes another vector.
+struct HalfRuns {
+    size_t left_end, right_first, end;
+
+    HalfRuns(const HorizontalPlan& plan, size_t n, size_t lanes)
+        : left_end(plan.left_end / lanes * lanes),
+          right_first(std::min((plan.right_first + lanes - 1) / lanes, n / lanes) * lanes),
+          end(n / lanes * lanes) {}
 };
 
 /// Source lines to fetch into the cache during a horizontal pass, or null.
@@ -61,6 +74,21 @@ struct NextLines {
     const uint8_t* a;
     const uint8_t* b;
 };
+
+/// Which of its two samples an output is nearer to.
+enum class Side { kLeft, kRight, kEither };
+
+/// The lines that a row of half the width is made of, and those that the next row wants.
+struct HalfSource {
+    const uint8_t *a, *b;
+    const uint8_t *next_a, *next_b;
+};
+
+/// Where nothing is left to fetch, the lines at hand stand in: they cost less than a question in a loop.
+inline HalfSource half_source(const uint8_t* a, const uint8_t* b, const HorizontalPlan& plan,
+                              NextLines next) {
+    return {a, b, next.a != nullptr ? next.a + plan.first : a, next.b != nullptr ? next.b + plan.first : b};
+}
 
 /// Two rows to be interpolated together.
 struct RowPair {
@@ -88,6 +116,11 @@ struct RowKernels {
     /// interpolate() for two rows in one pass over the plan's tables.
     void (*interpolate_two)(const RowPair& rows, size_t n, const HorizontalPlan& plan, NextLines first,
                             NextLines second);
+    /// All samples of a plan of Spread::kHalf, out of the blend of two lines, weight 0 to 255, of which `a`
+    /// and `b` are the plan's first samples. Null where a set has no such kernel.
+    void (*halve)(uint8_t* out, const uint8_t* a, const uint8_t* b, unsigned weight, size_t n,
+                  const HorizontalPlan& plan, NextLines next);
+    unsigned fewest_halved;  ///< samples that halve() takes at least
     /// Flags, 0 or 1, of `blocks` macroblocks side by side, the first one at lines[0] to lines[17].
     void (*motion_row)(uint8_t* flags, const uint8_t* const (&lines)[plain::kMotionLines], size_t blocks);
 };
@@ -170,16 +203,18 @@ inline unsigned widest_group(const Outputs& outputs, unsigned group) {
 
 /// True where the pairs of samples lie side by side, as those of a picture of half the width do.
 inline bool are_side_by_side(const Outputs& outputs) {
-    for (unsigned i = 0; i < outputs.count; ++i) {
-        if (outputs.left[i] != outputs.left[0] + 2 * i) return false;
-    }
-    return outputs.left[outputs.count - 1] < outputs.last;
+    uint32_t strays = 0;
+    for (unsigned i = 0; i < outputs.count; ++i) strays |= outputs.left[i] ^ (outputs.left[0] + 2 * i);
+    return strays == 0 && outputs.left[outputs.count - 1] < outputs.last;
 }
 
 inline Spread spread_of(const Outputs& outputs, const RowKernels& kernels) {
+    if (kernels.halve != nullptr && outputs.count >= kernels.fewest_halved && are_side_by_side(outputs)) {
+        return Spread::kHalf;
+    }
     if (widest_group(outputs, kernels.dense.outputs) <= kernels.dense.window) return Spread::kDense;
     const unsigned widest = widest_group(outputs, kernels.sparse.outputs);
-    if (widest <= kernels.sparse.window) return are_side_by_side(outputs) ? Spread::kHalf : Spread::kOne;
+    if (widest <= kernels.sparse.window) return Spread::kOne;
     return widest <= 2 * kernels.sparse.window ? Spread::kTwo : Spread::kFar;
 }
 
@@ -201,6 +236,16 @@ inline void fill_group(HorizontalPlan& plan, size_t entry, const Outputs& output
     for (unsigned i = n; i-- > 0 && left[i] == outputs.last;) {
         pair[i] = static_cast<uint16_t>((left[i] - start) * 0x101);
     }
+}
+
+/// Enters the fractions of outputs whose pairs lie side by side.
+inline void fill_half(HorizontalPlan& plan, const Outputs& outputs) {
+    const auto is_right = [&](unsigned i) { return outputs.fraction[i] >= 0x8000; };
+    std::memcpy(plan.weight, outputs.fraction, outputs.count * sizeof(plan.weight[0]));
+    plan.left_end = 0;
+    while (plan.left_end < outputs.count && !is_right(plan.left_end)) ++plan.left_end;
+    plan.right_first = outputs.count;
+    while (plan.right_first > 0 && is_right(plan.right_first - 1)) --plan.right_first;
 }
 
 /// Groups the outputs for a kernel.
@@ -233,15 +278,18 @@ inline void lay_out(HorizontalPlan& plan, const RowKernels& kernels, SampleWalk&
     Outputs outputs;
     outputs.count = count;
     outputs.last = src_width - 1;
+    SampleWalk at = walk;  // a local of its own stays in a register
     unsigned i = 0;
     do {
-        outputs.left[i] = column_in_row(walk.sample(), src_width);
-        outputs.fraction[i] = static_cast<uint16_t>(walk.fraction());
-        walk.advance(x_step);
+        outputs.left[i] = column_in_row(at.sample(), src_width);
+        outputs.fraction[i] = static_cast<uint16_t>(at.fraction());
+        at.advance(x_step);
     } while (++i < count);
+    walk = at;
     plan.first = outputs.left[0];
     plan.end = outputs.right(count - 1) + 1;
     plan.spread = spread_of(outputs, kernels);
+    if (plan.spread == Spread::kHalf) return fill_half(plan, outputs);
     const GatherShape& shape = plan.spread == Spread::kDense ? kernels.dense : kernels.sparse;
     plan.reach = plan.spread == Spread::kTwo ? 2 * shape.window : shape.window;
     if (plan.spread == Spread::kFar) {
@@ -265,7 +313,9 @@ inline void bring_together(uint8_t* pairs, const uint8_t* row, size_t n, const H
 
 inline void interpolate(const RowKernels& kernels, uint8_t* out, const uint8_t* row, size_t n,
                         const HorizontalPlan& plan, NextLines next) {
-    if (plan.spread == Spread::kFar) {
+    if (plan.spread == Spread::kHalf) {
+        kernels.halve(out, row + plan.first, row + plan.first, 0, n, plan, next);
+    } else if (plan.spread == Spread::kFar) {
         uint8_t pairs[2 * HorizontalPlan::kColumns + kWindowRoom];
         bring_together(pairs, row, n, plan);
         std::memset(pairs + 2 * n, 0, kWindowRoom);
@@ -375,6 +425,21 @@ inline const uint8_t* source_row(const RowKernels& kernels, const PlaneScaling& 
     return buffer;
 }
 
+/// Makes the strip's part of all rows along a plan of Spread::kHalf, straight from the lines.
+inline void scale_in_half(const RowKernels& kernels, const PlaneScaling& plane, const RowScheme& scheme,
+                          const Strip& strip, const HorizontalPlan& plan, const char* function) {
+    BlendedRow source = blended_row(plane, scheme, 0);
+    for (unsigned row = 0; row < plane.to_height; ++row) {
+        if (source.weight != 0) require_source_line(plane, source.b, function);
+        require_output_row(plane, row, function);
+        const BlendedRow next = blended_row(plane, scheme, row + 1);
+        kernels.halve(plane.dst + row * plane.dst_stride + strip.column,
+                      line_of(plane, source.a) + plan.first, line_of(plane, source.b) + plan.first,
+                      source.weight, strip.count, plan, lines_to_come(plane, source, next));
+        source = next;
+    }
+}
+
 /// Makes the strip's part of all rows along its plan, two rows at a time.
 inline void scale_along_plan(const RowKernels& kernels, const PlaneScaling& plane, const RowScheme& scheme,
                              const Strip& strip, const HorizontalPlan& plan, const char* function) {
@@ -406,7 +471,10 @@ inline void scale(const RowKernels& kernels, const PlaneScaling& plane, int mode
                   const char* function) {
     const RowScheme scheme = row_scheme(mode, field);
     for_each_strip(plane, plane.to_width, kernels, [&](const Strip& strip, const HorizontalPlan& plan) {
-        if (!strip.straight) return scale_along_plan(kernels, plane, scheme, strip, plan, function);
+        if (!strip.straight) {
+            const auto make_rows = plan.spread == Spread::kHalf ? scale_in_half : scale_along_plan;
+            return make_rows(kernels, plane, scheme, strip, plan, function);
+        }
         for (unsigned row = 0; row < plane.to_height;) {
             const BlendedRow source = blended_row(plane, scheme, row);
             if (source.weight != 0) require_source_line(plane, source.b, function);

@@ -257,6 +257,8 @@ inline constexpr RowKernels kRowKernels = {
     .blend_adaptive = blend_adaptive,
     .interpolate = interpolate,
     .interpolate_two = interpolate_two,
+    .halve = nullptr,
+    .fewest_halved = 0,
     .motion_row = motion_row,
 };
 
