@@ -238,14 +238,14 @@ inline void fill_group(HorizontalPlan& plan, size_t entry, const Outputs& output
     }
 }
 
-/// Enters the fractions of outputs whose pairs lie side by side.
+/// Enters the fractions of outputs whose pairs lie side by side: they rise or fall all along.
 inline void fill_half(HorizontalPlan& plan, const Outputs& outputs) {
-    const auto is_right = [&](unsigned i) { return outputs.fraction[i] >= 0x8000; };
     std::memcpy(plan.weight, outputs.fraction, outputs.count * sizeof(plan.weight[0]));
-    plan.left_end = 0;
-    while (plan.left_end < outputs.count && !is_right(plan.left_end)) ++plan.left_end;
-    plan.right_first = outputs.count;
-    while (plan.right_first > 0 && is_right(plan.right_first - 1)) --plan.right_first;
+    unsigned right = 0;
+    for (unsigned i = 0; i < outputs.count; ++i) right += outputs.fraction[i] >> 15;
+    const bool rises = outputs.fraction[0] <= outputs.fraction[outputs.count - 1];
+    plan.left_end = rises ? outputs.count - right : 0;
+    plan.right_first = rises ? plan.left_end : outputs.count;
 }
 
 /// Groups the outputs for a kernel.
