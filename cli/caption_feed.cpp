@@ -8,6 +8,7 @@
 
 #include "captions/caption_file.h"
 #include "captions/cc_data.h"
+#include "captions/eia608_decoder.h"
 #include "captions/scte20.h"
 #include "error.h"
 
@@ -49,7 +50,7 @@ Schedule load_files(const CaptionOptions& options, FrameRate rate, captions::Rep
     }
     return all;
 } catch (const std::invalid_argument& error) {
-    throw UsageError(error.what());
+    throw UsageError(fmt::format("--captions-start: {}", error.what()));
 }
 
 const char* name_of(WarningKind kind) {
@@ -60,10 +61,14 @@ const char* name_of(WarningKind kind) {
         case WarningKind::kShortenedCue: return "shortened_cues";
         case WarningKind::kLateCue: return "late_cues";
         case WarningKind::kDroppedCue: return "dropped_cues";
-        case WarningKind::kDelayedPairs: return "delayed_pairs";
+        case WarningKind::kDelayedPairs: break;  // counted pair by pair
         case WarningKind::kParity: return "parity";
         case WarningKind::kBeforeStart: return "before_start";
         case WarningKind::kIgnoredData: return "ignored_data";
+        case WarningKind::kTimeCodes: return "time_codes";
+        case WarningKind::kOtherField: return "other_field";
+        case WarningKind::kRewrappedCues: return "rewrapped_cues";
+        case WarningKind::kNoCaptions: return "no_captions";
     }
     return "others";
 }
@@ -124,9 +129,9 @@ void check_caption_settings(Host& host, const CaptionForms& forms) {
             "them: set \"drop frame for bitrate limit\" to off, or \"constant bitrate per frame\" to 0");
 }
 
-Word PictureLine::Field::next(Word due) {
+PictureLine::Pair PictureLine::Field::next(Pair due) {
     if (!pairs.empty()) {
-        if (due != 0 || idle_matters_after(pairs.back())) pairs.push_back(due);
+        if (due.word != 0 || idle_matters_after(pairs.back().word)) pairs.push_back(due);
         due = pairs.front();
         pairs.pop_front();
     }
@@ -135,21 +140,27 @@ Word PictureLine::Field::next(Word due) {
 }
 
 void PictureLine::Field::take_back() {
-    if (sent != 0 || idle_matters_after(before)) pairs.push_front(sent);
+    if (sent.word != 0 || idle_matters_after(before.word)) pairs.push_front(sent);
     sent = before;
 }
 
 PictureWrites PictureLine::next(uint64_t picture, PictureWrites due) {
     picture_ = picture;
     PictureWrites writes;
-    for (int field = 0; field < 2; field++)
-        if (carries(picture, field)) writes.words[field] = fields_[field].next(due.words[field]);
-    constructs_.insert(constructs_.end(), due.cea708.begin(), due.cea708.end());
+    for (int field = 0; field < 2; field++) {
+        if (!carries(picture, field)) continue;
+        const Pair sent = fields_[field].next({due.words[field], due.due[field]});
+        writes.words[field] = sent.word;
+        writes.due[field] = sent.due;
+    }
+    for (const captions::Cea708Construct& construct : due.cea708)
+        constructs_.push_back({construct, due.cea708_due});
     const auto limit = static_cast<size_t>(budget_.cea708_constructs);
     const auto taken = constructs_.begin() + static_cast<ptrdiff_t>(std::min(constructs_.size(), limit));
-    writes.cea708.assign(constructs_.begin(), taken);
+    sent_constructs_.assign(constructs_.begin(), taken);
     constructs_.erase(constructs_.begin(), taken);
-    sent_constructs_ = writes.cea708;
+    for (const Construct& sent : sent_constructs_) writes.cea708.push_back(sent.construct);
+    if (!sent_constructs_.empty()) writes.cea708_due = sent_constructs_.front().due;
     return writes;
 }
 
@@ -159,11 +170,10 @@ void PictureLine::take_back() {
     constructs_.insert(constructs_.begin(), sent_constructs_.begin(), sent_constructs_.end());
 }
 
-uint64_t PictureLine::waiting() const {
-    uint64_t sum = constructs_.size();
-    for (const Field& field : fields_)
-        sum += std::count_if(field.pairs.begin(), field.pairs.end(), [](Word word) { return word != 0; });
-    return sum;
+uint64_t PictureLine::waiting_pairs(int field) const {
+    const std::deque<Pair>& pairs = fields_[field].pairs;
+    return static_cast<uint64_t>(
+        std::count_if(pairs.begin(), pairs.end(), [](const Pair& pair) { return pair.word != 0; }));
 }
 
 CaptionFeed::CaptionFeed(const CaptionOptions& options, const Source& source, Host& host)
@@ -173,13 +183,19 @@ CaptionFeed::CaptionFeed(const CaptionOptions& options, const Source& source, Ho
       origin_(!options.files.empty()                        ? "file"
               : options.carry_over && source.has_captions() ? "input"
                                                             : "none"),
+      asked_{source_rate_, {}, {}},
       repacer_(source_rate_, output_rate_),
       line_(output_rate_) {
     if (origin_ != "none") check_caption_settings(host, forms_);
     if (origin_ != "file") return;
     if (!forms_.pairs())
         throw UsageError("--captions: the settings \"enable cea-708\" and \"enable eia-608\" are off");
-    repacer_.push(load_files(options, output_rate_, report_));
+    asked_ = load_files(options, output_rate_, report_);
+    repacer_.push(asked_);
+}
+
+double CaptionFeed::foresight() const {
+    return origin_ == "input" && forms_.pairs() ? captions::useful_foresight(source_rate_, output_rate_) : 0;
 }
 
 void CaptionFeed::take_in(Source& source) {
@@ -197,6 +213,8 @@ void CaptionFeed::take_in(Source& source) {
             captions.cea708.clear();
         }
         repacer_.push(decoded.frame, captions);
+        captions.cea708.clear();
+        captions::append(asked_, decoded.frame, captions);
     }
     if (source.decoded_all()) repacer_.finish();
 }
@@ -223,7 +241,19 @@ void CaptionFeed::before(Source& source, Host& host, const Picture& picture) {
             compose_scte20(captions::scte20_constructs(writes.words[0], writes.words[1], top_field_first));
         if (!body.empty()) host.write_scte20(body.data(), body.size());
     }
-    in_codec_[picture.number] = count(writes);
+    in_codec_[picture.number] = given(writes, static_cast<int64_t>(k));
+}
+
+CaptionFeed::Given CaptionFeed::given(const PictureWrites& writes, int64_t picture) {
+    Given given{count(writes)};
+    for (int field = 0; field < 2; field++) {
+        if (writes.words[field] == 0) continue;
+        given.delayed_pairs += picture > writes.due[field];
+        given.largest_delay = std::max(given.largest_delay, picture - writes.due[field]);
+    }
+    if (!writes.cea708.empty())
+        given.largest_delay = std::max(given.largest_delay, picture - writes.cea708_due);
+    return given;
 }
 
 void CaptionFeed::after(Outcome outcome) {
@@ -235,8 +265,50 @@ void CaptionFeed::after(Outcome outcome) {
 void CaptionFeed::emitted(const EncodedUnit& unit) {
     const auto given = in_codec_.find(static_cast<uint64_t>(unit.pts));
     if (given == in_codec_.end()) return;
-    (unit.ancillary ? carried_ : expired_) += given->second;
+    (unit.ancillary ? carried_ : expired_) += given->second.count;
+    if (unit.ancillary) {
+        delayed_pairs_ += given->second.delayed_pairs;
+        largest_delay_ = std::max(largest_delay_, given->second.largest_delay);
+    }
     in_codec_.erase(given);
+}
+
+// Follows all pairs that were asked for, and those that went to the encoder, as a receiver does.
+std::vector<LostCaption> CaptionFeed::lost_captions(const Host& host) const {
+    int64_t to_send[2] = {0, 0};
+    std::map<std::pair<int, int64_t>, int64_t> late;  // by field and frame
+    for (const captions::Eia608Event& event : asked_.eia608) {
+        to_send[event.field]++;
+        if (event.late > 0) late[{event.field, event.frame}] = event.late;
+    }
+    for (int field = 0; field < 2; field++)
+        to_send[field] -= static_cast<int64_t>(line_.waiting_pairs(field) + repacer_.pending_pairs(field));
+
+    captions::Eia608Decoder wanted(asked_.rate), sent(asked_.rate);
+    for (const captions::Eia608Event& event : asked_.eia608) {
+        wanted.feed(event.frame, event.field, event.word);
+        if (to_send[event.field]-- > 0) sent.feed(event.frame, event.field, event.word);
+    }
+    const int64_t end = asked_.eia608.empty() ? 0 : asked_.eia608.back().frame + 1;
+    std::map<std::pair<int, int64_t>, std::string> seen;  // by channel and frame
+    for (const captions::TimedText& text : sent.finish(end)) seen[{text.channel, text.begin}] += text.text();
+
+    const double stream_end =
+        captions::frame_to_seconds(static_cast<int64_t>(host.input_frame_count), output_rate_);
+    std::vector<LostCaption> lost;
+    for (const captions::TimedText& text : wanted.finish(end)) {
+        const auto shown = seen.find({text.channel, text.begin});
+        if (shown != seen.end() && shown->second.find(text.text()) != std::string::npos) continue;
+        const auto delay = late.find({(text.channel - 1) / 2, text.begin});
+        const double time =
+            captions::frame_to_seconds(text.begin - (delay == late.end() ? 0 : delay->second), asked_.rate);
+        lost.push_back({time, text.channel,
+                        shown != seen.end()  ? LostCaption::Reason::kCutShort
+                        : time >= stream_end ? LostCaption::Reason::kAfterTheEnd
+                                             : LostCaption::Reason::kDidNotFit,
+                        text.text()});
+    }
+    return lost;
 }
 
 CaptionAccount CaptionFeed::account(const Host& host) const {
@@ -245,10 +317,19 @@ CaptionAccount CaptionFeed::account(const Host& host) const {
     account.carried = carried_;
     account.without_form = without_form_;
     account.expired = expired_;
-    for (const auto& [picture, given] : in_codec_) account.expired += given;
-    account.left_over = line_.waiting() + repacer_.pending();
-    account.largest_delay = captions::frame_to_seconds(repacer_.largest_delay(), output_rate_);
-    for (const captions::Warning& warning : report_.warnings()) account.warnings[name_of(warning.kind)]++;
+    for (const auto& [picture, given] : in_codec_) account.expired += given.count;
+    account.left_over.constructs = line_.waiting_constructs() + repacer_.pending();
+    for (int field = 0; field < 2; field++) {
+        const uint64_t pairs = repacer_.pending_pairs(field);
+        account.left_over.constructs -= pairs;
+        account.left_over.pairs += pairs + line_.waiting_pairs(field);
+        account.repetitions_left_out += repacer_.repetitions_left_out(field);
+    }
+    if (account.left_over.pairs > 0) account.lost = lost_captions(host);
+    account.delayed_pairs = delayed_pairs_;
+    account.largest_delay = captions::frame_to_seconds(largest_delay_, output_rate_);
+    for (const captions::Warning& warning : report_.warnings())
+        if (warning.kind != WarningKind::kDelayedPairs) account.warnings[name_of(warning.kind)]++;
     for (const auto& [picture, record] : host.aux_data_map)
         if (forms_.cc && picture >= host.eia608_next_pts)
             account.pairs_after_last_cc +=

@@ -54,17 +54,30 @@ struct CaptionCount {
     }
 };
 
-/// What became of the captions. Apart from those that were given to the encoder and lost by its codec, each
-/// pair and construct is counted once.
+/// A caption that is not in the stream, or not with all its text, because the stream ended.
+struct LostCaption {
+    enum class Reason { kDidNotFit, kCutShort, kAfterTheEnd };
+
+    double time = 0;  ///< seconds from the first picture, at which it was to be seen
+    int channel = 1;  ///< 1 to 4, as in CC1 to CC4
+    Reason reason = Reason::kDidNotFit;
+    std::string text;  ///< UTF-8; rows are separated by '\n'
+};
+
+/// What became of the captions. Each pair and construct is counted once.
 struct CaptionAccount {
-    std::string source;         ///< "input", "file" or "none"
-    CaptionCount carried;       ///< went into the stream
-    uint64_t left_over = 0;     ///< waited when the last picture went in: late, or meant for later pictures
-    CaptionCount without_form;  ///< the stream has no form for them, by its codec or settings
-    CaptionCount expired;       ///< their pictures stayed in the codec for too long, or never left it
+    std::string source;      ///< "input", "file" or "none"
+    CaptionCount carried;    ///< went into the stream
+    CaptionCount left_over;  ///< waited when the last picture went in: late, or meant for later pictures
+    std::vector<LostCaption> lost;  ///< the captions among them
+    uint64_t repetitions_left_out =
+        0;  ///< of the input's control pairs, to make up for a delay; nothing is lost with them
+    CaptionCount without_form;         ///< the stream has no form for them, by its codec or settings
+    CaptionCount expired;              ///< their pictures stayed in the codec for too long, or never left it
     uint64_t pairs_after_last_cc = 0;  ///< "CC" user data ends before the last pictures: pairs not in it
-    double largest_delay = 0;          ///< seconds, by which captions came later than asked
-    std::map<std::string, size_t> warnings;  ///< about files, by kind
+    uint64_t delayed_pairs = 0;  ///< of those carried: not on the first picture that could have had them
+    double largest_delay = 0;    ///< seconds after that picture, of the latest pair or construct
+    std::map<std::string, size_t> warnings;  ///< about files, by kind: how many captions or places
 };
 
 /// A queue in front of the encoder that takes back what went to a picture that was then dropped.
@@ -78,16 +91,25 @@ public:
     /// The picture of the latest next() was dropped.
     void take_back();
 
-    /// Pairs and constructs in the queue.
-    uint64_t waiting() const;
+    /// Pairs of a field in the queue, and constructs.
+    uint64_t waiting_pairs(int field) const;
+    uint64_t waiting_constructs() const { return constructs_.size(); }
 
 private:
+    struct Pair {
+        captions::Word word = 0;  ///< 0 where a picture is to be idle
+        int64_t due = 0;
+    };
+    struct Construct {
+        captions::Cea708Construct construct;
+        int64_t due;
+    };
     struct Field {
-        std::deque<captions::Word> pairs;  ///< waiting, with 0 where a picture is to be idle
-        captions::Word sent = 0;           ///< to the latest picture of this field
-        captions::Word before = 0;         ///< to the one before it
+        std::deque<Pair> pairs;  ///< waiting
+        Pair sent;               ///< to the latest picture of this field
+        Pair before;             ///< to the one before it
 
-        captions::Word next(captions::Word due);
+        Pair next(Pair due);
         void take_back();
     };
 
@@ -98,8 +120,8 @@ private:
     captions::PictureBudget budget_;
     uint64_t picture_ = 0;
     Field fields_[2];
-    std::deque<captions::Cea708Construct> constructs_;
-    std::vector<captions::Cea708Construct> sent_constructs_;
+    std::deque<Construct> constructs_;
+    std::vector<Construct> sent_constructs_;
 };
 
 class CaptionFeed {
@@ -109,6 +131,9 @@ public:
 
     /// What the files' captions had to change or leave out, a line each.
     const captions::Report& report() const { return report_; }
+
+    /// For how many seconds the source is to be decoded ahead of before().
+    double foresight() const;
 
     /// Queues the captions of a picture that encode() will be given next.
     void before(Source& source, Host& host, const Picture& picture);
@@ -123,18 +148,30 @@ public:
     CaptionAccount account(const Host& host) const;
 
 private:
+    /// What a picture that is in the codec carries.
+    struct Given {
+        CaptionCount count;
+        uint64_t delayed_pairs = 0;
+        int64_t largest_delay = 0;  ///< in encoded pictures
+    };
+
+    static Given given(const captions::PictureWrites& writes, int64_t picture);
     void take_in(Source& source);
+    std::vector<LostCaption> lost_captions(const Host& host) const;
 
     captions::FrameRate source_rate_;
     captions::FrameRate output_rate_;
     CaptionForms forms_;
     std::string origin_;
     captions::Report report_;
+    captions::Schedule asked_;  ///< all pairs that were taken in
     captions::Repacer repacer_;
     PictureLine line_;
-    std::map<uint64_t, CaptionCount> in_codec_;  ///< by picture number
-    uint64_t newest_ = 0;                        ///< picture that before() was given last
+    std::map<uint64_t, Given> in_codec_;  ///< by picture number
+    uint64_t newest_ = 0;                 ///< picture that before() was given last
     CaptionCount carried_, without_form_, expired_;
+    uint64_t delayed_pairs_ = 0;
+    int64_t largest_delay_ = 0;
 };
 
 }  // namespace gsve::cli

@@ -1,5 +1,7 @@
 #include "caption_packets.h"
 
+#include <string.h>
+
 #include <new>
 #include <string_view>
 
@@ -23,8 +25,16 @@ std::string_view text(std::span<const uint8_t> bytes) {
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
+/// As find() of std::string_view, which stops at every zero of a start code or of stuffing, and takes minutes
+/// for a film.
+size_t find(std::string_view packet, std::string_view pattern, size_t from = 0) {
+    const void* found = memmem(packet.data() + from, packet.size() - from, pattern.data(), pattern.size());
+    return found ? static_cast<size_t>(static_cast<const char*>(found) - packet.data())
+                 : std::string_view::npos;
+}
+
 bool contains(std::string_view packet, std::string_view pattern) {
-    return packet.find(pattern) != std::string_view::npos;
+    return find(packet, pattern) != std::string_view::npos;
 }
 
 bool is_mpeg12(AVCodecID codec) { return codec == AV_CODEC_ID_MPEG2VIDEO || codec == AV_CODEC_ID_MPEG1VIDEO; }
@@ -33,7 +43,7 @@ bool is_mpeg12(AVCodecID codec) { return codec == AV_CODEC_ID_MPEG2VIDEO || code
 void disguise(AVPacket& packet, std::string_view pattern) {
     constexpr uint8_t kLetterCase = 0x20;
     for (size_t at = 0;; at += pattern.size()) {
-        at = text({packet.data, static_cast<size_t>(packet.size)}).find(pattern, at);
+        at = find(text({packet.data, static_cast<size_t>(packet.size)}), pattern, at);
         if (at == std::string_view::npos) return;
         if (av_packet_make_writable(&packet) < 0) throw std::bad_alloc();
         packet.data[at + kStartCodeSize] ^= kLetterCase;
@@ -48,9 +58,13 @@ bool may_have_captions(AVCodecID codec) {
 
 bool has_captions(AVCodecID codec, std::span<const uint8_t> packet) {
     if (!is_mpeg12(codec)) return may_have_captions(codec) && contains(text(packet), kAtscMessage);
-    for (const std::string_view pattern :
-         {kAtscUserData, kLine21UserData, kScte20UserData[0], kScte20UserData[1]})
-        if (contains(text(packet), pattern)) return true;
+    const std::string_view bytes = text(packet);
+    const std::string_view start_code = kAtscUserData.substr(0, kStartCodeSize);
+    for (size_t at = find(bytes, start_code); at != bytes.npos;
+         at = find(bytes, start_code, at + kStartCodeSize))
+        for (const std::string_view pattern :
+             {kAtscUserData, kLine21UserData, kScte20UserData[0], kScte20UserData[1]})
+            if (bytes.substr(at).starts_with(pattern)) return true;
     return false;
 }
 

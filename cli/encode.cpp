@@ -77,13 +77,17 @@ std::string last_value(const std::vector<KeyValue>& settings, std::string_view k
     return last;
 }
 
-/// Captions need "enable cea-708", where the user has not decided. "enable eia-608" stays as it is: its "CC"
-/// user data says the same once more, and readers that know both forms, FFmpeg among them, mix them up.
-void switch_captions_on(Host& host, const std::vector<KeyValue>& given) {
-    constexpr const char* kKey = "enable cea-708";
-    const bool decided = std::any_of(given.begin(), given.end(),
-                                     [](const KeyValue& setting) { return setting.first == kKey; });
-    if (!decided) host.on_set(kKey, "1", false);
+/// Chooses the caption forms, where the user has not decided: none where captions are not wanted, else A/53
+/// where there are captions, and no "CC" user data beside it, which says the same once more. Readers that
+/// know both, FFmpeg among them, mix them up.
+void choose_caption_forms(Host& host, const std::vector<KeyValue>& given, bool wanted, bool present) {
+    const auto choose = [&](const char* key, const char* value) {
+        const bool decided = std::any_of(given.begin(), given.end(),
+                                         [key](const KeyValue& setting) { return setting.first == key; });
+        if (!decided) host.on_set(key, value, false);
+    };
+    if (!wanted || present) choose("enable cea-708", wanted ? "1" : "0");
+    if (!wanted || host.enabled_cea708()) choose("enable eia-608", "0");
 }
 
 void check_output(const EncodeOptions& options) {
@@ -189,11 +193,13 @@ int encode(const EncodeOptions& options) {
     Host host(std::filesystem::path(options.output).stem());
     host.describe_source(source.format());
     for (const auto& [key, value] : settings) host.on_set(key.c_str(), value.c_str(), false);
-    if (source.has_captions() || !options.captions.files.empty()) switch_captions_on(host, settings);
+    choose_caption_forms(host, settings, options.captions.carry_over,
+                         source.has_captions() || !options.captions.files.empty());
     host.global_header = format.wants_global_header();
     warn_of_starvation(host);
     open_encoder(host, source.first());
     CaptionFeed captions(options.captions, source, host);
+    source.read_ahead(captions.foresight());
     for (const std::string& line : captions.report().lines()) note(options, fmt::format("{}\n", line));
     std::optional<TimecodeFeed> timecodes;
     if (!options.timecode.empty()) timecodes.emplace(options.timecode, source, host).attach(host);
@@ -234,7 +240,7 @@ int encode(const EncodeOptions& options) {
     summary.stopped_by = stop_signal();
     if (!stop_signal() && source.decoded() != tally.pictures) summary.source_pictures = source.decoded();
     summary.status = status_pairs(host, host.output_name());
-    if (!stop_signal()) note(options, caption_losses(summary.captions));
+    if (!stop_signal()) note(options, caption_losses(summary.captions, summary.codec));
     print_results(options, summary, tally);
 
     if (!source.problem().empty()) throw Failure(source.problem());

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <numeric>
 
+#include <fmt/format.h>
+
 #include "captions/cc_data.h"
 
 namespace gsve::cli {
@@ -40,6 +42,7 @@ public:
         if (carriage_.units == 0) return;
         if (in_every_picture) carriage_.gaps = gaps_;
         carriage_.texts = decoder_.finish(pictures);
+        carriage_.text_rows = decoder_.text_rows();
         carriage_.services = decoder_.services();
         carriages.push_back(std::move(carriage_));
     }
@@ -131,7 +134,9 @@ bool same_texts(const CaptionCarriage& a, const CaptionCarriage& b) {
 std::vector<std::string> service_names(const captions::Line21Services& services) {
     std::vector<std::string> names;
     for (size_t n = 0; n < services.captions.size(); n++)
-        if (services.captions[n]) names.push_back("CC" + std::to_string(n + 1));
+        if (services.captions[n]) names.push_back(fmt::format("CC{}", n + 1));
+    for (size_t n = 0; n < services.text.size(); n++)
+        if (services.text[n]) names.push_back(fmt::format("T{}", n + 1));
     if (services.extended_data) names.push_back("XDS");
     return names;
 }

@@ -29,6 +29,7 @@ struct CaptionCarriage {
     captions::Line21Services services;
     captions::Schedule schedule;  ///< parity put right
     std::vector<captions::TimedText> texts;
+    std::vector<captions::TextRow> text_rows;
 };
 
 struct CaptionInventory {
@@ -44,7 +45,7 @@ CaptionInventory take_inventory(const InspectedStream& stream);
 /// Whether the same captions are shown, whatever the frames: "CC" user data does not tell them exactly.
 bool same_texts(const CaptionCarriage& a, const CaptionCarriage& b);
 
-/// "CC1", "CC3", "XDS".
+/// "CC1", "CC3", "T1", "XDS".
 std::vector<std::string> service_names(const captions::Line21Services& services);
 
 }  // namespace gsve::cli

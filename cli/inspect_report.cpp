@@ -161,13 +161,18 @@ std::string timed_texts(const InspectedStream& stream, const CaptionInventory& c
     const auto head = [&](std::string_view service, int64_t begin, const std::string& rest) {
         text += fmt::format("\n{}  {}  {}\n", service, clock_text(time_of(stream, begin)), rest);
     };
-    if (!captions.carriages.empty())
+    if (!captions.carriages.empty()) {
         for (const captions::TimedText& caption : captions.carriages.front().texts) {
             head(fmt::format("CC{}", caption.channel), caption.begin,
                  fmt::format("to {}  pictures {} to {}  {}, row {}", clock_text(time_of(stream, caption.end)),
                              caption.begin, caption.end, captions::name_of(caption.mode), caption.first_row));
             for (const std::string& row : caption.rows) text += fmt::format("    {}\n", row);
         }
+        for (const captions::TextRow& row : captions.carriages.front().text_rows) {
+            head(fmt::format("T{}", row.service), row.frame, fmt::format("picture {}", row.frame));
+            text += fmt::format("    {}\n", row.text);
+        }
+    }
     for (const captions::ServiceText& service : captions.cea708_texts) {
         head(fmt::format("CEA-708 service {}", service.service), service.frame,
              fmt::format("picture {}", service.frame));
@@ -209,6 +214,16 @@ Json captions_json(const InspectedStream& stream, const CaptionCarriage& carriag
     return captions;
 }
 
+Json text_rows_json(const InspectedStream& stream, const CaptionCarriage& carriage) {
+    Json rows = Json::array();
+    for (const captions::TextRow& row : carriage.text_rows)
+        rows.push_back({{"service", fmt::format("T{}", row.service)},
+                        {"begin", row.frame},
+                        {"begin_seconds", time_of(stream, row.frame)},
+                        {"text", row.text}});
+    return rows;
+}
+
 Json carriages_json(const InspectedStream& stream, const CaptionInventory& captions) {
     Json carriages = Json::array();
     for (const CaptionCarriage& carriage : captions.carriages) {
@@ -222,6 +237,7 @@ Json carriages_json(const InspectedStream& stream, const CaptionInventory& capti
         entry["parity_errors"] = carriage.parity_errors;
         entry["services"] = service_names(carriage.services);
         entry["captions"] = captions_json(stream, carriage);
+        entry["texts"] = text_rows_json(stream, carriage);
         carriages.push_back(entry);
     }
     return carriages;

@@ -123,8 +123,11 @@ constexpr std::array kSettings = {
     Setting{"H.264 and H.265", "h.264 b-slice multithreading", "0", kOnOff,
             "Use threads within a picture, for less delay.", kH264},
 
-    Setting{"Captions", "enable eia-608", "-1", kOnOffAuto,
-            "\"CC\" user data; -1: for standard definition at 24, 30 and 60 pictures/s.", kMpeg2},
+    Setting{
+        "Captions", "enable eia-608", "-1", kOnOffAuto,
+        "\"CC\" user data; -1: for standard definition at 24, 30 and 60 pictures/s. gsve turns it off beside "
+        "A/53 data.",
+        kMpeg2},
     Setting{"Captions", "enable eia-608 gop delay", "-1", whole(-1), "Reserved for the host."},
     Setting{"Captions", "eia-608 on p-frames", "-1", kOnOffAuto,
             "\"CC\" user data on P-pictures too; only 0 turns it off.", kMpeg2},

@@ -1,11 +1,18 @@
 #include "source.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
+#include <filesystem>
+#include <new>
 #include <string_view>
 #include <utility>
 
 #include <fmt/format.h>
+
+extern "C" {
+#include <libavutil/imgutils.h>
+}
 
 #include "caption_packets.h"
 #include "error.h"
@@ -26,6 +33,10 @@ constexpr double kLargestGap = 10;
 // How far the packets are read ahead for the first caption. What has captions at all has them in every
 // picture, mostly idle ones, in broadcast; in files they may begin with the first words.
 constexpr double kLookAheadSeconds = 5;
+
+// What pictures decoded ahead of the encoder may take of the memory: a second of 1080p at 60 pictures/s is
+// 187 million bytes.
+constexpr size_t kMostBytesAhead = 512'000'000;
 
 /// Formats that go to the encoder untouched. True 4:1:0 is not among them: the encoder's 4:1:0 has two luma
 /// lines to a chroma line, FFmpeg's has four. 4:1:1 needs a chroma format to be encoded in: no codec has it.
@@ -65,11 +76,28 @@ AVRational display_aspect(const AVFrame& frame, const SourceFormat& format) {
 
 int interrupted(void*) { return stop_signal() != 0; }
 
+/// Reads the file up to its first captions.
+bool captions_in_file(const std::string& path) {
+    const VideoInput video = open_video_input(path, {interrupted, nullptr});
+    const PacketPtr packet(av_packet_alloc());
+    if (!packet) throw std::bad_alloc();
+    bool found = false;
+    while (!found && av_read_frame(video.format.get(), packet.get()) >= 0) {
+        found =
+            packet->stream_index == video.stream->index &&
+            has_captions(video.stream->codecpar->codec_id, {packet->data, static_cast<size_t>(packet->size)});
+        av_packet_unref(packet.get());
+    }
+    return found;
+}
+
 }  // namespace
 
 AVRational picture_rate(AVFormatContext* input, AVStream* stream) {
     const AVRational guess = av_guess_frame_rate(input, stream, nullptr);
-    const AVRational average = stream->avg_frame_rate;
+    // Elementary streams have no times to take an average of; FFmpeg 7 says 25 for all of them.
+    const bool timed = !(input->iformat->flags & AVFMT_NOTIMESTAMPS);
+    const AVRational average = timed ? stream->avg_frame_rate : AVRational{0, 1};
     const bool counts_fields =
         valid(guess) && valid(average) && std::abs(av_q2d(guess) / av_q2d(average) - 2) < 0.002;
     return counts_fields ? average : valid(guess) ? guess : AVRational{25, 1};
@@ -85,14 +113,14 @@ Source::Source(const std::string& path, const SourceOptions& options)
     : packet_(av_packet_alloc()), decoded_frame_(av_frame_alloc()), filtered_frame_(av_frame_alloc()) {
     if (!packet_ || !decoded_frame_ || !filtered_frame_) throw std::bad_alloc();
     open(path);
-    if (options.captions) look_for_captions();
+    if (options.captions) look_for_captions(path);
     if (!decode()) throw Failure(fmt::format("{}: no picture could be decoded", path));
     frame_waits_ = true;
     shape_width_ = decoded_frame_->width;
     shape_height_ = decoded_frame_->height;
     shape_format_ = decoded_frame_->format;
     convert_if_needed(options);
-    if (!read_picture()) throw Failure(fmt::format("{}: no picture could be decoded", path));
+    if (!advance()) throw Failure(fmt::format("{}: no picture could be decoded", path));
     describe_first();
 }
 
@@ -118,7 +146,7 @@ void Source::open(const std::string& path) {
 }
 
 void Source::convert_if_needed(const SourceOptions& options) {
-    const bool variable = !constant_rate(*stream_);
+    const bool variable = timed_ && !constant_rate(*stream_);
     format_.frame_rate = valid(options.frame_rate) ? options.frame_rate
                          : variable                ? broadcast_rate(own_rate_)
                                                    : own_rate_;
@@ -195,7 +223,7 @@ void Source::describe_first() {
 std::optional<Picture> Source::next() {
     if (first_pending_)
         first_pending_ = false;
-    else if (stop_signal() || !read_picture())
+    else if (stop_signal() || !advance())
         return std::nullopt;
     picture_.number = produced_++;
     return picture_;
@@ -210,14 +238,36 @@ std::optional<uint64_t> Source::expected_pictures() const {
     return static_cast<uint64_t>(std::llround(seconds * av_q2d(format_.frame_rate)));
 }
 
+void Source::read_ahead(double seconds) {
+    const AVFrame& frame = *current_;
+    const int size =
+        av_image_get_buffer_size(static_cast<AVPixelFormat>(frame.format), frame.width, frame.height, 1);
+    const auto wanted = static_cast<size_t>(std::ceil(seconds * av_q2d(format_.frame_rate)));
+    pictures_ahead_ = std::min(wanted, kMostBytesAhead / static_cast<size_t>(std::max(size, 1)));
+}
+
 /// Makes the next picture the current one.
-bool Source::read_picture() {
-    if (!(graph_ ? read_filtered() : decode())) return false;
-    const AVFrame* frame = graph_ ? filtered_frame_.get() : decoded_frame_.get();
-    picture_.frame = frame;
-    picture_.field_order = field_order(*frame);
-    picture_.display_aspect = display_aspect(*frame, format_);
+bool Source::advance() {
+    while (!read_all_ && held_.size() <= pictures_ahead_) {
+        FramePtr frame = read_picture();
+        read_all_ = !frame;
+        if (frame) held_.push_back(std::move(frame));
+    }
+    if (held_.empty()) return false;
+    current_ = std::move(held_.front());
+    held_.pop_front();
+    picture_.frame = current_.get();
+    picture_.field_order = field_order(*current_);
+    picture_.display_aspect = display_aspect(*current_, format_);
     return true;
+}
+
+FramePtr Source::read_picture() {
+    if (!(graph_ ? read_filtered() : decode())) return nullptr;
+    FramePtr frame(av_frame_alloc());
+    if (!frame) throw std::bad_alloc();
+    av_frame_move_ref(frame.get(), graph_ ? filtered_frame_.get() : decoded_frame_.get());
+    return frame;
 }
 
 bool Source::read_filtered() {
@@ -314,8 +364,8 @@ int Source::read_packet() {
     return 0;
 }
 
-/// Reads packets until one has captions, and keeps them for the decoder.
-void Source::look_for_captions() {
+/// Reads packets until one has captions, and keeps them for the decoder. A file can be read twice.
+void Source::look_for_captions(const std::string& path) {
     collect_captions_ = true;
     const AVCodecID codec = stream_->codecpar->codec_id;
     double pictures_left = may_have_captions(codec) ? kLookAheadSeconds * av_q2d(own_rate_) : 0;
@@ -328,6 +378,9 @@ void Source::look_for_captions() {
         pictures_left--;
         ahead_.push_back(std::move(packet));
     }
+    std::error_code none;
+    if (may_have_captions(codec) && !has_captions_ && std::filesystem::is_regular_file(path, none))
+        has_captions_ = captions_in_file(path);
 }
 
 /// Takes note of what came beside a decoded picture.

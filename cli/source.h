@@ -69,6 +69,10 @@ public:
     /// problem() then explains.
     std::optional<Picture> next();
 
+    /// From the next picture on, decodes so far ahead of next(), and keeps the pictures for it; less where
+    /// they are so large that they would fill the memory.
+    void read_ahead(double seconds);
+
     const std::string& problem() const { return problem_; }
 
     /// What was changed or left out on the way to the encoder, a line each.
@@ -77,11 +81,12 @@ public:
     /// The rate of the pictures in the file.
     AVRational own_rate() const { return own_rate_; }
 
-    /// Whether the first five seconds of the stream carry captions, idle ones included.
+    /// Whether the stream carries captions, idle ones included: anywhere in a file, or in the first five
+    /// seconds of what can be read only once.
     bool has_captions() const { return has_captions_; }
 
-    /// The captions of all pictures that were decoded since the last call. They run ahead of next(): those of
-    /// the picture that it returned are always among them.
+    /// The captions of all pictures that were decoded since the last call. They run ahead of next() as the
+    /// decoding does: those of the picture that it returned are always among them.
     std::vector<DecodedCaptions> take_captions() { return std::exchange(captions_, {}); }
 
     /// Whether the decoder has given its last picture.
@@ -98,11 +103,12 @@ private:
     void convert_if_needed(const SourceOptions& options);
     void build_graph(const std::string& description, AVRational frame_rate);
     void describe_first();
-    bool read_picture();
+    bool advance();
+    FramePtr read_picture();
     bool read_filtered();
     bool decode();
     bool feed_decoder();
-    void look_for_captions();
+    void look_for_captions(const std::string& path);
     int read_packet();
     void note_side_data(const AVFrame& frame);
     int64_t continuous_time(const AVFrame& frame);
@@ -116,8 +122,12 @@ private:
     int64_t clock_offset_ = 0;  ///< added to the container's times since its clock was restarted
     CodecContextPtr decoder_;
     PacketPtr packet_;
-    FramePtr decoded_frame_;   ///< latest from the decoder
-    FramePtr filtered_frame_;  ///< latest from the graph
+    FramePtr decoded_frame_;     ///< latest from the decoder
+    FramePtr filtered_frame_;    ///< latest from the graph
+    std::deque<FramePtr> held_;  ///< for the next calls of next()
+    FramePtr current_;           ///< the picture's
+    size_t pictures_ahead_ = 0;  ///< that are to be held
+    bool read_all_ = false;      ///< held_ has the last picture, or there is none
     FilterGraphPtr graph_;
     AVFilterContext* graph_in_ = nullptr;
     AVFilterContext* graph_out_ = nullptr;

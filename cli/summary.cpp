@@ -1,5 +1,8 @@
 #include "summary.h"
 
+#include <algorithm>
+#include <cmath>
+
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 #include <nlohmann/json.hpp>
@@ -23,31 +26,74 @@ nlohmann::ordered_json count_json(const CaptionCount& count) {
     return {{"eia608_pairs", count.pairs}, {"cea708_constructs", count.constructs}};
 }
 
+nlohmann::ordered_json lost_json(const std::vector<LostCaption>& lost) {
+    nlohmann::ordered_json list = nlohmann::ordered_json::array();
+    for (const LostCaption& caption : lost)
+        list.push_back({{"time", caption.time},
+                        {"channel", fmt::format("CC{}", caption.channel)},
+                        {"cut_short", caption.reason == LostCaption::Reason::kCutShort},
+                        {"text", caption.text}});
+    return list;
+}
+
+std::string clock_text(double seconds) {
+    const auto hundredths = std::llround(seconds * 100);
+    return fmt::format("{:02}:{:02}:{:02}.{:02}", hundredths / 360000, hundredths / 6000 % 60,
+                       hundredths / 100 % 60, hundredths % 100);
+}
+
+const char* reason_text(LostCaption::Reason reason) {
+    switch (reason) {
+        case LostCaption::Reason::kDidNotFit: return "did not fit before the last picture";
+        case LostCaption::Reason::kCutShort: return "is cut short by the last picture";
+        case LostCaption::Reason::kAfterTheEnd: return "comes after the last picture";
+    }
+    return "is lost";
+}
+
+/// A line for each caption; where a whole file's captions come too late, for the first ones.
+std::string lost_text(const std::vector<LostCaption>& lost) {
+    constexpr size_t kMostLines = 20;
+    std::string text;
+    for (size_t n = 0; n < std::min(lost.size(), kMostLines); n++)
+        text += fmt::format("captions: the caption at {} {}: CC{} \"{}\"\n", clock_text(lost[n].time),
+                            reason_text(lost[n].reason), lost[n].channel, one_line(lost[n].text));
+    if (lost.size() > kMostLines)
+        text += fmt::format("captions: and {} more up to {}\n", lost.size() - kMostLines,
+                            clock_text(lost.back().time));
+    return text;
+}
+
 nlohmann::ordered_json captions_json(const CaptionAccount& account) {
     return {{"source", account.source},
             {"carried", count_json(account.carried)},
-            {"left_over", account.left_over},
+            {"left_over", account.left_over.all()},
+            {"lost", lost_json(account.lost)},
+            {"repetitions_left_out", account.repetitions_left_out},
             {"without_form", count_json(account.without_form)},
             {"expired", count_json(account.expired)},
             {"pairs_after_last_cc", account.pairs_after_last_cc},
+            {"delayed_pairs", account.delayed_pairs},
             {"largest_delay", account.largest_delay},
             {"warnings", account.warnings}};
 }
 
 }  // namespace
 
-std::string caption_losses(const CaptionAccount& account) {
+std::string caption_losses(const CaptionAccount& account, std::string_view codec) {
     std::string text;
-    if (account.left_over > 0)
+    if (account.left_over.all() > 0)
         text += fmt::format(
-            "captions: {} byte pairs or constructs are not in the stream: they waited when its last picture "
-            "went in\n",
-            account.left_over);
+            "captions: {} are not in the stream: they waited when its last picture went in{}\n",
+            count_text(account.left_over),
+            account.lost.empty() && account.left_over.constructs == 0 ? ", and no caption is lost with them"
+                                                                      : "");
+    text += lost_text(account.lost);
     if (account.without_form.all() > 0)
         text += fmt::format(
-            "captions: {} of the input are not in the stream: it has no form for them (--set \"enable "
-            "cea-708=1\" gives MPEG-2 and H.264 one)\n",
-            count_text(account.without_form));
+            "captions: {} of the input are not in the stream: {}\n", count_text(account.without_form),
+            codec == "h.265" ? "H.265 streams carry none here; choose mpeg-2 or h.264"
+                             : "it has no form for them; --set \"enable cea-708=1\" gives it one");
     if (account.expired.all() > 0)
         text += fmt::format(
             "captions: {} are not in the stream: the codec held their pictures for too long (choose a "
@@ -80,9 +126,9 @@ std::string summary_text(const Summary& summary, const Tally& tally) {
     text += fmt::format("  time      {:.2f} s of video in {:.2f} s ({:.2f}x)\n", tally.seconds(),
                         summary.elapsed, speed(summary, tally));
     if (summary.captions.source != "none")
-        text += fmt::format("  captions  {} from the {}, at most {:.2f} s late\n",
+        text += fmt::format("  captions  {} from the {}, {} late, at most {:.2f} s\n",
                             count_text(summary.captions.carried), summary.captions.source,
-                            summary.captions.largest_delay);
+                            summary.captions.delayed_pairs, summary.captions.largest_delay);
     if (!summary.timecode.empty()) text += fmt::format("  timecode  from {}\n", summary.timecode);
     if (summary.source_pictures)
         text += fmt::format("  source    {} pictures, before the frame rate was made constant\n",

@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -28,7 +29,7 @@ struct Summary {
 };
 
 /// What did not come through of the captions, and what to do about it: a line each.
-std::string caption_losses(const CaptionAccount& account);
+std::string caption_losses(const CaptionAccount& account, std::string_view codec);
 
 std::string summary_text(const Summary& summary, const Tally& tally);
 std::string status_text(const Summary& summary);

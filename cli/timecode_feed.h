@@ -2,6 +2,7 @@
 
 // GOP time codes on their way into the encoder.
 
+#include <map>
 #include <optional>
 #include <string>
 
@@ -27,14 +28,29 @@ public:
     /// Has the encoder's GOP headers say the time code of the picture displayed first. Outlives the encoding.
     void attach(Host& host) const;
 
-    /// Gives the time code of a picture that encode() will be given next.
-    void before(Host& host, const Picture& picture) const;
+    /// Gives the time code of a picture that encode() will be given next. The input's own time code is
+    /// counted on until a picture has another one, as after a splice.
+    void before(Host& host, const Picture& picture);
 
 private:
+    /// A picture of the input and its time code, from which the next ones are counted.
+    struct Anchor {
+        int64_t number = 0;
+        captions::Timecode timecode;  ///< at the input's own rate
+    };
+
+    void follow(const Host& host, const Picture& picture);
+    captions::Timecode counted_on(const Anchor& anchor, int64_t number) const;
     mpeg2_gop_timecode_t record(int64_t number) const;
 
+    captions::FrameRate own_rate_;      ///< of the pictures in the input
+    captions::FrameRate source_rate_;   ///< of the pictures that the encoder is offered
+    captions::FrameRate encoded_rate_;  ///< of those that it takes
+    std::optional<Anchor> anchor_;      ///< the newest; none when the input is not followed
+    bool decoder_reorders_ = false;     ///< it gives out a picture when it has seen a later one
+    bool had_timecode_ = false;         ///< the picture before came with one
     captions::Timecode first_;
-    captions::TimecodeCounter counter_;
+    std::map<int64_t, captions::TimecodeCounter> counters_;  ///< by the encoded picture that each begins with
 };
 
 }  // namespace gsve::cli

@@ -184,6 +184,21 @@ TEST(Eia608Decoder, NoticesTextServicesAndExtendedDataWithoutShowingThem) {
     EXPECT_FALSE(field2.decoder.services().text[2]);
 }
 
+TEST(Eia608Decoder, CollectsTheRowsOfTextServicesApartFromCaptions) {
+    Feeder feeder;
+    feeder.twice(0x142A).text("first").twice(0x142D).text("seco").twice(0x1421).text("xd");
+    // Captions in between do not end a row, a restart does.
+    feeder.twice(0x1420).twice(0x1470).text("seen").twice(0x142F).twice(0x142B).twice(0x1721).text("row");
+    feeder.twice(0x142A).text("third").twice(0x1C2B).text("of T2");
+    const auto captions = feeder.decoder.finish(90);
+    ASSERT_EQ(captions.size(), 1U);
+    EXPECT_EQ(captions[0].text(), "seen");
+    EXPECT_EQ(
+        feeder.decoder.text_rows(),
+        (std::vector<TextRow>{{1, 2, "first"}, {1, 7, "secxd row"}, {1, 28, "third"}, {2, 33, "of T2"}}));
+    EXPECT_EQ(feeder.decoder.services().text, (std::array<bool, 4>{true, true, false, false}));
+}
+
 TEST(Eia608Decoder, ShowsABlockForADamagedByteAndIgnoresDamagedControlPairs) {
     Eia608Decoder decoder(kRate29_97);
     std::int64_t frame = 0;

@@ -3,6 +3,7 @@
 #include <functional>
 #include <random>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "captions/caption_file.h"
@@ -16,6 +17,7 @@
 #include "captions/scc.h"
 #include "captions/subtitles.h"
 #include "captions/text_file.h"
+#include "support/program.h"
 
 namespace gsve::captions {
 namespace {
@@ -117,20 +119,98 @@ INSTANTIATE_TEST_SUITE_P(
             "Scenarist_SCC V1.0\n00:00:01:30\t9420\n",
             "b.scc:2: time code \"00:00:01:30\" is out of range: hours go to 23, minutes and seconds to 59, "
             "frames to 29"},
-        ErrorCase{"Scenarist_SCC V1.0\n00:01:00;00\t9420\n",
-                  "b.scc:2: drop-frame counting leaves out time code \"00:01:00;00\": the minute begins with "
-                  "frame 02"},
         ErrorCase{"Scenarist_SCC V1.0\n00:00:01:00\t9420 94z0\n",
                   "b.scc:2: \"94z0\" is not a byte pair: write four hexadecimal digits such as 9420"},
         ErrorCase{"Scenarist_SCC V1.0\n00:00:01:00\t9420 94\n",
                   "b.scc:2: \"94\" is not a byte pair: write four hexadecimal digits such as 9420"},
-        ErrorCase{
-            "Scenarist_SCC V1.0\n00:00:01;00\t9420\n00:00:02:00\t9420\n",
-            "b.scc:3: time code 00:00:02:00 is non-drop-frame, those before are not: use the same separator "
-            "before the frames in the whole file"},
         ErrorCase{"Scenarist_SCC V1.0\n00:00:02:00\t9420\n00:00:01:00\t9420\n",
                   "b.scc:3: time code 00:00:01:00 is earlier than that of the line before: put the lines in "
                   "order"}));
+
+std::vector<std::int64_t> frames_of(const Schedule& schedule) {
+    std::vector<std::int64_t> frames;
+    for (const Eia608Event& event : schedule.eia608) frames.push_back(event.frame);
+    return frames;
+}
+
+struct MixCase {
+    const char* lines;
+    std::vector<std::int64_t> frames;
+    const char* warning;
+};
+
+class SccMix : public testing::TestWithParam<MixCase> {};
+
+TEST_P(SccMix, CountsAllLinesAsMostOfThemAreWrittenAndSaysSo) {
+    Report report;
+    const Schedule schedule =
+        parse_scc(std::string("Scenarist_SCC V1.0\n") + GetParam().lines, "m.scc", {}, report);
+    EXPECT_EQ(frames_of(schedule), GetParam().frames);
+    EXPECT_EQ(report.lines(), (std::vector<std::string>{GetParam().warning}));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Scc, SccMix,
+    testing::Values(
+        MixCase{
+            "00:00:00:00\t9420\n00:02:00;02\t9420\n00:03:00;02\t9420\n",
+            {0, 3598, 5396},
+            "m.scc:2: drop-frame time codes (2 lines) and non-drop ones (1 lines) are mixed, the first of "
+            "the fewer here: all are taken for drop-frame"},
+        MixCase{
+            "00:02:00:02\t9420\n00:03:00;02\t9420\n00:04:00:02\t9420\n",
+            {3602, 5402, 7202},
+            "m.scc:3: drop-frame time codes (1 lines) and non-drop ones (2 lines) are mixed, the first of "
+            "the fewer here: all are taken for non-drop"},
+        MixCase{
+            "00:02:00;02\t9420\n00:03:00:02\t9420\n",
+            {3598, 5396},
+            "m.scc:3: drop-frame time codes (1 lines) and non-drop ones (1 lines) are mixed, the first of "
+            "the fewer here: all are taken for drop-frame"},
+        MixCase{
+            "00:02:00:02\t9420\n00:03:00;02\t9420\n",
+            {3602, 5402},
+            "m.scc:3: drop-frame time codes (1 lines) and non-drop ones (1 lines) are mixed, the first of "
+            "the fewer here: all are taken for non-drop"}));
+
+TEST(Scc, TakesATimeCodeThatDropFrameLeavesOutForTheFirstOfItsMinute) {
+    Report report;
+    const Schedule schedule =
+        parse_scc("Scenarist_SCC V1.0\n00:01:00;00\t9420\n00:10:00;00\t9420\n", "b.scc", {}, report);
+    EXPECT_EQ(frames_of(schedule), (std::vector<std::int64_t>{1800, 17982}));
+    EXPECT_EQ(report.lines(),
+              (std::vector<std::string>{
+                  "b.scc:2: drop-frame counting leaves out time code 00:01:00;00: it is taken for "
+                  "00:01:00;02"}));
+}
+
+class SccDialect : public testing::TestWithParam<const char*> {};
+
+TEST_P(SccDialect, IsReadLikeThePlainOne) {
+    Report report;
+    const Schedule schedule = parse_scc(GetParam(), "d.scc", {}, report);
+    EXPECT_EQ(schedule.eia608,
+              (std::vector<Eia608Event>{{3598, 0, 0x9420}, {3599, 0, 0x94AE}, {5396, 0, 0x942F}}));
+    EXPECT_EQ(report.lines(), std::vector<std::string>());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Scc, SccDialect,
+    testing::Values("Scenarist_SCC V1.0\n\n00:02:00;02\t9420 94ae\n\n00:03:00;02\t942f\n",
+                    "\xEF\xBB\xBFScenarist_SCC V1.0\r\n\r\n00:02:00;02\t9420 94AE \r\n00:03:00;02 942F\r\n",
+                    "scenarist_scc v1.0  \r00:02:00;02\t9420\t94Ae\t\r00:03:00;02  942f",
+                    "\n \nSCENARIST_SCC V1.0\n  00:02:00.02\t9420 94ae\n\t00:03:00.02\t942f\n",
+                    "Scenarist_SCC V1.0\n00:02:00,02\t9420 94ae\n00:03:00,02\t942f\n",
+                    "Scenarist_SCC V1.0\n00;02;00;02\t9420 94ae\n00.03.00.02\t942f\n"));
+
+TEST(Scc, RefusesAStartThatItsCountingDoesNotHave) {
+    const SccReadOptions minute{.start = Timecode{0, 1, 0, 0, false}};
+    Report report;
+    EXPECT_THROW(parse_scc("Scenarist_SCC V1.0\n00:02:00;02\t9420\n", "b.scc", minute, report),
+                 std::invalid_argument);
+    EXPECT_EQ(parse_scc("Scenarist_SCC V1.0\n00:02:00:00\t9420\n", "b.scc", minute, report).eia608[0].frame,
+              1800);
+}
 
 TEST(Scc, ReadsTheSampleAsItsWords) {
     Report report;
@@ -262,6 +342,17 @@ TEST(Mcc, LeavesOtherAncillaryDataOutAndReportsIt) {
                   "a.mcc: 1 lines hold ancillary data other than captions and are left out"}));
 }
 
+TEST(Mcc, RefusesAStartThatItsCountingDoesNotHave) {
+    const std::string body = std::string("00:02:00:00\t") + kIdlePacket + "\n";
+    Report report;
+    const auto read = [&](const char* rate, int frames) {
+        parse_mcc(mcc_text(body, "1.0", rate), "a.mcc", {.start = Timecode{0, 1, 0, frames, false}}, report);
+    };
+    EXPECT_THROW(read("60DF", 3), std::invalid_argument);
+    EXPECT_THROW(read("30", 30), std::invalid_argument);
+    EXPECT_NO_THROW(read("30", 0));
+}
+
 class MccError : public testing::TestWithParam<std::pair<std::string, const char*>> {};
 
 TEST_P(MccError, NamesTheLineAndTheRemedy) {
@@ -359,7 +450,9 @@ std::vector<std::string> texts_of(const Cue& cue) {
 }
 
 TEST(SubRip, ReadsTheSampleWithItsByteOrderMarkAndLineEnds) {
-    const std::vector<Cue> cues = read_srt(data_file("sample.srt"));
+    Report report;
+    const std::vector<Cue> cues = read_srt(data_file("sample.srt"), report);
+    EXPECT_TRUE(report.empty());
     ASSERT_EQ(cues.size(), 3U);
     EXPECT_EQ(cues[0].begin_ms, 2000);
     EXPECT_EQ(cues[0].end_ms, 4000);
@@ -374,10 +467,11 @@ TEST(SubRip, ReadsTheSampleWithItsByteOrderMarkAndLineEnds) {
 }
 
 TEST(SubRip, StripsMarkupAndKeepsOtherAngleBrackets) {
+    Report report;
     const auto cues = parse_srt(
         "1\n00:00:01,000 --> 01:00:02.500 X1:10\n<b>bold</b> <font color=\"red\">red</font> "
         "{\\i1}a < b{\\i0} c > d {x}\n\n\n00:00:03,000 --> 00:00:04,000\n<i></i>\n",
-        "a.srt");
+        "a.srt", report);
     ASSERT_EQ(cues.size(), 1U);
     EXPECT_EQ(cues[0].end_ms, 3602500);
     EXPECT_EQ(texts_of(cues[0]), (std::vector<std::string>{"bold red a < b c > d {x}"}));
@@ -387,7 +481,8 @@ TEST(SubRip, StripsMarkupAndKeepsOtherAngleBrackets) {
 
 TEST(SubRip, PlacesByTheNumberPad) {
     const auto place = [](const std::string& key) {
-        return parse_srt("1\n00:00:01,000 --> 00:00:02,000\n{\\an" + key + "}x\n", "a.srt").at(0);
+        Report report;
+        return parse_srt("1\n00:00:01,000 --> 00:00:02,000\n{\\an" + key + "}x\n", "a.srt", report).at(0);
     };
     EXPECT_EQ(place("1").alignment, Alignment::kLeft);
     EXPECT_FALSE(place("2").first_row);
@@ -400,32 +495,25 @@ TEST(SubRip, PlacesByTheNumberPad) {
 class SubRipError : public testing::TestWithParam<ErrorCase> {};
 
 TEST_P(SubRipError, NamesTheLineAndTheRemedy) {
-    EXPECT_EQ(error_of([&] { parse_srt(GetParam().text, "b.srt"); }), GetParam().error);
+    Report report;
+    EXPECT_EQ(error_of([&] { parse_srt(GetParam().text, "b.srt", report); }), GetParam().error);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     SubRip, SubRipError,
     testing::Values(
-        ErrorCase{"", "accepted"},
-        ErrorCase{"1\nHello\n",
-                  "b.srt:2: expected a time line such as 00:00:01,000 --> 00:00:03,500, found \"Hello\" "
-                  "(an empty line ends a cue)"},
-        ErrorCase{"1\n00:00:01,000 --> 00:00:02,000\none\n\ntwo\n",
-                  "b.srt:5: expected a time line such as 00:00:01,000 --> 00:00:03,500, found \"two\" (an "
-                  "empty line "
-                  "ends a cue)"},
+        ErrorCase{"", "accepted"}, ErrorCase{"1\n00:00:01,000 --> 00:00:02,000\n\n", "accepted"},
+        ErrorCase{"1\nHello\nthere\n",
+                  "b.srt:2: expected a time line such as 00:00:01,000 --> 00:00:03,500, found \"Hello / "
+                  "there\", which is left out (no cue of the file can be shown)"},
+        ErrorCase{"1\n00:00:01,000 -> 00:00:02,000\none\n",
+                  "b.srt:2: expected a time line such as 00:00:01,000 --> 00:00:03,500, found "
+                  "\"00:00:01,000 -> 00:00:02,000\"; the cue \"one\" is left out (no cue of the file can be "
+                  "shown)"},
         ErrorCase{
-            "1\n00:00:01 --> 00:00:02,000\none\n",
-            "b.srt:2: \"00:00:01\" is not a time: write hours, minutes, seconds and milliseconds such as "
-            "00:01:02.345"},
-        ErrorCase{
-            "1\n00:00:01,000 --> 00:61:02,000\none\n",
-            "b.srt:2: \"00:61:02,000\" is not a time: write hours, minutes, seconds and milliseconds such as "
-            "00:01:02.345"},
-        ErrorCase{"1\n00:00:02,000 --> 00:00:01,000\none\n",
-                  "b.srt:2: the cue ends at 00:00:01,000, which is not after its begin at 00:00:02,000: "
-                  "correct one of "
-                  "the times"},
+            "1\n00:00:01,5 --> 00:00:02,000\none\n",
+            "b.srt:2: \"00:00:01,5\" is not a time: write hours, minutes, seconds and milliseconds such as "
+            "00:01:02.345; the cue \"one\" is left out (no cue of the file can be shown)"},
         ErrorCase{"1\n00:00:01,000 --> 00:00:02,000\ncaf\xE9\n",
                   "b.srt:3: the text is not UTF-8 (byte 0xE9 after 3 characters): convert the file, for "
                   "example with "
@@ -435,8 +523,102 @@ INSTANTIATE_TEST_SUITE_P(
                   "b.srt:1: the file is UTF-16 text: convert it, for example with iconv -f UTF-16 -t "
                   "UTF-8"}));
 
+/// "1000-2000 first row/second row" for each cue.
+std::vector<std::string> summary_of(const std::vector<Cue>& cues) {
+    std::vector<std::string> summary;
+    for (const Cue& cue : cues) {
+        std::string text = std::to_string(cue.begin_ms) + "-" + std::to_string(cue.end_ms);
+        for (const std::string& row : texts_of(cue)) text += (text.back() > '9' ? "/" : " ") + row;
+        summary.push_back(text);
+    }
+    return summary;
+}
+
+struct WildCase {
+    const char* text;
+    std::vector<std::string> cues;
+    std::vector<std::string> warnings;
+};
+
+class WildSubRip : public testing::TestWithParam<WildCase> {};
+
+TEST_P(WildSubRip, KeepsWhatCanBeShownAndReportsTheRest) {
+    Report report;
+    EXPECT_EQ(summary_of(parse_srt(GetParam().text, "w.srt", report)), GetParam().cues);
+    EXPECT_EQ(report.lines(), GetParam().warnings);
+    EXPECT_EQ(report.count(WarningKind::kDroppedCue), GetParam().warnings.size());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    SubRip, WildSubRip,
+    testing::Values(
+        // An empty line within a cue, and one that only looks like the end.
+        WildCase{"1\n00:00:01,000 --> 00:00:02,000\none\n\ntwo\n\n \n42\n\n2\n00:00:03,000 --> "
+                 "00:00:04,000\nthree\n",
+                 {"1000-2000 one/two/42", "3000-4000 three"},
+                 {}},
+        // No empty line between cues; no number; no milliseconds.
+        WildCase{"1\n00:00:01,000 --> 00:00:02,000\none\n2\n00:00:03 --> 00:00:04.500\ntwo\n00:00:05,000 --> "
+                 "00:00:06,000\nthree",
+                 {"1000-2000 one", "3000-4500 two", "5000-6000 three"},
+                 {}},
+        // A time line with a fault takes its own text along and nothing else.
+        WildCase{
+            "1\n00:00:01,000 --> 00:00:02,000\none\n\n2\n00:00:03,000 --> 00:61:04,000\ntwo\n\nand more\n"
+            "\n3\n00:00:05,000 --> 00:00:06,000\nthree\n",
+            {"1000-2000 one", "5000-6000 three"},
+            {"w.srt:6: \"00:61:04,000\" is not a time: write hours, minutes, seconds and milliseconds "
+             "such as 00:01:02.345; the cue \"two / and more\" is left out"}},
+        WildCase{
+            "1\n00:00:01,000 --> 00:00:02,000\none\n\n2\ntwo\n\n3\n00:00:05,000 --> 00:00:06,000\nthree\n",
+            {"1000-2000 one", "5000-6000 three"},
+            {"w.srt:6: expected a time line such as 00:00:01,000 --> 00:00:03,500, found \"two\", which "
+             "is left out"}},
+        // No length, and less.
+        WildCase{
+            "1\n00:00:01,000 --> 00:00:01,000\none\n\n2\n00:00:05,000 --> 00:00:04,000\n<i>two</i>\n\n3\n"
+            "00:00:05,000 --> 00:00:06,000\nthree\n",
+            {"5000-6000 three"},
+            {"w.srt:2: the cue ends at 00:00:01,000, which is not after its begin at 00:00:01,000: "
+             "correct one of the times; the cue \"one\" is left out",
+             "w.srt:6: the cue ends at 00:00:04,000, which is not after its begin at 00:00:05,000: "
+             "correct one of the times; the cue \"two\" is left out"}},
+        // Arrows in text are text.
+        WildCase{"1\n00:00:01,000 --> 00:00:02,000\nA --> B\n-> 9:30?\n", {"1000-2000 A --> B/-> 9:30?"}, {}},
+        WildCase{
+            "Translated by nobody\n\n1\n00:00:01,000 --> 00:00:02,000\none\n",
+            {"1000-2000 one"},
+            {"w.srt:1: expected a time line such as 00:00:01,000 --> 00:00:03,500, found \"Translated by "
+             "nobody\", which is left out"}}));
+
+class WildWebVtt : public testing::TestWithParam<WildCase> {};
+
+TEST_P(WildWebVtt, KeepsWhatCanBeShownAndReportsTheRest) {
+    Report report;
+    EXPECT_EQ(summary_of(parse_webvtt(GetParam().text, "w.vtt", report)), GetParam().cues);
+    EXPECT_EQ(report.lines(), GetParam().warnings);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    WebVtt, WildWebVtt,
+    testing::Values(
+        WildCase{
+            "WEBVTT\nKind: captions\n\nintro\n00:01.000 --> 00:02.000 align:left\none\n\ntwo\n\nNOTE\nno "
+            "text\n\nlast words\n00:03.000 --> 00:04.000\nthree\n",
+            {"1000-2000 one/two", "3000-4000 three"},
+            {}},
+        WildCase{
+            "WEBVTT\n00:01.000 --> 00:02.000\none\n\nNOTE a\n\nb\n\n00:03.000 --> 00:03.000\ntwo\n",
+            {"1000-2000 one"},
+            {"w.vtt:7: expected a time line such as 00:01.000 --> 00:03.500, found \"b\", which is left "
+             "out",
+             "w.vtt:9: the cue ends at 00:03.000, which is not after its begin at 00:03.000: correct one "
+             "of the times; the cue \"two\" is left out"}}));
+
 TEST(WebVtt, ReadsTheSample) {
-    const std::vector<Cue> cues = read_webvtt(data_file("sample.vtt"));
+    Report report;
+    const std::vector<Cue> cues = read_webvtt(data_file("sample.vtt"), report);
+    EXPECT_TRUE(report.empty());
     ASSERT_EQ(cues.size(), 2U);
     EXPECT_EQ(texts_of(cues[0]), (std::vector<std::string>{"At the top & on the left"}));
     EXPECT_EQ(cues[0].first_row, 1);
@@ -450,7 +632,8 @@ TEST(WebVtt, ReadsTheSample) {
 
 TEST(WebVtt, PlacesByLineNumberAndPercentage) {
     const auto row = [](const std::string& setting) {
-        return parse_webvtt("WEBVTT\n\n00:01.000 --> 00:02.000 " + setting + "\nx\n", "a.vtt")
+        Report report;
+        return parse_webvtt("WEBVTT\n\n00:01.000 --> 00:02.000 " + setting + "\nx\n", "a.vtt", report)
             .at(0)
             .first_row;
     };
@@ -468,24 +651,38 @@ TEST(WebVtt, PlacesByLineNumberAndPercentage) {
 class WebVttError : public testing::TestWithParam<ErrorCase> {};
 
 TEST_P(WebVttError, NamesTheLineAndTheRemedy) {
-    EXPECT_EQ(error_of([&] { parse_webvtt(GetParam().text, "b.vtt"); }), GetParam().error);
+    Report report;
+    EXPECT_EQ(error_of([&] { parse_webvtt(GetParam().text, "b.vtt", report); }), GetParam().error);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     WebVtt, WebVttError,
     testing::Values(
+        ErrorCase{"", "b.vtt:1: not a WebVTT file: the first line must begin with \"WEBVTT\""},
         ErrorCase{"1\n00:01.000 --> 00:02.000\nx\n",
                   "b.vtt:1: not a WebVTT file: the first line must begin with \"WEBVTT\""},
         ErrorCase{"WEBVTTX\n", "b.vtt:1: not a WebVTT file: the first line must begin with \"WEBVTT\""},
         ErrorCase{"WEBVTT\n\nx\n",
-                  "b.vtt:3: expected a time line such as 00:01.000 --> 00:03.500, found "
-                  "\"x\" (an empty line ends a cue)"},
+                  "b.vtt:3: expected a time line such as 00:01.000 --> 00:03.500, found \"x\", which is left "
+                  "out (no cue of the file can be shown)"},
         ErrorCase{"WEBVTT\n\n1.000 --> 00:02.000\nx\n",
                   "b.vtt:3: \"1.000\" is not a time: write hours, minutes, seconds and milliseconds such as "
-                  "00:01:02.345"},
+                  "00:01:02.345; the cue \"x\" is left out (no cue of the file can be shown)"},
         ErrorCase{"\xEF\xBB\xBFWEBVTT\r\rNOTE x\r\r00:01.000 --> 00:02.000\ry\r", "accepted"}));
 
 // --- all formats
+
+class CaptionFileDirectory : public testing::Test {
+protected:
+    std::string file(const std::string& name, const std::string& text) {
+        const std::string path = directory_ / name;
+        std::ofstream(path, std::ios::binary) << text;
+        return path;
+    }
+
+private:
+    test::ScratchDirectory directory_;
+};
 
 TEST(CaptionFile, IsKnownByItsExtension) {
     EXPECT_EQ(caption_format("a.b/NEWS.SCC"), CaptionFormat::kScc);
@@ -519,6 +716,85 @@ TEST(CaptionFile, CountsFromTheStartTimeCodeAsTheFileCounts) {
     }
 }
 
+class StartTimecode : public testing::TestWithParam<std::tuple<const char*, const char*, const char*>> {};
+
+TEST_P(StartTimecode, IsRefusedWhereItDoesNotExist) {
+    const auto& [file, start, error] = GetParam();
+    Report report;
+    try {
+        load_captions(data_file(file), {.start = start}, report);
+        FAIL() << "accepted";
+    } catch (const std::invalid_argument& refusal) {
+        EXPECT_STREQ(refusal.what(), error);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    CaptionFile, StartTimecode,
+    testing::Values(std::tuple("sample.scc", "00:01:00;00",
+                               "drop-frame counting leaves out time code \"00:01:00;00\": the minute begins "
+                               "with frame 02"),
+                    std::tuple("sample.scc", "00:01:00:01",
+                               "drop-frame counting leaves out time code \"00:01:00;01\": the minute begins "
+                               "with frame 02"),
+                    std::tuple("sample.mcc", "00:01:00;00",
+                               "drop-frame counting leaves out time code \"00:01:00;00\": the minute begins "
+                               "with frame 02"),
+                    std::tuple("sample.scc", "00:00:00;45",
+                               "time code \"00:00:00;45\" is out of range: hours go to 23, minutes and "
+                               "seconds to 59, frames to 29")));
+
+class FieldFiles : public CaptionFileDirectory, public testing::WithParamInterface<int> {};
+
+TEST_P(FieldFiles, CarryTheControlCodesOfTheirField) {
+    const int field = GetParam();
+    // A command of both channels, row 6 (which shares its first byte with field 2's commands), text.
+    const std::string own =
+        field == 0 ? "9420 9420 1c2c 1c2c 1570 c1c2 942f 942f" : "1520 1520 9d2c 9d2c 1570 c1c2 152f 152f";
+    const std::string other =
+        field == 0 ? "1520 1520 9d2c 9d2c 1570 c1c2 152f 152f" : "9420 9420 1c2c 1c2c 1570 c1c2 942f 942f";
+    const auto words = [&](const std::string& pairs, std::vector<std::string> warnings) {
+        const std::string path = file("f.scc", "Scenarist_SCC V1.0\n00:00:01:00\t" + pairs + "\n");
+        Report report;
+        const Schedule schedule = load_captions(path, {.field = field}, report);
+        for (std::string& warning : warnings) warning = path + ": " + warning;
+        EXPECT_EQ(report.lines(), warnings);
+        return schedule.eia608;
+    };
+    const std::string warning = field == 0
+                                    ? "6 control codes are those of field 2: they are sent as field 1's"
+                                    : "6 control codes are those of field 1: they are sent as field 2's";
+    const auto expected = words(own, {});
+    EXPECT_EQ(expected.front().word, field == 0 ? 0x9420 : 0x1520);
+    EXPECT_EQ(expected[4].word, 0x1570);
+    EXPECT_EQ(words(other, {warning}), expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(CaptionFile, FieldFiles, testing::Values(0, 1));
+
+using EmptyCaptionFile = CaptionFileDirectory;
+
+TEST_F(EmptyCaptionFile, IsReported) {
+    const std::pair<const char*, const char*> files[] = {
+        {"a.srt", ""},
+        {"b.srt", "\xEF\xBB\xBF\r\n"},
+        {"a.vtt", "WEBVTT\n\nNOTE nothing\n"},
+        {"a.scc", "Scenarist_SCC V1.0\n\n00:00:01:00\t8080 8080\n"},
+        {"a.mcc", "File Format=MacCaption_MCC V1.0\nTime Code Rate=30\n"},
+    };
+    for (const auto& [name, text] : files) {
+        const std::string path = file(name, text);
+        Report report;
+        EXPECT_TRUE(load_captions(path, {}, report).empty());
+        EXPECT_EQ(report.lines(), (std::vector<std::string>{path + ": the file has no captions"}));
+    }
+    for (const char* name : {"empty.scc", "empty.mcc", "empty.vtt"}) {
+        Report report;
+        EXPECT_THAT(error_of([&] { load_captions(file(name, ""), {}, report); }),
+                    testing::HasSubstr(":1: not "));
+    }
+}
+
 // Every parse ends in a result or in a FileError, whatever the bytes are.
 TEST(CaptionFile, SurvivesDamage) {
     std::mt19937 random(3);
@@ -533,11 +809,11 @@ TEST(CaptionFile, SurvivesDamage) {
         },
         [](const std::string& text) {
             Report report;
-            encode_pop_on(parse_srt(text, "x"), "x", {}, report);
+            encode_pop_on(parse_srt(text, "x", report), "x", {}, report);
         },
         [](const std::string& text) {
             Report report;
-            encode_pop_on(parse_webvtt(text, "x"), "x", {}, report);
+            encode_pop_on(parse_webvtt(text, "x", report), "x", {}, report);
         }};
     const char* const samples[] = {"sample.scc", "sample.mcc", "sample.srt", "sample.vtt"};
     int refused = 0, accepted = 0;

@@ -60,6 +60,17 @@ TEST(Command, IsFoundInBothFieldsAndChannels) {
     EXPECT_EQ(command_word(kEndOfCaption, 1), 0x152F);
 }
 
+TEST(Command, HasAnotherFirstByteInEachField) {
+    EXPECT_EQ(in_field(0x9420, 1), 0x1520);
+    EXPECT_EQ(in_field(0x1C2F, 1), 0x9D2F);
+    EXPECT_EQ(in_field(0x1520, 0), 0x9420);
+    EXPECT_EQ(in_field(0x9D2F, 0), 0x1C2F);
+    for (const Word word : {0x1520, 0x9D2F, 0x9454, 0x1570, 0x91AE, 0x97A1, 0x9420 | 0x0040, 0xC1C2, 0x8080})
+        EXPECT_EQ(in_field(static_cast<Word>(word), 1), word) << std::hex << word;
+    for (const Word word : {0x9420, 0x1C2F, 0x1570, 0x1F20, 0xC1C2})
+        EXPECT_EQ(in_field(static_cast<Word>(word), 0), word) << std::hex << word;
+}
+
 struct GlyphCase {
     char32_t character;
     std::uint8_t basic;

@@ -298,6 +298,25 @@ TEST(Layout, SplitsWhatNeedsMoreRowsAndReportsIt) {
               15U);
 }
 
+TEST(PopOn, SaysOnceHowManyCuesAreWrappedToFewerRows) {
+    const std::vector<Cue> cues{
+        cue_of(2000, 3000, {"- One", "- Two", "- Three"}, 3), cue_of(4000, 5000, {"Kept", "as it is"}, 8),
+        cue_of(6000, 7000, {"1", "2", "3", "4"}, 12),
+        // Of no help to this one: its lines are longer than a row.
+        cue_of(8000, 9000, {std::string(20, 'x') + " " + std::string(20, 'y'), "z", "z"})};
+    Report report;
+    const auto two_rows = decode(encode_pop_on(cues, "r.srt", {.rate = kRate25}, report));
+    ASSERT_EQ(two_rows.size(), 4U);
+    EXPECT_EQ(two_rows[0].text(), "- One - Two - Three");
+    EXPECT_EQ(report.lines(),
+              (std::vector<std::string>{"r.srt:3: 2 cues (the first one here) are wrapped to 2 rows: "
+                                        "--caption-rows 4 keeps their lines"}));
+    Report none;
+    const auto four_rows = decode(encode_pop_on(cues, "r.srt", {.rate = kRate25, .rows = 4}, none));
+    EXPECT_EQ(four_rows.at(0).text(), "- One\n- Two\n- Three");
+    EXPECT_TRUE(none.empty());
+}
+
 TEST(Layout, BreaksWordsLongerThanARow) {
     Report report;
     const auto captions = lay_out_cue(cue_of(0, 1, {std::string(40, 'o') + " end"}, 3), 2, "w.srt", report);

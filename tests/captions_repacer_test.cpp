@@ -1,11 +1,15 @@
 #include "captions/repacer.h"
 
 #include <algorithm>
+#include <cmath>
 #include <deque>
 #include <random>
 #include <stdexcept>
+#include <utility>
 
 #include <gtest/gtest.h>
+
+#include "captions/eia608_decoder.h"
 
 namespace gsve::captions {
 namespace {
@@ -155,17 +159,21 @@ struct Result {
     std::size_t left_in_encoder = 0;
     std::size_t most_waiting = 0;
     std::int64_t largest_delay = 0;
+    std::size_t left_out[2] = {0, 0};
+    Source output;
 };
 
 // Pushes each source picture before the first output picture that begins no earlier, as a transcoder does,
-// and pulls until nothing waits.
-Result transcode(const Source& source, FrameRate from, FrameRate to) {
+// or so many seconds before, and pulls until nothing waits.
+Result transcode(const Source& source, FrameRate from, FrameRate to, double foresight = 0) {
     Result result;
+    const auto ahead = static_cast<std::int64_t>(std::ceil(foresight * from.per_second()));
     Repacer repacer(from, to);
     EncoderQueues encoder;
     std::size_t pushed = 0;
     for (std::int64_t picture = 0; picture < 1000000; ++picture) {
-        for (; pushed < source.size() && begins_by(static_cast<std::int64_t>(pushed), from, picture, to);
+        for (; pushed < source.size() &&
+               begins_by(static_cast<std::int64_t>(pushed) - ahead, from, picture, to);
              ++pushed)
             repacer.push(static_cast<std::int64_t>(pushed), source[pushed]);
         if (pushed == source.size()) repacer.finish();
@@ -177,6 +185,10 @@ Result transcode(const Source& source, FrameRate from, FrameRate to) {
             if (taken.words[field] != 0) result.carried.pairs[field].push_back(taken.words[field]);
         }
         result.carried.cea708.insert(result.carried.cea708.end(), taken.cea708.begin(), taken.cea708.end());
+        PictureCaptions& output = result.output.emplace_back();
+        for (int field = 0; field < 2; ++field)
+            if (taken.words[field] != 0) output.fields[field].push_back(taken.words[field]);
+        output.cea708 = taken.cea708;
         result.most_waiting = std::max(result.most_waiting, repacer.pending());
         result.left_in_encoder += encoder.fields[0].size() + encoder.fields[1].size() + encoder.cea708.size();
         if (pushed == source.size() && repacer.pending() == 0) break;
@@ -184,7 +196,18 @@ Result transcode(const Source& source, FrameRate from, FrameRate to) {
     result.deepest_field = encoder.deepest_field;
     result.deepest_cea708 = encoder.deepest_cea708;
     result.largest_delay = repacer.largest_delay();
+    for (int field = 0; field < 2; ++field) result.left_out[field] = repacer.repetitions_left_out(field);
     return result;
+}
+
+// What is seen when a receiver has the captions of a source.
+std::vector<TimedText> seen(const Source& source, FrameRate rate) {
+    Eia608Decoder decoder(rate);
+    for (std::size_t picture = 0; picture < source.size(); ++picture)
+        for (int field = 0; field < 2; ++field)
+            for (const Word word : source[picture].fields[field])
+                decoder.feed(static_cast<std::int64_t>(picture), field, word);
+    return decoder.finish(static_cast<std::int64_t>(source.size()));
 }
 
 double pair_rate(FrameRate rate) { return rate.per_second() / FieldSlots(rate, 0).step(); }
@@ -197,11 +220,15 @@ TEST(Repacer, CarriesEverythingOnceAndInOrderBetweenAllRates) {
             for (const double slack : {0.0, 0.2, 0.7}) {
                 const Source source = random_source(from, 900, slack, random);
                 const Carried expected = carried_by(source);
-                const Result result = transcode(source, from, to);
+                const double foresight = slack == 0.2 ? useful_foresight(from, to) : 0;
+                const Result result = transcode(source, from, to, foresight);
                 for (int field = 0; field < 2; ++field) {
                     ASSERT_FALSE(expected.pairs[field].empty());
-                    ASSERT_EQ(result.carried.pairs[field], expected.pairs[field]);
                     ASSERT_EQ(result.carried.receivers[field].acted, expected.receivers[field].acted);
+                    ASSERT_EQ(result.carried.pairs[field].size() + result.left_out[field],
+                              expected.pairs[field].size());
+                    if (pair_rate(to) < pair_rate(from)) continue;
+                    ASSERT_EQ(result.carried.pairs[field], expected.pairs[field]);
                 }
                 ASSERT_EQ(result.carried.cea708, expected.cea708);
                 EXPECT_EQ(result.left_in_encoder, 0U);
@@ -244,6 +271,98 @@ TEST(Repacer, PassesEqualRatesThroughUndelayed) {
         }
         EXPECT_EQ(repacer.largest_delay(), 0);
     }
+}
+
+TEST(Repacer, BringsBothFieldsBackToTheirPicturesWhenTheRateIsDoubledAndHalved) {
+    std::mt19937 random(2);
+    for (const auto& [slow, fast] :
+         {std::pair{kRate29_97, kRate59_94}, std::pair{kRate30, kRate60}, std::pair{kRate25, kRate50}}) {
+        const Source source = random_source(slow, 300, 0.3, random);
+        Source passed = source;
+        for (int pass = 0; pass < 3; ++pass) {
+            passed = transcode(passed, slow, fast, useful_foresight(slow, fast)).output;
+            const Result halved = transcode(passed, fast, slow, useful_foresight(fast, slow));
+            EXPECT_EQ(halved.largest_delay, 0) << slow.per_second();
+            passed = halved.output;
+        }
+        passed.resize(source.size());
+        for (std::size_t picture = 0; picture < source.size(); ++picture) {
+            PictureCaptions expected = source[picture];
+            for (std::vector<Word>& field : expected.fields) std::erase(field, kNullPair);
+            ASSERT_EQ(passed[picture], expected) << slow.per_second() << " picture " << picture;
+        }
+    }
+}
+
+// Pop-on captions in field 1, loaded without a pause and one second apart.
+Source pop_on_programme(FrameRate rate, int captions, int text_pairs) {
+    const int step = FieldSlots(rate, 0).step();
+    Source source;
+    const auto put = [&](Word word) {
+        source.emplace_back().fields[0].push_back(word);
+        source.resize(source.size() + static_cast<std::size_t>(step - 1));
+    };
+    source.resize(static_cast<std::size_t>(3 * 60));
+    for (int n = 0; n < captions; ++n) {
+        for (const Command command : {kResumeCaptionLoading, kEraseNonDisplayedMemory})
+            for (int times = 0; times < 2; ++times) put(control(command));
+        for (int times = 0; times < 2; ++times) put(with_parity(indent_pac(15, 0)));
+        for (int i = 0; i < text_pairs; ++i) put(text(static_cast<char>('A' + n % 26), 'x'));
+        for (int times = 0; times < 2; ++times) put(control(kEndOfCaption));
+        source.resize(source.size() + static_cast<std::size_t>(30 * step));  // slack
+    }
+    return source;
+}
+
+TEST(Repacer, ShowsPopOnCaptionsOnTheirPicturesAtALowerRateWithForesight) {
+    constexpr std::pair<FrameRate, FrameRate> kLower[] = {{kRate30, kRate24},
+                                                          {kRate29_97, kRate23_976},
+                                                          {kRate29_97, kRate25},
+                                                          {kRate59_94, kRate23_976},
+                                                          {kRate60, kRate50}};
+    for (const auto& [from, to] : kLower) {
+        SCOPED_TRACE(std::to_string(from.per_second()) + " to " + std::to_string(to.per_second()));
+        const Source source = pop_on_programme(from, 8, 16);
+        const auto expected = seen(source, from);
+        ASSERT_EQ(expected.size(), 8U);
+        const Result result = transcode(source, from, to, useful_foresight(from, to));
+        const auto found = seen(result.output, to);
+        ASSERT_EQ(found.size(), expected.size());
+        for (std::size_t n = 0; n < found.size(); ++n) {
+            EXPECT_EQ(found[n].text(), expected[n].text());
+            const FieldSlots slots(to, 0);
+            EXPECT_EQ(found[n].begin, slots.picture_of(slots.first_slot_not_before(
+                                          first_frame_not_before(expected[n].begin, from, to))));
+        }
+        EXPECT_EQ(result.largest_delay, 0);
+        EXPECT_EQ(result.left_out[0], 0U);
+        EXPECT_GT(transcode(source, from, to).largest_delay, 2) << "foresight makes no difference";
+    }
+}
+
+TEST(Repacer, MakesUpForADelayByLeavingRepetitionsOut) {
+    // Roll-up text is seen as it arrives, so that it cannot be sent early: rows of eight text pairs without
+    // a pause.
+    Source source;
+    const auto put = [&](Word word) { source.emplace_back().fields[0].push_back(word); };
+    for (int times = 0; times < 2; ++times) put(control(kRollUp2));
+    for (int row = 0; row < 30; ++row) {
+        for (int times = 0; times < 2; ++times) put(control(kCarriageReturn));
+        for (int times = 0; times < 2; ++times) put(with_parity(indent_pac(15, 0)));
+        for (int i = 0; i < 8; ++i) put(text('a', 'b'));
+    }
+    const Result result = transcode(source, kRate29_97, kRate25);
+    EXPECT_EQ(result.carried.receivers[0].acted, carried_by(source).receivers[0].acted);
+    EXPECT_GT(result.left_out[0], 40U);
+    // 362 pairs take 12.1 s at 29.97 and 14.5 s at 25; of the 61 control pairs one transmission suffices.
+    EXPECT_LE(result.largest_delay, 5);
+}
+
+TEST(Repacer, KeepsRepetitionsWhileNothingIsLate) {
+    const Source source = pop_on_programme(kRate24, 5, 20);
+    const Result result = transcode(source, kRate24, kRate23_976, useful_foresight(kRate24, kRate23_976));
+    EXPECT_EQ(result.left_out[0], 0U);
+    EXPECT_EQ(result.carried.pairs[0], carried_by(source).pairs[0]);
 }
 
 TEST(Repacer, AlternatesFieldsAbove39PicturesPerSecond) {
@@ -371,12 +490,32 @@ TEST(Retime, ReportsWhatComesLate) {
     const Schedule timed = retime(source, kRate25, report);
     EXPECT_EQ(words_of(timed), words_of(source));
     EXPECT_EQ(timed.eia608.back().frame, 61);
+    EXPECT_EQ(timed.eia608.back().late, 10);
     ASSERT_EQ(report.count(WarningKind::kDelayedPairs), 1U);
     // The pair of frame f is due on picture ceil(f * 25 / 29.97) and goes on picture f: late from f = 7 on,
     // and by ten pictures for f = 61.
     EXPECT_EQ(report.lines()[0],
               "55 caption byte pairs of field 1 are sent late, by up to 0.40 s: 25 pictures per "
               "second carry fewer pairs than the source");
+}
+
+TEST(Retime, PassesDelaysOnToTheRepacer) {
+    Schedule source{kRate29_97, {}, {}};
+    for (int i = 0; i < 60; ++i) source.eia608.push_back({i, 0, text('x', 'y')});
+    Report report;
+    Repacer repacer(kRate25, kRate25);
+    repacer.push(retime(source, kRate25, report));
+    std::int64_t latest = 0;
+    for (std::int64_t picture = 0; repacer.pending() > 0; ++picture)
+        latest = std::max(latest, picture - repacer.pull(picture).due[0]);
+    EXPECT_EQ(latest, 9);  // the pair of frame 59 is due on picture 50
+    EXPECT_EQ(repacer.largest_delay(), 9);
+}
+
+TEST(Retime, BringsField2BackToItsFrameWhenTheRateIsHalved) {
+    Report report;
+    const Schedule source{kRate29_97, {{3, 0, text('a', 'b')}, {3, 1, text('c', 'd')}}, {}};
+    EXPECT_EQ(retime(retime(source, kRate59_94, report), kRate29_97, report).eia608, source.eia608);
 }
 
 TEST(Retime, LeavesAScheduleThatFitsUnchanged) {
@@ -426,8 +565,9 @@ TEST(Retime, CarriesEverythingWithinTheBudgetBetweenAllRates) {
                 carried.cea708.insert(carried.cea708.end(), event.constructs.begin(), event.constructs.end());
             }
             for (int field = 0; field < 2; ++field) {
-                EXPECT_EQ(carried.pairs[field], expected.pairs[field]);
                 EXPECT_EQ(carried.receivers[field].acted, expected.receivers[field].acted);
+                if (pair_rate(to) < pair_rate(from)) continue;
+                EXPECT_EQ(carried.pairs[field], expected.pairs[field]);
             }
             EXPECT_EQ(carried.cea708, expected.cea708);
         }

@@ -93,6 +93,17 @@ TEST(Timecode, SaysWhatToChange) {
     EXPECT_EQ(error_of("00:10:00;01", kRate29_97), "accepted");
 }
 
+TEST(Timecode, CountsItsPartsAsAsked) {
+    const Timecode parts{0, 2, 0, 2, false};
+    EXPECT_EQ(frame_counted(parts, kRate29_97, false), 3602);
+    EXPECT_EQ(frame_counted(parts, kRate29_97, true), 3598);
+    EXPECT_THROW(frame_counted(parts, kRate59_94, true), std::invalid_argument);
+    EXPECT_THROW(frame_counted({0, 0, 0, 25, false}, kRate25, false), std::invalid_argument);
+    EXPECT_FALSE(is_counted({0, 1, 0, 1, true}, kRate29_97));
+    EXPECT_TRUE(is_counted({0, 10, 0, 1, true}, kRate29_97));
+    EXPECT_TRUE(is_counted({0, 1, 0, 1, false}, kRate29_97));
+}
+
 TEST(Timecode, KnowsWhichRatesHaveDropFrame) {
     EXPECT_TRUE(has_drop_frame(kRate29_97));
     EXPECT_TRUE(has_drop_frame(kRate59_94));

@@ -183,6 +183,33 @@ TEST_F(InspectCommand, ShowsRollUpCaptionsRowByRow) {
     EXPECT_EQ(captions[0]["mode"], "roll-up");
 }
 
+TEST_F(InspectCommand, ShowsTextServicesAndExtendedData) {
+    for (const char* codec : kCaptionedCodecs) {
+        SCOPED_TRACE(codec);
+        CaptionedStreamOptions options;
+        options.codec = codec;
+        const auto put = [&](int64_t frame, uint8_t field, std::initializer_list<captions::Word> words) {
+            for (const captions::Word word : words)
+                options.schedule.eia608.push_back({frame++, field, captions::with_parity(word)});
+        };
+        put(10, 0, {0x142A, 0x142A, 0x4E65, 0x7773});                  // restart T1: "News"
+        put(20, 1, {0x0101, 0x4142, 0x0F00, 0x1D2B, 0x1D2B, 0x4869});  // extended data; resume T4: "Hi"
+        const std::string path = write(options);
+        const json a53 = inspect(path)["line21"][0];
+        EXPECT_EQ(a53["services"], json({"T1", "T4", "XDS"}));
+        EXPECT_TRUE(a53["captions"].empty());
+        ASSERT_EQ(a53["texts"].size(), 2u);
+        EXPECT_EQ(a53["texts"][0]["service"], "T1");
+        EXPECT_EQ(a53["texts"][0]["begin"], 12);
+        EXPECT_EQ(a53["texts"][0]["text"], "News");
+        EXPECT_EQ(a53["texts"][1]["service"], "T4");
+        EXPECT_EQ(a53["texts"][1]["text"], "Hi");
+        const std::string text = run({"inspect", path}).out;
+        EXPECT_THAT(text, HasSubstr(": T1 T4 XDS; "));
+        EXPECT_THAT(text, HasSubstr("T4  00:00:00.834  picture 25\n    Hi\n"));
+    }
+}
+
 TEST_F(InspectCommand, ShowsCea708Services) {
     for (const char* codec : kCaptionedCodecs) {
         SCOPED_TRACE(codec);

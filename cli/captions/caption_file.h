@@ -30,7 +30,9 @@ struct CaptionFileOptions {
 
 /// Reads a caption file into a schedule at the output rate that passes a Repacer(output, output) unchanged.
 /// Pairs and constructs of SCC and MCC files are brought to the output rate (retime()), cues become pop-on
-/// captions. Throws FileError, or std::invalid_argument for a bad `start`, `field` or `rows`.
+/// captions. Control codes of an SCC file that belong to the other field become those of `field`. Reported,
+/// beside what the readers report: such codes, and a file without captions. Throws FileError, or
+/// std::invalid_argument for a bad `start`, `field` or `rows`.
 Schedule load_captions(const std::string& path, const CaptionFileOptions& options, Report& report);
 
 }  // namespace gsve::captions

@@ -96,7 +96,7 @@ void DtvccDecoder::finish() {
 }
 
 // Takes the packet apart into service blocks: service_number (3 bits), block_size (5 bits), and for number
-// 7 the extended number in another byte. A block of service 0 ends the packet.
+// 7 the extended number, 7 to 63, in another byte. A block of service 0 ends the packet.
 void DtvccDecoder::end_packet() {
     const std::vector<std::uint8_t> packet = std::exchange(packet_, {});
     for (std::size_t at = 1; at < packet.size();) {
@@ -105,11 +105,11 @@ void DtvccDecoder::end_packet() {
         ++at;
         if (number == 0) return;
         if (number == 7 && size > 0) {
-            if (at == packet.size()) {
+            number = at < packet.size() ? packet[at++] & 0x3F : 0;
+            if (number < 7) {
                 ++damaged_packets_;
                 return;
             }
-            number = packet[at++] & 0x3F;
         }
         if (size > packet.size() - at) {
             ++damaged_packets_;

@@ -48,7 +48,8 @@ public:
 
     const std::vector<ServiceText>& texts() const { return texts_; }
 
-    /// Packets that ended before their length, and service blocks that left their packet.
+    /// Packets that ended before their length, and service blocks that left their packet or whose extended
+    /// number is one of those that need none.
     int damaged_packets() const { return damaged_packets_; }
 
 private:

@@ -75,7 +75,12 @@ void Eia608Decoder::feed(const Schedule& schedule) {
 }
 
 std::vector<TimedText> Eia608Decoder::finish(std::int64_t end_frame) {
-    for (int channel = 0; channel < 4; ++channel) close(end_frame, channel);
+    for (int channel = 0; channel < 4; ++channel) {
+        close(end_frame, channel);
+        end_text_row(channel);
+    }
+    std::stable_sort(text_rows_.begin(), text_rows_.end(),
+                     [](const TextRow& a, const TextRow& b) { return a.frame < b.frame; });
     std::stable_sort(captions_.begin(), captions_.end(),
                      [](const TimedText& a, const TimedText& b) { return a.begin < b.begin; });
     return std::move(captions_);
@@ -89,6 +94,8 @@ void Eia608Decoder::control(std::int64_t frame, int field, Word word) {
         command(frame, index, *code);
     } else if (const std::optional<Preamble> preamble = preamble_of(word)) {
         address(channel, *preamble);
+    } else if (is_tab(word) && channel.style == Style::kText) {
+        put(frame, index, U' ');
     } else if (is_tab(word)) {
         channel.column = std::min(channel.column + (second_byte(word) & 0x03), kColumns - 1);
     } else if (is_mid_row(word)) {
@@ -113,7 +120,7 @@ void Eia608Decoder::command(std::int64_t frame, int index, Command code) {
         case kRollUp2:
         case kRollUp3:
         case kRollUp4: select_roll_up(frame, index, code - kRollUp2 + 2); break;
-        case kTextRestart:
+        case kTextRestart: end_text_row(index); [[fallthrough]];
         case kResumeTextDisplay:
             channel.style = Style::kText;
             services_.text[static_cast<std::size_t>(index)] = true;
@@ -160,6 +167,7 @@ void Eia608Decoder::select_roll_up(std::int64_t frame, int index, int rows) {
 
 void Eia608Decoder::carriage_return(std::int64_t frame, int index) {
     Channel& channel = channels_[static_cast<std::size_t>(index)];
+    if (channel.style == Style::kText) end_text_row(index);
     if (channel.style != Style::kRollUp) return;
     const int top = std::max(1, channel.row - channel.roll_up_rows + 1);
     close_row(frame, index, top);
@@ -207,7 +215,12 @@ void Eia608Decoder::end_of_caption(std::int64_t frame, int index) {
 
 void Eia608Decoder::put(std::int64_t frame, int index, char32_t character) {
     Channel& channel = channels_[static_cast<std::size_t>(index)];
-    if (channel.style == Style::kNone || channel.style == Style::kText) return;
+    if (channel.style == Style::kNone) return;
+    if (channel.style == Style::kText) {
+        if (channel.text_row.empty()) channel.text_begin = frame;
+        channel.text_row.push_back(character);
+        return;
+    }
     channel.column = std::min(channel.column, kColumns - 1);
     const auto row = static_cast<std::size_t>(channel.row - 1);
     written_memory(channel)[row][static_cast<std::size_t>(channel.column++)] = character;
@@ -217,6 +230,7 @@ void Eia608Decoder::put(std::int64_t frame, int index, char32_t character) {
 }
 
 void Eia608Decoder::backspace(Channel& channel) {
+    if (channel.style == Style::kText && !channel.text_row.empty()) channel.text_row.pop_back();
     if (channel.column == 0 || channel.style == Style::kNone || channel.style == Style::kText) return;
     --channel.column;
     written_memory(
@@ -250,6 +264,13 @@ void Eia608Decoder::close_row(std::int64_t frame, int index, int row) {
         captions_.push_back(
             {index + 1, CaptionMode::kRollUp, channel.row_begin[at], frame, row, {std::move(text)}});
     channel.row_begin[at] = -1;
+}
+
+void Eia608Decoder::end_text_row(int index) {
+    Channel& channel = channels_[static_cast<std::size_t>(index)];
+    std::string text(trim(encode_utf8(channel.text_row)));
+    if (!text.empty()) text_rows_.push_back({index + 1, channel.text_begin, std::move(text)});
+    channel.text_row.clear();
 }
 
 Eia608Decoder::Memory& Eia608Decoder::written_memory(Channel& channel) {

@@ -1,10 +1,11 @@
 #pragma once
 
 /// A receiver for line-21 captions (CTA-608), for looking into a stream: byte pairs in, timed text of CC1
-/// to CC4 out.
+/// to CC4 and the rows of T1 to T4 out.
 ///
-/// Pop-on, roll-up (2, 3, 4 rows) and paint-on captions are decoded; the text services T1 to T4 and
-/// extended data services are noticed, not decoded. Pop-on and paint-on captions come out as they stood on
+/// Pop-on, roll-up (2, 3, 4 rows) and paint-on captions are decoded. Of the text services T1 to T4 the rows
+/// are collected as they were written; how long a receiver shows them is its own affair. Extended data
+/// services are noticed, not decoded. Pop-on and paint-on captions come out as they stood on
 /// the screen when they were taken away. Roll-up captions come out row by row: each row once, from its
 /// first character until it leaves the screen.
 ///
@@ -41,6 +42,15 @@ struct TimedText {
     friend bool operator==(const TimedText&, const TimedText&) = default;
 };
 
+/// A row of a text service, up to its carriage return.
+struct TextRow {
+    int service;         ///< 1 to 4, as in T1 to T4
+    std::int64_t frame;  ///< on which its first character arrived
+    std::string text;    ///< UTF-8
+
+    friend bool operator==(const TextRow&, const TextRow&) = default;
+};
+
 struct Line21Services {
     std::array<bool, 4> captions{};  ///< CC1 to CC4: a caption mode was chosen
     std::array<bool, 4> text{};      ///< T1 to T4
@@ -61,6 +71,9 @@ public:
     /// Ends what is still displayed at `end_frame`, and gives all captions in the order of their begin.
     std::vector<TimedText> finish(std::int64_t end_frame);
 
+    /// The rows of the text services, once finish() has ended them.
+    const std::vector<TextRow>& text_rows() const { return text_rows_; }
+
     const Line21Services& services() const { return services_; }
     int parity_errors() const { return parity_errors_; }
 
@@ -80,6 +93,8 @@ private:
         int row = kRows;                            // 1 to 15
         int column = 0;                             // 32 after the last column
         int roll_up_rows = 2;
+        std::u32string text_row;  // of the text service
+        std::int64_t text_begin = 0;
 
         Channel() { row_begin.fill(-1); }
     };
@@ -101,6 +116,7 @@ private:
     void backspace(Channel& channel);
     void close(std::int64_t frame, int index);
     void close_row(std::int64_t frame, int index, int row);
+    void end_text_row(int index);
     Memory& written_memory(Channel& channel);
     static std::string row_text(const Row& row);
 
@@ -108,6 +124,7 @@ private:
     std::array<Channel, 4> channels_;
     std::array<Field, 2> fields_;
     std::vector<TimedText> captions_;
+    std::vector<TextRow> text_rows_;
     Line21Services services_;
     int parity_errors_ = 0;
 };

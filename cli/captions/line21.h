@@ -79,6 +79,15 @@ constexpr std::optional<Command> command_of(Word word) {
     return static_cast<Command>(second);
 }
 
+/// The pair as it is to be sent in a field: of the miscellaneous control codes each field has its own, and
+/// receivers ignore those of the other. Any other pair stays as it is.
+constexpr Word in_field(Word word, int field) {
+    constexpr Word kField2 = 0x0100;
+    if (!command_of(word)) return word;
+    const Word own = field == 0 ? word & ~kField2 : word | kField2;
+    return first_byte(own) == first_byte(word) ? word : with_parity(own);
+}
+
 /// Mid-row codes: they take one column, shown as a space.
 inline constexpr Word kMidRowWhite = 0x1120;
 inline constexpr Word kMidRowItalics = 0x112E;

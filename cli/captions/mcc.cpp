@@ -101,6 +101,7 @@ private:
                 fmt::format("\"{}\" is not a time code rate: use 24, 25, 30, 30DF, 50, 60 or 60DF", name));
         rate_ = rate;
         schedule_.rate = rate->usual;
+        if (options_.start) start_frame_ = frame_counted(*options_.start, rate->usual, rate->drop_frame);
     }
 
     void parse_line(std::string_view line, int number) {
@@ -144,10 +145,8 @@ private:
             std::replace(
                 timecode.begin() + static_cast<std::ptrdiff_t>(std::min<std::size_t>(8, timecode.size())),
                 timecode.end(), ':', ';');
-        Timecode start = options_.start.value_or(Timecode{});
-        start.drop_frame = rate_->drop_frame;
-        const std::int64_t frame = timecode_to_frame(parse_timecode(timecode, rate_->usual), rate_->usual) -
-                                   timecode_to_frame(start, rate_->usual);
+        const std::int64_t frame =
+            timecode_to_frame(parse_timecode(timecode, rate_->usual), rate_->usual) - start_frame_;
         if (frame < newest_frame_)
             throw std::invalid_argument(
                 fmt::format("time code {} is earlier than that of the line before", text));
@@ -184,6 +183,7 @@ private:
     Schedule schedule_;
     const TimecodeRate* rate_ = nullptr;
     bool rate_is_exact_ = false;
+    std::int64_t start_frame_ = 0;
     std::int64_t newest_frame_ = std::numeric_limits<std::int64_t>::min();
     int ignored_packets_ = 0;
     int before_start_ = 0;

@@ -31,8 +31,9 @@ struct MccReadOptions {
 
 /// Reads a file's text; `name` stands for it in errors and warnings. The schedule's rate is the one in the
 /// packets, where it agrees with "Time Code Rate", else the nearest broadcast rate (24 to 23.976, 30 and 60
-/// to 29.97 and 59.94). Throws FileError, for a wrong checksum too. Reported: captions before the start,
-/// and ancillary data of other kinds, both left out; byte pairs with wrong parity.
+/// to 29.97 and 59.94). Throws FileError, for a wrong checksum too, and std::invalid_argument for a start
+/// time code that the file's counting does not have. Reported: captions before the start, and ancillary data
+/// of other kinds, both left out; byte pairs with wrong parity.
 Schedule parse_mcc(std::string_view text, const std::string& name, const MccReadOptions& options,
                    Report& report);
 

@@ -117,10 +117,14 @@ std::vector<Words> wrap(const Words& words) {
     return rows;
 }
 
+bool fit(const std::vector<Words>& lines) {
+    return std::all_of(lines.begin(), lines.end(),
+                       [](const Words& line) { return width_of(line) <= kColumns; });
+}
+
 // The cue's rows of words: its own lines where they fit, else all its words wrapped.
 std::vector<Words> rows_of_words(const std::vector<Words>& lines, int rows) {
-    const bool lines_fit =
-        std::all_of(lines.begin(), lines.end(), [](const Words& line) { return width_of(line) <= kColumns; });
+    const bool lines_fit = fit(lines);
     if (lines_fit && lines.size() <= static_cast<std::size_t>(rows)) return lines;
     Words all;
     for (const Words& line : lines) all.insert(all.end(), line.begin(), line.end());
@@ -291,7 +295,7 @@ public:
         }
         if (erasure) put_control(kEraseDisplayedMemory, erasure->begin);
         for (std::size_t i = 0; i < units.size(); ++i) put(units[i], (*placed)[i]);
-        put_control(kEndOfCaption, shown);
+        put_control(kEndOfCaption, shown, shown - slots_.first_slot_not_before(caption.begin));
         free_slot_ = shown + kRepeated;
         erase_at_ = caption.end;
     }
@@ -331,14 +335,16 @@ private:
         return true;
     }
 
-    void put_control(Command command, std::int64_t slot) {
-        put(std::vector<Word>(kRepeated, with_parity(command_word(command, options_.field))), slot);
+    void put_control(Command command, std::int64_t slot, std::int64_t slots_late = 0) {
+        put(std::vector<Word>(kRepeated, with_parity(command_word(command, options_.field))), slot,
+            slots_late);
     }
 
-    void put(const std::vector<Word>& unit, std::int64_t slot) {
+    void put(const std::vector<Word>& unit, std::int64_t slot, std::int64_t slots_late = 0) {
         for (const Word word : unit) {
             const std::int64_t picture = slots_.picture_of(slot++);
-            schedule_.eia608.push_back({picture, static_cast<std::uint8_t>(options_.field), word});
+            schedule_.eia608.push_back(
+                {picture, static_cast<std::uint8_t>(options_.field), word, slots_late * slots_.step()});
         }
     }
 
@@ -390,9 +396,58 @@ std::vector<TimedCue> sequence(const std::vector<Cue>& cues, const std::string& 
     return result;
 }
 
+// The captions of a cue, and how many rows would have kept its lines where it was wrapped to fewer; else 0.
+struct Layout {
+    std::vector<std::vector<CaptionRow>> captions;
+    int rows_for_own_lines = 0;
+};
+
+Layout lay_out(const Cue& cue, int rows, const std::string& name, Report& report) {
+    if (rows < 1 || rows > kRows)
+        throw std::invalid_argument(fmt::format("a caption has 1 to {} rows, not {}", kRows, rows));
+    Transcriber transcriber(cue, name, report);
+    std::vector<Words> lines;
+    for (const StyledLine& line : cue.lines)
+        if (Words words = cut_long_words(split_words(transcriber.transcribe(line)), cue, name, report);
+            !words.empty())
+            lines.push_back(std::move(words));
+
+    const std::vector<Words> all = rows_of_words(lines, rows);
+    Layout layout;
+    if (all != lines && fit(lines) && lines.size() <= static_cast<std::size_t>(kRows))
+        layout.rows_for_own_lines = static_cast<int>(lines.size());
+    const auto per_caption = static_cast<std::size_t>(rows);
+    for (std::size_t at = 0; at < all.size(); at += per_caption) {
+        const std::size_t count = std::min(per_caption, all.size() - at);
+        const int lowest_first = kRows + 1 - static_cast<int>(count);
+        const int first_row = std::min(cue.first_row.value_or(lowest_first), lowest_first);
+        std::vector<CaptionRow> caption;
+        for (std::size_t i = 0; i < count; ++i)
+            caption.push_back({first_row + static_cast<int>(i),
+                               column_of(cue.alignment, width_of(all[at + i])), all[at + i]});
+        layout.captions.push_back(std::move(caption));
+    }
+    if (layout.captions.size() > 1)
+        report.add(WarningKind::kSplitCue, name, cue.source_line,
+                   fmt::format("the cue needs {} rows and is shown as {} captions of at most {} rows",
+                               all.size(), layout.captions.size(), rows));
+    return layout;
+}
+
+// Cues whose own lines were given up for fewer rows.
+struct Rewrapped {
+    int cues = 0;
+    int first_line = 0;  // in the file
+    int most_rows = 0;   // that a cue had
+
+    void add(int line, int rows) {
+        if (cues++ == 0) first_line = line;
+        most_rows = std::max(most_rows, rows);
+    }
+};
+
 // A cue's captions; several share its time by the number of their characters.
-std::vector<Caption> captions_of(const TimedCue& timed, const std::string& name, int rows, Report& report) {
-    const auto layouts = lay_out_cue(timed.cue, rows, name, report);
+std::vector<Caption> captions_of(const TimedCue& timed, const std::vector<std::vector<CaptionRow>>& layouts) {
     std::size_t total = 0, before = 0;
     for (const auto& layout : layouts) total += character_count(layout);
     std::vector<Caption> captions;
@@ -412,41 +467,23 @@ std::vector<Caption> captions_of(const TimedCue& timed, const std::string& name,
 
 std::vector<std::vector<CaptionRow>> lay_out_cue(const Cue& cue, int rows, const std::string& name,
                                                  Report& report) {
-    if (rows < 1 || rows > kRows)
-        throw std::invalid_argument(fmt::format("a caption has 1 to {} rows, not {}", kRows, rows));
-    Transcriber transcriber(cue, name, report);
-    std::vector<Words> lines;
-    for (const StyledLine& line : cue.lines)
-        if (Words words = cut_long_words(split_words(transcriber.transcribe(line)), cue, name, report);
-            !words.empty())
-            lines.push_back(std::move(words));
-
-    const std::vector<Words> all = rows_of_words(lines, rows);
-    const auto per_caption = static_cast<std::size_t>(rows);
-    std::vector<std::vector<CaptionRow>> captions;
-    for (std::size_t at = 0; at < all.size(); at += per_caption) {
-        const std::size_t count = std::min(per_caption, all.size() - at);
-        const int lowest_first = kRows + 1 - static_cast<int>(count);
-        const int first_row = std::min(cue.first_row.value_or(lowest_first), lowest_first);
-        std::vector<CaptionRow> caption;
-        for (std::size_t i = 0; i < count; ++i)
-            caption.push_back({first_row + static_cast<int>(i),
-                               column_of(cue.alignment, width_of(all[at + i])), all[at + i]});
-        captions.push_back(std::move(caption));
-    }
-    if (captions.size() > 1)
-        report.add(WarningKind::kSplitCue, name, cue.source_line,
-                   fmt::format("the cue needs {} rows and is shown as {} captions of at most {} rows",
-                               all.size(), captions.size(), rows));
-    return captions;
+    return lay_out(cue, rows, name, report).captions;
 }
 
 Schedule encode_pop_on(const std::vector<Cue>& cues, const std::string& name, const PopOnOptions& options,
                        Report& report) {
     std::vector<Caption> captions;
-    for (const TimedCue& timed : sequence(cues, name, options.rate, report))
-        for (Caption& caption : captions_of(timed, name, options.rows, report))
-            captions.push_back(std::move(caption));
+    Rewrapped rewrapped;
+    for (const TimedCue& timed : sequence(cues, name, options.rate, report)) {
+        const Layout layout = lay_out(timed.cue, options.rows, name, report);
+        if (layout.rows_for_own_lines > 0) rewrapped.add(timed.cue.source_line, layout.rows_for_own_lines);
+        for (Caption& caption : captions_of(timed, layout.captions)) captions.push_back(std::move(caption));
+    }
+    if (rewrapped.cues > 0)
+        report.add(WarningKind::kRewrappedCues, name, rewrapped.first_line,
+                   fmt::format("{} cues (the first one here) are wrapped to {} rows: --caption-rows {} keeps "
+                               "their lines",
+                               rewrapped.cues, options.rows, rewrapped.most_rows));
 
     Timeline timeline(name, options, report);
     for (std::size_t i = 0; i < captions.size(); ++i) {

@@ -53,7 +53,8 @@ std::vector<std::vector<CaptionRow>> lay_out_cue(const Cue& cue, int rows, const
                                                  Report& report);
 
 /// Schedule of all cues, in any order. At most one pair per slot of the field. Cues that begin at the same
-/// frame are shown together. Reported, beside what lay_out_cue() reports: a cue that ends early because
+/// frame are shown together. Reported, beside what lay_out_cue() reports: how many cues were wrapped to fewer
+/// rows than they had; a cue that ends early because
 /// another begins; a cue that appears late because its text takes longer to load than there is time (it is
 /// shown for at least half a second or half its time, past its end if need be); and a cue dropped because
 /// the next one leaves no time even for that.

@@ -1,231 +1,247 @@
 #include "repacer.h"
 
 #include <algorithm>
-#include <limits>
+#include <optional>
 #include <stdexcept>
+#include <string>
+#include <utility>
 
 #include <fmt/format.h>
 
 namespace gsve::captions {
 
+namespace {
+
+// Pairs of a pop-on caption of full size: four rows of 32 characters, for each an address and an offset, and
+// the commands around them, all twice.
+constexpr int kLongestLoad = 4 * (16 + 2 + 2) + 8;
+
+}  // namespace
+
+bool LoadingState::displays_at_once(Word word) {
+    if (is_control(word)) channel_ = first_byte(word) >> 3 & 1;
+    const std::optional<Command> command = command_of(word);
+    if (!command) return !loading_[channel_];
+    switch (*command) {
+        case kResumeCaptionLoading: loading_[channel_] = true; return false;
+        case kRollUp2:
+        case kRollUp3:
+        case kRollUp4:
+        case kResumeDirectCaptioning:
+        case kTextRestart:
+        case kResumeTextDisplay: loading_[channel_] = false; return true;
+        case kEndOfCaption: loading_[channel_] = true; return true;
+        case kEraseDisplayedMemory: return true;
+        default: return !loading_[channel_];
+    }
+}
+
+double useful_foresight(FrameRate source, FrameRate output) {
+    // A control pair's repetition is one frame later, which above 39 pictures per second is two pictures.
+    constexpr int kRepetitionPictures = 4;
+    if (source == output) return 0;
+    const auto seconds_to_load = [](FrameRate rate) {
+        return kLongestLoad * FieldSlots(rate, 0).step() / rate.per_second();
+    };
+    return std::max(kRepetitionPictures / source.per_second(),
+                    seconds_to_load(output) - seconds_to_load(source));
+}
+
 Repacer::Repacer(FrameRate source, FrameRate output)
-    : source_(source),
-      output_(output),
-      budget_(picture_budget(output)),
-      source_step_(picture_budget(source).alternating_fields ? 2 : 1) {}
+    : source_(source), output_(output), budget_(picture_budget(output)) {}
 
 void Repacer::push(std::int64_t frame, const PictureCaptions& captions) {
     pushed_frame_ = std::max(frame, pushed_frame_);
     for (int field = 0; field < 2; ++field)
-        for (const Word word : captions.fields[field]) push_pair(field, pushed_frame_, word);
-    for (const Cea708Construct& construct : captions.cea708)
-        if (construct.header >= kHeaderDtvccData) cea708_.push_back({construct, pushed_frame_});
+        for (const Word word : captions.fields[field]) push_pair(field, pushed_frame_, word, 0);
+    for (const Cea708Construct& construct : captions.cea708) push_construct(pushed_frame_, construct);
 }
 
 void Repacer::push(const Schedule& schedule) {
     if (!(schedule.rate == source_))
         throw std::invalid_argument("the caption schedule's picture rate is not the repacer's source rate");
-    for (const Eia608Event& event : schedule.eia608) push_pair(event.field, event.frame, event.word);
+    for (const Eia608Event& event : schedule.eia608)
+        push_pair(event.field, event.frame, event.word, event.late);
     for (const Cea708Event& event : schedule.cea708)
-        for (const Cea708Construct& construct : event.constructs)
-            if (construct.header >= kHeaderDtvccData) cea708_.push_back({construct, event.frame});
+        for (const Cea708Construct& construct : event.constructs) push_construct(event.frame, construct);
     finish();
 }
 
 PictureWrites Repacer::pull(std::int64_t picture) {
     PictureWrites writes;
-    for (int field = 0; field < 2; ++field) writes.words[field] = take_pair(field, picture);
+    for (int field = 0; field < 2; ++field) take_pair(field, picture, writes);
 
     const auto limit = static_cast<std::size_t>(budget_.cea708_constructs);
     while (writes.cea708.size() < limit && !cea708_.empty() &&
            begins_by(cea708_.front().frame, source_, picture, output_)) {
         const std::int64_t due = first_frame_not_before(cea708_.front().frame, source_, output_);
-        largest_delay_ = std::max(largest_delay_, picture - std::max<std::int64_t>(due, 0));
+        if (writes.cea708.empty()) writes.cea708_due = std::max<std::int64_t>(due, 0);
         writes.cea708.push_back(cea708_.front().construct);
         cea708_.pop_front();
     }
+    if (!writes.cea708.empty()) largest_delay_ = std::max(largest_delay_, picture - writes.cea708_due);
     return writes;
 }
 
-std::size_t Repacer::pending() const {
-    return fields_[0].pairs.size() + fields_[1].pairs.size() + cea708_.size();
+std::size_t Repacer::pending() const { return pending_pairs(0) + pending_pairs(1) + cea708_.size(); }
+
+std::size_t Repacer::pending_pairs(int field) const {
+    std::size_t pairs = 0;
+    for (const Unit& unit : fields_[field].units)
+        pairs += static_cast<std::size_t>(unit.length - (unit.begun ? 1 : 0));
+    return pairs;
 }
 
-void Repacer::push_pair(int field, std::int64_t frame, Word word) {
+void Repacer::push_construct(std::int64_t frame, const Cea708Construct& construct) {
+    if (construct.header < kHeaderDtvccData) return;
+    // Where a frame's two pictures become one, it takes the constructs of both.
+    const bool halved = picture_budget(source_).alternating_fields && !budget_.alternating_fields;
+    cea708_.push_back({construct, halved ? frame - frame % 2 : frame});
+}
+
+void Repacer::push_pair(int field, std::int64_t frame, Word word, std::int64_t late) {
+    const FieldSlots slots(source_, field);
     FieldQueue& queue = fields_[field];
     if (is_null(word)) {
         // Where the fields alternate, a null pair on the other field's picture is no slack; the distance of
         // the frames tells.
-        if (source_step_ == 1) queue.newest_was_pair = false;
+        if (slots.step() == 1) queue.newest_was_pair = queue.newest_may_repeat = false;
         return;
     }
-    const bool follows = queue.newest_was_pair && frame - queue.newest_frame <= source_step_;
+    const Word sent = with_parity(word);
+    // The first picture of the pair's frame.
+    const std::int64_t begin = slots.first_slot_not_before(frame) * slots.step();
+    const bool follows = queue.newest_was_pair && begin - queue.newest_frame <= slots.step();
+    const bool equal = queue.newest_word == sent && is_control(sent);
     queue.newest_was_pair = true;
-    queue.newest_frame = frame;
-    queue.pairs.push_back({with_parity(word), frame, follows});
+    queue.newest_frame = begin;
+    queue.newest_word = sent;
+    if (equal && follows && queue.newest_may_repeat) {
+        queue.newest_may_repeat = false;
+        if (queue.units.empty())
+            ++queue.repetitions_left_out;  // pushed when its slot was over
+        else
+            queue.units.back().length = 2;
+        return;
+    }
+    queue.newest_may_repeat = is_control(sent);
+    queue.units.push_back({sent, 1, equal && !follows, queue.loading.displays_at_once(sent), begin, late});
 }
 
-Word Repacer::take_pair(int field, std::int64_t picture) {
+void Repacer::take_pair(int field, std::int64_t picture, PictureWrites& writes) {
     const FieldSlots slots(output_, field);
-    if (!slots.on_picture(picture)) return 0;
+    if (!slots.on_picture(picture)) return;
+    const std::int64_t slot = slots.first_slot_not_before(picture);
     FieldQueue& queue = fields_[field];
-    const bool idle = queue.pairs.empty() ||
-                      !begins_by(queue.pairs.front().frame, source_, picture, output_) ||
-                      must_wait(queue, picture + slots.step());
-    if (idle) {
-        queue.sent_in_last_slot = 0;
-        queue.repetition_expected = false;
-        return 0;
+    if (!queue.units.empty() && queue.units.front().begun && !repeats(field, slot)) {
+        queue.repetitions_left_out += static_cast<std::size_t>(queue.units.front().length - 1);
+        queue.units.pop_front();
     }
-    const Pair pair = queue.pairs.front();
-    queue.pairs.pop_front();
-    const bool repetition = queue.repetition_expected && pair.word == queue.sent_in_last_slot;
-    queue.repetition_expected = is_control(pair.word) && !repetition;
-    queue.sent_in_last_slot = pair.word;
-    note_delay(pair.frame, picture, slots);
-    return pair.word;
+    if (queue.units.empty() || (!queue.units.front().begun && !may_begin(field, slot))) return;
+
+    Unit& unit = queue.units.front();
+    queue.free_slot = slot + 1;
+    writes.words[field] = unit.word;
+    writes.due[field] = slots.picture_of(due_slot(field, unit.frame - unit.late) + (unit.begun ? 1 : 0));
+    largest_delay_ = std::max(largest_delay_, picture - writes.due[field]);
+    const bool last = unit.begun || (unit.length == 1 && !repetition_may_follow(field));
+    unit.begun = true;
+    if (last) queue.units.pop_front();
 }
 
-// Whether the front pair, which is due, is to leave this slot idle. `next_slot` is the picture of the
-// field's next slot.
-bool Repacer::must_wait(const FieldQueue& queue, std::int64_t next_slot) const {
-    const Pair& pair = queue.pairs.front();
-    if (!is_control(pair.word)) return false;
-    if (pair.word == queue.sent_in_last_slot) {
-        if (!pair.follows_directly) return true;
-        if (queue.repetition_expected) return false;
-    }
+// Whether the front unit, whose first transmission has gone, takes `slot` for its repetition. Where what
+// follows is late already, a repetition is left out, unless two commands would be taken for one then.
+bool Repacer::repeats(int field, std::int64_t slot) const {
+    const std::deque<Unit>& units = fields_[field].units;
+    if (units.front().length == 1) return false;
+    return units.size() == 1 || units[1].word == units[0].word || latest_slot(field, 1, 0) >= slot;
+}
 
+// Whether the front unit, none of which has gone, can begin in `slot`.
+bool Repacer::may_begin(int field, std::int64_t slot) const {
+    const FieldQueue& queue = fields_[field];
+    if (slot < latest_slot(field, 0, kLongestLoad) ||
+        slot < queue.free_slot + queue.units.front().idle_before)
+        return false;
     // A first transmission goes only when its repetition, if there is one, can have the next slot.
-    if (queue.pairs.size() > 1) {
-        const Pair& next = queue.pairs[1];
-        const bool repeated = next.word == pair.word && next.follows_directly;
-        return repeated && !begins_by(next.frame, source_, next_slot, output_);
-    }
-    const std::int64_t next_frame = pair.frame + source_step_;
-    if (finished_ || pushed_frame_ >= next_frame) return false;
-    return !begins_by(next_frame, source_, next_slot, output_);
+    return !repetition_may_follow(field) || queue.units.size() > 1 ||
+           begins_by(repetition_frame(field), source_, FieldSlots(output_, field).picture_of(slot + 1),
+                     output_);
 }
 
-void Repacer::note_delay(std::int64_t frame, std::int64_t picture, const FieldSlots& slots) {
-    const std::int64_t due = slots.first_slot_not_before(first_frame_not_before(frame, source_, output_));
-    largest_delay_ = std::max(largest_delay_, picture - slots.picture_of(due));
+// Whether the repetition of the pair pushed last may yet be pushed.
+bool Repacer::repetition_may_follow(int field) const {
+    const FieldQueue& queue = fields_[field];
+    return queue.newest_may_repeat && !finished_ && pushed_frame_ < repetition_frame(field);
+}
+
+// The source picture that brings the repetition of the pair pushed last, if there is one.
+std::int64_t Repacer::repetition_frame(int field) const {
+    const FieldSlots slots(source_, field);
+    return slots.picture_of(fields_[field].newest_frame / slots.step() + 1);
+}
+
+// The first slot of the field that begins no earlier than source picture `frame`.
+std::int64_t Repacer::due_slot(int field, std::int64_t frame) const {
+    return FieldSlots(output_, field).first_slot_not_before(first_frame_not_before(frame, source_, output_));
+}
+
+// The slot in which unit `first` of the queue has to begin, lest it or a unit that is displayed at once
+// behind it be late; what is displayed at once is not early either. A load whose end has not been pushed yet
+// is taken to go on without a pause until it has `longest_load` pairs.
+std::int64_t Repacer::latest_slot(int field, std::size_t first, std::int64_t longest_load) const {
+    const std::deque<Unit>& units = fields_[field].units;
+    std::int64_t latest = due_slot(field, units[first].frame);
+    std::int64_t pairs = 0;
+    for (std::size_t n = first; !units[n].displays_at_once && pairs < kLongestLoad; ++n) {
+        pairs += units[n].length;
+        if (n + 1 == units.size()) {
+            const std::int64_t rest = finished_ ? 0 : std::max<std::int64_t>(longest_load - pairs, 0);
+            const std::int64_t step = FieldSlots(source_, field).step();
+            const std::int64_t end = units[n].frame + (units[n].length + rest) * step;
+            return std::min(latest, due_slot(field, end) - pairs - rest);
+        }
+        pairs += units[n + 1].idle_before;
+        latest = std::min(latest, due_slot(field, units[n + 1].frame) - pairs);
+    }
+    return latest;
 }
 
 namespace {
 
-// A pair, or a control pair with its repetition; they are moved together.
-struct Unit {
-    Word word;
-    int length;             // 1 or 2 slots
-    int idle_before;        // idle slots needed after the unit before
-    bool displays_at_once;  // must not be early
-    std::int64_t due;       // slot
-    std::int64_t slot;
-};
-
-// Follows which channel of a field is being written, and whether out of sight.
-class LoadingState {
-public:
-    // Whether the pair changes what is seen at the moment at which it arrives.
-    bool displays_at_once(Word word) {
-        if (is_control(word)) channel_ = first_byte(word) >> 3 & 1;
-        const std::optional<Command> command = command_of(word);
-        if (!command) return !loading_[channel_];
-        switch (*command) {
-            case kResumeCaptionLoading: loading_[channel_] = true; return false;
-            case kRollUp2:
-            case kRollUp3:
-            case kRollUp4:
-            case kResumeDirectCaptioning:
-            case kTextRestart:
-            case kResumeTextDisplay: loading_[channel_] = false; return true;
-            case kEndOfCaption: loading_[channel_] = true; return true;
-            case kEraseDisplayedMemory: return true;
-            default: return !loading_[channel_];
-        }
-    }
-
-private:
-    bool loading_[2] = {false, false};
-    int channel_ = 0;
-};
-
-std::vector<Unit> units_of_field(const Schedule& schedule, int field, FrameRate output) {
-    const int source_step = FieldSlots(schedule.rate, field).step();
-    const FieldSlots slots(output, field);
-    LoadingState state;
-    std::vector<Unit> units;
-    std::int64_t newest_frame = std::numeric_limits<std::int64_t>::min() / 2;
-    for (const Eia608Event& event : schedule.eia608) {
-        if (event.field != field) continue;
-        const bool follows = event.frame - newest_frame <= source_step;
-        const bool equal = !units.empty() && units.back().word == event.word && is_control(event.word);
-        newest_frame = event.frame;
-        if (equal && follows && units.back().length == 1) {
-            units.back().length = 2;
-            continue;
-        }
-        const std::int64_t picture = first_frame_not_before(event.frame, schedule.rate, output);
-        const std::int64_t due = slots.first_slot_not_before(picture);
-        units.push_back({event.word, 1, equal && !follows, state.displays_at_once(event.word), due, due});
-    }
-    return units;
-}
-
-// Moves loads forward in time where what follows leaves them too few slots, then everything that still
-// collides backward.
-void place_units(std::vector<Unit>& units) {
-    std::int64_t limit = std::numeric_limits<std::int64_t>::max();
-    for (auto unit = units.rbegin(); unit != units.rend(); ++unit) {
-        if (!unit->displays_at_once) unit->slot = std::min(unit->due, limit - unit->length);
-        limit = unit->slot - unit->idle_before;
-    }
-    std::int64_t free_slot = 0;
-    for (Unit& unit : units) {
-        unit.slot = std::max(unit.slot, free_slot + unit.idle_before);
-        free_slot = unit.slot + unit.length;
-    }
-}
-
-void report_delay(const std::vector<Unit>& units, int field, FrameRate output, Report& report) {
+void report_delay(const Schedule& timed, int field, std::size_t left_out, Report& report) {
     int late = 0;
     std::int64_t largest = 0;
-    for (const Unit& unit : units) {
-        late += unit.slot > unit.due ? unit.length : 0;
-        largest = std::max(largest, unit.slot - unit.due);
+    for (const Eia608Event& event : timed.eia608) {
+        if (event.field != field) continue;
+        late += event.late > 0;
+        largest = std::max(largest, event.late);
     }
     if (late == 0) return;
-    const double seconds = frame_to_seconds(largest * FieldSlots(output, field).step(), output);
-    report.add(
-        WarningKind::kDelayedPairs, "", 0,
-        fmt::format("{} caption byte pairs of field {} are sent late, by up to {:.2f} s: {:.6g} pictures "
-                    "per second carry fewer pairs than the source",
-                    late, field + 1, seconds, output.per_second()));
+    std::string text = fmt::format(
+        "{} caption byte pairs of field {} are sent late, by up to {:.2f} s: {:.6g} pictures per second "
+        "carry "
+        "fewer pairs than the source",
+        late, field + 1, frame_to_seconds(largest, timed.rate), timed.rate.per_second());
+    if (left_out > 0) text += fmt::format(", though {} repetitions of control pairs are left out", left_out);
+    report.add(WarningKind::kDelayedPairs, "", 0, text);
 }
 
 }  // namespace
 
 Schedule retime(const Schedule& schedule, FrameRate output, Report& report) {
     Schedule timed{output, {}, {}};
-    for (std::uint8_t field = 0; field < 2; ++field) {
-        std::vector<Unit> units = units_of_field(schedule, field, output);
-        place_units(units);
-        report_delay(units, field, output, report);
-        Schedule one_field{output, {}, {}};
-        const FieldSlots slots(output, field);
-        for (const Unit& unit : units)
-            for (int i = 0; i < unit.length; ++i)
-                one_field.eia608.push_back({slots.picture_of(unit.slot + i), field, unit.word});
-        timed = merge(timed, one_field);
-    }
-
-    Repacer constructs(schedule.rate, output);
-    constructs.push(Schedule{schedule.rate, {}, schedule.cea708});
-    for (std::int64_t picture = 0; constructs.pending() > 0; ++picture) {
-        PictureWrites writes = constructs.pull(picture);
+    Repacer repacer(schedule.rate, output);
+    repacer.push(schedule);
+    for (std::int64_t picture = 0; repacer.pending() > 0; ++picture) {
+        PictureWrites writes = repacer.pull(picture);
+        for (std::uint8_t field = 0; field < 2; ++field)
+            if (writes.words[field] != 0)
+                timed.eia608.push_back({picture, field, writes.words[field], picture - writes.due[field]});
         if (!writes.cea708.empty()) timed.cea708.push_back({picture, std::move(writes.cea708)});
     }
+    for (int field = 0; field < 2; ++field)
+        report_delay(timed, field, repacer.repetitions_left_out(field), report);
     return timed;
 }
 

@@ -7,10 +7,19 @@
 /// for every picture that is going to be encoded, in order, the words to write before it. A pull never
 /// gives more than that picture's budget, so that an encoder whose queues were empty before has nothing
 /// left over after the picture, and the encoder's queue bounds cannot be reached. What does not fit waits
-/// in here. Null pairs are slack: they are neither kept nor sent. A caption is never early, and at most one
-/// output slot late while the output has room.
+/// in here. Null pairs are slack: they are neither kept nor sent.
 ///
-/// A control pair and its repetition always leave in neighbouring slots of their field, and two equal
+/// Above 39 pictures per second a picture with field 1 and the next one with field 2 are one frame: both
+/// fields' pairs belong to the first one's time, so that a pair returns to its frame when the rate is halved
+/// and doubled again.
+///
+/// What is displayed as it arrives is never early. Text that is loaded out of sight (pop-on) is sent earlier
+/// where the output has fewer slots per second than the source, so that the caption still appears on its
+/// picture: as far as what follows has been pushed already. A pair is late only where the slots do not
+/// suffice. Then the repetitions of control pairs are left out until the delay is made up for: they are
+/// there against errors of transmission and say nothing new.
+///
+/// Otherwise a control pair and its repetition leave in neighbouring slots of their field, and two equal
 /// control pairs that had slack between them keep an idle slot between them: a receiver would otherwise
 /// act twice on one command, or once on two.
 ///
@@ -40,9 +49,26 @@ namespace gsve::captions {
 struct PictureWrites {
     Word words[2] = {0, 0};  ///< by field, with parity; 0: nothing
     std::vector<Cea708Construct> cea708;
+    std::int64_t due[2] = {0, 0};  ///< the first picture that could have taken the word
+    std::int64_t cea708_due = 0;   ///< and the first of the constructs
 
     bool empty() const { return words[0] == 0 && words[1] == 0 && cea708.empty(); }
 };
+
+/// Follows which channel of a field is being written, and whether out of sight.
+class LoadingState {
+public:
+    /// Whether the pair, which comes next in its field, changes what is seen when it arrives.
+    bool displays_at_once(Word word);
+
+private:
+    bool loading_[2] = {false, false};
+    int channel_ = 0;
+};
+
+/// For how many seconds captions have to be pushed ahead of the pulls, lest a pop-on caption of full size be
+/// late because the output has fewer slots per second than the source; 0 where it has not.
+double useful_foresight(FrameRate source, FrameRate output);
 
 class Repacer {
 public:
@@ -61,26 +87,38 @@ public:
     /// What to write before output picture `picture`. Call it for each picture once, in ascending order.
     PictureWrites pull(std::int64_t picture);
 
-    /// Byte pairs and constructs that wait.
+    /// Byte pairs and constructs that wait; and the pairs of a field among them.
     std::size_t pending() const;
+    std::size_t pending_pairs(int field) const;
 
     /// The largest delay of a byte pair or construct so far, in output pictures after the first picture
     /// that could have taken it.
     std::int64_t largest_delay() const { return largest_delay_; }
 
+    /// Repetitions of a field's control pairs that were left out to make up for a delay.
+    std::size_t repetitions_left_out(int field) const { return fields_[field].repetitions_left_out; }
+
 private:
-    struct Pair {
+    // A pair, or a control pair with its repetition; they are moved together.
+    struct Unit {
         Word word;
-        std::int64_t frame;
-        bool follows_directly;  // no slack between this pair and the one before
+        int length;             // 1 or 2 slots
+        int idle_before;        // idle slots needed after the unit before
+        bool displays_at_once;  // must not be early
+        std::int64_t frame;     // from which on it may be seen
+        std::int64_t late;      // source pictures by which that is after the time asked
+        bool begun = false;     // the first transmission has gone
     };
 
     struct FieldQueue {
-        std::deque<Pair> pairs;
+        std::deque<Unit> units;
+        LoadingState loading;
         std::int64_t newest_frame = 0;
         bool newest_was_pair = false;
-        Word sent_in_last_slot = 0;
-        bool repetition_expected = false;
+        Word newest_word = 0;
+        bool newest_may_repeat = false;  // the newest unit is a control pair, so far sent once
+        std::int64_t free_slot = 0;      // of the output: the first after the pair pulled last
+        std::size_t repetitions_left_out = 0;
     };
 
     struct TimedConstruct {
@@ -88,15 +126,19 @@ private:
         std::int64_t frame;
     };
 
-    void push_pair(int field, std::int64_t frame, Word word);
-    Word take_pair(int field, std::int64_t picture);
-    bool must_wait(const FieldQueue& queue, std::int64_t next_slot) const;
-    void note_delay(std::int64_t frame, std::int64_t picture, const FieldSlots& slots);
+    void push_construct(std::int64_t frame, const Cea708Construct& construct);
+    void push_pair(int field, std::int64_t frame, Word word, std::int64_t late);
+    void take_pair(int field, std::int64_t picture, PictureWrites& writes);
+    bool may_begin(int field, std::int64_t slot) const;
+    bool repeats(int field, std::int64_t slot) const;
+    bool repetition_may_follow(int field) const;
+    std::int64_t repetition_frame(int field) const;
+    std::int64_t due_slot(int field, std::int64_t frame) const;
+    std::int64_t latest_slot(int field, std::size_t first, std::int64_t longest_load) const;
 
     FrameRate source_;
     FrameRate output_;
     PictureBudget budget_;
-    int source_step_;
     FieldQueue fields_[2];
     std::deque<TimedConstruct> cea708_;
     std::int64_t pushed_frame_ = -1;
@@ -104,10 +146,8 @@ private:
     bool finished_ = false;
 };
 
-/// Brings a known programme to another rate with foresight. Where the output has fewer slots per second
-/// than the source, text that is loaded out of sight (pop-on) is sent earlier, so that the caption still
-/// appears on its picture; what is displayed at once is never early. The order within a field stays. What
-/// comes later than asked is added to the report as one warning. The result, at rate `output`, obeys the
+/// Brings a known programme to another rate, with full foresight. What comes later than asked says so in its
+/// event, and is added to the report as one warning for a field. The result, at rate `output`, obeys the
 /// picture budget and passes a Repacer(output, output) unchanged.
 Schedule retime(const Schedule& schedule, FrameRate output, Report& report);
 

@@ -28,6 +28,10 @@ enum class WarningKind {
     kParity,             ///< byte pairs came with wrong parity
     kBeforeStart,        ///< captions lie before the start of the video
     kIgnoredData,        ///< data of a kind that is not carried
+    kTimeCodes,          ///< time codes that contradict each other or do not exist were put right
+    kOtherField,         ///< commands of one field were made those of the other
+    kRewrappedCues,      ///< cues of several rows were wrapped to fewer
+    kNoCaptions,         ///< a file has no captions
 };
 
 struct Warning {

@@ -18,6 +18,22 @@ namespace {
 constexpr std::string_view kHeader = "Scenarist_SCC V1.0";
 constexpr std::int64_t kLongestBridgedGap = 2;
 
+// The separator before the frames tells how they are counted: ':' without drop-frame, ';' with it, and so do
+// the '.' and ',' of some writers.
+bool says_drop_frame(std::string_view timecode) {
+    constexpr std::size_t kBeforeFrames = 8;
+    return timecode.size() > kBeforeFrames && timecode[kBeforeFrames] != ':';
+}
+
+std::string with_colons(std::string_view timecode) {
+    std::string text(timecode);
+    std::replace_if(
+        text.begin(), text.end(), [](char c) { return c == ';' || c == '.' || c == ','; }, ':');
+    return text;
+}
+
+std::string_view first_word(std::string_view line) { return line.substr(0, line.find_first_of(" \t")); }
+
 class SccParser {
 public:
     SccParser(const std::string& name, const SccReadOptions& options, Report& report)
@@ -25,16 +41,44 @@ public:
 
     Schedule parse(std::string_view text) {
         const std::vector<std::string> lines = split_lines(text, name_);
-        if (lines.empty() || !trim(lines[0]).starts_with("Scenarist_SCC"))
+        const auto head = std::find_if(lines.begin(), lines.end(),
+                                       [](const std::string& line) { return !trim(line).empty(); });
+        if (head == lines.end() || !lower_case(trim(*head)).starts_with("scenarist_scc"))
             throw FileError(name_, 1, fmt::format("not an SCC file: the first line must be \"{}\"", kHeader));
-        for (std::size_t i = 1; i < lines.size(); ++i)
-            if (const std::string_view line = trim(lines[i]); !line.empty())
-                parse_line(line, static_cast<int>(i) + 1);
+        std::vector<Line> coded;
+        for (auto line = head + 1; line != lines.end(); ++line)
+            if (const std::string_view trimmed = trim(*line); !trimmed.empty())
+                coded.push_back({trimmed, static_cast<int>(line - lines.begin()) + 1});
+        choose_counting(coded);
+        for (const Line& line : coded) parse_line(line.text, line.number);
         report_totals();
         return std::move(schedule_);
     }
 
 private:
+    struct Line {
+        std::string_view text;
+        int number;
+    };
+
+    // One programme counts in one way, so that separators in the minority are slips of the pen. To follow
+    // them would move their lines by up to 3.6 seconds per hour of time code.
+    void choose_counting(const std::vector<Line>& lines) {
+        const auto drop_frame = [](const Line& line) { return says_drop_frame(first_word(line.text)); };
+        const auto dropping = std::count_if(lines.begin(), lines.end(), drop_frame);
+        const auto others = static_cast<std::ptrdiff_t>(lines.size()) - dropping;
+        drop_frame_ = dropping > others || (dropping == others && dropping > 0 && drop_frame(lines.front()));
+        if (options_.start) start_frame_ = frame_counted(*options_.start, options_.rate, drop_frame_);
+        if (dropping == 0 || others == 0) return;
+        const auto slip = std::find_if(lines.begin(), lines.end(),
+                                       [&](const Line& line) { return drop_frame(line) != drop_frame_; });
+        report_.add(
+            WarningKind::kTimeCodes, name_, slip->number,
+            fmt::format("drop-frame time codes ({} lines) and non-drop ones ({} lines) are mixed, the "
+                        "first of the fewer here: all are taken for {}",
+                        dropping, others, drop_frame_ ? "drop-frame" : "non-drop"));
+    }
+
     void parse_line(std::string_view line, int number) {
         const std::size_t end = line.find_first_of(" \t");
         const Timecode timecode = line_timecode(line.substr(0, end), number);
@@ -60,26 +104,18 @@ private:
         }
     }
 
-    Timecode line_timecode(std::string_view text, int number) {
-        Timecode timecode;
-        try {
-            timecode = parse_timecode(text, options_.rate);
-        } catch (const std::invalid_argument& error) {
-            throw FileError(name_, number, error.what());
-        }
-        if (drop_frame_.value_or(timecode.drop_frame) != timecode.drop_frame)
-            throw FileError(name_, number,
-                            fmt::format("time code {} is {}drop-frame, those before are not: use the same "
-                                        "separator before the frames "
-                                        "in the whole file",
-                                        text, timecode.drop_frame ? "" : "non-"));
-        if (!drop_frame_ && options_.start) {
-            Timecode start = *options_.start;
-            start.drop_frame = timecode.drop_frame;
-            start_frame_ = timecode_to_frame(start, options_.rate);
-        }
-        drop_frame_ = timecode.drop_frame;
-        return timecode;
+    Timecode line_timecode(std::string_view text, int number) const try {
+        Timecode timecode = parse_timecode(with_colons(text), options_.rate);
+        timecode.drop_frame = drop_frame_;
+        const std::string written = format_timecode(timecode);
+        while (!is_counted(timecode, options_.rate)) ++timecode.frames;
+        if (const std::string taken = format_timecode(timecode); taken != written)
+            report_.add(WarningKind::kTimeCodes, name_, number,
+                        fmt::format("drop-frame counting leaves out time code {}: it is taken for {}",
+                                    written, taken));
+        return parse_timecode(format_timecode(timecode), options_.rate);  // drop-frame is not for every rate
+    } catch (const std::invalid_argument& error) {
+        throw FileError(name_, number, error.what());
     }
 
     void add_pair(std::string_view text, int number) {
@@ -116,7 +152,7 @@ private:
     std::int64_t start_frame_ = 0;
     std::int64_t newest_line_ = std::numeric_limits<std::int64_t>::min();
     std::int64_t next_frame_ = std::numeric_limits<std::int64_t>::min();
-    std::optional<bool> drop_frame_;
+    bool drop_frame_ = false;
     int wrong_parity_ = 0;
     int wrong_parity_line_ = 0;
     int before_start_ = 0;

@@ -7,7 +7,9 @@
 ///
 ///     00:00:01;10<TAB>9420 9420 94ae 94ae 9470 9470 c8e5 ecec ef80 942f 942f
 ///
-/// A file holds one field. Time codes are drop-frame (';') or not (':'), the same throughout the file.
+/// A file holds one field. Time codes are drop-frame (';', with some writers '.' or ',') or not (':'), the
+/// same throughout the file: where a file mixes them, all its lines are read as the most of them are, or, in
+/// a tie, as the first.
 ///
 /// Example:
 ///     Schedule schedule = read_scc("news.scc", {}, report);
@@ -29,9 +31,11 @@ struct SccReadOptions {
     std::optional<Timecode> start{};
 };
 
-/// Reads a file's text; `name` stands for it in errors and warnings. Throws FileError. Reported: pairs
-/// before the start (left out), pairs with wrong parity (taken, with parity put right), and lines whose
-/// pairs must wait because the line before is still being sent.
+/// Reads a file's text; `name` stands for it in errors and warnings. Throws FileError, and
+/// std::invalid_argument for a start time code that the file's counting does not have. Reported: pairs before
+/// the start (left out), pairs with wrong parity (taken, with parity put right), lines whose pairs must wait
+/// because the line before is still being sent, mixed time codes, and time codes that drop-frame counting
+/// leaves out (taken for the first of their minute).
 Schedule parse_scc(std::string_view text, const std::string& name, const SccReadOptions& options,
                    Report& report);
 

@@ -43,6 +43,7 @@ struct Eia608Event {
     std::int64_t frame;
     std::uint8_t field;
     Word word;
+    std::int64_t late = 0;  ///< frames after the first that could have carried it at the time asked
 
     friend bool operator==(const Eia608Event&, const Eia608Event&) = default;
 };

@@ -4,7 +4,7 @@
 #include <charconv>
 #include <cmath>
 #include <iterator>
-#include <span>
+#include <stdexcept>
 
 #include <fmt/format.h>
 
@@ -17,9 +17,10 @@ namespace {
 
 constexpr std::string_view kArrow = "-->";
 
+bool is_digit(char c) { return c >= '0' && c <= '9'; }
+
 bool is_digits(std::string_view text) {
-    return !text.empty() &&
-           std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+    return !text.empty() && std::all_of(text.begin(), text.end(), is_digit);
 }
 
 std::optional<int> to_int(std::string_view text) {
@@ -29,12 +30,12 @@ std::optional<int> to_int(std::string_view text) {
     return value;
 }
 
-// "[HH:]MM:SS,mmm" or with a point, in milliseconds.
+// "[HH:]MM:SS,mmm" or with a point, in milliseconds. Some writers leave out milliseconds that are zero.
 std::optional<std::int64_t> parse_clock(std::string_view text) {
-    const std::size_t point = text.find_first_of(",.");
-    if (point == text.npos || text.size() - point != 4 || !is_digits(text.substr(point + 1)))
-        return std::nullopt;
-    const int milliseconds = *to_int(text.substr(point + 1));
+    const std::size_t point = std::min(text.find_first_of(",."), text.size());
+    const std::string_view fraction = point < text.size() ? text.substr(point + 1) : "000";
+    if (fraction.size() != 3 || !is_digits(fraction)) return std::nullopt;
+    const int milliseconds = *to_int(fraction);
     std::int64_t seconds = 0;
     int parts = 0;
     for (std::string_view rest = text.substr(0, point); parts < 4; ++parts) {
@@ -167,28 +168,95 @@ private:
     int italics_ = 0;
 };
 
-// The lines of a file, block by block; a block is a run of lines that are not empty.
-class Blocks {
-public:
-    Blocks(const std::vector<std::string>& lines, std::size_t first) : lines_(lines), at_(first) {}
+bool is_blank(std::string_view line) { return trim(line).empty(); }
 
-    std::span<const std::string> next() {
-        while (at_ < lines_.size() && trim(lines_[at_]).empty()) ++at_;
-        first_ = at_;
-        while (at_ < lines_.size() && !trim(lines_[at_]).empty()) ++at_;
-        return std::span(lines_).subspan(first_, at_ - first_);
+// Whether the line is a time line, or was meant to be one: it has an arrow and a clock, right or wrong.
+bool looks_like_times(std::string_view line) {
+    if (line.find("->") == line.npos) return false;
+    for (std::size_t at = line.find(':'); at != line.npos; at = line.find(':', at + 1))
+        if (at > 0 && at + 1 < line.size() && is_digit(line[at - 1]) && is_digit(line[at + 1])) return true;
+    return false;
+}
+
+// The lines of a file, with what each is by the ones around it. Lines count from 0.
+class Lines {
+public:
+    Lines(const std::vector<std::string>& lines, Markup markup) : lines_(lines), markup_(markup) {}
+
+    std::size_t count() const { return lines_.size(); }
+    std::string_view text(std::size_t at) const { return trim(lines_[at]); }
+    bool blank(std::size_t at) const { return at >= count() || is_blank(lines_[at]); }
+    bool after_blank(std::size_t at) const { return at == 0 || blank(at - 1); }
+    // Within a paragraph a damaged arrow is more likely to be text.
+    bool times(std::size_t at) const {
+        return at < count() && looks_like_times(lines_[at]) &&
+               (lines_[at].find(kArrow) != std::string::npos || after_blank(at) || is_digits(text(at - 1)));
     }
 
-    int line_number(std::size_t line_of_block) const { return static_cast<int>(first_ + line_of_block) + 1; }
+    bool identifier(std::size_t at) const {
+        const bool any_text = markup_ == Markup::kWebVtt && after_blank(at);
+        return (is_digits(text(at)) || any_text) && times(at + 1);
+    }
+
+    // The first line of a block that is not a cue. It ends at the next empty line.
+    bool other_block(std::size_t at) const {
+        if (markup_ != Markup::kWebVtt || !after_blank(at)) return false;
+        const std::string_view line = lines_[at];
+        return line == "STYLE" || line == "REGION" || line == "NOTE" || line.starts_with("NOTE ") ||
+               line.starts_with("NOTE\t");
+    }
 
 private:
     const std::vector<std::string>& lines_;
-    std::size_t at_;
-    std::size_t first_ = 0;
+    Markup markup_;
 };
 
-void parse_time_line(Cue& cue, std::string_view text, const std::string& name, int number) {
+// A cue by its lines, or text that belongs to none, which has no time line.
+struct CueLines {
+    std::optional<std::size_t> times;
+    std::vector<std::size_t> text;
+};
+
+// An empty line does not end a cue, the beginning of the next one does: authors part paragraphs within a cue.
+std::vector<CueLines> split_cues(const Lines& lines, std::size_t first) {
+    std::vector<CueLines> cues;
+    int newest_number = 0;
+    bool in_cue = false;
+    for (std::size_t at = first; at < lines.count(); ++at) {
+        if (lines.blank(at)) continue;
+        if (lines.other_block(at)) {
+            while (!lines.blank(at + 1)) ++at;
+            in_cue = false;
+            continue;
+        }
+        const std::optional<int> number = to_int(lines.text(at));
+        if (lines.times(at)) {
+            cues.push_back({at, {}});
+            in_cue = true;
+        } else if (lines.identifier(at)) {
+            newest_number = number.value_or(newest_number);
+        } else if (!in_cue || (lines.after_blank(at) && newest_number > 0 && number == newest_number + 1)) {
+            // Also a cue's number, as it is due, without its time line.
+            newest_number = number.value_or(newest_number);
+            cues.push_back({std::nullopt, {at}});
+            in_cue = true;
+        } else {
+            cues.back().text.push_back(at);
+        }
+    }
+    return cues;
+}
+
+std::string_view time_line_example(Markup markup) {
+    return markup == Markup::kSubRip ? "00:00:01,000 --> 00:00:03,500" : "00:01.000 --> 00:03.500";
+}
+
+// Throws std::invalid_argument, with a text that says what to change.
+void parse_time_line(Cue& cue, std::string_view text, Markup markup) {
     const std::size_t arrow = text.find(kArrow);
+    if (arrow == text.npos)
+        throw std::invalid_argument(fmt::format("expected a time line such as {}, found \"{}\"",
+                                                time_line_example(markup), trim(text)));
     const std::string_view begin_text = trim(text.substr(0, arrow));
     std::string_view rest = trim(text.substr(arrow + kArrow.size()));
     const std::string_view end_text = rest.substr(0, rest.find_first_of(" \t"));
@@ -196,19 +264,15 @@ void parse_time_line(Cue& cue, std::string_view text, const std::string& name, i
 
     const auto begin = parse_clock(begin_text), end = parse_clock(end_text);
     if (!begin || !end)
-        throw FileError(
-            name, number,
-            fmt::format(
-                "\"{}\" is not a time: write hours, minutes, seconds and milliseconds such as 00:01:02.345",
-                begin ? end_text : begin_text));
+        throw std::invalid_argument(fmt::format(
+            "\"{}\" is not a time: write hours, minutes, seconds and milliseconds such as 00:01:02.345",
+            begin ? end_text : begin_text));
     if (*end <= *begin)
-        throw FileError(
-            name, number,
+        throw std::invalid_argument(
             fmt::format("the cue ends at {}, which is not after its begin at {}: correct one of the times",
                         end_text, begin_text));
     cue.begin_ms = *begin;
     cue.end_ms = *end;
-    cue.source_line = number;
     while (!(rest = trim(rest)).empty()) {
         const std::string_view setting = rest.substr(0, rest.find_first_of(" \t"));
         apply_setting(cue, setting);
@@ -216,69 +280,113 @@ void parse_time_line(Cue& cue, std::string_view text, const std::string& name, i
     }
 }
 
-// A block whose first or second line is a time line.
-void add_cue(std::vector<Cue>& cues, std::span<const std::string> block, const Blocks& blocks, Markup markup,
-             const std::string& name) {
-    const bool has_identifier = block[0].find(kArrow) == std::string::npos;
-    const std::size_t time_line = has_identifier ? 1 : 0;
-    Cue cue;
-    parse_time_line(cue, block[time_line], name, blocks.line_number(time_line));
-    TextParser text(cue, markup);
-    for (std::size_t i = time_line + 1; i < block.size(); ++i)
-        text.add_line(decode_utf8(trim(block[i]), name, blocks.line_number(i)));
-    if (!cue.lines.empty()) cues.push_back(std::move(cue));
+// The text of a cue on one line, or the beginning of it.
+std::string quoted_text(const Cue& cue) {
+    constexpr std::size_t kLongest = 80;
+    std::u32string text;
+    for (const StyledLine& line : cue.lines) {
+        if (!text.empty()) text += U" / ";
+        for (const StyledCharacter& c : line) text.push_back(c.character);
+    }
+    if (text.size() > kLongest) text = text.substr(0, kLongest) + U"...";
+    return fmt::format("\"{}\"", encode_utf8(text));
 }
 
-bool has_time_line(std::span<const std::string> block) {
-    return block[0].find(kArrow) != std::string::npos ||
-           (block.size() > 1 && block[1].find(kArrow) != std::string::npos);
+// Reads cues, and keeps account of what cannot be read.
+class CueReader {
+public:
+    CueReader(const Lines& lines, Markup markup, const std::string& name)
+        : lines_(lines), markup_(markup), name_(name) {}
+
+    void read(const CueLines& found) {
+        Cue cue;
+        const std::size_t head = found.times ? *found.times : found.text.front();
+        cue.source_line = line_number(head);
+        try {
+            // Settings of the time line come first: SubRip's markup in the text overrides them.
+            if (found.times) parse_time_line(cue, lines_.text(head), markup_);
+        } catch (const std::invalid_argument& error) {
+            return leave_out(cue, found, error.what());
+        }
+        if (!found.times) return leave_out_text(cue, found);
+        read_text(cue, found);
+        if (!cue.lines.empty()) cues_.push_back(std::move(cue));
+    }
+
+    // The cues; what was left out goes into the report. Throws FileError when nothing else is left.
+    std::vector<Cue> take(Report& report) {
+        if (const auto& problems = problems_.warnings(); cues_.empty() && !problems.empty())
+            throw FileError(name_, problems.front().line,
+                            fmt::format("{} (no cue of the file can be shown)", problems.front().text));
+        for (const Warning& warning : problems_.warnings())
+            report.add(warning.kind, warning.file, warning.line, warning.text);
+        return std::move(cues_);
+    }
+
+private:
+    static int line_number(std::size_t at) { return static_cast<int>(at) + 1; }
+
+    void read_text(Cue& cue, const CueLines& found) const {
+        TextParser parser(cue, markup_);
+        for (const std::size_t at : found.text)
+            parser.add_line(decode_utf8(lines_.text(at), name_, line_number(at)));
+    }
+
+    void leave_out(Cue& cue, const CueLines& found, std::string_view reason) {
+        read_text(cue, found);
+        problems_.add(WarningKind::kDroppedCue, name_, cue.source_line,
+                      fmt::format("{}; the cue {} is left out", reason, quoted_text(cue)));
+    }
+
+    void leave_out_text(Cue& cue, CueLines found) {
+        // A number may be that of a cue, whose time line is then missing in the line after it.
+        if (found.text.size() > 1 && is_digits(lines_.text(found.text.front())))
+            found.text.erase(found.text.begin());
+        cue.source_line = line_number(found.text.front());
+        read_text(cue, found);
+        problems_.add(WarningKind::kDroppedCue, name_, cue.source_line,
+                      fmt::format("expected a time line such as {}, found {}, which is left out",
+                                  time_line_example(markup_), quoted_text(cue)));
+    }
+
+    const Lines& lines_;
+    Markup markup_;
+    const std::string& name_;
+    std::vector<Cue> cues_;
+    Report problems_;
+};
+
+std::vector<Cue> read_cues(const std::vector<std::string>& text_lines, std::size_t first, Markup markup,
+                           const std::string& name, Report& report) {
+    const Lines lines(text_lines, markup);
+    CueReader reader(lines, markup, name);
+    for (const CueLines& found : split_cues(lines, first)) reader.read(found);
+    return reader.take(report);
 }
 
 }  // namespace
 
-std::vector<Cue> parse_srt(std::string_view text, const std::string& name) {
-    const std::vector<std::string> lines = split_lines(text, name);
-    std::vector<Cue> cues;
-    Blocks blocks(lines, 0);
-    for (auto block = blocks.next(); !block.empty(); block = blocks.next()) {
-        if (!has_time_line(block)) {
-            const std::size_t line = block.size() > 1 && is_digits(trim(block[0])) ? 1 : 0;
-            throw FileError(name, blocks.line_number(line),
-                            fmt::format("expected a time line such as 00:00:01,000 --> 00:00:03,500, found "
-                                        "\"{}\" (an empty line ends a "
-                                        "cue)",
-                                        trim(block[line])));
-        }
-        add_cue(cues, block, blocks, Markup::kSubRip, name);
-    }
-    return cues;
+std::vector<Cue> parse_srt(std::string_view text, const std::string& name, Report& report) {
+    return read_cues(split_lines(text, name), 0, Markup::kSubRip, name, report);
 }
 
-std::vector<Cue> parse_webvtt(std::string_view text, const std::string& name) {
+std::vector<Cue> parse_webvtt(std::string_view text, const std::string& name, Report& report) {
     const std::vector<std::string> lines = split_lines(text, name);
     const bool is_webvtt = !lines.empty() && (lines[0] == "WEBVTT" || lines[0].starts_with("WEBVTT ") ||
                                               lines[0].starts_with("WEBVTT\t"));
     if (!is_webvtt) throw FileError(name, 1, "not a WebVTT file: the first line must begin with \"WEBVTT\"");
-    std::vector<Cue> cues;
-    Blocks blocks(lines, 0);
-    blocks.next();  // the header
-    for (auto block = blocks.next(); !block.empty(); block = blocks.next()) {
-        const bool other = block[0] == "STYLE" || block[0] == "REGION" || block[0] == "NOTE" ||
-                           block[0].starts_with("NOTE ") || block[0].starts_with("NOTE\t");
-        if (other) continue;
-        if (!has_time_line(block))
-            throw FileError(name, blocks.line_number(0),
-                            fmt::format("expected a time line such as 00:01.000 --> 00:03.500, found \"{}\" "
-                                        "(an empty line ends a cue)",
-                                        trim(block[0])));
-        add_cue(cues, block, blocks, Markup::kWebVtt, name);
-    }
-    return cues;
+    std::size_t first = 1;
+    while (first < lines.size() && !is_blank(lines[first]) && !looks_like_times(lines[first])) ++first;
+    return read_cues(lines, first, Markup::kWebVtt, name, report);
 }
 
-std::vector<Cue> read_srt(const std::string& path) { return parse_srt(read_file(path), path); }
+std::vector<Cue> read_srt(const std::string& path, Report& report) {
+    return parse_srt(read_file(path), path, report);
+}
 
-std::vector<Cue> read_webvtt(const std::string& path) { return parse_webvtt(read_file(path), path); }
+std::vector<Cue> read_webvtt(const std::string& path, Report& report) {
+    return parse_webvtt(read_file(path), path, report);
+}
 
 std::string plain_text(const StyledLine& line) {
     std::u32string text;

@@ -8,13 +8,16 @@
 /// "vertical", "region", styles, notes, voices, ruby structure, bold, underline, colours.
 ///
 /// Example:
-///     std::vector<Cue> cues = read_srt("film.srt");
+///     Report report;
+///     std::vector<Cue> cues = read_srt("film.srt", report);
 
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "report.h"
 
 namespace gsve::captions {
 
@@ -37,13 +40,16 @@ struct Cue {
     int source_line = 0;  ///< of the time line in the file
 };
 
-/// Read a file's text; `name` stands for it in errors. Cues without text are left out. Throw FileError.
-std::vector<Cue> parse_srt(std::string_view text, const std::string& name);
-std::vector<Cue> parse_webvtt(std::string_view text, const std::string& name);
+/// Read a file's text; `name` stands for it in errors and warnings. Text after an empty line belongs to the
+/// cue before it, until the next cue begins. Cues without text are left out. Reported: cues that cannot be
+/// read or that do not end after their begin, and text that belongs to no cue, both left out. Throw FileError
+/// when there is nothing but such cues or text, and for a file that is not UTF-8 or, WebVTT, has no header.
+std::vector<Cue> parse_srt(std::string_view text, const std::string& name, Report& report);
+std::vector<Cue> parse_webvtt(std::string_view text, const std::string& name, Report& report);
 
 /// Read the file at `path` likewise.
-std::vector<Cue> read_srt(const std::string& path);
-std::vector<Cue> read_webvtt(const std::string& path);
+std::vector<Cue> read_srt(const std::string& path, Report& report);
+std::vector<Cue> read_webvtt(const std::string& path, Report& report);
 
 /// A styled line without its styles, as UTF-8.
 std::string plain_text(const StyledLine& line);

@@ -79,6 +79,12 @@ std::string_view trim(std::string_view text) {
     return text.substr(first, text.find_last_not_of(" \t") - first + 1);
 }
 
+std::string lower_case(std::string_view text) {
+    std::string lower(text);
+    for (char& c : lower) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    return lower;
+}
+
 std::u32string decode_utf8(std::string_view text, std::string_view name, int line) {
     std::u32string decoded;
     while (!text.empty()) {

@@ -35,6 +35,9 @@ std::vector<std::string> split_lines(std::string_view text, std::string_view nam
 /// The text without spaces and tabs at both ends.
 std::string_view trim(std::string_view text);
 
+/// The text with its ASCII capitals as small letters.
+std::string lower_case(std::string_view text);
+
 /// Decodes one line of UTF-8. Throws FileError, with the line, the column and the remedy, when it is not.
 std::u32string decode_utf8(std::string_view text, std::string_view name, int line);
 

@@ -77,12 +77,17 @@ Timecode parse_timecode(std::string_view text, FrameRate rate) {
             fmt::format("drop-frame time code \"{}\" needs 29.97 or 59.94 frames per second, not {:.6g}: "
                         "write it with ':' before the frames",
                         text, rate.per_second()));
-    const int dropped = dropped_per_minute(rate);
-    if (seconds == 0 && minutes % 10 != 0 && frames < dropped)
+    const Timecode timecode{hours, minutes, seconds, frames, true};
+    if (!is_counted(timecode, rate))
         throw std::invalid_argument(
             fmt::format("drop-frame counting leaves out time code \"{}\": the minute begins with frame {:02}",
-                        text, dropped));
-    return {hours, minutes, seconds, frames, true};
+                        text, dropped_per_minute(rate)));
+    return timecode;
+}
+
+bool is_counted(const Timecode& timecode, FrameRate rate) {
+    return !timecode.drop_frame || timecode.seconds != 0 || timecode.minutes % 10 == 0 ||
+           timecode.frames >= dropped_per_minute(rate);
 }
 
 std::string format_timecode(const Timecode& timecode) {
@@ -95,6 +100,12 @@ std::int64_t timecode_to_frame(const Timecode& timecode, FrameRate rate) {
     const std::int64_t number = (minutes * 60 + timecode.seconds) * nominal_rate(rate) + timecode.frames;
     if (!timecode.drop_frame) return number;
     return number - dropped_per_minute(rate) * (minutes - minutes / 10);
+}
+
+std::int64_t frame_counted(const Timecode& timecode, FrameRate rate, bool drop_frame) {
+    Timecode counted = timecode;
+    counted.drop_frame = drop_frame;
+    return timecode_to_frame(parse_timecode(format_timecode(counted), rate), rate);
 }
 
 Timecode frame_to_timecode(std::int64_t frame, FrameRate rate, bool drop_frame) {
