@@ -19,6 +19,7 @@ extern "C" {
 #include "stop.h"
 #include "summary.h"
 #include "timecode_feed.h"
+#include "vbv_delay.h"
 
 namespace gsve::cli {
 namespace {
@@ -104,21 +105,16 @@ void check_output(const EncodeOptions& options) {
         throw UsageError(fmt::format("{} exists: give -y to overwrite it", options.output));
 }
 
-/// At a constant rate, libavcodec's MPEG-2 encoder ends the process when one picture takes more than about
-/// 0.73 s of the rate (vbv_delay is 16 bits of a 90 kHz clock). Even at the coarsest quantiser, an I-picture
-/// may take around half a bit per sample. Quiet or not, a user has to know why no file came out.
-void warn_of_starvation(const Host& host) {
-    constexpr double kLongestDelay = 65535 / 90000.0;
-    constexpr double kBitsPerSample = 0.6;
-    const int lowest = host.min_bitrate >= 0 ? host.min_bitrate : host.bitrate;
-    const int highest = host.max_bitrate >= 0 ? host.max_bitrate : host.bitrate;
-    const double samples = static_cast<double>(host.input_width) * host.input_height;
-    if (host.codec_id != kMpeg2 || lowest != highest || host.resize_width > 0) return;
-    if (kLongestDelay * host.bitrate >= kBitsPerSample * samples) return;
-    fmt::print(stderr,
-               "gsve: {} bits/s is very little for {}x{} MPEG-2 at a constant rate, and the codec may "
-               "give up: raise \"bitrate\", or --set \"min bitrate=0\"\n",
-               host.bitrate, host.input_width, host.input_height);
+/// Quiet or not, a user has to know why no file came out.
+void warn_of_long_pictures(const Host& host) {
+    const VbvDelayAdvice advice = vbv_delay_advice(host);
+    if (!advice.needed) return;
+    fmt::print(
+        stderr,
+        "gsve: at a constant {} bits/s a noisy picture can take more than the {:.2f} s that MPEG-2 has "
+        "for it, and libavcodec then ends the program: --set \"min bitrate=0\", or --set \"buffer "
+        "size={}\", or give {} bits/s\n",
+        host.bitrate, kLongestVbvDelay, advice.buffer_size, advice.bitrate);
 }
 
 /// Why the codec may have refused, the likeliest first.
@@ -196,7 +192,7 @@ int encode(const EncodeOptions& options) {
     choose_caption_forms(host, settings, options.captions.carry_over,
                          source.has_captions() || !options.captions.files.empty());
     host.global_header = format.wants_global_header();
-    warn_of_starvation(host);
+    warn_of_long_pictures(host);
     open_encoder(host, source.first());
     CaptionFeed captions(options.captions, source, host);
     source.read_ahead(captions.foresight());

@@ -6,7 +6,10 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
+#include <fstream>
 #include <numeric>
+#include <random>
 #include <regex>
 #include <thread>
 
@@ -338,19 +341,47 @@ TEST_F(EncodeCommand, GoesOnWhereARecordingsClockRestarts) {
     expect_pictures(decode_clip(out), format, twice, 30);
 }
 
-TEST_F(EncodeCommand, WarnsOfAConstantRateTooLowForMpeg2) {
-    const std::string in = y4m({.width = 320, .height = 240}, 3);
-    const std::vector<std::string> starved = {"encode", in,      directory / "out.m2v",
-                                              "-y",     "--set", "bitrate=40000"};
-    EXPECT_THAT(run(starved).err, HasSubstr("40000 bits/s is very little for 320x240 MPEG-2"));
-    std::vector<std::string> quiet = starved;
-    quiet.push_back("--quiet");
-    EXPECT_THAT(run(quiet).err, HasSubstr("40000 bits/s is very little for 320x240 MPEG-2"));
-    std::vector<std::string> variable = starved;
-    variable.insert(variable.end(), {"--set", "min bitrate=0"});
-    const ProgramResult result = run(variable);
-    EXPECT_EQ(result.status, 0);
-    EXPECT_THAT(result.err, Not(HasSubstr("very little")));
+/// A y4m file of pictures whose samples are black or white at random, the hardest that there is to code.
+std::string noise(const std::string& path, int width, int height, int pictures) {
+    std::ofstream file(path, std::ios::binary);
+    file << "YUV4MPEG2 W" << width << " H" << height << " F25:1 Ip A1:1 C420jpeg\n";
+    std::mt19937 random(1);
+    for (int n = 0; n < pictures; n++) {
+        file << "FRAME\n";
+        for (int i = 0; i < width * height * 3 / 2; i++) file.put(random() % 2 == 0 ? '\0' : '\xff');
+    }
+    return path;
+}
+
+TEST_F(EncodeCommand, WarnsOfAConstantMpeg2RateThatNoiseWouldBreak) {
+    const std::string in = noise(directory / "noise.y4m", 320, 240, 4);
+    const std::vector<std::string> command = {"encode", in, directory / "out.m2v", "-y", "--codec", "mpeg-2"};
+    const auto with = [&](const std::vector<std::string>& more) {
+        std::vector<std::string> whole = command;
+        whole.insert(whole.end(), more.begin(), more.end());
+        return run(whole);
+    };
+    // 320 x 240 x 1.5 samples of 3.8 bits in 65535 / 90000 s.
+    const std::string said = "at a constant 200000 bits/s a noisy picture can take more than the 0.73 s";
+    for (const char* loudness : {"--verbose", "--quiet"}) {
+        const ProgramResult broken = with({"--set", "bitrate=200000", loudness});
+        EXPECT_EQ(broken.status, 128 + SIGABRT);
+        EXPECT_THAT(broken.err, HasSubstr(said));
+        EXPECT_THAT(broken.err, HasSubstr("--set \"min bitrate=0\", or --set \"buffer size=145635\", or give "
+                                          "601182 bits/s"));
+    }
+    const std::vector<std::string> remedies[] = {
+        {"--set", "bitrate=200000", "--set", "min bitrate=0"},
+        {"--set", "bitrate=200000", "--set", "buffer size=145635"},
+        {"--set", "bitrate=601182"},
+    };
+    for (const std::vector<std::string>& remedy : remedies) {
+        const ProgramResult result = with(remedy);
+        EXPECT_EQ(result.status, 0) << remedy.back() << ": " << result.err;
+        EXPECT_THAT(result.err, Not(HasSubstr("noisy"))) << remedy.back();
+    }
+    EXPECT_EQ(with({"--set", "bitrate=200000", "--set", "buffer size=145634"}).status, 128 + SIGABRT);
+    EXPECT_THAT(with({"--set", "bitrate=200000", "--codec", "h.264"}).err, Not(HasSubstr("noisy")));
 }
 
 TEST_F(EncodeCommand, ShowsProgressOnATerminal) {
