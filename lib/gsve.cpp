@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <iterator>
 #include <memory>
 #include <new>
 #include <string_view>
@@ -56,6 +57,10 @@ constexpr size_t kHeadRoom = 8192;
 /// Side data and timestamps of this many pictures wait for their packets, which covers reordering and
 /// look-ahead.
 constexpr uint64_t kPicturesInFlight = 60;
+
+/// Timestamps that go back leave side data behind that is not older by its timestamp. With more records than
+/// this the one with the highest timestamp has waited for over 900 pictures, longer than any codec holds one.
+constexpr size_t kMostSideData = 1024;
 
 detail::FrameRate source_rate(const Encoder& e) { return {e.frame_rate_num, e.frame_rate_den}; }
 
@@ -145,6 +150,8 @@ void Encoder::begin_output() {
 
 namespace {
 
+using Timestamps = decltype(Encoder::pts_map);
+
 /// What one exchange with the codec brought.
 struct CodecExchange {
     int status = 0;           ///< 0, or the codec's error
@@ -160,7 +167,7 @@ void follow_aspect_and_field_order(Encoder& e, int flags);
 void reserve_side_data(Encoder& e, uint64_t pts);
 void store_side_data(Encoder& e, const char* function);
 bool drops_picture(Encoder& e);
-void remember_timestamp(Encoder& e);
+void remember_timestamp(Encoder& e, Timestamps made);
 CodecExchange encode_picture(Encoder& e, const char* function);
 bool receive_packet(Encoder& e, unsigned line, const char* function);
 void update_statistics(Encoder& e, double encode_seconds);
@@ -189,6 +196,8 @@ bool Encoder::write_video(const uint8_t* y, size_t y_stride, const uint8_t* u, s
         per_frame_rate_control ? frame_counter : (timestamp - first_timestamp) / frame_rate_divider;
     mpeg_packet->pts = mpeg_packet->dts = static_cast<int64_t>(pts);
     reserve_side_data(*this, pts);
+    Timestamps sent_timestamp;
+    if (per_frame_rate_control) sent_timestamp.emplace(frame_counter, timestamp - first_timestamp);
     prepare_planes(*this, {y, u, v}, {y_stride, u_stride, v_stride}, flags);
     request_picture_type(*this);
     mpeg_frame->pts = mpeg_packet->pts;
@@ -200,7 +209,7 @@ bool Encoder::write_video(const uint8_t* y, size_t y_stride, const uint8_t* u, s
     CodecExchange exchange;
     const uint64_t run = open_count;
     if (!dropped) {
-        if (per_frame_rate_control) remember_timestamp(*this);
+        remember_timestamp(*this, std::move(sent_timestamp));
         const uint64_t before = monotonic_clock_us();
         exchange = encode_picture(*this, __PRETTY_FUNCTION__);
         update_statistics(*this, static_cast<double>(monotonic_clock_us() - before) / 1e6);
@@ -394,21 +403,26 @@ void take_gop_timecode(Encoder& e, AuxData& record) {
     e.pending_gop_timecode.valid = 0;
 }
 
-/// Makes the picture's place in the map before its aspect ratio, captions and tag are taken, none of which
-/// may be lost to a lack of memory.
-void reserve_side_data(Encoder& e, uint64_t pts) { e.aux_data_map.try_emplace(pts); }
+/// Makes the picture's place in the map before its aspect ratio, captions, tag and time code are taken, none
+/// of which may be lost to a lack of memory.
+void reserve_side_data(Encoder& e, uint64_t pts) {
+    AuxData& record = e.aux_data_map[pts];
+    if (e.pending_gop_timecode.valid) record.gop_timecode.text.reserve(e.pending_gop_timecode.text.size());
+}
 
-/// Builds the picture's record and lets it wait for the packet.
+/// Fills the picture's place in the map, where the record waits for the packet. Allocates nothing: a text
+/// that is assigned keeps the room it has.
 void store_side_data(Encoder& e, const char* function) {
     const auto pts = static_cast<uint64_t>(e.mpeg_frame->pts);
-    AuxData record;
+    AuxData& record = e.aux_data_map[pts];
+    record = AuxData();
     take_captions(e, record);
     const uint64_t oldest_kept = pts > kPicturesInFlight ? pts - kPicturesInFlight : 0;
     e.aux_data_map.erase(e.aux_data_map.begin(), e.aux_data_map.lower_bound(oldest_kept));
+    if (e.aux_data_map.size() > kMostSideData) e.aux_data_map.erase(std::prev(e.aux_data_map.end()));
     record.host_frame_tag = std::exchange(e.host_frame_tag, kNoTag);
     take_scte20(e, record, function);
     take_gop_timecode(e, record);
-    e.aux_data_map.insert_or_assign(pts, std::move(record));
 }
 
 /// Whether the picture is dropped because the stream runs over its bit rate.
@@ -421,16 +435,26 @@ bool drops_picture(Encoder& e) {
     return false;
 }
 
-void remember_timestamp(Encoder& e) {
+/// Moves the entry that was made for a picture into the map, where one is kept.
+void remember_timestamp(Encoder& e, Timestamps made) {
+    if (made.empty()) return;
     if (e.frame_counter >= kPicturesInFlight)
         e.pts_map.erase(e.pts_map.begin(), e.pts_map.lower_bound(e.frame_counter - kPicturesInFlight));
-    e.pts_map[e.frame_counter] = e.last_relative_timestamp;
+    const auto placed = e.pts_map.insert(made.extract(made.begin()));
+    if (!placed.inserted) placed.position->second = placed.node.mapped();
 }
+
+/// False where the host gave less than three planes. libavcodec refuses such a picture as it copies it, but
+/// hands on one that is spared the copy.
+bool has_planes(const AVFrame& picture) { return picture.data[0] && picture.data[1] && picture.data[2]; }
 
 /// Sends the picture and receives at most one packet.
 CodecExchange encode_picture(Encoder& e, const char* function) {
     CodecExchange exchange;
-    exchange.status = avcodec_send_frame(e.mpeg_context, e.mpeg_frame);
+    const bool spared_copy = e.mpeg_frame->buf[0] != nullptr;
+    exchange.status = spared_copy && !has_planes(*e.mpeg_frame)
+                          ? AVERROR(EINVAL)
+                          : avcodec_send_frame(e.mpeg_context, e.mpeg_frame);
     if (exchange.status == 0) {
         const int received = avcodec_receive_packet(e.mpeg_context, e.mpeg_packet);
         if (received == 0)
@@ -727,6 +751,9 @@ bool Encoder::init_encoder() try {
     effective_gop_size = detail::effective_gop_size(gop_size, b_frames, closed_gop);
     last_error.clear();
     last_notes.clear();
+    // Room for every text that may follow: a lack of memory must not cost the one that tells of it.
+    constexpr size_t kLongestError = 40;
+    last_error.reserve(kLongestError);
 
     constexpr int32_t kLowestBitrate = 10000;
     if (bitrate < kLowestBitrate) return refuse(*this, "Bitrate out of range");

@@ -87,7 +87,7 @@ TEST(Exports, LeaveTheHostFunctionsToTheHost) {
             unversioned.insert(name);
     }
     EXPECT_EQ(without(kHostFunctions, unversioned), Names{}) << "defined, or not used";
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#if !defined(GSVE_SANITIZED)
     // A sanitizer's own functions come without version too.
     EXPECT_EQ(without(unversioned, kHostFunctions), Names{}) << "nobody's";
 #endif
@@ -107,7 +107,7 @@ TEST(Exports, NeedFFmpegAndTheRuntimeAlone) {
     std::vector<std::string> allowed = {"libavcodec.so.",      "libavutil.so.", "libstdc++.so.6",
                                         "libgcc_s.so.1",       "libm.so.6",     "libc.so.6",
                                         "ld-linux-x86-64.so.2"};
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(GSVE_SANITIZED)
     allowed.insert(allowed.end(), {"libasan.so.", "libubsan.so.", "libtsan.so."});
 #endif
     const std::vector<std::string> needed = dynamic_entries("NEEDED");

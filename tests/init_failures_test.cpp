@@ -17,11 +17,13 @@
 #include "support/subject.h"
 #include "support/test_picture.h"
 
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 // The sanitizer owns malloc here: planes are made to fail by their size.
+#define GSVE_SANITIZER_OWNS_MALLOC
 extern "C" const char* __asan_default_options() {
     return "allocator_may_return_null=1:max_allocation_size_mb=256";
 }
+extern "C" const char* __tsan_default_options() { return __asan_default_options(); }
 #endif
 
 namespace gsve::test {
@@ -61,7 +63,7 @@ HeapListener heap;
 
 }  // namespace gsve::test
 
-#if !defined(__SANITIZE_ADDRESS__)
+#if !defined(GSVE_SANITIZER_OWNS_MALLOC)
 extern "C" {
 
 void* __libc_malloc(size_t);
@@ -342,7 +344,7 @@ void expect_plane_failure(const Subject& host, const PlaneFailure& failure, int 
     expect_closed(host);
 }
 
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(GSVE_SANITIZER_OWNS_MALLOC)
 
 TEST_F(InitFailures, AWorkingPlaneThatCannotBeAllocated) {
     for (int codec : kAllCodecs) {
