@@ -24,6 +24,7 @@ extern "C" {
 namespace gsve::test {
 
 struct DecodedPicture {
+    int64_t pts = AV_NOPTS_VALUE;  ///< of the unit that it was decoded from
     int width = 0;
     int height = 0;
     int format = -1;
@@ -42,6 +43,7 @@ struct FreeDecoder {
 
 inline DecodedPicture copy_picture(const AVFrame& frame) {
     DecodedPicture picture;
+    picture.pts = frame.pts;
     picture.width = frame.width;
     picture.height = frame.height;
     picture.format = frame.format;
@@ -63,14 +65,16 @@ inline DecodedPicture copy_picture(const AVFrame& frame) {
     return picture;
 }
 
-/// The pictures of `units` in display order. Every error of the decoder fails the test.
-inline std::vector<DecodedPicture> decode(AVCodecID id, const std::vector<Unit>& units) {
+/// The pictures of `units` in display order; with AV_CODEC_FLAG_LOW_DELAY in the order of the units. Every
+/// error of the decoder fails the test.
+inline std::vector<DecodedPicture> decode(AVCodecID id, const std::vector<Unit>& units, int flags = 0) {
     std::vector<DecodedPicture> pictures;
     const std::unique_ptr<AVCodecContext, FreeDecoder> context(
         avcodec_alloc_context3(avcodec_find_decoder(id)));
     const std::unique_ptr<AVFrame, FreeDecoder> frame(av_frame_alloc());
     const std::unique_ptr<AVPacket, FreeDecoder> packet(av_packet_alloc());
     context->thread_count = 1;
+    context->flags |= flags;
     context->err_recognition = AV_EF_EXPLODE;
     if (avcodec_open2(context.get(), nullptr, nullptr) != 0) {
         ADD_FAILURE() << "no decoder";
@@ -86,6 +90,7 @@ inline std::vector<DecodedPicture> decode(AVCodecID id, const std::vector<Unit>&
         const Bytes& bytes = units[number].bytes;
         if (av_new_packet(packet.get(), static_cast<int>(bytes.size())) != 0) return pictures;
         std::copy(bytes.begin(), bytes.end(), packet->data);
+        packet->pts = units[number].pts;
         EXPECT_EQ(avcodec_send_packet(context.get(), packet.get()), 0) << "unit " << number;
         av_packet_unref(packet.get());
         receive_all();
