@@ -765,6 +765,15 @@ TEST_F(CodecOptions, LargeFractionsDoNotTrap) {
     EXPECT_EQ(Fraction(context().time_base), Fraction(1001, 60000));
 }
 
+TEST_F(CodecOptions, PictureLengthsThatHaveNo32BitValueAreZero) {
+    Subject host(kMpeg2, 320, 240, -1, 1 << 27);  // 90000 << 27 keeps its lowest 32 bits: the least number
+    open(host);
+    EXPECT_EQ(host.frame_duration_90k, 0);
+    Subject negative(kMpeg2, 320, 240, -25, -1);
+    open(negative);
+    EXPECT_EQ(negative.frame_duration_90k, 3600);
+}
+
 TEST_F(CodecOptions, EveryOpeningComputesTheDividerAnew) {
     Subject host(kMpeg2, 320, 240, 50, 1);
     host.frame_rate_limit = 25;

@@ -449,6 +449,7 @@ TEST_F(ComplexityAdaptation, TakesEachBranchAsWorkedOutByHand) {
         {"over budget, range 1 to 2", 3e6, 0.02, false, 0.5, 1, 1, 0.5, 2, 0.5f},
         {"over budget never widens", 3e6, 0.02, false, 0.5, 8, 16, 0.5, 7, 0.5f},
         {"over the rate", 6e6, 0.01, false, 0.5, 8, 16, 0.5025, 8, 0.5025f},
+        {"over the rate from 1.33 of the target on", 5.32e6, 0.01, false, 0.5, 8, 1, 0.50165, 8, 0.62165f},
         {"over the rate, twice the target", 8e6, 0.01, false, 0.99, 8, 1, 0.995, 8, 0.995f},
         {"over the rate, at one", 8e6, 0.01, false, 1.0, 8, 1, 1.0, 8, 1.0f},
         {"over the rate, beyond one", 8e6, 0.01, false, 0.999, 8, 1, 1.0, 8, 1.0f},

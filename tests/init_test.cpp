@@ -616,6 +616,20 @@ TEST_F(Init, OpensTheDumpFileUnderNameNumberAndExtension) {
     }
 }
 
+TEST_F(Init, OpensTheDumpFileAsUnknownForAHostThatGivesNoName) {
+    class Unnamed : public Subject {
+    public:
+        using Subject::Subject;
+        const char* output_name() override { return nullptr; }
+    };
+    codec_listener.opening = Opening::kPretend;
+    Unnamed host(kMpeg2);
+    host.debug_file = true;
+    ASSERT_TRUE(open_encoder(host).result);
+    ASSERT_EQ(dumps.requests.size(), 1u);
+    EXPECT_EQ(dumps.requests[0].path, "/mnt/main/DEBUG_(unknown)_m2v.0.m2v");
+}
+
 TEST_F(Init, OpensNoDumpFileUnlessSet) {
     codec_listener.opening = Opening::kPretend;
     Subject host(kMpeg2);

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -117,6 +118,14 @@ TEST_F(InsertOutput, RejectsPositionsOutsideTheUnit) {
             EXPECT_EQ(hex(host.unit()), hex(filler(10))) << row.offset;
         }
     }
+}
+
+TEST_F(InsertOutput, RejectsPositionsInFrontOfTheBufferOfABrokenWindow) {
+    host.place(filler(10));
+    uint8_t* const base = std::exchange(host.output_window->base, host.output_window->data + 4);
+    EXPECT_FALSE(insert(3, 0));
+    EXPECT_TRUE(insert(4, 0));
+    host.output_window->base = base;
 }
 
 TEST_F(InsertOutput, RejectsLengthsBeyondAnyBuffer) {

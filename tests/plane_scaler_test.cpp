@@ -4,6 +4,11 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <fstream>
+#include <initializer_list>
+#include <iterator>
+#include <set>
+#include <sstream>
 
 #include "plane_support.h"
 
@@ -175,6 +180,9 @@ TEST_P(Scale, LeavesPlanesWithoutSamplesAlone) {
         deinterlace_plane_adaptive(plane, {source, 1, 1, 0, 0});
         EXPECT_EQ(std::memcmp(out, "\1\2\3\4", 4), 0);
     }
+    build_motion_map(out, source, 2, 0, 2);
+    build_motion_map(out, source, 2, 2, 0);
+    EXPECT_EQ(std::memcmp(out, "\1\2\3\4", 4), 0) << "motion map";
 }
 
 using ScaleDeathTest = EveryForm;
@@ -185,6 +193,37 @@ TEST_P(ScaleDeathTest, AbortsWhereTheSecondLineLeavesTheSource) {
     EXPECT_DEATH(
         scale_plane(plane, kFrame, -1, kFunction),
         "lib/gsve:.*void scale\\(int\\).*\\(sl1\\+src_width\\) <= \\(sY\\+\\(src_height\\*sY_stride\\)\\)");
+}
+
+/// Rows that are copied, gathered and halved, out of lines that overlap by one sample.
+struct OverlappingLines {
+    explicit OverlappingLines(unsigned height) : src_height(height), source((height - 1) * 127 + 128, 7) {}
+
+    PlaneScaling plane(unsigned x_step, unsigned y_step) {
+        return {out.data(), 64, source.data(), 127, 64, 2, x_step, y_step, 128, src_height};
+    }
+
+    unsigned src_height;
+    std::vector<uint8_t> source;
+    std::vector<uint8_t> out = std::vector<uint8_t>(128);
+};
+
+constexpr unsigned kWidthSteps[] = {65536, 98304, 131072};
+
+TEST_P(Scale, AsksForASecondLineOnlyWhereItIsRead) {
+    for (const unsigned x_step : kWidthSteps) {
+        OverlappingLines lines(3);  // of the last two, the first is copied
+        scale_plane(lines.plane(x_step, 65536), kFrame, -1, kFunction);
+        EXPECT_EQ(lines.out, std::vector<uint8_t>(128, 7)) << x_step;
+    }
+}
+
+TEST_P(ScaleDeathTest, AbortsWhereASecondLineOfTheLeastWeightLeavesTheSource) {
+    for (const unsigned x_step : kWidthSteps) {
+        OverlappingLines lines(2);
+        EXPECT_DEATH(scale_plane(lines.plane(x_step, 257), kFrame, -1, kFunction), "sl1\\+src_width")
+            << x_step;
+    }
 }
 
 TEST_P(ScaleDeathTest, AbortsWhereARowLeavesTheDestination) {
@@ -373,9 +412,35 @@ TEST(CpuMask, ReadsNumbersAndTakesEverythingElseForAll) {
     EXPECT_EQ(cpu_mask_from_text(""), kAllCpuFeatures);
     EXPECT_EQ(cpu_mask_from_text("none"), kAllCpuFeatures);
     EXPECT_EQ(cpu_mask_from_text("3 "), kAllCpuFeatures);
+    EXPECT_EQ(cpu_mask_from_text("18446744073709551616"), kAllCpuFeatures);
     EXPECT_EQ(cpu_mask_from_text("0"), 0u);
     EXPECT_EQ(cpu_mask_from_text("3"), unsigned{kCpuSse41 | kCpuAvx2});
     EXPECT_EQ(cpu_mask_from_text("0x7"), unsigned{kCpuSse41 | kCpuAvx2 | kCpuAvx512});
+}
+
+/// The processor's features as the kernel names them.
+std::set<std::string> kernel_flags() {
+    std::ifstream file("/proc/cpuinfo");
+    std::set<std::string> flags;
+    for (std::string line; flags.empty() && std::getline(file, line);) {
+        if (!line.starts_with("flags")) continue;
+        std::istringstream words(line.substr(line.find(':') + 1));
+        flags.insert(std::istream_iterator<std::string>(words), {});
+    }
+    return flags;
+}
+
+TEST(CpuFeatures, AreThoseThatTheKernelNames) {
+    const std::set<std::string> flags = kernel_flags();
+    if (flags.empty()) GTEST_SKIP() << "no list of features";
+    const auto has = [&](std::initializer_list<const char*> names) {
+        return std::all_of(names.begin(), names.end(),
+                           [&](const char* name) { return flags.contains(name); });
+    };
+    const unsigned expected = (has({"ssse3", "sse4_1"}) ? kCpuSse41 : 0u) | (has({"avx2"}) ? kCpuAvx2 : 0u) |
+                              (has({"avx512f", "avx512bw", "avx512dq", "avx512vl"}) ? kCpuAvx512 : 0u) |
+                              (has({"avx512vbmi"}) ? kCpuAvx512Vbmi : 0u);
+    EXPECT_EQ(detected_cpu_features(), usable_cpu_features(expected));
 }
 
 TEST(CpuMask, EndsAtItsFirstGap) {

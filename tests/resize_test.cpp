@@ -279,6 +279,17 @@ TEST(Resize, IgnoresSizesBelowTwoAndDeinterlacersSizesOfZero) {
     }
 }
 
+TEST(Resize, DoesNothingWithoutWorkingPlanes) {
+    const Picture source = random_picture(16, 16, 1, 1);
+    for (const WholePicture operation : {kPlain, kBasic, kAdaptive}) {
+        Resizer closed;
+        closed.output_width = closed.output_height = 32;
+        closed.output_chroma_shift_x = closed.output_chroma_shift_y = 1;
+        run(closed, operation, source, 0);
+        EXPECT_TRUE(closed.calls.empty());
+    }
+}
+
 TEST(Resize, SkipsPlanesOf4096SamplesAndStillCallsTheHostsOverride) {
     Resizer resizer;
     resizer.make_working_planes(32, 16, 1, 1);

@@ -829,6 +829,24 @@ TEST_F(WriteVideo, CountsHeldBackPictures) {
     }
 }
 
+TEST_F(WriteVideo, TakesPicturesOnWhenTheHostLosesItsFrameRate) {
+    const struct { int num, den; } rates[] = {{0, 1}, {25, 0}, {0, 0}};
+    open("h.264");
+    host.write_eia608(0, 0x1420);
+    uint64_t timestamp = 0;
+    for (const auto& rate : rates) {
+        SCOPED_TRACE(std::to_string(rate.num) + "/" + std::to_string(rate.den));
+        host.frame_rate_num = rate.num;
+        host.frame_rate_den = rate.den;
+        script({held_back()});
+        std::string said = stderr_of([&] { EXPECT_TRUE(write(timestamp++)); });
+        EXPECT_EQ(said, "avcodec_send frame/receieve packet() codec delay " + std::to_string(timestamp) +
+                            " (0 ms)\n");
+        EXPECT_EQ(host.codec_delay_ms, 0u);
+    }
+    EXPECT_EQ(host.aux_data_map.at(0).eia608_word_field1, 0x1420) << "as below forty pictures a second";
+}
+
 TEST_F(WriteVideo, ReceivesOnlyAfterASuccessfulSend) {
     open("h.264");
     script({send_error(AVERROR(EAGAIN))});
