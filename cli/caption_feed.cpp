@@ -7,7 +7,6 @@
 #include <fmt/format.h>
 
 #include "captions/caption_file.h"
-#include "captions/cc_data.h"
 #include "captions/eia608_decoder.h"
 #include "captions/scte20.h"
 #include "error.h"
@@ -26,6 +25,8 @@ using captions::Word;
 // The encoder keeps the captions of this many pictures for those that the codec still holds.
 constexpr int kRecordsKept = 60;
 
+constexpr double kFastestFilm = 24;
+
 FrameRate to_rate(AVRational rate) { return {rate.num, rate.den}; }
 
 FrameRate encoded_rate(const Host& host) { return to_rate(host.encoded_rate()); }
@@ -41,11 +42,15 @@ CaptionCount count(const PictureCaptions& captions) {
     return sum;
 }
 
-Schedule load_files(const CaptionOptions& options, FrameRate rate, captions::Report& report) try {
+Schedule load_files(const CaptionOptions& options, FrameRate source, FrameRate rate,
+                    captions::Report& report) try {
     Schedule all{rate, {}, {}};
     int field = std::max(options.field, 1) - 1;
     for (const std::string& file : options.files) {
-        all = merge(all, load_captions(file, {rate, field, options.start, options.rows}, report));
+        captions::CaptionFileOptions reading{.output = rate, .field = field, .start = options.start};
+        reading.rows = options.rows.value_or(reading.rows);
+        reading.source = source;
+        all = merge(all, load_captions(file, reading, report));
         field = 1 - field;
     }
     return all;
@@ -69,6 +74,8 @@ const char* name_of(WarningKind kind) {
         case WarningKind::kOtherField: return "other_field";
         case WarningKind::kRewrappedCues: return "rewrapped_cues";
         case WarningKind::kNoCaptions: return "no_captions";
+        case WarningKind::kFaultyLine: return "faulty_lines";
+        case WarningKind::kUnknownReference: return "unknown_references";
     }
     return "others";
 }
@@ -98,6 +105,13 @@ void check_caption_options(const CaptionOptions& options, const std::string& cod
             throw UsageError(
                 fmt::format("{} has both fields: give it alone, and without --captions-field", file));
     }
+    const bool cues = std::any_of(options.files.begin(), options.files.end(), [](const std::string& file) {
+        const CaptionFormat format = captions::caption_format(file);
+        return format == CaptionFormat::kSubRip || format == CaptionFormat::kWebVtt;
+    });
+    if (options.rows && !cues)
+        throw UsageError(
+            "--caption-rows is for SRT and WebVTT files: SCC and MCC captions have their rows; leave it out");
 }
 
 CaptionForms caption_forms(Host& host, bool scte20) {
@@ -177,31 +191,34 @@ uint64_t PictureLine::waiting_pairs(int field) const {
 }
 
 CaptionFeed::CaptionFeed(const CaptionOptions& options, const Source& source, Host& host)
-    : source_rate_(options.files.empty() ? to_rate(source.own_rate()) : encoded_rate(host)),
-      output_rate_(encoded_rate(host)),
+    : output_rate_(encoded_rate(host)),
       forms_(caption_forms(host, options.scte20)),
       origin_(!options.files.empty()                        ? "file"
               : options.carry_over && source.has_captions() ? "input"
                                                             : "none"),
-      asked_{source_rate_, {}, {}},
-      repacer_(source_rate_, output_rate_),
+      asked_{options.files.empty() ? to_rate(source.own_rate()) : output_rate_, {}, {}},
+      repacer_(asked_.rate, output_rate_),
       line_(output_rate_) {
     if (origin_ != "none") check_caption_settings(host, forms_);
     if (origin_ != "file") return;
     if (!forms_.pairs())
         throw UsageError("--captions: the settings \"enable cea-708\" and \"enable eia-608\" are off");
-    asked_ = load_files(options, output_rate_, report_);
+    asked_ = load_files(options, {host.frame_rate_num, host.frame_rate_den}, output_rate_, report_);
     repacer_.push(asked_);
 }
 
-double CaptionFeed::foresight() const {
-    return origin_ == "input" && forms_.pairs() ? captions::useful_foresight(source_rate_, output_rate_) : 0;
+double CaptionFeed::foresight(const Source& source) const {
+    if (origin_ != "input" || !forms_.pairs()) return 0;
+    // Film may have been coded at its own rate with the pairs of 60 Hz video.
+    const FrameRate rate = asked_.rate;
+    const FrameRate pair_rate = rate.per_second() <= kFastestFilm ? captions::kRate29_97 : rate;
+    return source.captions_behind() / rate.per_second() + captions::useful_foresight(pair_rate, output_rate_);
 }
 
 void CaptionFeed::take_in(Source& source) {
-    for (const DecodedCaptions& decoded : source.take_captions()) {
+    for (SourceCaptions& decoded : source.take_captions()) {
         if (origin_ == "file") continue;
-        PictureCaptions captions = captions::parse_cc_data(decoded.cc_data).captions;
+        PictureCaptions& captions = decoded.captions;
         const CaptionCount all = count(captions);
         if (all.all() > 0) origin_ = "input";
         if (!forms_.pairs()) {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,8 +19,8 @@ struct CaptionOptions {
     bool carry_over = true;          ///< take the input's captions when there are no files
     std::vector<std::string> files;  ///< the first for one field, the second for the other
     int field = 0;                   ///< of the first file, 1 or 2; 0: not given
-    int rows = 2;                    ///< SRT, WebVTT: the most rows of a caption
-    std::string start;               ///< SCC, MCC: the file's time code for the first picture; empty: zero
+    std::optional<int> rows;         ///< SRT, WebVTT: the most rows of a caption
+    std::string start;               ///< the file's time, or time code, for the first picture; empty: zero
     bool scte20 = false;             ///< send the byte pairs as SCTE 20 user data, too
 };
 
@@ -133,7 +134,7 @@ public:
     const captions::Report& report() const { return report_; }
 
     /// For how many seconds the source is to be decoded ahead of before().
-    double foresight() const;
+    double foresight(const Source& source) const;
 
     /// Queues the captions of a picture that encode() will be given next.
     void before(Source& source, Host& host, const Picture& picture);
@@ -159,7 +160,6 @@ private:
     void take_in(Source& source);
     std::vector<LostCaption> lost_captions(const Host& host) const;
 
-    captions::FrameRate source_rate_;
     captions::FrameRate output_rate_;
     CaptionForms forms_;
     std::string origin_;

@@ -2,8 +2,11 @@
 
 #include <string.h>
 
+#include <algorithm>
 #include <new>
 #include <string_view>
+
+#include "inspect_unit.h"
 
 namespace gsve::cli {
 namespace {
@@ -37,8 +40,6 @@ bool contains(std::string_view packet, std::string_view pattern) {
     return find(packet, pattern) != std::string_view::npos;
 }
 
-bool is_mpeg12(AVCodecID codec) { return codec == AV_CODEC_ID_MPEG2VIDEO || codec == AV_CODEC_ID_MPEG1VIDEO; }
-
 /// Changes the first byte of the identifier, so that no reader knows the user data any more.
 void disguise(AVPacket& packet, std::string_view pattern) {
     constexpr uint8_t kLetterCase = 0x20;
@@ -50,28 +51,84 @@ void disguise(AVPacket& packet, std::string_view pattern) {
     }
 }
 
+constexpr std::array kMpegForms = {CaptionForm::kA53, CaptionForm::kScte20, CaptionForm::kCc};
+
+size_t index_of(CaptionForm form) { return static_cast<size_t>(form); }
+
+std::span<const std::string_view> patterns(CaptionForm form) {
+    switch (form) {
+        case CaptionForm::kA53: return {&kAtscUserData, 1};
+        case CaptionForm::kScte20: return kScte20UserData;
+        case CaptionForm::kCc: break;
+    }
+    return {&kLine21UserData, 1};
+}
+
+/// The forms of an MPEG-1 or MPEG-2 packet, by form.
+std::array<bool, kMpegForms.size()> mpeg_forms(std::string_view packet) {
+    std::array<bool, kMpegForms.size()> forms = {};
+    const std::string_view start_code = kAtscUserData.substr(0, kStartCodeSize);
+    for (size_t at = find(packet, start_code); at != packet.npos;
+         at = find(packet, start_code, at + kStartCodeSize))
+        for (const CaptionForm form : kMpegForms)
+            for (const std::string_view pattern : patterns(form))
+                forms[index_of(form)] |= packet.substr(at).starts_with(pattern);
+    return forms;
+}
+
+std::span<const uint8_t> bytes_of(const AVPacket& packet) {
+    return {packet.data, static_cast<size_t>(packet.size)};
+}
+
 }  // namespace
 
 bool may_have_captions(AVCodecID codec) {
-    return is_mpeg12(codec) || codec == AV_CODEC_ID_H264 || codec == AV_CODEC_ID_HEVC;
+    return is_mpeg_video(codec) || codec == AV_CODEC_ID_H264 || codec == AV_CODEC_ID_HEVC;
 }
 
-bool has_captions(AVCodecID codec, std::span<const uint8_t> packet) {
-    if (!is_mpeg12(codec)) return may_have_captions(codec) && contains(text(packet), kAtscMessage);
-    const std::string_view bytes = text(packet);
-    const std::string_view start_code = kAtscUserData.substr(0, kStartCodeSize);
-    for (size_t at = find(bytes, start_code); at != bytes.npos;
-         at = find(bytes, start_code, at + kStartCodeSize))
-        for (const std::string_view pattern :
-             {kAtscUserData, kLine21UserData, kScte20UserData[0], kScte20UserData[1]})
-            if (bytes.substr(at).starts_with(pattern)) return true;
-    return false;
+std::optional<CaptionForm> caption_form(AVCodecID codec, std::span<const uint8_t> packet) {
+    if (!is_mpeg_video(codec))
+        return may_have_captions(codec) && contains(text(packet), kAtscMessage)
+                   ? std::optional(CaptionForm::kA53)
+                   : std::nullopt;
+    const auto forms = mpeg_forms(text(packet));
+    for (const CaptionForm form : kMpegForms)
+        if (forms[index_of(form)]) return form;
+    return std::nullopt;
 }
 
-void keep_one_kind_of_captions(AVPacket& packet) {
-    if (!contains(text({packet.data, static_cast<size_t>(packet.size)}), kAtscUserData)) return;
-    for (const std::string_view pattern : {kLine21UserData, kScte20UserData[0], kScte20UserData[1]})
-        disguise(packet, pattern);
+std::optional<CcRun> CaptionFormFilter::filter(AVCodecID codec, AVPacket& packet) {
+    packets_++;
+    const auto forms = mpeg_forms(text(bytes_of(packet)));
+    for (const CaptionForm form : kMpegForms)
+        if (forms[index_of(form)]) seen_in_[index_of(form)] = packets_;
+
+    std::optional<CcRun> run;
+    if (forms[index_of(CaptionForm::kCc)] && !in_use(CaptionForm::kA53) && !in_use(CaptionForm::kScte20))
+        run = read_unit(codec, bytes_of(packet), false).captions.cc;
+    for (const CaptionForm form : {CaptionForm::kScte20, CaptionForm::kCc})
+        if (forms[index_of(form)] && (form == CaptionForm::kCc || in_use(CaptionForm::kA53)))
+            for (const std::string_view pattern : patterns(form)) disguise(packet, pattern);
+    return run;
+}
+
+bool CaptionFormFilter::in_use(CaptionForm form) const {
+    // SCTE 20 comes with the pictures that have pairs, and "CC" up to 63 pictures later.
+    constexpr int64_t kRemembered = 300;
+    const std::optional<int64_t> seen = seen_in_[index_of(form)];
+    return seen && packets_ - *seen < kRemembered;
+}
+
+int64_t CcClock::begin(int64_t next_shown, int64_t pairs) {
+    // A decoder shows pictures one to a few behind the packet that it was given, as it reorders them.
+    constexpr int64_t kReordering = 4;
+    const int64_t earliest = next_shown - pairs - kReordering, latest = next_shown + kReordering;
+    int64_t begin = expected_.value_or(0);
+    if (begin < earliest) begin = expected_ ? next_shown + end_after_shown_ - pairs : next_shown;
+    begin = std::max<int64_t>(std::min(begin, latest), 0);
+    expected_ = begin + pairs;
+    end_after_shown_ = *expected_ - next_shown;
+    return begin;
 }
 
 }  // namespace gsve::cli

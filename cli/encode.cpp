@@ -79,16 +79,18 @@ std::string last_value(const std::vector<KeyValue>& settings, std::string_view k
 }
 
 /// Chooses the caption forms, where the user has not decided: none where captions are not wanted, else A/53
-/// where there are captions, and no "CC" user data beside it, which says the same once more. Readers that
-/// know both, FFmpeg among them, mix them up.
-void choose_caption_forms(Host& host, const std::vector<KeyValue>& given, bool wanted, bool present) {
+/// where there are captions, and no "CC" user data beside it or SCTE 20, which says the same once more.
+/// Readers that know both, FFmpeg among them, mix them up.
+void choose_caption_forms(Host& host, const std::vector<KeyValue>& given, const CaptionOptions& options,
+                          bool present) {
+    const bool wanted = options.carry_over;
     const auto choose = [&](const char* key, const char* value) {
         const bool decided = std::any_of(given.begin(), given.end(),
                                          [key](const KeyValue& setting) { return setting.first == key; });
         if (!decided) host.on_set(key, value, false);
     };
     if (!wanted || present) choose("enable cea-708", wanted ? "1" : "0");
-    if (!wanted || host.enabled_cea708()) choose("enable eia-608", "0");
+    if (!wanted || host.enabled_cea708() || options.scte20) choose("enable eia-608", "0");
 }
 
 void check_output(const EncodeOptions& options) {
@@ -189,13 +191,13 @@ int encode(const EncodeOptions& options) {
     Host host(std::filesystem::path(options.output).stem());
     host.describe_source(source.format());
     for (const auto& [key, value] : settings) host.on_set(key.c_str(), value.c_str(), false);
-    choose_caption_forms(host, settings, options.captions.carry_over,
+    choose_caption_forms(host, settings, options.captions,
                          source.has_captions() || !options.captions.files.empty());
     host.global_header = format.wants_global_header();
     warn_of_long_pictures(host);
     open_encoder(host, source.first());
     CaptionFeed captions(options.captions, source, host);
-    source.read_ahead(captions.foresight());
+    source.read_ahead(captions.foresight(source));
     for (const std::string& line : captions.report().lines()) note(options, fmt::format("{}\n", line));
     std::optional<TimecodeFeed> timecodes;
     if (!options.timecode.empty()) timecodes.emplace(options.timecode, source, host).attach(host);

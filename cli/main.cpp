@@ -36,7 +36,8 @@ void add_ancillary_options(CLI::App& app, const std::shared_ptr<EncodeOptions>& 
         ->check(CLI::Range(1, 2))
         ->needs(files);
     app.add_option("--captions-start", options->captions.start,
-                   "SCC, MCC: time code in the file that is the first picture's; default 00:00:00:00")
+                   "Time code in the file that is the first picture's; SRT, WebVTT: HH:MM:SS[.mmm], too; "
+                   "default 00:00:00:00")
         ->needs(files);
     app.add_option("--caption-rows", options->captions.rows, "SRT, WebVTT: rows of a caption; default 2")
         ->check(CLI::Range(1, 15))

@@ -14,9 +14,10 @@ extern "C" {
 #include <libavutil/imgutils.h>
 }
 
-#include "caption_packets.h"
+#include "captions/cc_data.h"
 #include "error.h"
 #include "input.h"
+#include "inspect_unit.h"
 #include "stop.h"
 
 namespace gsve::cli {
@@ -77,18 +78,18 @@ AVRational display_aspect(const AVFrame& frame, const SourceFormat& format) {
 int interrupted(void*) { return stop_signal() != 0; }
 
 /// Reads the file up to its first captions.
-bool captions_in_file(const std::string& path) {
+std::optional<CaptionForm> captions_in_file(const std::string& path) {
     const VideoInput video = open_video_input(path, {interrupted, nullptr});
     const PacketPtr packet(av_packet_alloc());
     if (!packet) throw std::bad_alloc();
-    bool found = false;
-    while (!found && av_read_frame(video.format.get(), packet.get()) >= 0) {
-        found =
-            packet->stream_index == video.stream->index &&
-            has_captions(video.stream->codecpar->codec_id, {packet->data, static_cast<size_t>(packet->size)});
+    std::optional<CaptionForm> form;
+    while (!form && av_read_frame(video.format.get(), packet.get()) >= 0) {
+        if (packet->stream_index == video.stream->index)
+            form = caption_form(video.stream->codecpar->codec_id,
+                                {packet->data, static_cast<size_t>(packet->size)});
         av_packet_unref(packet.get());
     }
-    return found;
+    return form;
 }
 
 }  // namespace
@@ -151,9 +152,9 @@ void Source::convert_if_needed(const SourceOptions& options) {
                          : variable                ? broadcast_rate(own_rate_)
                                                    : own_rate_;
     const bool changed = variable || av_cmp_q(format_.frame_rate, own_rate_) != 0;
-    std::string filters;
-    // Containers also call a rate constant that is not, so that all that have times are held against it.
-    if (timed_ || changed) filters = fmt::format("fps={}/{}", format_.frame_rate.num, format_.frame_rate.den);
+    // Containers also call a rate constant that is not, and any picture may last for three fields or two
+    // frames.
+    std::string filters = fmt::format("fps={}/{}", format_.frame_rate.num, format_.frame_rate.den);
     if (changed) {
         notes_ += fmt::format(
             "the frame rate is {}: made {:.3f} pictures/s by repeating or leaving out pictures\n",
@@ -161,11 +162,11 @@ void Source::convert_if_needed(const SourceOptions& options) {
     }
     if (!taken_as_it_is(shape_format_, options.chroma_format)) {
         const char* target = conversion_target(options.chroma_format);
-        filters += fmt::format("{}scale=interl=-1,format={}", filters.empty() ? "" : ",", target);
+        filters += fmt::format(",scale=interl=-1,format={}", target);
         notes_ += fmt::format("pictures are converted from {} to {}\n",
                               av_get_pix_fmt_name(static_cast<AVPixelFormat>(shape_format_)), target);
     }
-    if (!filters.empty()) build_graph(filters, own_rate_);
+    build_graph(filters, own_rate_);
 }
 
 void Source::build_graph(const std::string& description, AVRational frame_rate) {
@@ -322,7 +323,7 @@ bool Source::decode() {
 }
 
 /// The picture's time in the stream's unit, from 0, lest small errors meet the rounding between two pictures.
-/// Elementary streams have no times: their pictures are counted. Where a broadcast's clock starts anew, time
+/// Elementary streams have no times: their fields are counted. Where a broadcast's clock starts anew, time
 /// goes on.
 int64_t Source::continuous_time(const AVFrame& frame) {
     const bool known = timed_ && frame.best_effort_timestamp != AV_NOPTS_VALUE;
@@ -332,7 +333,7 @@ int64_t Source::continuous_time(const AVFrame& frame) {
         clock_offset_ -= time - next_time_;
         time = next_time_;
     }
-    next_time_ = time + av_rescale_q(1, av_inv_q(own_rate_), stream_->time_base);
+    next_time_ = time + av_rescale_q(2 + frame.repeat_pict, field_duration(), stream_->time_base);
     return time;
 }
 
@@ -346,8 +347,8 @@ bool Source::feed_decoder() {
             return avcodec_send_packet(decoder_.get(), nullptr) == 0;
         }
         if (packet_->stream_index != stream_->index) continue;
-        if (collect_captions_ && decoder_->codec_id == AV_CODEC_ID_MPEG2VIDEO)
-            keep_one_kind_of_captions(*packet_);
+        if (collect_captions_ && is_mpeg_video(decoder_->codec_id))
+            if (const auto run = caption_filter_.filter(decoder_->codec_id, *packet_)) note_cc_run(*run);
         const int sent = avcodec_send_packet(decoder_.get(), packet_.get());
         if (sent == 0 || sent == AVERROR_INVALIDDATA) return true;
         problem_ = fmt::format("the input cannot be decoded further: {}", av_error_text(sent));
@@ -369,18 +370,26 @@ void Source::look_for_captions(const std::string& path) {
     collect_captions_ = true;
     const AVCodecID codec = stream_->codecpar->codec_id;
     double pictures_left = may_have_captions(codec) ? kLookAheadSeconds * av_q2d(own_rate_) : 0;
-    while (pictures_left > 0 && !has_captions_) {
+    while (pictures_left > 0 && !caption_form_) {
         PacketPtr packet(av_packet_alloc());
         if (!packet) throw std::bad_alloc();
         if (av_read_frame(input_.get(), packet.get()) < 0) return;  // the decoder will meet the same end
         if (packet->stream_index != stream_->index) continue;
-        has_captions_ = cli::has_captions(codec, {packet->data, static_cast<size_t>(packet->size)});
+        caption_form_ = caption_form(codec, {packet->data, static_cast<size_t>(packet->size)});
         pictures_left--;
         ahead_.push_back(std::move(packet));
     }
     std::error_code none;
-    if (may_have_captions(codec) && !has_captions_ && std::filesystem::is_regular_file(path, none))
-        has_captions_ = captions_in_file(path);
+    if (may_have_captions(codec) && !caption_form_ && std::filesystem::is_regular_file(path, none))
+        caption_form_ = captions_in_file(path);
+    cc_in_use_ = caption_form_ == CaptionForm::kCc;
+}
+
+int Source::captions_behind() const {
+    // "CC" comes after as many frames, and the pictures that a decoder reorders. Else, a picture that begins
+    // with a field 2 has the pair of the frame that it begins in the middle of.
+    constexpr int kLongestCcRun = 63, kReordering = 4, kHalfFrame = 1;
+    return caption_form_ == CaptionForm::kCc ? kLongestCcRun + kReordering : kHalfFrame;
 }
 
 /// Takes note of what came beside a decoded picture.
@@ -391,12 +400,51 @@ void Source::note_side_data(const AVFrame& frame) {
                 entry && timecode_.empty())
                 timecode_ = entry->value;
     }
-    const AVFrameSideData* cc = av_frame_get_side_data(&frame, AV_FRAME_DATA_A53_CC);
-    if (!collect_captions_) return;
-    // A picture without captions is noted too: it tells that there was a pause.
-    const int64_t number = av_rescale_q(frame.pts, stream_->time_base, av_inv_q(own_rate_));
-    captions_.push_back({number, cc ? std::vector(cc->data, cc->data + cc->size) : std::vector<uint8_t>()});
+    if (collect_captions_) note_captions(frame);
 }
+
+/// A picture without captions is noted too: it tells that there was a pause.
+void Source::note_captions(const AVFrame& frame) {
+    // With film in 60 Hz video, every second picture is shown for three fields, and the next one then begins
+    // with a field 2: field 1's first pair is for the frame after that.
+    three_fields_ |= frame.repeat_pict % 2 == 1;
+    const int64_t begin = three_fields_
+                              ? av_rescale_q(frame.pts, stream_->time_base, field_duration())
+                              : 2 * av_rescale_q(frame.pts, stream_->time_base, av_inv_q(own_rate_));
+    const bool top_first = top_field_first(frame);
+    const int64_t frames[] = {(begin + !top_first) / 2, (begin + top_first) / 2};
+    next_frame_ = (begin + 2 + frame.repeat_pict) / 2;
+
+    const AVFrameSideData* cc = av_frame_get_side_data(&frame, AV_FRAME_DATA_A53_CC);
+    if (cc) cc_in_use_ = false;
+    if (cc_in_use_) return;
+    captions::PictureCaptions found;
+    if (cc) found = captions::parse_cc_data({cc->data, cc->size}).captions;
+    const int earlier = frames[1] < frames[0] ? 1 : 0;
+    if (frames[earlier] < frames[1 - earlier]) {
+        captions::PictureCaptions first;
+        first.fields[earlier] = std::exchange(found.fields[earlier], {});
+        add_captions(frames[earlier], std::move(first));
+    }
+    add_captions(frames[1 - earlier], std::move(found));
+}
+
+void Source::note_cc_run(const CcRun& run) {
+    cc_in_use_ = true;
+    const int step = captions::FieldSlots({own_rate_.num, own_rate_.den}, 0).step();
+    int64_t frame = cc_clock_.begin(next_frame_, static_cast<int64_t>(run.size()) * step);
+    for (const auto& [field_1, field_2] : run) {
+        add_captions(frame, {{{field_1}, {field_2}}, {}});
+        frame += step;
+    }
+}
+
+void Source::add_captions(int64_t frame, captions::PictureCaptions captions) {
+    caption_frame_ = std::max(frame, caption_frame_);
+    captions_.push_back({caption_frame_, std::move(captions)});
+}
+
+AVRational Source::field_duration() const { return {own_rate_.den, 2 * own_rate_.num}; }
 
 bool Source::same_shape(const AVFrame& frame) const {
     return shape_format_ == AV_PIX_FMT_NONE ||

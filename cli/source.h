@@ -14,6 +14,8 @@
 #include <vector>
 
 #include "av.h"
+#include "caption_packets.h"
+#include "captions/schedule.h"
 
 namespace gsve::cli {
 
@@ -41,11 +43,11 @@ struct SourceOptions {
     bool captions = false;           ///< collect the captions, and look whether there are any
 };
 
-/// The captions of one decoded picture. Pictures are counted at the source's own rate, before any were
-/// repeated or left out.
-struct DecodedCaptions {
+/// The captions that come with one frame, or from it on. Frames are counted at the source's own rate, before
+/// any were repeated or left out.
+struct SourceCaptions {
     int64_t frame = 0;
-    std::vector<uint8_t> cc_data;  ///< triples of A/53 cc_data
+    captions::PictureCaptions captions;
 };
 
 /// The lowest rate of 24000/1001, 24, 25, ... 60 that loses no pictures of `rate`, or the highest there is.
@@ -83,11 +85,15 @@ public:
 
     /// Whether the stream carries captions, idle ones included: anywhere in a file, or in the first five
     /// seconds of what can be read only once.
-    bool has_captions() const { return has_captions_; }
+    bool has_captions() const { return caption_form_.has_value(); }
 
-    /// The captions of all pictures that were decoded since the last call. They run ahead of next() as the
-    /// decoding does: those of the picture that it returned are always among them.
-    std::vector<DecodedCaptions> take_captions() { return std::exchange(captions_, {}); }
+    /// By how many frames at most the captions come after their pictures have been decoded.
+    int captions_behind() const;
+
+    /// The captions that were decoded since the last call, in the order of their frames. They run ahead of
+    /// next() as the decoding does: those of the picture that it returned are always among them, but for what
+    /// captions_behind() tells.
+    std::vector<SourceCaptions> take_captions() { return std::exchange(captions_, {}); }
 
     /// Whether the decoder has given its last picture.
     bool decoded_all() const { return decoded_all_; }
@@ -111,7 +117,11 @@ private:
     void look_for_captions(const std::string& path);
     int read_packet();
     void note_side_data(const AVFrame& frame);
+    void note_captions(const AVFrame& frame);
+    void note_cc_run(const CcRun& run);
+    void add_captions(int64_t frame, captions::PictureCaptions captions);
     int64_t continuous_time(const AVFrame& frame);
+    AVRational field_duration() const;
     bool same_shape(const AVFrame& frame) const;
 
     InputPtr input_;
@@ -141,9 +151,15 @@ private:
     uint64_t decoded_ = 0;
     bool decoded_all_ = false;
     bool collect_captions_ = false;
-    bool has_captions_ = false;
-    std::deque<PacketPtr> ahead_;  ///< read while looking for captions
-    std::vector<DecodedCaptions> captions_;
+    std::optional<CaptionForm> caption_form_;  ///< the first that was found
+    std::deque<PacketPtr> ahead_;              ///< read while looking for captions
+    CaptionFormFilter caption_filter_;
+    CcClock cc_clock_;
+    bool cc_in_use_ = false;
+    bool three_fields_ = false;  ///< a picture has been shown for as long
+    int64_t next_frame_ = 0;     ///< after the picture that was decoded last
+    int64_t caption_frame_ = 0;  ///< of the latest captions
+    std::vector<SourceCaptions> captions_;
     std::string timecode_;
     std::string problem_;
     std::string notes_;

@@ -1,5 +1,7 @@
 #include "timecode_feed.h"
 
+#include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
@@ -21,20 +23,24 @@ using captions::Timecode;
 
 FrameRate to_rate(AVRational rate) { return {rate.num, rate.den}; }
 
-/// The same time of day, counted at another rate.
-Timecode at_rate(const Timecode& timecode, FrameRate from, FrameRate to) {
+/// The same time of day, counted at another rate: that of the moment `fraction` of a frame after `timecode`.
+Timecode at_rate(const Timecode& timecode, double fraction, FrameRate from, FrameRate to) {
+    constexpr double kHalfOfOneIsDown = 0.5 + 1e-6;
+    const double frames = (timecode.frames + fraction) * nominal_rate(to) / nominal_rate(from);
+    const int nearest = static_cast<int>(std::ceil(frames - kHalfOfOneIsDown));
     Timecode result = timecode;
-    result.frames = timecode.frames * nominal_rate(to) / nominal_rate(from);
+    result.frames = std::max(0, std::min(nearest, nominal_rate(to) - 1));
     result.drop_frame = timecode.drop_frame && has_drop_frame(to);
+    while (!is_counted(result, to)) ++result.frames;
     return result;
 }
 
-/// Of the first picture: at the input's own rate for kSourceTimecode, else at the encoded one.
-Timecode given_timecode(const std::string& text, const Source& source, FrameRate own, FrameRate encoded) try {
-    if (text != kSourceTimecode) return captions::parse_timecode(text, encoded);
+/// That of the first picture, at the counting rate.
+Timecode given_timecode(const std::string& text, const Source& source, FrameRate rate) try {
+    if (text != kSourceTimecode) return captions::parse_timecode(text, rate);
     if (source.timecode().empty())
         throw UsageError("--timecode source: the input has no time code; give one as HH:MM:SS:FF");
-    return captions::parse_timecode(source.timecode(), own);
+    return captions::parse_timecode(source.timecode(), rate);
 } catch (const std::invalid_argument& error) {
     throw UsageError(fmt::format("--timecode: {}", error.what()));
 }
@@ -74,29 +80,38 @@ void check_timecode_option(const std::string& timecode, const std::string& codec
 }
 
 TimecodeFeed::TimecodeFeed(const std::string& timecode, const Source& source, const Host& host)
-    : own_rate_(to_rate(source.own_rate())),
+    : follows_(timecode == kSourceTimecode),
+      counting_rate_(to_rate(follows_ ? source.own_rate() : host.encoded_rate())),
       source_rate_{host.frame_rate_num, host.frame_rate_den},
       encoded_rate_(to_rate(host.encoded_rate())),
-      first_(given_timecode(timecode, source, own_rate_, encoded_rate_)) {
-    if (timecode == kSourceTimecode) {
-        anchor_ = {0, first_};
-        first_ = at_rate(first_, own_rate_, encoded_rate_);
-    }
-    counters_.emplace(0, captions::TimecodeCounter(first_, encoded_rate_));
+      divider_(host.frame_rate_divider),
+      anchors_{{0, {0, given_timecode(timecode, source, counting_rate_)}}},
+      first_(encoded(0)) {}
+
+/// The time code of a picture that the encoder is offered.
+Timecode TimecodeFeed::counted_on(const Anchor& anchor, int64_t number) const {
+    const int64_t frames = av_rescale_q(number - anchor.number, {source_rate_.den, source_rate_.num},
+                                        {counting_rate_.den, counting_rate_.num});
+    return captions::TimecodeCounter(anchor.timecode, counting_rate_).at(frames);
 }
 
-/// The time code of another picture by the anchor's.
-Timecode TimecodeFeed::counted_on(const Anchor& anchor, int64_t number) const {
-    const int64_t own_pictures = av_rescale_q(number - anchor.number, {source_rate_.den, source_rate_.num},
-                                              {own_rate_.den, own_rate_.num});
-    const int64_t frame = timecode_to_frame(anchor.timecode, own_rate_) + own_pictures;
-    return captions::frame_to_timecode(frame, own_rate_, anchor.timecode.drop_frame);
+/// The time code of an encoded picture. Each one's is taken from the input's: to count on at the encoded rate
+/// would leave the input's codes where the two count in different ways, drop-frame and not for example.
+Timecode TimecodeFeed::encoded(int64_t number) const {
+    constexpr double kAlmostZero = 1e-6;
+    const auto next = anchors_.upper_bound(number);
+    const Anchor& anchor = next == anchors_.begin() ? next->second : std::prev(next)->second;
+    const double frames = static_cast<double>(number * divider_ - anchor.number) *
+                          counting_rate_.per_second() / source_rate_.per_second();
+    const double whole = std::floor(frames + kAlmostZero);
+    const captions::TimecodeCounter counter(anchor.timecode, counting_rate_);
+    return at_rate(counter.at(static_cast<int64_t>(whole)), frames - whole, counting_rate_, encoded_rate_);
 }
 
 /// Takes note of a time code that is not the one counted on.
-void TimecodeFeed::follow(const Host& host, const Picture& picture) {
+void TimecodeFeed::follow(const Picture& picture) {
     constexpr int64_t kRounding = 1;  // of numbers, where the frame rate is changed
-    const std::optional<PictureTimecode> found = timecode_of(*picture.frame, own_rate_);
+    const std::optional<PictureTimecode> found = timecode_of(*picture.frame, counting_rate_);
     const bool previous_had_one = std::exchange(had_timecode_, found.has_value());
     if (!found) return;
 
@@ -108,22 +123,16 @@ void TimecodeFeed::follow(const Host& host, const Picture& picture) {
     decoder_reorders_ |= later && (!i_picture || previous_had_one);
     const bool of_next = later && decoder_reorders_;
     const Anchor anchor{static_cast<int64_t>(picture.number) + of_next, found->timecode};
-    const Timecode expected = counted_on(*anchor_, anchor.number);
+    const Timecode expected = counted_on(anchors_.rbegin()->second, anchor.number);
     const int64_t off =
-        timecode_to_frame(anchor.timecode, own_rate_) - timecode_to_frame(expected, own_rate_);
+        timecode_to_frame(anchor.timecode, counting_rate_) - timecode_to_frame(expected, counting_rate_);
     if (expected.drop_frame == anchor.timecode.drop_frame && std::abs(off) <= kRounding) return;
-    anchor_ = anchor;
-    const int64_t divider = host.frame_rate_divider;
-    const int64_t encoded = (anchor.number + divider - 1) / divider;
-    const Timecode begin = at_rate(counted_on(anchor, encoded * divider), own_rate_, encoded_rate_);
-    counters_.insert_or_assign(encoded, captions::TimecodeCounter(begin, encoded_rate_));
+    anchors_.insert_or_assign((anchor.number + divider_ - 1) / divider_, anchor);
 }
 
 /// The record of picture `number`, which goes along as its text.
 mpeg2_gop_timecode_t TimecodeFeed::record(int64_t number) const {
-    auto next = counters_.upper_bound(number);
-    const auto& [begin, counter] = next == counters_.begin() ? *next : *std::prev(next);
-    const captions::GopTimecode header = captions::gop_timecode(counter.at(number - begin));
+    const captions::GopTimecode header = captions::gop_timecode(encoded(number));
     return {1,
             header.drop_frame_flag,
             header.hours,
@@ -134,8 +143,8 @@ mpeg2_gop_timecode_t TimecodeFeed::record(int64_t number) const {
 }
 
 void TimecodeFeed::before(Host& host, const Picture& picture) {
-    if (anchor_) follow(host, picture);
-    host.write_mpeg2_gop_timecode(record(static_cast<int64_t>(picture.number / host.frame_rate_divider)));
+    if (follows_) follow(picture);
+    host.write_mpeg2_gop_timecode(record(static_cast<int64_t>(picture.number) / divider_));
 }
 
 void TimecodeFeed::attach(Host& host) const {

@@ -33,24 +33,26 @@ public:
     void before(Host& host, const Picture& picture);
 
 private:
-    /// A picture of the input and its time code, from which the next ones are counted.
+    /// A picture that the encoder is offered and its time code, from which the next ones are counted.
     struct Anchor {
         int64_t number = 0;
-        captions::Timecode timecode;  ///< at the input's own rate
+        captions::Timecode timecode;  ///< at the counting rate
     };
 
-    void follow(const Host& host, const Picture& picture);
+    void follow(const Picture& picture);
     captions::Timecode counted_on(const Anchor& anchor, int64_t number) const;
+    captions::Timecode encoded(int64_t number) const;
     mpeg2_gop_timecode_t record(int64_t number) const;
 
-    captions::FrameRate own_rate_;      ///< of the pictures in the input
-    captions::FrameRate source_rate_;   ///< of the pictures that the encoder is offered
-    captions::FrameRate encoded_rate_;  ///< of those that it takes
-    std::optional<Anchor> anchor_;      ///< the newest; none when the input is not followed
-    bool decoder_reorders_ = false;     ///< it gives out a picture when it has seen a later one
-    bool had_timecode_ = false;         ///< the picture before came with one
+    bool follows_;                       ///< the input's time codes
+    captions::FrameRate counting_rate_;  ///< the input's own where they are followed, else the encoded one
+    captions::FrameRate source_rate_;    ///< of the pictures that the encoder is offered
+    captions::FrameRate encoded_rate_;   ///< of those that it takes
+    int64_t divider_;                    ///< it takes one of so many
+    bool decoder_reorders_ = false;      ///< it gives out a picture when it has seen a later one
+    bool had_timecode_ = false;          ///< the picture before came with one
+    std::map<int64_t, Anchor> anchors_;  ///< by the encoded picture that each begins with
     captions::Timecode first_;
-    std::map<int64_t, captions::TimecodeCounter> counters_;  ///< by the encoded picture that each begins with
 };
 
 }  // namespace gsve::cli

@@ -7,6 +7,7 @@
 
 #include "captions/cc_data.h"
 #include "captions/cdp.h"
+#include "captions/character_references.h"
 #include "captions/dtvcc.h"
 #include "captions/eia608_decoder.h"
 #include "captions/mcc.h"
@@ -179,6 +180,9 @@ void read_cues(const std::string& text, uint8_t options, bool webvtt) {
         const PopOnOptions pop_on{kRates[options & 7], 1 + (options >> 3 & 15) % kRows, options >> 7};
         const Schedule schedule = encode_pop_on(cues, kName, pop_on, report);
         check_budget(schedule);
+        for (const Cue& cue : cues)
+            for (const auto& caption : lay_out_cue(cue, pop_on.rows, kName, report))
+                GSVE_FUZZ_REQUIRE(!caption.empty() && caption.size() <= static_cast<size_t>(pop_on.rows));
         use(schedule, pop_on.rate);
     });
 }
@@ -259,7 +263,13 @@ void read_texts(Input& input, uint8_t options) {
     } catch (const std::invalid_argument&) {
     }
     try {
-        GSVE_FUZZ_REQUIRE(encode_utf8(decode_utf8(text, kName, 1)) == text);
+        const std::u32string characters = decode_utf8(text, kName, 1);
+        GSVE_FUZZ_REQUIRE(encode_utf8(characters) == text);
+        if (const auto reference = reference_at(characters)) {
+            GSVE_FUZZ_REQUIRE(reference->length >= 3 && reference->length <= characters.size());
+            const std::u32string read(1, reference->character);
+            GSVE_FUZZ_REQUIRE(decode_utf8(encode_utf8(read), kName, 1) == read);
+        }
     } catch (const FileError&) {
     }
     try {

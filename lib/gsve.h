@@ -33,10 +33,11 @@
 // call works. An exception that a hook of the host throws derived from std::exception ends the operation in
 // the same way; hooks had better throw nothing.
 //
-// MPEG-2 at a constant rate (equal bounds, which is the default) has a limit that the host must know: vbv_delay
-// (ISO/IEC 13818-2, 6.3.9) has room for 65535 / 90000 = 0.728 s, and libavcodec ends the process by an assertion
-// when the data of one picture takes longer than that at the bit rate. A picture takes at most about 3.8 bits a
-// coded sample (black and white dots at random; noise of full range takes 2.2), so that any picture fits from
+// MPEG-2 at a constant rate (equal bounds, which is the default) has a limit that the host must know:
+// vbv_delay (ISO/IEC 13818-2, 6.3.9) has room for 65535 / 90000 = 0.728 s, and libavcodec ends the process by
+// an assertion when the data of one picture takes longer than that at the bit rate. A picture takes at most
+// about 3.8 bits a coded sample (black and white dots at random; noise of full range takes 2.2), so that any
+// picture fits from
 //
 //     width * height * 1.5 * 3.8 / 0.728 bits/s
 //
@@ -45,6 +46,10 @@
 // vbv_delay; or a "buffer size" of more than 0.728 s of the rate (rate * 65535 / 90000 + 2 bits), with which
 // libavcodec leaves vbv_delay out, too. Both leave pictures and rate control as they are; the second asks
 // for a larger buffer than Main Level decoders have.
+//
+// libavcodec's MPEG-2 encoder also divides by the distance of two reference pictures, kept in 16 bits: where
+// "constant bitrate per frame" is 0 and there are B-pictures, a host whose clock may leap over a multiple of
+// 65536 encoded pictures reopens the encoder there, as it would after any such gap.
 //
 // Fields are public and part of the contract: hosts read and write them by name. Those under "Input
 // description" and "Signalled by the host" are the host's to write; all others are the library's.

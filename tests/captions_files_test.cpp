@@ -69,9 +69,8 @@ TEST(Scc, CountsFromTheStartAndReportsWhatLiesBefore) {
     const Schedule schedule = parse_scc(
         "Scenarist_SCC V1.0\n00:59:59;28\t9420 9420 94ae\n01:00:01;00\t942f\n", "a.scc", options, report);
     EXPECT_EQ(schedule.eia608, (std::vector<Eia608Event>{{0, 0, 0x94AE}, {30, 0, 0x942F}}));
-    EXPECT_EQ(
-        report.lines(),
-        (std::vector<std::string>{"a.scc: 2 byte pairs lie before the start of the video and are left out"}));
+    EXPECT_EQ(report.lines(),
+              (std::vector<std::string>{"a.scc: left out: 2 byte pairs before the start of the video"}));
 }
 
 TEST(Scc, DelaysALineThatBeginsBeforeTheLastOneEnds) {
@@ -91,7 +90,7 @@ TEST(Scc, PutsParityRightAndReportsIt) {
     EXPECT_EQ(schedule.eia608[0].word, 0x9420);
     EXPECT_EQ(report.lines(),
               (std::vector<std::string>{
-                  "a.scc:3: 2 byte pairs (the first one here) have wrong parity; it is put right"}));
+                  "a.scc:3: wrong parity of 2 byte pairs (the first one here) is put right"}));
 }
 
 struct ErrorCase {
@@ -114,18 +113,102 @@ INSTANTIATE_TEST_SUITE_P(
                   "b.scc:1: not an SCC file: the first line must be \"Scenarist_SCC V1.0\""},
         ErrorCase{
             "Scenarist_SCC V1.0\n\n00:00:01\t9420\n",
-            "b.scc:3: \"00:00:01\" is not a time code: write HH:MM:SS:FF, or HH:MM:SS;FF for drop-frame"},
+            "b.scc:3: \"00:00:01\" is not a time code: write HH:MM:SS:FF, or HH:MM:SS;FF for drop-frame; the "
+            "line is left out (nothing else is in the file)"},
         ErrorCase{
             "Scenarist_SCC V1.0\n00:00:01:30\t9420\n",
             "b.scc:2: time code \"00:00:01:30\" is out of range: hours go to 23, minutes and seconds to 59, "
-            "frames to 29"},
-        ErrorCase{"Scenarist_SCC V1.0\n00:00:01:00\t9420 94z0\n",
-                  "b.scc:2: \"94z0\" is not a byte pair: write four hexadecimal digits such as 9420"},
-        ErrorCase{"Scenarist_SCC V1.0\n00:00:01:00\t9420 94\n",
-                  "b.scc:2: \"94\" is not a byte pair: write four hexadecimal digits such as 9420"},
-        ErrorCase{"Scenarist_SCC V1.0\n00:00:02:00\t9420\n00:00:01:00\t9420\n",
-                  "b.scc:3: time code 00:00:01:00 is earlier than that of the line before: put the lines in "
-                  "order"}));
+            "frames to 29; the line is left out (nothing else is in the file)"},
+        ErrorCase{"Scenarist_SCC V1.0\n00:00:01:00\t94z0 94\n0:0:1;0\t9420\n",
+                  "b.scc:2: \"94z0\" is not a byte pair: write four hexadecimal digits such as 9420; it is "
+                  "left out (nothing else is in the file)"}));
+
+TEST(Scc, LeavesOutABadLineOrBytePairAloneAndSaysSo) {
+    Report report;
+    const Schedule schedule = parse_scc(
+        "Scenarist_SCC V1.0\n\n00:00:01;00\t9420 94zz 94ae\n00:00:02;31\t9420\n0:0:3;0\t9420\n"
+        "Comment\n00:00:04;00\t942f 123\n",
+        "f.scc", {}, report);
+    EXPECT_EQ(schedule.eia608,
+              (std::vector<Eia608Event>{{30, 0, 0x9420}, {32, 0, 0x94AE}, {120, 0, 0x942F}}));
+    EXPECT_EQ(
+        report.lines(),
+        (std::vector<std::string>{
+            "f.scc:3: \"94zz\" is not a byte pair: write four hexadecimal digits such as 9420; it is left "
+            "out",
+            "f.scc:4: time code \"00:00:02:31\" is out of range: hours go to 23, minutes and seconds to 59, "
+            "frames to 29; the line is left out",
+            "f.scc:5: \"0:0:3;0\" is not a time code: write HH:MM:SS:FF, or HH:MM:SS;FF for drop-frame; the "
+            "line is left out",
+            "f.scc:6: \"Comment\" is not a time code: write HH:MM:SS:FF, or HH:MM:SS;FF for drop-frame; the "
+            "line is left out",
+            "f.scc:7: \"123\" is not a byte pair: write four hexadecimal digits such as 9420; it is left "
+            "out"}));
+    EXPECT_EQ(report.count(WarningKind::kFaultyLine), 5U);
+}
+
+TEST(Scc, PutsItsLinesInOrderAndSaysSo) {
+    Report report;
+    const Schedule schedule = parse_scc(
+        "Scenarist_SCC V1.0\n00:00:05:00\t9420\n00:00:02:00\t94ae\n00:00:08:00\t942c\n00:00:07:00\t942f\n",
+        "o.scc", {}, report);
+    EXPECT_EQ(schedule.eia608, (std::vector<Eia608Event>{
+                                   {60, 0, 0x94AE}, {150, 0, 0x9420}, {210, 0, 0x942F}, {240, 0, 0x942C}}));
+    EXPECT_EQ(report.lines(),
+              (std::vector<std::string>{"o.scc:3: 2 lines with an earlier time code than a line before (the "
+                                        "first one here): the lines are put in order"}));
+}
+
+struct MidnightCase {
+    const char* name;
+    const char* lines;
+    std::optional<Timecode> start;
+    std::vector<std::int64_t> frames;
+};
+
+class SccMidnight : public testing::TestWithParam<MidnightCase> {};
+
+TEST_P(SccMidnight, IsCountedOver) {
+    Report report;
+    const Schedule schedule = parse_scc(std::string("Scenarist_SCC V1.0\n") + GetParam().lines, "m.scc",
+                                        {.start = GetParam().start}, report);
+    std::vector<std::int64_t> frames;
+    for (const Eia608Event& event : schedule.eia608) frames.push_back(event.frame);
+    EXPECT_EQ(frames, GetParam().frames);
+}
+
+constexpr std::int64_t kDropFrameDay = 2589408;
+
+INSTANTIATE_TEST_SUITE_P(
+    Scc, SccMidnight,
+    testing::Values(
+        MidnightCase{"drop_frame",
+                     "23:59:59;00\t9420\n00:00:00;00\t942c\n00:01:00;02\t942f\n",
+                     Timecode{23, 59, 58, 0, true},
+                     {30, 60, 1860}},
+        MidnightCase{
+            "non_drop", "23:59:59:00\t9420\n00:00:00:00\t942c\n", Timecode{23, 59, 58, 0, false}, {30, 60}},
+        MidnightCase{"without_a_start",
+                     "23:59:59;00\t9420\n00:00:00;01\t942c\n",
+                     std::nullopt,
+                     {kDropFrameDay - 30, kDropFrameDay + 1}},
+        MidnightCase{"file_after_it_video_before",
+                     "00:00:01:00\t9420\n00:00:02:00\t942c\n",
+                     Timecode{23, 59, 59, 0, false},
+                     {60, 90}},
+        MidnightCase{"file_before_it_video_after",
+                     "23:59:59:00\t9420\n00:00:02:00\t942c\n",
+                     Timecode{0, 0, 1, 0, false},
+                     {30}},
+        MidnightCase{"lines_out_of_order_about_it",
+                     "23:59:59:00\t9420\n00:00:00:00\t942c\n23:59:59:15\t94ae\n00:00:01:00\t942f\n",
+                     Timecode{23, 59, 59, 0, false},
+                     {0, 15, 30, 60}},
+        MidnightCase{"part_of_a_whole_day",
+                     "00:00:01:00\t9420\n11:00:00:00\t9420\n18:00:01:00\t942c\n23:00:00:00\t9420\n",
+                     Timecode{18, 0, 0, 0, false},
+                     {30, 540000}}),
+    [](const auto& info) { return info.param.name; });
 
 std::vector<std::int64_t> frames_of(const Schedule& schedule) {
     std::vector<std::int64_t> frames;
@@ -152,26 +235,22 @@ TEST_P(SccMix, CountsAllLinesAsMostOfThemAreWrittenAndSaysSo) {
 INSTANTIATE_TEST_SUITE_P(
     Scc, SccMix,
     testing::Values(
-        MixCase{
-            "00:00:00:00\t9420\n00:02:00;02\t9420\n00:03:00;02\t9420\n",
-            {0, 3598, 5396},
-            "m.scc:2: drop-frame time codes (2 lines) and non-drop ones (1 lines) are mixed, the first of "
-            "the fewer here: all are taken for drop-frame"},
-        MixCase{
-            "00:02:00:02\t9420\n00:03:00;02\t9420\n00:04:00:02\t9420\n",
-            {3602, 5402, 7202},
-            "m.scc:3: drop-frame time codes (1 lines) and non-drop ones (2 lines) are mixed, the first of "
-            "the fewer here: all are taken for non-drop"},
-        MixCase{
-            "00:02:00;02\t9420\n00:03:00:02\t9420\n",
-            {3598, 5396},
-            "m.scc:3: drop-frame time codes (1 lines) and non-drop ones (1 lines) are mixed, the first of "
-            "the fewer here: all are taken for drop-frame"},
-        MixCase{
-            "00:02:00:02\t9420\n00:03:00;02\t9420\n",
-            {3602, 5402},
-            "m.scc:3: drop-frame time codes (1 lines) and non-drop ones (1 lines) are mixed, the first of "
-            "the fewer here: all are taken for non-drop"}));
+        MixCase{"00:00:00:00\t9420\n00:02:00;02\t9420\n00:03:00;02\t9420\n",
+                {0, 3598, 5396},
+                "m.scc:2: drop-frame time codes (2 lines) and non-drop ones (1 line) are mixed, the first of "
+                "the fewer here: all are taken for drop-frame"},
+        MixCase{"00:02:00:02\t9420\n00:03:00;02\t9420\n00:04:00:02\t9420\n",
+                {3602, 5402, 7202},
+                "m.scc:3: drop-frame time codes (1 line) and non-drop ones (2 lines) are mixed, the first of "
+                "the fewer here: all are taken for non-drop"},
+        MixCase{"00:02:00;02\t9420\n00:03:00:02\t9420\n",
+                {3598, 5396},
+                "m.scc:3: drop-frame time codes (1 line) and non-drop ones (1 line) are mixed, the first of "
+                "the fewer here: all are taken for drop-frame"},
+        MixCase{"00:02:00:02\t9420\n00:03:00;02\t9420\n",
+                {3602, 5402},
+                "m.scc:3: drop-frame time codes (1 line) and non-drop ones (1 line) are mixed, the first of "
+                "the fewer here: all are taken for non-drop"}));
 
 TEST(Scc, TakesATimeCodeThatDropFrameLeavesOutForTheFirstOfItsMinute) {
     Report report;
@@ -338,8 +417,7 @@ TEST(Mcc, LeavesOtherAncillaryDataOutAndReportsIt) {
                        "47\n"),
               "a.mcc", {}, report);
     EXPECT_EQ(report.lines(),
-              (std::vector<std::string>{
-                  "a.mcc: 1 lines hold ancillary data other than captions and are left out"}));
+              (std::vector<std::string>{"a.mcc: left out: 1 line with ancillary data other than captions"}));
 }
 
 TEST(Mcc, RefusesAStartThatItsCountingDoesNotHave) {
@@ -377,29 +455,13 @@ INSTANTIATE_TEST_SUITE_P(
             std::string("File Format=MacCaption_MCC V1.0\n00:00:00;00\tT00\n"),
             "b.mcc:2: captions begin before the time code rate is known: add a line such as \"Time Code "
             "Rate=30DF\" above"},
-        std::pair{mcc_text("00:00:00;00\n"),
-                  "b.mcc:4: the line has a time code but no data: add it, or remove the line"},
         std::pair{
-            mcc_text("00:00:00;00\tT52X\n"),
-            "b.mcc:4: 'X' is neither a hexadecimal digit nor an abbreviation (correct the line or export the "
-            "file again)"},
-        std::pair{mcc_text("00:00:00;00\tT52S\n"),
-                  "b.mcc:4: the ancillary packet's count byte says 82 bytes, 1 are given (correct the line "
-                  "or export "
-                  "the file again)"},
-        std::pair{mcc_text("00:00:00;00\tT52S524F67ZZ72F4QROO7391UC13FFF74ZZAEB5\n"),
-                  "b.mcc:4: the ancillary packet's checksum is 0xB5, its bytes need 0xB4 (correct the line "
-                  "or export "
-                  "the file again)"},
-        std::pair{mcc_text("00:00:00;00\tT52S524F67ZZ72F4QROO7391UC13FFF74ZZADB3\n"),
-                  "b.mcc:4: the packet's checksum is 0xAD, its bytes need 0xAE (correct the line or export "
-                  "the file "
-                  "again)"},
-        std::pair{
-            mcc_text(std::string("00:00:01;00\t") + kIdlePacket + "\n00:00:00;29\t" + kIdlePacket + "\n"),
-            "b.mcc:5: time code 00:00:00;29 is earlier than that of the line before (correct the line or "
-            "export "
-            "the file again)"}));
+            mcc_text("00:00:00;00\n"),
+            "b.mcc:4: the line has a time code but no data; the line is left out (nothing else is in the "
+            "file: export it again)"},
+        std::pair{mcc_text("00:00:00;00\tT52X\n"),
+                  "b.mcc:4: 'X' is neither a hexadecimal digit nor an abbreviation; the line is left out "
+                  "(nothing else is in the file: export it again)"}));
 
 // Builds a packet around its sections and closes it with footer, length and checksum.
 std::vector<std::uint8_t> packet(std::uint8_t rate_code, std::vector<std::uint8_t> sections) {
@@ -412,6 +474,87 @@ std::vector<std::uint8_t> packet(std::uint8_t rate_code, std::vector<std::uint8_
     for (const std::uint8_t byte : bytes) sum += byte;
     bytes.push_back(static_cast<std::uint8_t>(256 - sum % 256));
     return bytes;
+}
+
+struct FaultCase {
+    std::string lines;
+    std::vector<std::string> warnings;
+};
+
+class MccFault : public testing::TestWithParam<FaultCase> {};
+
+TEST_P(MccFault, CostsItsLineAlone) {
+    const std::string captions = read_file(data_file("sample.mcc"));
+    const std::size_t body = captions.find("\n00:00:00;") + 1;
+    Report report;
+    const auto shown = decode(
+        parse_mcc(captions.substr(0, body) + GetParam().lines + captions.substr(body), "f.mcc", {}, report));
+    ASSERT_EQ(shown.size(), 1U);
+    EXPECT_EQ(shown[0].text(), "From MCC");
+    EXPECT_EQ(shown[0].begin, 20);
+    auto line = 1 + std::count(captions.begin(), captions.begin() + static_cast<std::ptrdiff_t>(body), '\n');
+    std::vector<std::string> expected;
+    for (const std::string& warning : GetParam().warnings)
+        expected.push_back("f.mcc:" + std::to_string(line++) + ": " + warning + "; the line is left out");
+    EXPECT_EQ(report.lines(), expected);
+    EXPECT_EQ(report.count(WarningKind::kFaultyLine), expected.size());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Mcc, MccFault,
+    testing::Values(
+        FaultCase{"00:00:00;00\n", {"the line has a time code but no data"}},
+        FaultCase{"00:00:00;00\tT52X\n", {"'X' is neither a hexadecimal digit nor an abbreviation"}},
+        FaultCase{"00:00:00;00\tT52S\n", {"the ancillary packet's count byte says 82 bytes, 1 are given"}},
+        FaultCase{"00:00:00;00\tT52S524F67ZZ72F4QROO7391UC13FFF74ZZAEB5\n",
+                  {"the ancillary packet's checksum is 0xB5, its bytes need 0xB4"}},
+        FaultCase{"00:00:00;00\tT52S524F67ZZ72F4QROO7391UC13FFF74ZZADB3\n",
+                  {"the packet's checksum is 0xAD, its bytes need 0xAE"}},
+        FaultCase{"00:00:00;31\t" + std::string(kIdlePacket) + "\nx0:00:00;01\t" + kIdlePacket + "\n",
+                  {"time code \"00:00:00;31\" is out of range: hours go to 23, minutes and seconds to 59, "
+                   "frames to 29",
+                   "\"x0:00:00;01\" is not a time code: write HH:MM:SS:FF, or HH:MM:SS;FF for drop-frame"}}));
+
+TEST(Mcc, PutsItsLinesInOrderAndSaysSo) {
+    std::string captions = read_file(data_file("sample.mcc"));
+    Report report;
+    const Schedule in_order = parse_mcc(captions, "o.mcc", {}, report);
+    const std::size_t first = captions.find("\n00:00:00;") + 1, second = captions.find('\n', first) + 1;
+    const std::string line = captions.substr(first, second - first);
+    captions = captions.substr(0, first) + captions.substr(second) + line;
+    const Schedule sorted = parse_mcc(captions, "o.mcc", {}, report);
+    EXPECT_EQ(sorted.eia608, in_order.eia608);
+    EXPECT_EQ(sorted.cea708, in_order.cea708);
+    EXPECT_EQ(report.lines(),
+              (std::vector<std::string>{
+                  "o.mcc:" + std::to_string(std::count(captions.begin(), captions.end(), '\n')) +
+                  ": 1 line with an earlier time code than a line before (the first one here): the lines are "
+                  "put in order"}));
+}
+
+// An MCC line with one byte pair of field 1.
+std::string mcc_line(const std::string& timecode, std::uint8_t high, std::uint8_t low) {
+    const std::vector<std::uint8_t> cdp = packet(4, {0x72, 0xE1, 0xFC, high, low});
+    std::vector<std::uint8_t> bytes{0x61, 0x01, static_cast<std::uint8_t>(cdp.size())};
+    bytes.insert(bytes.end(), cdp.begin(), cdp.end());
+    unsigned sum = 0;
+    for (const std::uint8_t byte : bytes) sum += byte;
+    bytes.push_back(static_cast<std::uint8_t>(sum));
+    std::string text = timecode + "\t";
+    for (const std::uint8_t byte : bytes) {
+        text += "0123456789ABCDEF"[byte >> 4];
+        text += "0123456789ABCDEF"[byte & 15];
+    }
+    return text + "\n";
+}
+
+TEST(Mcc, CountsOnOverMidnight) {
+    Report report;
+    const std::string body = mcc_line("23:59:59;28", 0xC8, 0xE9) + mcc_line("00:00:00;01", 0x94, 0x2C);
+    const Schedule schedule =
+        parse_mcc(mcc_text(body), "m.mcc", {.start = Timecode{23, 59, 59, 0, false}}, report);
+    EXPECT_EQ(schedule.eia608, (std::vector<Eia608Event>{{28, 0, 0xC8E9}, {31, 0, 0x942C}}));
+    EXPECT_EQ(report.lines(), std::vector<std::string>());
 }
 
 TEST(Cdp, ReadsItsSections) {
@@ -630,6 +773,59 @@ TEST(WebVtt, ReadsTheSample) {
     EXPECT_FALSE(cues[1].lines[0].front().italic);
 }
 
+/// The text of a one-line cue, and what is reported of it.
+std::string shown_text(const std::string& text, bool webvtt, const std::vector<std::string>& unknown = {}) {
+    const std::string cue = "00:00:01.000 --> 00:00:02.000\n" + text + "\n";
+    Report report;
+    const auto cues = webvtt ? parse_webvtt("WEBVTT\n\n" + cue, "r", report) : parse_srt(cue, "r", report);
+    std::vector<std::string> expected;
+    for (const std::string& reference : unknown)
+        expected.push_back("r:3: \"" + reference +
+                           "\" is not a known character reference and is shown as it is written: write the "
+                           "character itself");
+    EXPECT_EQ(report.lines(), expected);
+    EXPECT_EQ(report.count(WarningKind::kUnknownReference), expected.size());
+    return plain_text(cues.at(0).lines.at(0));
+}
+
+TEST(WebVtt, ReadsCharacterReferences) {
+    EXPECT_EQ(shown_text("A &amp; B &#39;x&rsquo; &eacute; &lt;i&gt;&nbsp;&quot;C&quot;", true),
+              "A & B 'x’ é <i>\u00A0\"C\"");
+    EXPECT_EQ(shown_text("&Aacute;&Ccedil;&Iuml;&ntilde;&Oslash;&szlig;&uuml;&yuml;&iquest;&iexcl;", true),
+              "ÁÇÏñØßüÿ¿¡");
+    EXPECT_EQ(shown_text("&ldquo;&mdash;&ndash;&hellip;&rdquo; &laquo;&lsquo;&raquo; &sung;&euro;", true),
+              "“—–…” «‘» ♪€");
+    EXPECT_EQ(shown_text("&#233;&#xE9;&#Xe9;&#9834;&#x266a;&#128169;", true), "ééé♪♪💩");
+    EXPECT_EQ(shown_text("&#146;&#0;&#xD800;&#99999999999;x&#10;y", true), "’\uFFFD\uFFFD\uFFFDx y");
+}
+
+TEST(WebVtt, ShowsUnknownCharacterReferencesAsTheyAreWrittenAndSaysSo) {
+    EXPECT_EQ(shown_text("AT&T; R&D; R&D; a & b; &; &#; &#x; &eacute", true, {"&T;", "&D;", "&#;", "&#x;"}),
+              "AT&T; R&D; R&D; a & b; &; &#; &#x; &eacute");
+}
+
+TEST(SubRip, ReadsTheCharacterReferencesOfManyWriters) {
+    EXPECT_EQ(shown_text("A &amp; B &lt;i&gt;&nbsp;C", false), "A & B <i>\u00A0C");
+    EXPECT_EQ(shown_text("&eacute; &#39; &foo; &amp", false), "&eacute; &#39; &foo; &amp");
+}
+
+TEST(WebVtt, KnowsTheNamesOfWhatTheCharacterSetsHave) {
+    for (const std::string name :
+         {"reg",    "deg",    "frac12", "iquest", "trade",  "cent",   "pound",  "sung",   "agrave", "egrave",
+          "acirc",  "ecirc",  "icirc",  "ocirc",  "ucirc",  "Aacute", "Eacute", "Oacute", "Uacute", "Uuml",
+          "uuml",   "lsquo",  "iexcl",  "ast",    "apos",   "mdash",  "copy",   "bull",   "ldquo",  "rdquo",
+          "Agrave", "Acirc",  "Ccedil", "Egrave", "Ecirc",  "Euml",   "euml",   "Icirc",  "Iuml",   "iuml",
+          "Ocirc",  "Ugrave", "ugrave", "Ucirc",  "laquo",  "raquo",  "Atilde", "atilde", "Iacute", "Igrave",
+          "igrave", "Ograve", "ograve", "Otilde", "otilde", "lcub",   "rcub",   "bsol",   "Hat",    "lowbar",
+          "verbar", "Auml",   "auml",   "Ouml",   "ouml",   "szlig",  "yen",    "curren", "brvbar", "Aring",
+          "aring",  "Oslash", "oslash", "boxdr",  "boxdl",  "boxur",  "boxul",  "aacute", "eacute", "iacute",
+          "oacute", "uacute", "ccedil", "divide", "Ntilde", "ntilde", "block",  "rsquo"}) {
+        const std::u32string text = decode_utf8(shown_text("&" + name + ";", true), "r", 1);
+        ASSERT_EQ(text.size(), 1U) << name;
+        EXPECT_TRUE(glyph_for(text[0])) << name;
+    }
+}
+
 TEST(WebVtt, PlacesByLineNumberAndPercentage) {
     const auto row = [](const std::string& setting) {
         Report report;
@@ -716,6 +912,58 @@ TEST(CaptionFile, CountsFromTheStartTimeCodeAsTheFileCounts) {
     }
 }
 
+using CueStart = CaptionFileDirectory;
+
+TEST_F(CueStart, IsTheFilesTimeOfTheFirstPicture) {
+    const std::string srt = file("h.srt",
+                                 "1\n00:59:58,000 --> 00:59:59,000\nBefore\n\n"
+                                 "2\n00:59:59,500 --> 01:00:03,000\nAbout\n\n"
+                                 "3\n01:00:05,000 --> 01:00:06,000\nAfter\n");
+    const std::string vtt = file("h.vtt",
+                                 "WEBVTT\n\n00:59:58.000 --> 00:59:59.000\nBefore\n\n"
+                                 "00:59:59.500 --> 01:00:03.000\nAbout\n\n"
+                                 "01:00:05.000 --> 01:00:06.000\nAfter\n");
+    struct {
+        const char* start;
+        std::int64_t end, begin;  // of the second and the third cue
+    } const starts[] = {{"01:00:00", 75, 125},
+                        {"01:00:00.480", 63, 113},
+                        {"01:00:00,480", 63, 113},
+                        {"01:00:00:00", 75, 125},
+                        {"01:00:00:24", 63, 113}};
+    for (const std::string& path : {srt, vtt})
+        for (const auto& [start, end, begin] : starts) {
+            SCOPED_TRACE(path + " " + start);
+            Report report;
+            const auto captions =
+                decode(load_captions(path, {.output = kRate25, .start = start, .source = kRate50}, report));
+            ASSERT_EQ(captions.size(), 2U);
+            EXPECT_EQ(captions[0].text(), "About");
+            EXPECT_EQ(captions[0].end, end);
+            EXPECT_EQ(captions[1].text(), "After");
+            EXPECT_EQ(captions[1].begin, begin);
+            EXPECT_EQ(report.lines().front(), path + ": left out: 1 cue before the start of the video");
+        }
+}
+
+TEST_F(CueStart, IsRefusedWhereItIsNoTime) {
+    const auto error = [&](const char* start, FrameRate source) -> std::string {
+        Report report;
+        try {
+            load_captions(data_file("sample.srt"), {.start = start, .source = source}, report);
+        } catch (const std::invalid_argument& refusal) {
+            return refusal.what();
+        }
+        return "accepted";
+    };
+    for (const char* start : {"1:00", "01:00:00.5", "01:61:00", "01:00:00:00:00", "x"})
+        EXPECT_EQ(error(start, kRate25), std::string("\"") + start +
+                                             "\" is not a time: write HH:MM:SS, HH:MM:SS.mmm or HH:MM:SS:FF");
+    EXPECT_THAT(error("00:00:00:25", kRate25), testing::HasSubstr("frames to 24"));
+    EXPECT_EQ(error("00:00:00:25", kRate29_97), "accepted");
+    EXPECT_THAT(error("00:00:01;00", kRate25), testing::HasSubstr("write it with ':' before the frames"));
+}
+
 class StartTimecode : public testing::TestWithParam<std::tuple<const char*, const char*, const char*>> {};
 
 TEST_P(StartTimecode, IsRefusedWhereItDoesNotExist) {
@@ -761,9 +1009,8 @@ TEST_P(FieldFiles, CarryTheControlCodesOfTheirField) {
         EXPECT_EQ(report.lines(), warnings);
         return schedule.eia608;
     };
-    const std::string warning = field == 0
-                                    ? "6 control codes are those of field 2: they are sent as field 1's"
-                                    : "6 control codes are those of field 1: they are sent as field 2's";
+    const std::string warning = field == 0 ? "6 control codes of field 2: sent as field 1's"
+                                           : "6 control codes of field 1: sent as field 2's";
     const auto expected = words(own, {});
     EXPECT_EQ(expected.front().word, field == 0 ? 0x9420 : 0x1520);
     EXPECT_EQ(expected[4].word, 0x1570);

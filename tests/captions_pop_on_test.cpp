@@ -193,8 +193,9 @@ TEST(PopOn, DropsACueForWhichTheNextLeavesNoTimeAndSaysSo) {
     EXPECT_EQ(report.count(WarningKind::kDroppedCue), 1U);
     EXPECT_EQ(report.lines(),
               (std::vector<std::string>{
-                  "fast.srt:5: the caption is dropped, it would appear 20 frames (0.80 s) "
-                  "late: its 64 characters take that long to load, and the next one follows"}));
+                  "fast.srt:5: the caption \"" + row + " / " + row +
+                  "\" is dropped, it would appear 20 frames (0.80 s) late: its 64 characters take that long "
+                  "to load, and the next one follows"}));
     const auto captions = decode(schedule);
     ASSERT_EQ(captions.size(), 2U);
     EXPECT_EQ(captions[0].text(), "First.");
@@ -242,6 +243,89 @@ TEST(PopOn, LosesNoWordOfADensePlay) {
         EXPECT_EQ(shown, expected);
         EXPECT_EQ(report.count(WarningKind::kDroppedCue), 0U);
     }
+}
+
+// A line of 128 characters, of 34 slots to load in each of three parts, from 5 s on.
+Cue long_cue(std::int64_t end_ms) {
+    return cue_of(5000, end_ms,
+                  {"This is a very long line that certainly is going to exceed thirty-two columns and then "
+                   "even go beyond two rows because it is long"},
+                  2);
+}
+
+std::string on_one_line(const std::vector<TimedText>& captions) {
+    std::string all;
+    for (const TimedText& caption : captions)
+        for (const std::string& row : caption.rows) all += (all.empty() ? "" : " ") + row;
+    return all;
+}
+
+TEST(PopOn, ShowsThePartsOfALongCueOneAfterTheOtherAsLateAsTheyMustBe) {
+    const Cue cue = long_cue(7000);
+    for (const FrameRate rate : kRates) {
+        SCOPED_TRACE(rate.per_second());
+        Report report;
+        const auto captions = decode(
+            encode_pop_on({cue, cue_of(12000, 14000, {"Next"}, 6)}, "long.srt", {.rate = rate}, report));
+        ASSERT_EQ(captions.size(), 4U);
+        EXPECT_EQ(on_one_line(captions), plain_text(cue.lines[0]) + " Next");
+        EXPECT_EQ(report.count(WarningKind::kDroppedCue), 0U);
+        EXPECT_EQ(report.count(WarningKind::kSplitCue), 1U);
+        const std::int64_t second = seconds_to_frame(1, rate), slot = FieldSlots(rate, 0).step();
+        for (std::size_t i = 0; i < 3; ++i) {
+            EXPECT_GE(captions[i].end - captions[i].begin, second - slot) << i;
+            EXPECT_LE(captions[i].end - captions[i].begin, 2 * second) << i;
+        }
+        EXPECT_EQ(captions[0].end, captions[1].begin);
+        EXPECT_EQ(captions[1].end, captions[2].begin);
+        EXPECT_NEAR(frame_to_seconds(captions[3].begin, rate), 12, 0.05);
+    }
+}
+
+TEST(PopOn, DropsOnlyThePartsOfALongCueThatTheNextCueLeavesNoTimeFor) {
+    Report report;
+    const auto captions = decode(encode_pop_on({long_cue(6900), cue_of(7000, 9000, {"Next"}, 6)}, "long.srt",
+                                               {.rate = kRate29_97}, report));
+    ASSERT_EQ(captions.size(), 3U);
+    EXPECT_EQ(captions[0].text(), "This is a very long line that\ncertainly is");
+    EXPECT_EQ(captions[1].text(), "going to exceed thirty-two\ncolumns and then");
+    EXPECT_EQ(captions[1].end, 210);  // stays until the next cue, though the cue itself ends at frame 207
+    EXPECT_EQ(captions[2].text(), "Next");
+    EXPECT_EQ(captions[2].begin, 210);
+    EXPECT_EQ(report.count(WarningKind::kDroppedCue), 1U);
+    const std::string dropped =
+        "long.srt:2: the caption \"even go beyond two rows because / it is long\" is dropped, it would "
+        "appear";
+    EXPECT_EQ(report.lines().back().substr(0, dropped.size()), dropped);
+}
+
+TEST(PopOn, SharesTheTimeOfACueAmongItsPartsByTheirCharacters) {
+    Report report;
+    const std::string row(30, 'x'), short_row(15, 'y');
+    const auto captions = decode(encode_pop_on({cue_of(4000, 13000, {row, row, short_row, short_row})},
+                                               "x.srt", {.rate = kRate25}, report));
+    ASSERT_EQ(captions.size(), 2U);
+    EXPECT_EQ(captions[0].begin, 100);
+    EXPECT_EQ(captions[0].end, 250);
+    EXPECT_EQ(captions[1].begin, 250);
+    EXPECT_EQ(captions[1].end, 325);
+}
+
+TEST(Layout, LeavesNoWordAloneInTheLastOfSeveralCaptions) {
+    Report report;
+    const auto words = lay_out_cue(long_cue(7000), 2, "x", report);
+    ASSERT_EQ(words.size(), 3U);
+    EXPECT_EQ(text_of(words[2].at(0)), "even go beyond two rows because");
+    EXPECT_EQ(text_of(words[2].at(1)), "it is long");
+    EXPECT_EQ(
+        report.lines(),
+        (std::vector<std::string>{"x:2: the cue needs 5 rows and is shown as 3 captions of at most 2 rows"}));
+    const std::string row(30, 'x');
+    const auto lines = lay_out_cue(cue_of(0, 1, {row, row, row, row, "End"}), 2, "x", report);
+    ASSERT_EQ(lines.size(), 3U);
+    EXPECT_EQ(lines[0].size() + lines[1].size(), 3U);
+    EXPECT_EQ(text_of(lines[2].at(0)), row);
+    EXPECT_EQ(text_of(lines[2].at(1)), "End");
 }
 
 TEST(Layout, CentresTwoRowsAtTheBottom) {
@@ -309,12 +393,23 @@ TEST(PopOn, SaysOnceHowManyCuesAreWrappedToFewerRows) {
     ASSERT_EQ(two_rows.size(), 4U);
     EXPECT_EQ(two_rows[0].text(), "- One - Two - Three");
     EXPECT_EQ(report.lines(),
-              (std::vector<std::string>{"r.srt:3: 2 cues (the first one here) are wrapped to 2 rows: "
-                                        "--caption-rows 4 keeps their lines"}));
+              (std::vector<std::string>{"r.srt:3: 2 cues (the first one here) wrapped to 2 rows: "
+                                        "--caption-rows 4 keeps the lines"}));
     Report none;
     const auto four_rows = decode(encode_pop_on(cues, "r.srt", {.rate = kRate25, .rows = 4}, none));
     EXPECT_EQ(four_rows.at(0).text(), "- One\n- Two\n- Three");
     EXPECT_TRUE(none.empty());
+}
+
+TEST(PopOn, SaysOneInTheSingular) {
+    Report report;
+    encode_pop_on({cue_of(2000, 3040, {"1", "2", "3"}, 3), cue_of(3000, 4000, {"x"}, 8)}, "r.srt",
+                  {.rate = kRate25}, report);
+    EXPECT_EQ(
+        report.lines(),
+        (std::vector<std::string>{
+            "r.srt:3: the cue overlaps the one of line 8 and ends 1 frame early, when that begins",
+            "r.srt:3: 1 cue (the first one here) wrapped to 2 rows: --caption-rows 3 keeps the lines"}));
 }
 
 TEST(Layout, BreaksWordsLongerThanARow) {

@@ -429,14 +429,76 @@ TEST(Repacer, LeavesOtherConstructsThanDtvccOut) {
     EXPECT_EQ(repacer.pending(), 0U);
 }
 
+TEST(Repacer, SpreadsThePairsOfAPictureThatIsShownForLongOverItsFrames) {
+    Repacer repacer(kRate29_97, kRate29_97);
+    const Word eoc = control(kEndOfCaption);
+    repacer.push(0, PictureCaptions{{{text('a', 'b')}, {}}, {}});
+    repacer.push(1, PictureCaptions{{{text('c', 'd'), eoc}, {}}, {}});
+    repacer.push(3, PictureCaptions{{{eoc}, {}}, {}});
+    repacer.finish();
+    std::vector<Word> slots;
+    for (std::int64_t picture = 0; picture < 5; ++picture) slots.push_back(repacer.pull(picture).words[0]);
+    EXPECT_EQ(slots, (std::vector<Word>{text('a', 'b'), text('c', 'd'), eoc, eoc, 0}));
+    EXPECT_EQ(repacer.largest_delay(), 0);
+}
+
+// A source at 30 pairs a second as film has it: five pairs of a field in four pictures.
+Source as_film(const Source& video) {
+    Source film;
+    for (std::size_t frame = 0; frame < video.size(); ++frame) {
+        film.resize(frame * 4 / 5 + 1);
+        for (int field = 0; field < 2; ++field) {
+            const std::vector<Word>& pairs = video[frame].fields[field];
+            film.back().fields[field].push_back(pairs.empty() ? kNullPair : pairs[0]);
+        }
+    }
+    return film;
+}
+
+TEST(Repacer, BringsFilmWithThePairsOfVideoBackToVideoWithAllRepetitions) {
+    std::mt19937 random(2324);
+    for (int phase = 0; phase < 5; ++phase) {
+        SCOPED_TRACE(phase);
+        for (const bool pop_on : {false, true}) {
+            Source video(static_cast<std::size_t>(phase));
+            const Source programme =
+                pop_on ? pop_on_programme(kRate29_97, 8, 16) : random_source(kRate29_97, 900, 0.1, random);
+            video.insert(video.end(), programme.begin(), programme.end());
+            const Carried expected = carried_by(video);
+            const Result result = transcode(as_film(video), kRate23_976, kRate29_97);
+            for (int field = 0; field < 2; ++field) {
+                EXPECT_EQ(result.carried.pairs[field], expected.pairs[field]);
+                EXPECT_EQ(result.carried.receivers[field].acted, expected.receivers[field].acted);
+            }
+            EXPECT_LE(result.largest_delay, 2);
+        }
+    }
+}
+
+TEST(Repacer, CarriesEveryCommandOfFilmWithThePairsOfVideoOnce) {
+    std::mt19937 random(24);
+    for (const FrameRate to : kRates) {
+        SCOPED_TRACE(to.per_second());
+        const Source film = as_film(random_source(kRate29_97, 900, 0.2, random));
+        const Carried expected = carried_by(film);
+        const Result result = transcode(film, kRate23_976, to, useful_foresight(kRate29_97, to));
+        for (int field = 0; field < 2; ++field)
+            EXPECT_EQ(result.carried.receivers[field].acted, expected.receivers[field].acted);
+    }
+}
+
 TEST(Repacer, CountsWhatWaits) {
     Repacer repacer(kRate25, kRate25);
-    repacer.push(0, PictureCaptions{{{text('a', 'b'), text('c', 'd'), text('e', 'f')}, {}}, {}});
+    repacer.push(2, PictureCaptions{});
+    for (const Word word : {text('a', 'b'), text('c', 'd'), text('e', 'f')})
+        repacer.push(0, PictureCaptions{{{word}, {}}, {}});
     repacer.finish();
-    repacer.pull(0);
-    EXPECT_EQ(repacer.pending(), 2U);
     repacer.pull(1);
+    EXPECT_EQ(repacer.pending(), 3U);
     repacer.pull(2);
+    EXPECT_EQ(repacer.pending(), 2U);
+    repacer.pull(3);
+    repacer.pull(4);
     EXPECT_EQ(repacer.pending(), 0U);
     EXPECT_EQ(repacer.largest_delay(), 2);
 }

@@ -146,8 +146,7 @@ TEST_F(CaptionFileCommand, TranslatesTheControlCodesOfAFileForTheOtherField) {
     const json account = encode(y4m(k29_97, 60), out, {"--captions", scc, "--captions-field", "2"});
     EXPECT_THAT(captions_of(out), ElementsAre("CC3 Hi"));
     EXPECT_EQ(account["warnings"], json({{"other_field", 1}}));
-    EXPECT_THAT(diagnostics,
-                HasSubstr("cc1.scc: 4 control codes are those of field 1: they are sent as field 2's"));
+    EXPECT_THAT(diagnostics, HasSubstr("cc1.scc: 4 control codes of field 1: sent as field 2's"));
 
     // What inspection writes are the codes as transmitted, which go back into field 2 as they are.
     EXPECT_EQ(run({"inspect", out, "--scc", second, "--field", "2"}).status, 0);
@@ -158,7 +157,7 @@ TEST_F(CaptionFileCommand, TranslatesTheControlCodesOfAFileForTheOtherField) {
 
     encode(y4m(k29_97, 60), out, {"--captions", scc, "--captions", scc});
     EXPECT_THAT(captions_of(out), testing::UnorderedElementsAre("CC1 Hi", "CC3 Hi"));
-    EXPECT_THAT(diagnostics, HasSubstr("they are sent as field 2's"));
+    EXPECT_THAT(diagnostics, HasSubstr("control codes of field 1: sent as field 2's"));
 }
 
 TEST_F(CaptionFileCommand, SaysThatRowsAreWrappedAndHowToKeepThem) {
@@ -170,6 +169,49 @@ TEST_F(CaptionFileCommand, SaysThatRowsAreWrappedAndHowToKeepThem) {
     EXPECT_EQ(encode(y4m(k25, 60), out, {"--captions", srt, "--caption-rows", "3"})["warnings"],
               json::object());
     EXPECT_THAT(captions_of(out), ElementsAre("CC1 A/B/C"));
+}
+
+TEST_F(CaptionFileCommand, ShowsEveryGoodLineOfADamagedSccFileAndNamesTheOthers) {
+    const std::string scc = file("wild.scc",
+                                 "Scenarist_SCC V1.0\n\n00:00:02:00\t9420 9420 9470 9470 c232 942f 942f\n\n"
+                                 "00:00:01:00\t9420 9420 9470 9470 c131 942f 942f\n\n"
+                                 "00:00:03:31\t942c 942c\n\n00:00:03:00\t94zz 942c 942c\n");
+    const std::string out = directory / "out.ts";
+    const json account = encode(y4m(k29_97, 100), out, {"--captions", scc});
+    EXPECT_THAT(captions_of(out), ElementsAre("CC1 A1", "CC1 B2"));
+    EXPECT_EQ(account["warnings"], json({{"faulty_lines", 2}, {"time_codes", 1}}));
+    EXPECT_THAT(diagnostics, HasSubstr("wild.scc:5: 1 line with an earlier time code"));
+    EXPECT_THAT(diagnostics, HasSubstr("wild.scc:7: time code \"00:00:03:31\" is out of range"));
+    EXPECT_THAT(diagnostics, HasSubstr("wild.scc:9: \"94zz\" is not a byte pair"));
+}
+
+TEST_F(CaptionFileCommand, StartsAnyFileAtTheTimeAsked) {
+    const std::string in = y4m(k29_97, 100), out = directory / "out.ts";
+    const std::string srt = file("hour.srt", "1\n01:00:01,000 --> 01:00:02,000\nHi\n");
+    const std::string scc = file("midnight.scc",
+                                 "Scenarist_SCC V1.0\n\n23:59:59;20\t9420 9420 9470 9470 c8e9 942f 942f\n\n"
+                                 "00:00:00;10\t942c 942c\n");
+    for (const auto& [path, start] :
+         {std::pair(srt, "01:00:00"), std::pair(srt, "01:00:00.250"), std::pair(srt, "00:59:59;15"),
+          std::pair(scc, "23:59:58;00"), std::pair(scc, "23:59:59:15")}) {
+        EXPECT_EQ(encode(in, out, {"--captions", path, "--captions-start", start})["warnings"],
+                  json::object());
+        EXPECT_THAT(captions_of(out), ElementsAre("CC1 Hi")) << start;
+    }
+    EXPECT_EQ(encode(in, out, {"--captions", srt, "--captions-start", "01:00:02:00"})["warnings"],
+              json({{"before_start", 1}}));
+    EXPECT_THAT(diagnostics, HasSubstr("hour.srt: left out: 1 cue before the start of the video"));
+}
+
+TEST_F(CaptionFileCommand, RefusesRowsForFilesThatHaveTheirOwn) {
+    const std::string in = y4m(k25, 5), out = directory / "out.ts";
+    const std::string scc = file("a.scc", "Scenarist_SCC V1.0\n\n00:00:01:00\t9420\n");
+    const std::string srt = file("a.srt", "1\n00:00:01,000 --> 00:00:02,000\nHi\n");
+    const ProgramResult result = run({"encode", in, out, "--captions", scc, "--caption-rows", "2"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_THAT(result.err, HasSubstr("--caption-rows is for SRT and WebVTT files"));
+    EXPECT_FALSE(std::filesystem::exists(out));
+    encode(in, out, {"--captions", scc, "--captions", srt, "--caption-rows", "2"});
 }
 
 struct FormCase {
@@ -283,6 +325,16 @@ TEST_P(SplicedTimecodes, AreCarriedToHalfTheRate) {
     const std::vector<std::string> timecodes = carried(in, {"--set", "frame rate limit=25"});
     EXPECT_THAT(timecodes, testing::IsSupersetOf({"0 10:00:00:20", "5 10:00:01:00", "10 10:00:01:05",
                                                   "15 10:00:01:10", "20 20:00:00:05", "25 20:00:00:10"}));
+}
+
+// No rate but 29.97 and 59.94 has drop-frame counting: the codes are the input's all the same.
+TEST_P(SplicedTimecodes, AreTheInputsAtARateWithoutDropFrameCounting) {
+    const std::string in = spliced(k29_97, {{40, "00:00:59;10"}, {40, "00:01:59;10"}});
+    const std::vector<std::string> timecodes = carried(in, {"--set", "frame rate limit=15"});
+    // Picture 20 of the input is 00:01:00;02, and picture 60 is 00:02:00;02.
+    EXPECT_THAT(timecodes, testing::IsSupersetOf({"0 00:00:59:05", "5 00:00:59:10", "10 00:01:00:01",
+                                                  "15 00:01:00:06", "20 00:01:59:05", "25 00:01:59:10",
+                                                  "30 00:02:00:01", "35 00:02:00:06"}));
 }
 
 INSTANTIATE_TEST_SUITE_P(BFrames, SplicedTimecodes, testing::Values(0, 2));

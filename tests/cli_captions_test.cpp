@@ -121,8 +121,9 @@ std::vector<Word> cc_pairs(const std::string& bytes) {
     return pairs;
 }
 
-// MPEG-2 user data with SCTE 20 pairs, and A/53 cc_data of MPEG-2 and H.264.
+// MPEG-2 user data with SCTE 20 pairs, and with "CC" ones, and A/53 cc_data of MPEG-2 and H.264.
 const std::string kScte20 = {0, 0, 1, '\xB2', 3};
+const std::string kCc = {0, 0, 1, '\xB2', 'C', 'C', 1, '\xF8'};
 const std::string kCcData = "GA94\3";
 
 /// The time codes of an MPEG-2 stream's GOP headers.
@@ -371,6 +372,249 @@ TEST_F(CaptionCommand, CarriesOverPairsThatTheInputHasInSeveralFormsOnlyOnce) {
     encode(in, out);
     EXPECT_EQ(read_back(out).pairs, expected(pairs, k29_97));
 }
+
+TEST_F(CaptionCommand, LeavesCcOutBesideScte20) {
+    const auto pairs = text_pairs(0, 2, 12, 3);
+    const std::string out = directory / "out.m2v";
+    encode(y4m(k29_97, 42), out,
+           {"--captions", file("a.scc", scc(pairs)), "--scte20", "--set", "enable cea-708=0"});
+    EXPECT_EQ(ends_of(read_file(out), kScte20).size(), pairs.size());
+    EXPECT_THAT(ends_of(read_file(out), kCc), testing::IsEmpty());
+    EXPECT_EQ(read_back(out).pairs, expected(pairs, k29_97));
+}
+
+class CcCarryOver : public CaptionCommand, public testing::WithParamInterface<std::tuple<bool, int, int>> {};
+
+TEST_P(CcCarryOver, BringsEachPairToThePictureItWasMeantForOnce) {
+    const auto& [beside_scte20, on_p_frames, b_frames] = GetParam();
+    std::vector<Asked> field_1 = text_pairs(0, 2, 17, 3);
+    for (const int frame : {53, 54, 57, 58}) field_1.push_back({frame, 0, 0x94AE});
+    const auto field_2 = text_pairs(1, 3, 13, 4);
+    std::vector<Asked> all = field_1;
+    all.insert(all.end(), field_2.begin(), field_2.end());
+    const std::string in = directory / "in.m2v", out = directory / "out.h264";
+    std::vector<std::string> options = two_files(field_1, field_2);
+    for (const std::string& setting :
+         {std::string("enable eia-608=1"), std::string("enable cea-708=0"),
+          fmt::format("eia-608 on p-frames={}", on_p_frames), fmt::format("b frames={}", b_frames)})
+        options.insert(options.end(), {"--set", setting});
+    if (beside_scte20) options.push_back("--scte20");
+    encode(y4m(k29_97, 100), in, options);
+    ASSERT_EQ(cc_pairs(read_file(in)), words_of(field_1));
+    ASSERT_EQ(ends_of(read_file(in), kScte20).empty(), !beside_scte20);
+
+    const json account = encode(in, out);
+    EXPECT_EQ(read_back(out).pairs, expected(all, k29_97));
+    EXPECT_EQ(account["carried"]["eia608_pairs"], all.size());
+    EXPECT_EQ(account["largest_delay"], 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Grid, CcCarryOver,
+                         testing::Combine(testing::Bool(), testing::Values(0, 1), testing::Values(0, 2)));
+
+/// Pop-on captions of a second each without text that matters, all commands twice: one pair per frame.
+std::vector<Word> pop_on_pairs(int field, int captions) {
+    constexpr int kSecondField = 0x0100;
+    std::vector<Word> pairs;
+    for (int caption = 0; caption < captions; caption++) {
+        for (const int command : {0x1420, 0x142E, 0x1470})
+            for (int times = 0; times < 2; times++)
+                pairs.push_back(gsve::captions::with_parity(
+                    static_cast<Word>(command + (field == 1 ? kSecondField : 0))));
+        for (const Asked& text : text_pairs(field, 0, 9, 1)) pairs.push_back(text.word);
+        for (int times = 0; times < 2; times++)
+            pairs.push_back(
+                gsve::captions::with_parity(static_cast<Word>(0x142F + (field == 1 ? kSecondField : 0))));
+        pairs.resize(pairs.size() + 13, gsve::captions::kNullPair);
+    }
+    return pairs;
+}
+
+/// What a receiver acts upon: a command at once after an equal one of its field is its repetition. `step`
+/// pictures carry a pair of each field.
+std::vector<Word> acted_upon(const std::vector<Found>& pairs, int field, int step = 1) {
+    std::vector<Word> words;
+    Found newest{-10, field, 0};
+    for (const Found& pair : pairs) {
+        if (pair.field != field) continue;
+        const bool repetition = gsve::captions::is_control(pair.word) && pair.word == newest.word &&
+                                pair.picture - newest.picture <= step;
+        if (!repetition) words.push_back(pair.word);
+        newest = repetition ? Found{pair.picture, field, 0} : pair;
+    }
+    return words;
+}
+
+/// Film as 60 Hz video: the pictures of a progressive stream at 24 pictures/s without B-pictures, shown for
+/// two and three fields by turns, with the byte pairs of 30 frames/s as A/53 data in each picture or, as on
+/// DVD, as "CC" user data in front of the pictures of each GOP.
+class SoftTelecine {
+public:
+    SoftTelecine(std::string progressive, bool dvd, std::vector<Word> field_1, std::vector<Word> field_2)
+        : film_(std::move(progressive)), dvd_(dvd), pairs_{std::move(field_1), std::move(field_2)} {
+        std::vector<size_t> units;
+        for (size_t at = film_.find(kPrefix); at != std::string::npos; at = film_.find(kPrefix, at + 3))
+            units.push_back(at);
+        for (size_t n = 0; n < units.size(); n++) {
+            if (dvd_ && type(units[n]) == kGop) gop_pictures_ = pictures_before_next_gop(units, n + 1);
+            add(film_.substr(units[n], (n + 1 < units.size() ? units[n + 1] : film_.size()) - units[n]));
+        }
+    }
+
+    const std::string& stream() const { return stream_; }
+
+    /// In which field picture `picture` begins.
+    static int first_field(int picture) { return picture * 5 / 2; }
+
+private:
+    static constexpr int kSequence = 0xB3, kExtension = 0xB5, kGop = 0xB8, kPicture = 0x00;
+    const std::string kPrefix = {0, 0, 1};
+
+    unsigned type(size_t at) const { return byte_at(film_, at + 3); }
+
+    int pictures_before_next_gop(const std::vector<size_t>& units, size_t n) const {
+        int pictures = 0;
+        for (; n < units.size() && type(units[n]) != kGop; n++) pictures += type(units[n]) == kPicture;
+        return pictures;
+    }
+
+    std::string triple(int header, int field, size_t frame) const {
+        const Word word = frame < pairs_[field].size() ? pairs_[field][frame] : gsve::captions::kNullPair;
+        return {static_cast<char>(header), static_cast<char>(word >> 8), static_cast<char>(word & 0xFF)};
+    }
+
+    void add(std::string unit) {
+        constexpr char k29_97Code = 4;
+        const unsigned extension = byte_at(unit, 4) >> 4;
+        const bool is_extension = byte_at(unit, 3) == kExtension;
+        if (byte_at(unit, 3) == kSequence) unit[7] = static_cast<char>((unit[7] & 0xF0) | k29_97Code);
+        if (is_extension && extension == 1) unit[5] &= ~0x08;  // progressive_sequence
+        if (is_extension && extension == 8) {
+            const int begin = first_field(picture_), end = first_field(++picture_);
+            // top_field_first and repeat_first_field
+            unit[7] = static_cast<char>((unit[7] & ~0x82) | (begin % 2 ? 0 : 0x80) | (end - begin - 2) << 1);
+            if (!dvd_) unit += cc_data(begin, end);
+        }
+        if (dvd_ && byte_at(unit, 3) == kGop)
+            unit += cc((first_field(picture_) + 1) / 2, (first_field(picture_ + gop_pictures_) + 1) / 2);
+        stream_ += unit;
+    }
+
+    std::string cc_data(int begin, int end) const {
+        std::string triples;
+        for (int field = begin; field < end; field++)
+            triples += triple(0xFC + field % 2, field % 2, static_cast<size_t>(field / 2));
+        return std::string{0, 0, 1, '\xB2'} + kCcData + static_cast<char>(0x40 | (end - begin)) + '\xFF' +
+               triples + '\xFF';
+    }
+
+    std::string cc(int begin, int end) const {
+        std::string data = kCc + static_cast<char>(0x80 | (end - begin) * 2);
+        for (int frame = begin; frame < end; frame++)
+            data += triple(0xFF, 0, static_cast<size_t>(frame)) + triple(0xFE, 1, static_cast<size_t>(frame));
+        return data;
+    }
+
+    std::string film_;
+    bool dvd_;
+    std::vector<Word> pairs_[2];
+    std::string stream_;
+    int picture_ = 0;
+    int gop_pictures_ = 0;
+};
+
+/// Puts the pictures of an elementary stream into a container, each with the time of its first field.
+void put_into_container(const std::string& stream, const std::string& path) {
+    AVFormatContext *input = nullptr, *output = nullptr;
+    require(avformat_open_input(&input, stream.c_str(), nullptr, nullptr), "open");
+    require(avformat_find_stream_info(input, nullptr), "stream info");
+    require(avformat_alloc_output_context2(&output, nullptr, nullptr, path.c_str()), "container");
+    AVStream* video = avformat_new_stream(output, nullptr);
+    avcodec_parameters_copy(video->codecpar, input->streams[0]->codecpar);
+    require(avio_open(&output->pb, path.c_str(), AVIO_FLAG_WRITE), "create");
+    require(avformat_write_header(output, nullptr), "header");
+    AVPacket* packet = av_packet_alloc();
+    for (int picture = 0; av_read_frame(input, packet) == 0; picture++) {
+        const int begin = SoftTelecine::first_field(picture);
+        packet->pts = packet->dts = begin;
+        packet->duration = SoftTelecine::first_field(picture + 1) - begin;
+        av_packet_rescale_ts(packet, {1001, 60000}, video->time_base);
+        require(av_interleaved_write_frame(output, packet), "write");
+    }
+    require(av_write_trailer(output), "trailer");
+    av_packet_free(&packet);
+    avio_closep(&output->pb);
+    avformat_free_context(output);
+    avformat_close_input(&input);
+}
+
+class TelecineCarryOver : public CaptionCommand,
+                          public testing::WithParamInterface<std::tuple<bool, const char*>> {
+protected:
+    std::string film() {
+        const auto& [dvd, container] = GetParam();
+        constexpr int kPictures = 144;
+        const std::string y4m = directory / "film.y4m", progressive = directory / "film.m2v";
+        // Interlaced sequences have whole pairs of macroblock rows.
+        write_y4m(y4m, {.width = 64, .height = 64, .rate = {24, 1}}, kPictures);
+        encode(y4m, progressive, {"--no-captions", "--set", "b frames=0", "--set", "gop size=12"});
+        const SoftTelecine telecine(read_file(progressive), dvd, programme[0], programme[1]);
+        const std::string stream = file("telecine.m2v", telecine.stream());
+        if (container == std::string(".m2v")) return stream;
+        const std::string in = directory / (std::string("telecine") + container);
+        put_into_container(stream, in);
+        return in;
+    }
+
+    std::vector<Found> on_their_frames() const {
+        std::vector<Found> pairs;
+        for (int frame = 0; frame < static_cast<int>(programme[0].size()); frame++)
+            for (int field = 0; field < 2; field++)
+                if (const Word word = programme[field][static_cast<size_t>(frame)];
+                    !gsve::captions::is_null(word))
+                    pairs.push_back({frame, field, word});
+        return pairs;
+    }
+
+    const std::vector<Word> programme[2] = {pop_on_pairs(0, 5), pop_on_pairs(1, 5)};
+};
+
+TEST_P(TelecineCarryOver, BringsEachPairToItsFrame) {
+    const std::string in = film(), out = directory / "out.h264";
+    const json account = encode(in, out);
+    const ReadBack found = read_back(out);
+    EXPECT_EQ(found.pictures, 180);
+    EXPECT_EQ(found.pairs, on_their_frames());
+    EXPECT_EQ(account["delayed_pairs"], 0);
+    EXPECT_EQ(account["repetitions_left_out"], 0);
+}
+
+TEST_P(TelecineCarryOver, LeavesNoGapBetweenACommandAndItsRepetitionAtOtherRates) {
+    const std::string in = film(), out = directory / "out.h264";
+    const std::vector<Found> asked = on_their_frames();
+    struct {
+        std::vector<std::string> options;
+        int step;
+    } const cases[] = {{{"--rate", "24000/1001"}, 1},
+                       {{"--rate", "25"}, 1},
+                       {{"--rate", "60000/1001"}, 2},
+                       {{"--set", "frame rate limit=15"}, 1}};
+    for (const auto& [options, step] : cases) {
+        encode(in, out, options);
+        const ReadBack found = read_back(out);
+        for (int field = 0; field < 2; field++) {
+            // At half the rate, the last ones no longer fit.
+            std::vector<Word> wanted = acted_upon(asked, field);
+            const std::vector<Word> got = acted_upon(found.pairs, field, step);
+            if (options[1] == "frame rate limit=15") wanted.resize(std::min(wanted.size(), got.size()));
+            EXPECT_EQ(got, wanted) << options[1] << " field " << field + 1;
+            EXPECT_GT(got.size(), 40U);
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Grid, TelecineCarryOver,
+                         testing::Combine(testing::Bool(), testing::Values(".m2v", ".ts", ".mkv")));
 
 /// Elementary streams can be put end to end: the first twelve seconds have no captions, the next have.
 class LateCaptions : public CaptionCommand {

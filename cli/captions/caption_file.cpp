@@ -1,6 +1,7 @@
 #include "caption_file.h"
 
 #include <algorithm>
+#include <cmath>
 #include <filesystem>
 #include <iterator>
 #include <optional>
@@ -39,9 +40,37 @@ std::optional<Timecode> start_timecode(const std::string& text) {
     return start;
 }
 
+// The start as files of cues count it: a clock's time as it is written, then the frames of a time code.
+std::int64_t start_milliseconds(const std::string& text, FrameRate rate) {
+    constexpr int kColons = 2;  // hours, minutes, seconds
+    if (text.empty()) return 0;
+    if (std::count(text.begin(), text.end(), ':') == kColons)
+        if (const std::optional<std::int64_t> clock = parse_clock(text)) return *clock;
+    if (!is_timecode(text))
+        throw std::invalid_argument(
+            fmt::format("\"{}\" is not a time: write HH:MM:SS, HH:MM:SS.mmm or HH:MM:SS:FF", text));
+    const Timecode start = parse_timecode(text, rate);
+    const int seconds = (start.hours * 60 + start.minutes) * 60 + start.seconds;
+    return seconds * std::int64_t{1000} + std::lround(1000 * frame_to_seconds(start.frames, rate));
+}
+
+std::vector<Cue> from_start(std::vector<Cue> cues, std::int64_t start, const std::string& path,
+                            Report& report) {
+    const std::size_t before =
+        std::erase_if(cues, [start](const Cue& cue) { return start > 0 && cue.end_ms <= start; });
+    for (Cue& cue : cues) {
+        cue.begin_ms = std::max<std::int64_t>(cue.begin_ms - start, 0);
+        cue.end_ms -= start;
+    }
+    if (before > 0)
+        report.add(WarningKind::kBeforeStart, path, 0,
+                   fmt::format("left out: {} before the start of the video", counted(before, "cue")));
+    return cues;
+}
+
 // The control codes of a file that was made for the other field.
 Schedule to_field(Schedule schedule, int field, const std::string& path, Report& report) {
-    int changed = 0;
+    std::size_t changed = 0;
     for (Eia608Event& event : schedule.eia608) {
         const Word sent = in_field(event.word, field);
         changed += sent != event.word;
@@ -49,22 +78,29 @@ Schedule to_field(Schedule schedule, int field, const std::string& path, Report&
     }
     if (changed > 0)
         report.add(WarningKind::kOtherField, path, 0,
-                   fmt::format("{} control codes are those of field {}: they are sent as field {}'s", changed,
+                   fmt::format("{} of field {}: sent as field {}'s", counted(changed, "control code"),
                                2 - field, field + 1));
     return schedule;
 }
 
+Schedule load_cues(std::vector<Cue> (*read)(const std::string&, Report&), const std::string& path,
+                   const CaptionFileOptions& options, Report& report) {
+    const std::int64_t start = start_milliseconds(options.start, options.source);
+    const std::vector<Cue> cues = from_start(read(path, report), start, path, report);
+    return encode_pop_on(cues, path, {options.output, options.rows, options.field}, report);
+}
+
 Schedule load(const std::string& path, const CaptionFileOptions& options, Report& report) {
-    const std::optional<Timecode> start = start_timecode(options.start);
-    const PopOnOptions pop_on{options.output, options.rows, options.field};
     switch (caption_format(path)) {
         case CaptionFormat::kScc: {
-            const Schedule pairs = read_scc(path, {options.field, kRate29_97, start}, report);
+            const SccReadOptions reading{options.field, kRate29_97, start_timecode(options.start)};
+            const Schedule pairs = read_scc(path, reading, report);
             return retime(to_field(pairs, options.field, path, report), options.output, report);
         }
-        case CaptionFormat::kMcc: return retime(read_mcc(path, {start}, report), options.output, report);
-        case CaptionFormat::kSubRip: return encode_pop_on(read_srt(path, report), path, pop_on, report);
-        case CaptionFormat::kWebVtt: return encode_pop_on(read_webvtt(path, report), path, pop_on, report);
+        case CaptionFormat::kMcc:
+            return retime(read_mcc(path, {start_timecode(options.start)}, report), options.output, report);
+        case CaptionFormat::kSubRip: return load_cues(read_srt, path, options, report);
+        case CaptionFormat::kWebVtt: return load_cues(read_webvtt, path, options, report);
     }
     throw FileError(path, 0, "unknown caption format");
 }

@@ -24,15 +24,17 @@ CaptionFormat caption_format(const std::string& path);
 struct CaptionFileOptions {
     FrameRate output = kRate29_97;  ///< of the encoded pictures: the source rate over the frame-rate divider
     int field = 0;                  ///< SCC: the field of the pairs; SRT, WebVTT: 0 is CC1, 1 is CC3
-    std::string start{};            ///< SCC, MCC: time code of the video's first picture; "" is zero
+    std::string start{};            ///< the file's time for the video's first picture; "" is zero
     int rows = 2;                   ///< SRT, WebVTT: the most rows of a caption
+    FrameRate source = kRate29_97;  ///< of the source; SRT, WebVTT: at which `start` counts frames
 };
 
 /// Reads a caption file into a schedule at the output rate that passes a Repacer(output, output) unchanged.
 /// Pairs and constructs of SCC and MCC files are brought to the output rate (retime()), cues become pop-on
-/// captions. Control codes of an SCC file that belong to the other field become those of `field`. Reported,
-/// beside what the readers report: such codes, and a file without captions. Throws FileError, or
-/// std::invalid_argument for a bad `start`, `field` or `rows`.
+/// captions. Control codes of an SCC file that belong to the other field become those of `field`. `start` is
+/// a time code, for SRT and WebVTT also HH:MM:SS or HH:MM:SS.mmm. Reported, beside what the readers report:
+/// such codes, cues that end before the start, which are left out, and a file without captions. Throws
+/// FileError, or std::invalid_argument for a bad `start`, `field` or `rows`.
 Schedule load_captions(const std::string& path, const CaptionFileOptions& options, Report& report);
 
 }  // namespace gsve::captions

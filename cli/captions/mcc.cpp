@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <iterator>
-#include <limits>
 #include <span>
 #include <stdexcept>
 
@@ -11,6 +10,7 @@
 #include "cc_data.h"
 #include "cdp.h"
 #include "text_file.h"
+#include "timed_lines.h"
 
 namespace gsve::captions {
 
@@ -80,18 +80,31 @@ public:
             throw FileError(name_, 1,
                             fmt::format("not an MCC file: the first line must be \"{}1.0\" or \"{}2.0\"",
                                         kFormat, kFormat));
+        std::vector<TimedLine> timed;
         for (std::size_t i = 1; i < lines.size(); ++i) {
             const std::string_view line = trim(lines[i]);
+            const int number = static_cast<int>(i) + 1;
             if (line.starts_with(kRateKey))
-                set_rate(line.substr(kRateKey.size()), static_cast<int>(i) + 1);
-            else if (!line.empty() && line[0] >= '0' && line[0] <= '9')
-                parse_line(line, static_cast<int>(i) + 1);
+                set_rate(line.substr(kRateKey.size()), number);
+            else if (has_captions(line))
+                take_line(timed, line, number);
         }
+        const std::int64_t day = rate_ ? frames_per_day(rate_->usual, rate_->drop_frame) : 0;
+        for (const TimedLine& line : in_order(std::move(timed), day, start_frame_, name_, report_))
+            parse_line(line);
+        pass_on(left_out_, packets_ > 0, "nothing else is in the file: export it again", report_);
         report_totals();
         return std::move(schedule_);
     }
 
 private:
+    // Comments and "Key=value" stand above. What follows the rate and is neither was meant for a time code.
+    bool has_captions(std::string_view line) const {
+        if (line.empty() || line.starts_with("//")) return false;
+        const bool time_code = line[0] >= '0' && line[0] <= '9';
+        return time_code || (rate_ != nullptr && line.find('=') == line.npos);
+    }
+
     void set_rate(std::string_view name, int number) {
         const auto rate = std::find_if(std::begin(kTimecodeRates), std::end(kTimecodeRates),
                                        [&](const TimecodeRate& r) { return r.name == name; });
@@ -104,31 +117,39 @@ private:
         if (options_.start) start_frame_ = frame_counted(*options_.start, rate->usual, rate->drop_frame);
     }
 
-    void parse_line(std::string_view line, int number) {
+    void take_line(std::vector<TimedLine>& lines, std::string_view text, int number) {
         if (rate_ == nullptr)
             throw FileError(
                 name_, number,
                 fmt::format(
                     "captions begin before the time code rate is known: add a line such as \"{}30DF\" above",
                     kRateKey));
-        const std::size_t end = line.find_first_of(" \t");
-        if (end == line.npos)
-            throw FileError(name_, number,
-                            "the line has a time code but no data: add it, or remove the line");
+        const std::size_t end = std::min(text.find_first_of(" \t"), text.size());
         try {
-            const std::vector<std::uint8_t> packet = expand_mcc_bytes(trim(line.substr(end)));
-            const std::span<const std::uint8_t> data = ancillary_data(packet);
-            if (packet[0] != kCaptionDid || packet[1] != kCaptionSdid) {
-                ++ignored_packets_;
-                return;
-            }
+            lines.push_back({line_frame(text.substr(0, end)), trim(text.substr(end)), number});
+        } catch (const std::invalid_argument& error) {
+            leave_out(number, error.what());
+        }
+    }
+
+    void parse_line(const TimedLine& line) try {
+        if (line.data.empty()) throw std::invalid_argument("the line has a time code but no data");
+        const std::vector<std::uint8_t> packet = expand_mcc_bytes(line.data);
+        const std::span<const std::uint8_t> data = ancillary_data(packet);
+        if (packet[0] == kCaptionDid && packet[1] == kCaptionSdid) {
             const Cdp cdp = parse_cdp(data);
             take_rate(cdp);
-            add(cdp, line_frame(line.substr(0, end)));
-        } catch (const std::invalid_argument& error) {
-            throw FileError(name_, number,
-                            fmt::format("{} (correct the line or export the file again)", error.what()));
+            add(cdp, line.frame);
+        } else {
+            ++ignored_packets_;
         }
+        ++packets_;
+    } catch (const std::invalid_argument& error) {
+        leave_out(line.number, error.what());
+    }
+
+    void leave_out(int number, std::string_view why) {
+        left_out_.add(WarningKind::kFaultyLine, name_, number, fmt::format("{}; the line is left out", why));
     }
 
     // The packets know 29.97 from 30, the time code does not.
@@ -139,24 +160,18 @@ private:
         rate_is_exact_ = true;
     }
 
-    std::int64_t line_frame(std::string_view text) {
+    std::int64_t line_frame(std::string_view text) const {
         std::string timecode(text.substr(0, text.find_first_of(".,")));
         if (rate_->drop_frame)  // some writers keep ':' and leave the rest to the header
             std::replace(
                 timecode.begin() + static_cast<std::ptrdiff_t>(std::min<std::size_t>(8, timecode.size())),
                 timecode.end(), ':', ';');
-        const std::int64_t frame =
-            timecode_to_frame(parse_timecode(timecode, rate_->usual), rate_->usual) - start_frame_;
-        if (frame < newest_frame_)
-            throw std::invalid_argument(
-                fmt::format("time code {} is earlier than that of the line before", text));
-        newest_frame_ = frame;
-        return frame;
+        return timecode_to_frame(parse_timecode(timecode, rate_->usual), rate_->usual);
     }
 
     void add(const Cdp& cdp, std::int64_t frame) {
         const CcData cc = parse_cc_data(cdp.cc_data);
-        wrong_parity_ += cc.parity_errors;
+        wrong_parity_ += static_cast<std::size_t>(cc.parity_errors);
         if (frame >= 0)
             append(schedule_, frame, cc.captions);
         else
@@ -166,28 +181,29 @@ private:
     void report_totals() {
         if (ignored_packets_ > 0)
             report_.add(WarningKind::kIgnoredData, name_, 0,
-                        fmt::format("{} lines hold ancillary data other than captions and are left out",
-                                    ignored_packets_));
+                        fmt::format("left out: {} with ancillary data other than captions",
+                                    counted(ignored_packets_, "line")));
         if (before_start_ > 0)
             report_.add(
                 WarningKind::kBeforeStart, name_, 0,
-                fmt::format("{} lines lie before the start of the video and are left out", before_start_));
+                fmt::format("left out: {} before the start of the video", counted(before_start_, "line")));
         if (wrong_parity_ > 0)
             report_.add(WarningKind::kParity, name_, 0,
-                        fmt::format("{} byte pairs have wrong parity; it is put right", wrong_parity_));
+                        fmt::format("wrong parity of {} is put right", counted(wrong_parity_, "byte pair")));
     }
 
     const std::string& name_;
     const MccReadOptions& options_;
     Report& report_;
+    Report left_out_;
     Schedule schedule_;
     const TimecodeRate* rate_ = nullptr;
     bool rate_is_exact_ = false;
-    std::int64_t start_frame_ = 0;
-    std::int64_t newest_frame_ = std::numeric_limits<std::int64_t>::min();
-    int ignored_packets_ = 0;
-    int before_start_ = 0;
-    int wrong_parity_ = 0;
+    std::optional<std::int64_t> start_frame_;
+    std::size_t packets_ = 0;
+    std::size_t ignored_packets_ = 0;
+    std::size_t before_start_ = 0;
+    std::size_t wrong_parity_ = 0;
 };
 
 }  // namespace

@@ -1,10 +1,10 @@
 #include "pop_on.h"
 
 #include <algorithm>
-#include <limits>
 #include <numeric>
 #include <optional>
 #include <stdexcept>
+#include <tuple>
 
 #include <fmt/format.h>
 
@@ -16,6 +16,7 @@ namespace gsve::captions {
 namespace {
 
 constexpr double kShortestLateDisplay = 0.5;  // seconds
+constexpr double kShortestPartDisplay = 1;    // of a cue shown in parts, where the next one leaves the time
 constexpr int kRepeated = 2;                  // slots of a control pair
 
 std::string quoted(char32_t character) {
@@ -117,19 +118,22 @@ std::vector<Words> wrap(const Words& words) {
     return rows;
 }
 
+Words joined(const std::vector<Words>& lines) {
+    Words all;
+    for (const Words& line : lines) all.insert(all.end(), line.begin(), line.end());
+    return all;
+}
+
 bool fit(const std::vector<Words>& lines) {
     return std::all_of(lines.begin(), lines.end(),
                        [](const Words& line) { return width_of(line) <= kColumns; });
 }
 
-// The cue's rows of words: its own lines where they fit, else all its words wrapped.
-std::vector<Words> rows_of_words(const std::vector<Words>& lines, int rows) {
-    const bool lines_fit = fit(lines);
-    if (lines_fit && lines.size() <= static_cast<std::size_t>(rows)) return lines;
-    Words all;
-    for (const Words& line : lines) all.insert(all.end(), line.begin(), line.end());
-    std::vector<Words> wrapped = wrap(all);
-    return lines_fit && wrapped.size() > static_cast<std::size_t>(rows) ? lines : wrapped;
+// Whether the cue's own lines are given up: when they are too long, and when their words need fewer rows.
+bool is_rewrapped(const std::vector<Words>& lines, int rows) {
+    if (!fit(lines)) return true;
+    const auto most = static_cast<std::size_t>(rows);
+    return lines.size() > most && wrap(joined(lines)).size() <= most;
 }
 
 int column_of(Alignment alignment, std::size_t width) {
@@ -141,10 +145,57 @@ int column_of(Alignment alignment, std::size_t width) {
     }
 }
 
+// The rows of each caption: own lines, or words to be wrapped. As few captions as can be, and of lengths as
+// equal as those allow, so that a cue does not end in a caption of one word.
+std::vector<std::vector<Words>> balanced(const std::vector<Words>& lines, bool wrapped, int rows) {
+    std::vector<Words> pieces;
+    for (const Words& line : lines)
+        if (wrapped)
+            for (const CaptionWord& word : line) pieces.push_back({word});
+        else
+            pieces.push_back(line);
+
+    // From the last piece to the first: the best captions for all from there on.
+    struct Best {
+        std::size_t captions = 0;
+        std::size_t squares = 0;  // of the captions' lengths, least when they are equal
+        std::size_t end = 0;      // of the first caption
+    };
+    std::vector<Best> best(pieces.size() + 1);
+    for (std::size_t begin = pieces.size(); begin-- > 0;) {
+        std::size_t width = 0, length = 0;
+        int used = 0;
+        for (std::size_t end = begin; end < pieces.size(); ++end) {
+            const std::size_t more = width_of(pieces[end]);
+            const bool same_row = wrapped && used > 0 && width + 1 + more <= kColumns;
+            width = same_row ? width + 1 + more : more;
+            used += same_row ? 0 : 1;
+            length += more;
+            if (used > rows) break;
+            const Best& rest = best[end + 1];
+            const Best found{rest.captions + 1, rest.squares + length * length, end + 1};
+            if (best[begin].captions == 0 || std::tie(found.captions, found.squares) <=
+                                                 std::tie(best[begin].captions, best[begin].squares))
+                best[begin] = found;
+        }
+    }
+
+    std::vector<std::vector<Words>> captions;
+    for (std::size_t at = 0; at < pieces.size(); at = best[at].end) {
+        std::vector<Words> caption(pieces.begin() + static_cast<std::ptrdiff_t>(at),
+                                   pieces.begin() + static_cast<std::ptrdiff_t>(best[at].end));
+        captions.push_back(wrapped ? wrap(joined(caption)) : caption);
+    }
+    return captions;
+}
+
+// One of the captions that a cue is shown as.
 struct Caption {
     std::vector<CaptionRow> rows;
-    std::int64_t begin;  // frames
-    std::int64_t end;
+    std::int64_t begin;     // frames
+    std::int64_t end;       // of the cue
+    std::int64_t duration;  // its part of the cue's time
+    bool continues;         // takes the place of the part before
     int source_line;
 };
 
@@ -152,6 +203,18 @@ std::size_t character_count(const std::vector<CaptionRow>& rows) {
     std::size_t count = 0;
     for (const CaptionRow& row : rows) count += width_of(row.words);
     return count;
+}
+
+std::string text_of(const std::vector<CaptionRow>& rows) {
+    std::u32string text;
+    for (const CaptionRow& row : rows) {
+        if (!text.empty()) text += U" /";
+        for (const CaptionWord& word : row.words) {
+            if (!text.empty()) text += U' ';
+            text += word.text;
+        }
+    }
+    return encode_utf8(text);
 }
 
 // The byte pairs of one caption's load, as units that stay together: a pair of characters, or a control
@@ -269,35 +332,45 @@ Slots place_from(const Units& units, std::int64_t& next, std::optional<Block> ta
     return slots;
 }
 
+struct TimedCue {
+    Cue cue;
+    std::int64_t begin;
+    std::int64_t end;
+};
+
 // Puts captions on the slots of a field, in order of time.
 class Timeline {
 public:
     Timeline(const std::string& name, const PopOnOptions& options, Report& report)
         : name_(name), options_(options), report_(report), slots_(options.rate, options.field) {}
 
-    // `latest_end`: the frame on which the next caption is to appear.
-    void add(Caption caption, std::int64_t latest_end) {
-        LoadBuilder builder(options_.field);
-        for (const CaptionRow& row : caption.rows) builder.row(row);
-        const Units units = builder.take();
-
-        std::int64_t shown = slots_.first_slot_not_before(caption.begin);
-        std::optional<Block> erasure = erasure_block();
-        if (erasure && erasure->end > shown) erasure.reset();  // the new caption takes the old one's place
-        std::optional<Slots> placed = place_before(units, free_slot_, shown, erasure);
-        if (!placed) {
-            erasure = erasure_block();
-            std::int64_t next = free_slot_;
-            placed = place_from(units, next, erasure);
-            shown = std::max(shown, next);
-            if (erasure && erasure->end > shown) shown = erasure->end;
-            if (!accept_late(caption, slots_.picture_of(shown), latest_end)) return;
+    // A cue's captions, which share its time by the number of their characters, follow each other as late as
+    // they must. `latest_end`: the frame on which the next cue is to appear.
+    void add(const TimedCue& timed, const std::vector<std::vector<CaptionRow>>& captions,
+             std::int64_t latest_end) {
+        const std::int64_t shortest = seconds_to_frame(kShortestPartDisplay, options_.rate);
+        std::int64_t total = 0;
+        for (const auto& rows : captions) total += static_cast<std::int64_t>(character_count(rows));
+        std::int64_t begin = timed.begin, left = total;
+        bool continues = false;
+        for (const auto& rows : captions) {
+            const auto count = static_cast<std::int64_t>(character_count(rows));
+            const auto share = [&](std::int64_t time, std::int64_t of) {
+                return std::max<std::int64_t>(time, 0) * count / of;
+            };
+            Caption caption{rows,      begin,
+                            timed.end, share(timed.end - timed.begin, total),
+                            continues, timed.cue.source_line};
+            const std::optional<std::int64_t> shown = place(caption, latest_end);
+            if (shown) {
+                begin = *shown + std::max(share(timed.end - *shown, left),
+                                          std::min(share(latest_end - *shown, left), shortest));
+                continues = true;
+                if (captions.size() > 1)
+                    erase_at_ = std::max(*erase_at_, std::min(*shown + shortest, latest_end));
+            }
+            left -= count;
         }
-        if (erasure) put_control(kEraseDisplayedMemory, erasure->begin);
-        for (std::size_t i = 0; i < units.size(); ++i) put(units[i], (*placed)[i]);
-        put_control(kEndOfCaption, shown, shown - slots_.first_slot_not_before(caption.begin));
-        free_slot_ = shown + kRepeated;
-        erase_at_ = caption.end;
     }
 
     Schedule take() {
@@ -309,6 +382,34 @@ public:
     }
 
 private:
+    // Gives the frame on which the caption appears; nothing when it is dropped.
+    std::optional<std::int64_t> place(Caption caption, std::int64_t latest_end) {
+        LoadBuilder builder(options_.field);
+        for (const CaptionRow& row : caption.rows) builder.row(row);
+        const Units units = builder.take();
+
+        const std::int64_t asked = slots_.first_slot_not_before(caption.begin);
+        std::int64_t shown = asked;
+        const std::optional<Block> before = caption.continues ? std::nullopt : erasure_block();
+        std::optional<Block> erasure = before;
+        if (erasure && erasure->end > shown) erasure.reset();  // the new caption takes the old one's place
+        std::optional<Slots> placed = place_before(units, free_slot_, shown, erasure);
+        if (!placed) {
+            erasure = before;
+            std::int64_t next = free_slot_;
+            placed = place_from(units, next, erasure);
+            shown = std::max(shown, next);
+            if (erasure && erasure->end > shown) shown = erasure->end;
+            if (!accept_late(caption, slots_.picture_of(shown), latest_end)) return std::nullopt;
+        }
+        if (erasure) put_control(kEraseDisplayedMemory, erasure->begin);
+        for (std::size_t i = 0; i < units.size(); ++i) put(units[i], (*placed)[i]);
+        put_control(kEndOfCaption, shown, shown - asked);
+        free_slot_ = shown + kRepeated;
+        erase_at_ = caption.end;
+        return slots_.picture_of(shown);
+    }
+
     std::optional<Block> erasure_block() const {
         if (!erase_at_) return std::nullopt;
         const std::int64_t begin = std::max(slots_.first_slot_not_before(*erase_at_), free_slot_);
@@ -320,14 +421,17 @@ private:
     bool accept_late(Caption& caption, std::int64_t shown, std::int64_t latest_end) {
         const std::int64_t late = shown - caption.begin;
         if (late < slots_.step()) return true;
-        const std::int64_t half = (caption.end - caption.begin + 1) / 2;
-        const std::int64_t least = std::min(seconds_to_frame(kShortestLateDisplay, options_.rate), half);
-        const std::string lateness =
-            fmt::format("{} frames ({:.2f} s) late: its {} characters take that long to load", late,
-                        frame_to_seconds(late, options_.rate), character_count(caption.rows));
+        const std::int64_t least =
+            std::min(seconds_to_frame(kShortestLateDisplay, options_.rate), (caption.duration + 1) / 2);
+        const std::string lateness = fmt::format("{} ({:.2f} s) late: its {} take that long to load",
+                                                 counted(static_cast<std::size_t>(late), "frame"),
+                                                 frame_to_seconds(late, options_.rate),
+                                                 counted(character_count(caption.rows), "character"));
         if (shown + least > latest_end) {
             report_.add(WarningKind::kDroppedCue, name_, caption.source_line,
-                        "the caption is dropped, it would appear " + lateness + ", and the next one follows");
+                        fmt::format("the caption \"{}\" is dropped, it would appear {}, and the next one "
+                                    "follows",
+                                    text_of(caption.rows), lateness));
             return false;
         }
         report_.add(WarningKind::kLateCue, name_, caption.source_line, "the caption appears " + lateness);
@@ -357,12 +461,6 @@ private:
     std::optional<std::int64_t> erase_at_;
 };
 
-struct TimedCue {
-    Cue cue;
-    std::int64_t begin;
-    std::int64_t end;
-};
-
 // The cues in order of time, one at a time: what begins together is one cue, and none outlasts the next
 // one's begin.
 std::vector<TimedCue> sequence(const std::vector<Cue>& cues, const std::string& name, FrameRate rate,
@@ -381,9 +479,9 @@ std::vector<TimedCue> sequence(const std::vector<Cue>& cues, const std::string& 
             if (!result.empty() && result.back().end > next.begin) {
                 report.add(
                     WarningKind::kShortenedCue, name, result.back().cue.source_line,
-                    fmt::format(
-                        "the cue overlaps the one of line {} and ends {} frames early, when that begins",
-                        next.cue.source_line, result.back().end - next.begin));
+                    fmt::format("the cue overlaps the one of line {} and ends {} early, when that begins",
+                                next.cue.source_line,
+                                counted(static_cast<std::size_t>(result.back().end - next.begin), "frame")));
                 result.back().end = next.begin;
             }
             result.push_back(next);
@@ -412,31 +510,31 @@ Layout lay_out(const Cue& cue, int rows, const std::string& name, Report& report
             !words.empty())
             lines.push_back(std::move(words));
 
-    const std::vector<Words> all = rows_of_words(lines, rows);
     Layout layout;
-    if (all != lines && fit(lines) && lines.size() <= static_cast<std::size_t>(kRows))
+    const bool rewrapped = is_rewrapped(lines, rows);
+    if (rewrapped && fit(lines) && lines.size() <= static_cast<std::size_t>(kRows))
         layout.rows_for_own_lines = static_cast<int>(lines.size());
-    const auto per_caption = static_cast<std::size_t>(rows);
-    for (std::size_t at = 0; at < all.size(); at += per_caption) {
-        const std::size_t count = std::min(per_caption, all.size() - at);
-        const int lowest_first = kRows + 1 - static_cast<int>(count);
+    const std::size_t needed = rewrapped ? wrap(joined(lines)).size() : lines.size();
+    for (const std::vector<Words>& words : balanced(lines, rewrapped, rows)) {
+        const int lowest_first = kRows + 1 - static_cast<int>(words.size());
         const int first_row = std::min(cue.first_row.value_or(lowest_first), lowest_first);
         std::vector<CaptionRow> caption;
-        for (std::size_t i = 0; i < count; ++i)
-            caption.push_back({first_row + static_cast<int>(i),
-                               column_of(cue.alignment, width_of(all[at + i])), all[at + i]});
+        for (std::size_t i = 0; i < words.size(); ++i)
+            caption.push_back(
+                {first_row + static_cast<int>(i), column_of(cue.alignment, width_of(words[i])), words[i]});
         layout.captions.push_back(std::move(caption));
     }
     if (layout.captions.size() > 1)
         report.add(WarningKind::kSplitCue, name, cue.source_line,
-                   fmt::format("the cue needs {} rows and is shown as {} captions of at most {} rows",
-                               all.size(), layout.captions.size(), rows));
+                   fmt::format("the cue needs {} and is shown as {} of at most {}", counted(needed, "row"),
+                               counted(layout.captions.size(), "caption"),
+                               counted(static_cast<std::size_t>(rows), "row")));
     return layout;
 }
 
 // Cues whose own lines were given up for fewer rows.
 struct Rewrapped {
-    int cues = 0;
+    std::size_t cues = 0;
     int first_line = 0;  // in the file
     int most_rows = 0;   // that a cue had
 
@@ -445,23 +543,6 @@ struct Rewrapped {
         most_rows = std::max(most_rows, rows);
     }
 };
-
-// A cue's captions; several share its time by the number of their characters.
-std::vector<Caption> captions_of(const TimedCue& timed, const std::vector<std::vector<CaptionRow>>& layouts) {
-    std::size_t total = 0, before = 0;
-    for (const auto& layout : layouts) total += character_count(layout);
-    std::vector<Caption> captions;
-    const std::int64_t duration = timed.end - timed.begin;
-    for (const auto& layout : layouts) {
-        const auto share = [&](std::size_t count) {
-            return static_cast<std::int64_t>(count) * duration / static_cast<std::int64_t>(total);
-        };
-        const std::int64_t begin = timed.begin + share(before);
-        before += character_count(layout);
-        captions.push_back({layout, begin, timed.begin + share(before), timed.cue.source_line});
-    }
-    return captions;
-}
 
 }  // namespace
 
@@ -472,24 +553,21 @@ std::vector<std::vector<CaptionRow>> lay_out_cue(const Cue& cue, int rows, const
 
 Schedule encode_pop_on(const std::vector<Cue>& cues, const std::string& name, const PopOnOptions& options,
                        Report& report) {
-    std::vector<Caption> captions;
+    const std::int64_t hour = seconds_to_frame(3600, options.rate);
+    const std::vector<TimedCue> timed = sequence(cues, name, options.rate, report);
+    Timeline timeline(name, options, report);
     Rewrapped rewrapped;
-    for (const TimedCue& timed : sequence(cues, name, options.rate, report)) {
-        const Layout layout = lay_out(timed.cue, options.rows, name, report);
-        if (layout.rows_for_own_lines > 0) rewrapped.add(timed.cue.source_line, layout.rows_for_own_lines);
-        for (Caption& caption : captions_of(timed, layout.captions)) captions.push_back(std::move(caption));
+    for (std::size_t i = 0; i < timed.size(); ++i) {
+        const Layout layout = lay_out(timed[i].cue, options.rows, name, report);
+        if (layout.rows_for_own_lines > 0) rewrapped.add(timed[i].cue.source_line, layout.rows_for_own_lines);
+        const bool last = i + 1 == timed.size();
+        timeline.add(timed[i], layout.captions, last ? timed[i].end + hour : timed[i + 1].begin);
     }
     if (rewrapped.cues > 0)
         report.add(WarningKind::kRewrappedCues, name, rewrapped.first_line,
-                   fmt::format("{} cues (the first one here) are wrapped to {} rows: --caption-rows {} keeps "
-                               "their lines",
-                               rewrapped.cues, options.rows, rewrapped.most_rows));
-
-    Timeline timeline(name, options, report);
-    for (std::size_t i = 0; i < captions.size(); ++i) {
-        const bool last = i + 1 == captions.size();
-        timeline.add(captions[i], last ? std::numeric_limits<std::int64_t>::max() : captions[i + 1].begin);
-    }
+                   fmt::format("{} (the first one here) wrapped to {}: --caption-rows {} keeps the lines",
+                               counted(rewrapped.cues, "cue"),
+                               counted(static_cast<std::size_t>(options.rows), "row"), rewrapped.most_rows));
     return timeline.take();
 }
 

@@ -8,8 +8,9 @@
 /// Loading ends just before End Of Caption and begins as early as it must.
 ///
 /// Text keeps its lines where they fit in 32 columns and the rows allowed; otherwise it is wrapped by words,
-/// and a cue that needs more rows becomes several captions that share its time. A word is italic when most
-/// of its characters are.
+/// and a cue that needs more rows becomes several captions of about the same length, which share its time.
+/// Each follows the one before when it is loaded, and no sooner than a second after it where the next cue
+/// leaves the time; the last may outlast the cue. A word is italic when most of its characters are.
 ///
 /// Example:
 ///     Report report;
@@ -54,10 +55,10 @@ std::vector<std::vector<CaptionRow>> lay_out_cue(const Cue& cue, int rows, const
 
 /// Schedule of all cues, in any order. At most one pair per slot of the field. Cues that begin at the same
 /// frame are shown together. Reported, beside what lay_out_cue() reports: how many cues were wrapped to fewer
-/// rows than they had; a cue that ends early because
-/// another begins; a cue that appears late because its text takes longer to load than there is time (it is
-/// shown for at least half a second or half its time, past its end if need be); and a cue dropped because
-/// the next one leaves no time even for that.
+/// rows than they had; a cue that ends early because another begins; a cue, or a part of one, that appears
+/// late because its text takes longer to load than there is time (it is shown for at least half a second or
+/// half its time, past its end if need be); and a cue dropped because the next one leaves no time even for
+/// that.
 Schedule encode_pop_on(const std::vector<Cue>& cues, const std::string& name, const PopOnOptions& options,
                        Report& report);
 

@@ -52,8 +52,13 @@ Repacer::Repacer(FrameRate source, FrameRate output)
 
 void Repacer::push(std::int64_t frame, const PictureCaptions& captions) {
     pushed_frame_ = std::max(frame, pushed_frame_);
-    for (int field = 0; field < 2; ++field)
-        for (const Word word : captions.fields[field]) push_pair(field, pushed_frame_, word, 0);
+    for (int field = 0; field < 2; ++field) {
+        std::int64_t pair_frame = pushed_frame_;
+        for (const Word word : captions.fields[field]) {
+            push_pair(field, pair_frame, word, 0);
+            pair_frame += FieldSlots(source_, field).step();
+        }
+    }
     for (const Cea708Construct& construct : captions.cea708) push_construct(pushed_frame_, construct);
 }
 

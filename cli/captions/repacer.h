@@ -13,6 +13,9 @@
 /// fields' pairs belong to the first one's time, so that a pair returns to its frame when the rate is halved
 /// and doubled again.
 ///
+/// A picture that is shown for longer than a frame (film in 60 Hz video) holds several pairs of a field. They
+/// belong to the frames from its own on, one each.
+///
 /// What is displayed as it arrives is never early. Text that is loaded out of sight (pop-on) is sent earlier
 /// where the output has fewer slots per second than the source, so that the caption still appears on its
 /// picture: as far as what follows has been pushed already. A pair is late only where the slots do not
@@ -74,8 +77,9 @@ class Repacer {
 public:
     Repacer(FrameRate source, FrameRate output);
 
-    /// Takes in what source picture `frame` carries. Pictures without captions are pushed too (or left
-    /// out, when a later one is pushed before the next pull). A frame below an earlier one counts as that.
+    /// Takes in what source picture `frame` carries, the second pair of a field for the frame after it, and
+    /// so on. Pictures without captions are pushed too (or left out, when a later one is pushed before the
+    /// next pull). A frame below an earlier one counts as that.
     void push(std::int64_t frame, const PictureCaptions& captions);
 
     /// Takes in a whole schedule, whose rate must be the source rate, and finishes.

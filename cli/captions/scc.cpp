@@ -10,6 +10,7 @@
 
 #include "repacer.h"
 #include "text_file.h"
+#include "timed_lines.h"
 
 namespace gsve::captions {
 
@@ -45,87 +46,103 @@ public:
                                        [](const std::string& line) { return !trim(line).empty(); });
         if (head == lines.end() || !lower_case(trim(*head)).starts_with("scenarist_scc"))
             throw FileError(name_, 1, fmt::format("not an SCC file: the first line must be \"{}\"", kHeader));
-        std::vector<Line> coded;
+        std::vector<CodedLine> coded;
         for (auto line = head + 1; line != lines.end(); ++line)
             if (const std::string_view trimmed = trim(*line); !trimmed.empty())
-                coded.push_back({trimmed, static_cast<int>(line - lines.begin()) + 1});
+                take_line(coded, trimmed, static_cast<int>(line - lines.begin()) + 1);
         choose_counting(coded);
-        for (const Line& line : coded) parse_line(line.text, line.number);
+        const std::int64_t day = frames_per_day(options_.rate, drop_frame_);
+        for (const TimedLine& line : in_order(timed(coded), day, start_frame_, name_, report_))
+            parse_line(line);
+        pass_on(left_out_, pairs_ > 0, "nothing else is in the file", report_);
         report_totals();
         return std::move(schedule_);
     }
 
 private:
-    struct Line {
-        std::string_view text;
+    struct CodedLine {
+        Timecode timecode;  // its parts: how they are counted is decided for all lines together
+        bool says_drop_frame;
+        std::string_view pairs;
         int number;
     };
 
+    void take_line(std::vector<CodedLine>& lines, std::string_view text, int number) try {
+        const std::string_view timecode = first_word(text);
+        const std::string_view pairs = trim(text.substr(timecode.size()));
+        const std::string colons = with_colons(timecode);
+        lines.push_back({parse_timecode(is_timecode(colons) ? colons : timecode, options_.rate),
+                         says_drop_frame(timecode), pairs, number});
+    } catch (const std::invalid_argument& error) {
+        leave_out(number, error.what(), "the line");
+    }
+
     // One programme counts in one way, so that separators in the minority are slips of the pen. To follow
     // them would move their lines by up to 3.6 seconds per hour of time code.
-    void choose_counting(const std::vector<Line>& lines) {
-        const auto drop_frame = [](const Line& line) { return says_drop_frame(first_word(line.text)); };
-        const auto dropping = std::count_if(lines.begin(), lines.end(), drop_frame);
-        const auto others = static_cast<std::ptrdiff_t>(lines.size()) - dropping;
-        drop_frame_ = dropping > others || (dropping == others && dropping > 0 && drop_frame(lines.front()));
+    void choose_counting(const std::vector<CodedLine>& lines) {
+        const std::size_t dropping = static_cast<std::size_t>(std::count_if(
+            lines.begin(), lines.end(), [](const CodedLine& line) { return line.says_drop_frame; }));
+        const std::size_t others = lines.size() - dropping;
+        drop_frame_ =
+            dropping > others || (dropping == others && dropping > 0 && lines.front().says_drop_frame);
         if (options_.start) start_frame_ = frame_counted(*options_.start, options_.rate, drop_frame_);
         if (dropping == 0 || others == 0) return;
-        const auto slip = std::find_if(lines.begin(), lines.end(),
-                                       [&](const Line& line) { return drop_frame(line) != drop_frame_; });
+        const auto slip = std::find_if(lines.begin(), lines.end(), [&](const CodedLine& line) {
+            return line.says_drop_frame != drop_frame_;
+        });
         report_.add(
             WarningKind::kTimeCodes, name_, slip->number,
-            fmt::format("drop-frame time codes ({} lines) and non-drop ones ({} lines) are mixed, the "
-                        "first of the fewer here: all are taken for {}",
-                        dropping, others, drop_frame_ ? "drop-frame" : "non-drop"));
+            fmt::format("drop-frame time codes ({}) and non-drop ones ({}) are mixed, the first of the fewer "
+                        "here: all are taken for {}",
+                        counted(dropping, "line"), counted(others, "line"),
+                        drop_frame_ ? "drop-frame" : "non-drop"));
     }
 
-    void parse_line(std::string_view line, int number) {
-        const std::size_t end = line.find_first_of(" \t");
-        const Timecode timecode = line_timecode(line.substr(0, end), number);
-        const std::int64_t frame = timecode_to_frame(timecode, options_.rate) - start_frame_;
-        if (frame < newest_line_)
-            throw FileError(
-                name_, number,
-                fmt::format("time code {} is earlier than that of the line before: put the lines in order",
-                            format_timecode(timecode)));
-        newest_line_ = frame;
-        if (frame < next_frame_)
-            report_.add(
-                WarningKind::kDelayedPairs, name_, number,
-                fmt::format("these byte pairs are sent {} frames late, after those of the line before",
-                            next_frame_ - frame));
-        next_frame_ = std::max(frame, next_frame_);
-        if (end == line.npos) return;
-        std::string_view pairs = trim(line.substr(end));
-        while (!pairs.empty()) {
-            const std::size_t length = std::min(pairs.find_first_of(" \t"), pairs.size());
-            add_pair(pairs.substr(0, length), number);
-            pairs = trim(pairs.substr(length));
-        }
+    std::vector<TimedLine> timed(const std::vector<CodedLine>& lines) {
+        std::vector<TimedLine> result;
+        for (const CodedLine& line : lines)
+            result.push_back(
+                {frame_counted(counted_timecode(line), options_.rate, drop_frame_), line.pairs, line.number});
+        return result;
     }
 
-    Timecode line_timecode(std::string_view text, int number) const try {
-        Timecode timecode = parse_timecode(with_colons(text), options_.rate);
+    Timecode counted_timecode(const CodedLine& line) {
+        Timecode timecode = line.timecode;
         timecode.drop_frame = drop_frame_;
         const std::string written = format_timecode(timecode);
         while (!is_counted(timecode, options_.rate)) ++timecode.frames;
         if (const std::string taken = format_timecode(timecode); taken != written)
-            report_.add(WarningKind::kTimeCodes, name_, number,
+            report_.add(WarningKind::kTimeCodes, name_, line.number,
                         fmt::format("drop-frame counting leaves out time code {}: it is taken for {}",
                                     written, taken));
-        return parse_timecode(format_timecode(timecode), options_.rate);  // drop-frame is not for every rate
-    } catch (const std::invalid_argument& error) {
-        throw FileError(name_, number, error.what());
+        return timecode;
     }
 
+    void parse_line(const TimedLine& line) {
+        if (line.frame < next_frame_)
+            report_.add(WarningKind::kDelayedPairs, name_, line.number,
+                        fmt::format("these byte pairs are sent {} late, after those of the line before",
+                                    counted(static_cast<std::size_t>(next_frame_ - line.frame), "frame")));
+        next_frame_ = std::max(line.frame, next_frame_);
+        std::string_view pairs = line.data;
+        while (!pairs.empty()) {
+            const std::string_view pair = first_word(pairs);
+            add_pair(pair, line.number);
+            pairs = trim(pairs.substr(pair.size()));
+        }
+    }
+
+    // What is left out keeps its frame, so that the others keep theirs.
     void add_pair(std::string_view text, int number) {
         Word word = 0;
         const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), word, 16);
-        if (text.size() != 4 || error != std::errc() || end != text.data() + text.size())
-            throw FileError(
-                name_, number,
-                fmt::format("\"{}\" is not a byte pair: write four hexadecimal digits such as 9420", text));
         const std::int64_t frame = next_frame_++;
+        if (text.size() != 4 || error != std::errc() || end != text.data() + text.size())
+            return leave_out(
+                number,
+                fmt::format("\"{}\" is not a byte pair: write four hexadecimal digits such as 9420", text),
+                "it");
+        ++pairs_;
         if (is_null(word)) return;
         if (!has_parity(word) && wrong_parity_++ == 0) wrong_parity_line_ = number;
         if (frame < 0)
@@ -134,28 +151,33 @@ private:
             schedule_.eia608.push_back({frame, static_cast<std::uint8_t>(options_.field), with_parity(word)});
     }
 
+    void leave_out(int number, std::string_view why, std::string_view what) {
+        left_out_.add(WarningKind::kFaultyLine, name_, number, fmt::format("{}; {} is left out", why, what));
+    }
+
     void report_totals() {
         if (wrong_parity_ > 0)
             report_.add(WarningKind::kParity, name_, wrong_parity_line_,
-                        fmt::format("{} byte pairs (the first one here) have wrong parity; it is put right",
-                                    wrong_parity_));
+                        fmt::format("wrong parity of {} (the first one here) is put right",
+                                    counted(wrong_parity_, "byte pair")));
         if (before_start_ > 0)
             report_.add(WarningKind::kBeforeStart, name_, 0,
-                        fmt::format("{} byte pairs lie before the start of the video and are left out",
-                                    before_start_));
+                        fmt::format("left out: {} before the start of the video",
+                                    counted(before_start_, "byte pair")));
     }
 
     const std::string& name_;
     const SccReadOptions& options_;
     Report& report_;
+    Report left_out_;
     Schedule schedule_;
-    std::int64_t start_frame_ = 0;
-    std::int64_t newest_line_ = std::numeric_limits<std::int64_t>::min();
+    std::optional<std::int64_t> start_frame_;
     std::int64_t next_frame_ = std::numeric_limits<std::int64_t>::min();
     bool drop_frame_ = false;
-    int wrong_parity_ = 0;
+    std::size_t pairs_ = 0;
+    std::size_t wrong_parity_ = 0;
     int wrong_parity_line_ = 0;
-    int before_start_ = 0;
+    std::size_t before_start_ = 0;
 };
 
 // Whether the pair opens a line of its own even without a gap, so that each line shows or erases one caption

@@ -31,11 +31,13 @@ struct SccReadOptions {
     std::optional<Timecode> start{};
 };
 
-/// Reads a file's text; `name` stands for it in errors and warnings. Throws FileError, and
-/// std::invalid_argument for a start time code that the file's counting does not have. Reported: pairs before
-/// the start (left out), pairs with wrong parity (taken, with parity put right), lines whose pairs must wait
-/// because the line before is still being sent, mixed time codes, and time codes that drop-frame counting
-/// leaves out (taken for the first of their minute).
+/// Reads a file's text; `name` stands for it in errors and warnings. Time codes that begin again go on after
+/// midnight. Left out and reported: lines without a time code, what is not a byte pair, and pairs before the
+/// start. Put right and reported: wrong parity, the order of the lines, mixed time codes, and time codes that
+/// drop-frame counting leaves out (taken for the first of their minute). Reported, too: lines whose pairs
+/// must wait because the line before is still being sent. Throws FileError for another kind of file and when
+/// the faults leave nothing, and std::invalid_argument for a start time code that the file's counting does
+/// not have.
 Schedule parse_scc(std::string_view text, const std::string& name, const SccReadOptions& options,
                    Report& report);
 

@@ -8,6 +8,7 @@
 
 #include <fmt/format.h>
 
+#include "character_references.h"
 #include "line21.h"
 #include "text_file.h"
 
@@ -28,27 +29,6 @@ std::optional<int> to_int(std::string_view text) {
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
     if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
     return value;
-}
-
-// "[HH:]MM:SS,mmm" or with a point, in milliseconds. Some writers leave out milliseconds that are zero.
-std::optional<std::int64_t> parse_clock(std::string_view text) {
-    const std::size_t point = std::min(text.find_first_of(",."), text.size());
-    const std::string_view fraction = point < text.size() ? text.substr(point + 1) : "000";
-    if (fraction.size() != 3 || !is_digits(fraction)) return std::nullopt;
-    const int milliseconds = *to_int(fraction);
-    std::int64_t seconds = 0;
-    int parts = 0;
-    for (std::string_view rest = text.substr(0, point); parts < 4; ++parts) {
-        const std::size_t colon = rest.find(':');
-        const std::string_view part = rest.substr(0, colon);
-        if (!is_digits(part) || part.size() > 4 || (parts > 0 && (part.size() != 2 || part[0] > '5')))
-            return std::nullopt;
-        seconds = seconds * 60 + *to_int(part);
-        if (colon == rest.npos) break;
-        rest.remove_prefix(colon + 1);
-    }
-    if (parts != 1 && parts != 2) return std::nullopt;
-    return seconds * 1000 + milliseconds;
 }
 
 int clamp_row(int row) { return std::clamp(row, 1, kRows); }
@@ -88,18 +68,16 @@ void apply_number_pad(Cue& cue, int key) {
 
 enum class Markup { kSubRip, kWebVtt };
 
-struct Entity {
-    std::u32string_view name;
-    char32_t character;
-};
-constexpr Entity kEntities[] = {{U"amp", U'&'},       {U"lt", U'<'},       {U"gt", U'>'},
-                                {U"nbsp", U'\u00A0'}, {U"lrm", U'\u200E'}, {U"rlm", U'\u200F'},
-                                {U"quot", U'"'},      {U"apos", U'\''}};
+// What many writers of SubRip text escape as in HTML; WebVTT has all its references.
+constexpr std::u32string_view kSubRipReferences[] = {U"&amp;", U"&lt;", U"&gt;", U"&nbsp;"};
 
 // Turns the text lines of a cue into styled lines, and its markup into styles and placement.
 class TextParser {
 public:
     TextParser(Cue& cue, Markup markup) : cue_(cue), markup_(markup) {}
+
+    // References of an unknown name in the lines so far, which are shown as they are written.
+    const std::vector<std::u32string>& unknown_references() const { return unknown_references_; }
 
     void add_line(std::u32string_view text) {
         StyledLine line;
@@ -151,21 +129,34 @@ private:
     void take_character(std::u32string_view& text, StyledLine& line) {
         char32_t character = text[0];
         std::size_t length = 1;
-        if (markup_ == Markup::kWebVtt && character == U'&')
-            for (const Entity& entity : kEntities)
-                if (text.substr(1).starts_with(entity.name) &&
-                    text.substr(1 + entity.name.size()).starts_with(U';')) {
-                    character = entity.character;
-                    length = entity.name.size() + 2;
-                    break;
-                }
-        line.push_back({character == U'\t' ? U' ' : character, italics_ > 0});
+        if (const auto reference = reads_reference(text) ? reference_at(text) : std::nullopt) {
+            if (reference->character == 0) {
+                note_unknown(text.substr(0, reference->length));
+            } else {
+                character = reference->character;
+                length = reference->length;
+            }
+        }
+        const bool space = character == U'\t' || character == U'\n' || character == U'\r';
+        line.push_back({space ? U' ' : character, italics_ > 0});
         text.remove_prefix(length);
+    }
+
+    void note_unknown(std::u32string_view reference) {
+        auto& known = unknown_references_;
+        if (std::find(known.begin(), known.end(), reference) == known.end()) known.emplace_back(reference);
+    }
+
+    bool reads_reference(std::u32string_view text) const {
+        return markup_ == Markup::kWebVtt ||
+               std::any_of(std::begin(kSubRipReferences), std::end(kSubRipReferences),
+                           [&](std::u32string_view reference) { return text.starts_with(reference); });
     }
 
     Cue& cue_;
     Markup markup_;
     int italics_ = 0;
+    std::vector<std::u32string> unknown_references_;
 };
 
 bool is_blank(std::string_view line) { return trim(line).empty(); }
@@ -309,27 +300,29 @@ public:
             return leave_out(cue, found, error.what());
         }
         if (!found.times) return leave_out_text(cue, found);
-        read_text(cue, found);
+        for (const std::u32string& reference : read_text(cue, found))
+            problems_.add(WarningKind::kUnknownReference, name_, cue.source_line,
+                          fmt::format("\"{}\" is not a known character reference and is shown as it is "
+                                      "written: write the character itself",
+                                      encode_utf8(reference)));
         if (!cue.lines.empty()) cues_.push_back(std::move(cue));
     }
 
     // The cues; what was left out goes into the report. Throws FileError when nothing else is left.
     std::vector<Cue> take(Report& report) {
-        if (const auto& problems = problems_.warnings(); cues_.empty() && !problems.empty())
-            throw FileError(name_, problems.front().line,
-                            fmt::format("{} (no cue of the file can be shown)", problems.front().text));
-        for (const Warning& warning : problems_.warnings())
-            report.add(warning.kind, warning.file, warning.line, warning.text);
+        pass_on(problems_, !cues_.empty(), "no cue of the file can be shown", report);
         return std::move(cues_);
     }
 
 private:
     static int line_number(std::size_t at) { return static_cast<int>(at) + 1; }
 
-    void read_text(Cue& cue, const CueLines& found) const {
+    // Gives the unknown character references in it.
+    std::vector<std::u32string> read_text(Cue& cue, const CueLines& found) const {
         TextParser parser(cue, markup_);
         for (const std::size_t at : found.text)
             parser.add_line(decode_utf8(lines_.text(at), name_, line_number(at)));
+        return parser.unknown_references();
     }
 
     void leave_out(Cue& cue, const CueLines& found, std::string_view reason) {
@@ -365,6 +358,26 @@ std::vector<Cue> read_cues(const std::vector<std::string>& text_lines, std::size
 }
 
 }  // namespace
+
+std::optional<std::int64_t> parse_clock(std::string_view text) {
+    const std::size_t point = std::min(text.find_first_of(",."), text.size());
+    const std::string_view fraction = point < text.size() ? text.substr(point + 1) : "000";
+    if (fraction.size() != 3 || !is_digits(fraction)) return std::nullopt;
+    const int milliseconds = *to_int(fraction);
+    std::int64_t seconds = 0;
+    int parts = 0;
+    for (std::string_view rest = text.substr(0, point); parts < 4; ++parts) {
+        const std::size_t colon = rest.find(':');
+        const std::string_view part = rest.substr(0, colon);
+        if (!is_digits(part) || part.size() > 4 || (parts > 0 && (part.size() != 2 || part[0] > '5')))
+            return std::nullopt;
+        seconds = seconds * 60 + *to_int(part);
+        if (colon == rest.npos) break;
+        rest.remove_prefix(colon + 1);
+    }
+    if (parts != 1 && parts != 2) return std::nullopt;
+    return seconds * 1000 + milliseconds;
+}
 
 std::vector<Cue> parse_srt(std::string_view text, const std::string& name, Report& report) {
     return read_cues(split_lines(text, name), 0, Markup::kSubRip, name, report);

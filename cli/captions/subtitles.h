@@ -40,10 +40,16 @@ struct Cue {
     int source_line = 0;  ///< of the time line in the file
 };
 
+/// A time as the files write it, "[HH:]MM:SS,mmm" or with a point, in milliseconds; nothing for another text.
+/// Some writers leave out milliseconds that are zero.
+std::optional<std::int64_t> parse_clock(std::string_view text);
+
 /// Read a file's text; `name` stands for it in errors and warnings. Text after an empty line belongs to the
-/// cue before it, until the next cue begins. Cues without text are left out. Reported: cues that cannot be
-/// read or that do not end after their begin, and text that belongs to no cue, both left out. Throw FileError
-/// when there is nothing but such cues or text, and for a file that is not UTF-8 or, WebVTT, has no header.
+/// cue before it, until the next cue begins. Cues without text are left out. Of character references WebVTT
+/// has those of character_references.h, SubRip "&amp;", "&lt;", "&gt;" and "&nbsp;". Reported: cues that
+/// cannot be read or that do not end after their begin, and text that belongs to no cue, both left out; and
+/// references of an unknown name, shown as they are written. Throw FileError when there is nothing but such
+/// cues or text, and for a file that is not UTF-8 or, WebVTT, has no header.
 std::vector<Cue> parse_srt(std::string_view text, const std::string& name, Report& report);
 std::vector<Cue> parse_webvtt(std::string_view text, const std::string& name, Report& report);
 

@@ -1,5 +1,6 @@
 #include "text_file.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -47,6 +48,21 @@ std::size_t next_code_point(std::string_view text, char32_t& value) {
 
 FileError::FileError(std::string_view file, int line, std::string_view text)
     : std::runtime_error(located(file, line, text)), line_(line) {}
+
+void pass_on(const Report& faults, bool anything_left, std::string_view nothing, Report& report) {
+    std::vector<Warning> warnings = faults.warnings();
+    std::stable_sort(warnings.begin(), warnings.end(),
+                     [](const Warning& a, const Warning& b) { return a.line < b.line; });
+    if (!anything_left && !warnings.empty())
+        throw FileError(warnings[0].file, warnings[0].line,
+                        fmt::format("{} ({})", warnings[0].text, nothing));
+    for (const Warning& warning : warnings)
+        report.add(warning.kind, warning.file, warning.line, warning.text);
+}
+
+std::string counted(std::size_t count, std::string_view noun) {
+    return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
+}
 
 std::string read_file(const std::string& path) {
     if (std::filesystem::is_directory(path)) throw FileError(path, 0, "cannot be read: it is a directory");

@@ -6,10 +6,13 @@
 ///     try { schedule = read_scc(path, options, report); }
 ///     catch (const FileError& error) { fmt::print(stderr, "gsve: {}\n", error.what()); return 1; }
 
+#include <cstddef>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "report.h"
 
 namespace gsve::captions {
 
@@ -24,6 +27,13 @@ public:
 private:
     int line_;
 };
+
+/// Passes on the faults of a file, in the order of its lines. Throws FileError, with the first of them and
+/// `nothing`, when they leave nothing of the file.
+void pass_on(const Report& faults, bool anything_left, std::string_view nothing, Report& report);
+
+/// "1 line", "2 lines".
+std::string counted(std::size_t count, std::string_view noun);
 
 /// The whole file. Throws FileError when it cannot be read.
 std::string read_file(const std::string& path);

@@ -85,6 +85,8 @@ Timecode parse_timecode(std::string_view text, FrameRate rate) {
     return timecode;
 }
 
+bool is_timecode(std::string_view text) { return split_timecode(text).valid; }
+
 bool is_counted(const Timecode& timecode, FrameRate rate) {
     return !timecode.drop_frame || timecode.seconds != 0 || timecode.minutes % 10 == 0 ||
            timecode.frames >= dropped_per_minute(rate);
@@ -108,12 +110,17 @@ std::int64_t frame_counted(const Timecode& timecode, FrameRate rate, bool drop_f
     return timecode_to_frame(parse_timecode(format_timecode(counted), rate), rate);
 }
 
+std::int64_t frames_per_day(FrameRate rate, bool drop_frame) {
+    const Timecode last{23, 59, 59, nominal_rate(rate) - 1, drop_frame};
+    return timecode_to_frame(last, rate) + 1;
+}
+
 Timecode frame_to_timecode(std::int64_t frame, FrameRate rate, bool drop_frame) {
     const std::int64_t nominal = nominal_rate(rate);
     const std::int64_t dropped = drop_frame ? dropped_per_minute(rate) : 0;
     const std::int64_t minute = 60 * nominal - dropped;
     const std::int64_t ten_minutes = 10 * minute + dropped;  // the tenth minute keeps all its numbers
-    const std::int64_t day = 6 * 24 * ten_minutes;
+    const std::int64_t day = frames_per_day(rate, drop_frame);
 
     const std::int64_t in_day = ((frame % day) + day) % day;
     const std::int64_t tens = in_day / ten_minutes;

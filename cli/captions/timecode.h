@@ -59,6 +59,9 @@ struct Timecode {
 /// wrong, a part is out of range at this rate, or a drop-frame code names a number that is left out.
 Timecode parse_timecode(std::string_view text, FrameRate rate);
 
+/// Whether the text has the syntax of a time code.
+bool is_timecode(std::string_view text);
+
 /// Whether drop-frame counting at the rate has this time code, of which every part is in range. True for
 /// non-drop ones.
 bool is_counted(const Timecode& timecode, FrameRate rate);
@@ -72,6 +75,9 @@ std::int64_t timecode_to_frame(const Timecode& timecode, FrameRate rate);
 /// The frame number of the parts of `timecode`, counted with or without drop-frame as `drop_frame` says.
 /// Throws std::invalid_argument when there is no such time code.
 std::int64_t frame_counted(const Timecode& timecode, FrameRate rate, bool drop_frame);
+
+/// The number of frames that have a time code of their own, from midnight to midnight.
+std::int64_t frames_per_day(FrameRate rate, bool drop_frame);
 
 /// The time code of a frame number; wraps at 24 hours in both directions. `drop_frame` is to be set only
 /// where has_drop_frame() holds.
