@@ -51,9 +51,9 @@ std::string choose_codec(const EncodeOptions& options, const std::vector<KeyValu
 std::vector<KeyValue> choose_settings(const EncodeOptions& options, const OutputFormat& format) {
     std::vector<KeyValue> given;
     for (const std::string& text : options.settings) given.push_back(parse_setting(text));
-    check_together(given);
     std::vector<KeyValue> all = {{"enable", "1"}, {"encoder", choose_codec(options, given, format)}};
     all.insert(all.end(), given.begin(), given.end());
+    check_together(all);
     return all;
 }
 

@@ -250,12 +250,14 @@ KeyValue parse_setting(const std::string& text) {
 }
 
 void check_together(std::span<const KeyValue> given) {
-    std::string chroma, size;
+    std::string chroma, size, codec;
     for (const auto& [key, value] : given) {
+        if (key == "encoder") codec = value;
         if (key == "chroma format") chroma = value;
         if (key == "resize") size = value;
     }
     if (size.empty()) return;
+    if (codec == "mpeg-2" && chroma == "4:4:4") chroma = "4:2:2";  // as the codec does
     // Subsampled chroma has one sample for two columns, and in 4:2:0 for two lines.
     const bool odd_width = std::stoi(size) % 2 != 0;
     const bool odd_height = std::stoi(size.substr(size.find('x') + 1)) % 2 != 0;

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
 
 #include <gsve.h>
 
@@ -40,18 +41,21 @@ struct VbvDelayAdvice {
     int64_t buffer_size = 0;  ///< bits from which on libavcodec leaves vbv_delay out
 };
 
-/// For an encoder that is described and set, and not opened yet.
+/// For an encoder that is described and set, and not opened yet: as yet nobody knows how much of the bit rate
+/// captions will take, so that rates that far apart count as equal.
 inline VbvDelayAdvice vbv_delay_advice(const GeneralStreamingVideoEncoder& encoder) {
-    constexpr int kMpeg2 = 2, kDefaultBuffer = 1835008;
+    constexpr int kMpeg2 = 2, kDefaultBuffer = 1835008, kMostCaptionRate = 16016;
     const int64_t lowest = encoder.min_bitrate >= 0 ? encoder.min_bitrate : encoder.bitrate;
     const int64_t highest = encoder.max_bitrate >= 0 ? encoder.max_bitrate : encoder.bitrate;
     const int64_t buffer =
         encoder.buffer_size > 0 ? encoder.buffer_size : std::min(encoder.bitrate / 4, kDefaultBuffer);
     VbvDelayAdvice advice;
-    advice.bitrate = static_cast<int64_t>(std::ceil(hardest_picture(encoder) / kLongestVbvDelay));
+    advice.bitrate =
+        static_cast<int64_t>(std::ceil(hardest_picture(encoder) / kLongestVbvDelay)) + kMostCaptionRate;
     advice.buffer_size = highest * 65535 / 90000 + 2;
-    advice.needed = encoder.codec_id == kMpeg2 && highest > 0 && lowest == highest &&
-                    buffer < advice.buffer_size && highest < advice.bitrate;
+    advice.needed = encoder.codec_id == kMpeg2 && highest > 0 &&
+                    std::abs(lowest - highest) <= kMostCaptionRate && buffer < advice.buffer_size &&
+                    highest < advice.bitrate;
     return advice;
 }
 

@@ -164,7 +164,7 @@ void rewind_output(Encoder& e, unsigned line, const char* function);
 void prepare_planes(Encoder& e, const uint8_t* const (&planes)[3], const size_t (&strides)[3], int flags);
 void request_picture_type(Encoder& e);
 void follow_aspect_and_field_order(Encoder& e, int flags);
-void reserve_side_data(Encoder& e, uint64_t pts);
+bool reserve_side_data(Encoder& e, uint64_t pts);
 void store_side_data(Encoder& e, const char* function);
 bool drops_picture(Encoder& e);
 void remember_timestamp(Encoder& e, Timestamps made);
@@ -178,6 +178,39 @@ void restore_host_timestamps(Encoder& e);
 void map_packet_timestamps(Encoder& e);
 void emit_unit(Encoder& e);
 void end_picture(Encoder& e, uint64_t timestamp, bool same_run);
+
+/// A picture that passed the frame-rate limit. However the call ends, by a hook that throws too, its books
+/// are closed: what was taken for it applies to no other picture, and what was not waits for the next one.
+class OpenPicture {
+public:
+    OpenPicture(Encoder& e, uint64_t pts, uint64_t timestamp)
+        : e_(e), pts_(pts), timestamp_(timestamp), run_(e.open_count) {
+        made_record_ = reserve_side_data(e, pts);
+    }
+    OpenPicture(const OpenPicture&) = delete;
+    OpenPicture& operator=(const OpenPicture&) = delete;
+    ~OpenPicture() {
+        const bool same_run = e_.open_count == run_;
+        if (has_side_data_) {
+            end_picture(e_, timestamp_, same_run);
+        } else if (same_run) {
+            if (made_record_) e_.aux_data_map.erase(pts_);
+            if (!e_.per_frame_rate_control) e_.input_frame_count++;  // its time has passed all the same
+        }
+    }
+
+    void store_side_data(const char* function) {
+        has_side_data_ = true;
+        ::store_side_data(e_, function);
+    }
+    uint64_t run() const { return run_; }
+
+private:
+    Encoder& e_;
+    const uint64_t pts_, timestamp_, run_;
+    bool made_record_ = false;
+    bool has_side_data_ = false;
+};
 
 }  // namespace
 
@@ -195,19 +228,18 @@ bool Encoder::write_video(const uint8_t* y, size_t y_stride, const uint8_t* u, s
     const uint64_t pts =
         per_frame_rate_control ? frame_counter : (timestamp - first_timestamp) / frame_rate_divider;
     mpeg_packet->pts = mpeg_packet->dts = static_cast<int64_t>(pts);
-    reserve_side_data(*this, pts);
+    OpenPicture picture(*this, pts, timestamp);
     Timestamps sent_timestamp;
     if (per_frame_rate_control) sent_timestamp.emplace(frame_counter, timestamp - first_timestamp);
     prepare_planes(*this, {y, u, v}, {y_stride, u_stride, v_stride}, flags);
     request_picture_type(*this);
     mpeg_frame->pts = mpeg_packet->pts;
     follow_aspect_and_field_order(*this, flags);
-    store_side_data(*this, __PRETTY_FUNCTION__);
+    picture.store_side_data(__PRETTY_FUNCTION__);
     last_relative_timestamp = timestamp - first_timestamp;
 
     const bool dropped = drops_picture(*this);
     CodecExchange exchange;
-    const uint64_t run = open_count;
     if (!dropped) {
         remember_timestamp(*this, std::move(sent_timestamp));
         const uint64_t before = monotonic_clock_us();
@@ -226,7 +258,6 @@ bool Encoder::write_video(const uint8_t* y, size_t y_stride, const uint8_t* u, s
     } else if (exchange.status == 0 && !dropped) {
         count_codec_delay(*this);
     }
-    end_picture(*this, timestamp, open_count == run);
     return true;
 } catch (const std::exception&) {
     return false;
@@ -252,11 +283,13 @@ void rewind_output(Encoder& e, unsigned line, const char* function) {
     e.output_window->data = e.output_window->end = e.output_window->base + kHeadRoom;
 }
 
-/// Points the codec's picture at the host's planes, or at the working planes after filling them.
+/// Points the codec's picture at the host's planes, or at the working planes after filling them. Where a
+/// plane is missing there is nothing to fill them from, and the codec is to see it.
 void prepare_planes(Encoder& e, const uint8_t* const (&planes)[3], const size_t (&strides)[3], int flags) {
     AVFrame& frame = *e.mpeg_frame;
     frame.format = e.output_pixel_format;
-    if (!e.resize_buffer[0]) {
+    const bool complete = planes[0] && planes[1] && planes[2];
+    if (!e.resize_buffer[0] || !complete) {
         for (int plane = 0; plane < 3; plane++) {
             // libavcodec reads the planes of a picture that it does not own, and never writes them.
             frame.data[plane] = const_cast<uint8_t*>(planes[plane]);
@@ -404,10 +437,12 @@ void take_gop_timecode(Encoder& e, AuxData& record) {
 }
 
 /// Makes the picture's place in the map before its aspect ratio, captions, tag and time code are taken, none
-/// of which may be lost to a lack of memory.
-void reserve_side_data(Encoder& e, uint64_t pts) {
-    AuxData& record = e.aux_data_map[pts];
+/// of which may be lost to a lack of memory. True where it was not there before.
+bool reserve_side_data(Encoder& e, uint64_t pts) {
+    const auto [place, made] = e.aux_data_map.try_emplace(pts);
+    AuxData& record = place->second;
     if (e.pending_gop_timecode.valid) record.gop_timecode.text.reserve(e.pending_gop_timecode.text.size());
+    return made;
 }
 
 /// Fills the picture's place in the map, where the record waits for the packet. Allocates nothing: a text
@@ -1118,17 +1153,20 @@ bool make_working_planes(Encoder& e, AVPixelFormat source_format, const char* fu
 
 }  // namespace
 
-bool Encoder::client_addref() {
+bool Encoder::client_addref() try {
     refcount++;
     return init_encoder();
+} catch (const std::exception&) {
+    return false;
 }
 
-void Encoder::client_unref() {
+void Encoder::client_unref() try {
     refcount--;
     if (refcount < 0)
         std::fprintf(stderr, "WARNING: encoder[%u] negative refcount %d\n", encoder_index, refcount);
     else if (refcount == 0)
         free_encoder();
+} catch (const std::exception&) {
 }
 
 // Resizing

@@ -28,24 +28,27 @@
 //
 // One thread at a time may call into one object: the class takes no lock. Different objects are independent.
 //
-// No operation throws; only the constructor may (std::bad_alloc). Where memory runs out inside an operation,
-// what the call was given is lost and nothing else: it returns false, where it returns anything, and the next
-// call works. An exception that a hook of the host throws derived from std::exception ends the operation in
-// the same way; hooks had better throw nothing.
+// No operation that a host calls throws; only the constructor may (std::bad_alloc). Where the library finds
+// no memory inside an operation, what the call was given is lost and nothing else: it returns false, where it
+// returns anything, and the next call works. (A codec that finds none refuses the picture, as it refuses
+// others, and mode 4 of "resize deinterlace" shows the picture before once more.) An exception that a hook of
+// the host throws derived from std::exception ends the operation in the same way; hooks had better throw
+// nothing. Only host_emit_data_out() may close or reopen the encoder.
 //
 // MPEG-2 at a constant rate (equal bounds, which is the default) has a limit that the host must know:
 // vbv_delay (ISO/IEC 13818-2, 6.3.9) has room for 65535 / 90000 = 0.728 s, and libavcodec ends the process by
 // an assertion when the data of one picture takes longer than that at the bit rate. A picture takes at most
-// about 3.8 bits a coded sample (black and white dots at random; noise of full range takes 2.2), so that any
-// picture fits from
+// about 3.8 bits a coded sample (black and white dots at random; noise of full range takes 2.2), where
+// "maximum quant" does not keep the codec from its coarsest quantiser (at 8 it takes up to 10, at 2 up to
+// 16), so that any picture fits from
 //
 //     width * height * 1.5 * 3.8 / 0.728 bits/s
 //
-// on in 4:2:0: 16.2 Mbit/s at 1920x1080, 3.2 Mbit/s at 720x576. Below that, where nobody vouches for the
-// content, choose one: "min bitrate" 0, with which the stream no longer claims a constant rate and carries no
-// vbv_delay; or a "buffer size" of more than 0.728 s of the rate (rate * 65535 / 90000 + 2 bits), with which
-// libavcodec leaves vbv_delay out, too. Both leave pictures and rate control as they are; the second asks
-// for a larger buffer than Main Level decoders have.
+// on in 4:2:0, captions aside (at most 16016): 16.2 Mbit/s at 1920x1080, 3.2 Mbit/s at 720x576. Below that,
+// where nobody vouches for the content, choose one: "min bitrate" 0, with which the stream no longer claims a
+// constant rate and carries no vbv_delay; or a "buffer size" of more than 0.728 s of the rate (rate * 65535 /
+// 90000 + 2 bits), with which libavcodec leaves vbv_delay out, too. The first stops stuffing, and both give
+// the rate control more room; the second asks for a larger buffer than Main Level decoders have.
 //
 // libavcodec's MPEG-2 encoder also divides by the distance of two reference pictures, kept in 16 bits: where
 // "constant bitrate per frame" is 0 and there are B-pictures, a host whose clock may leap over a multiple of

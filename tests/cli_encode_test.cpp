@@ -361,19 +361,19 @@ TEST_F(EncodeCommand, WarnsOfAConstantMpeg2RateThatNoiseWouldBreak) {
         whole.insert(whole.end(), more.begin(), more.end());
         return run(whole);
     };
-    // 320 x 240 x 1.5 samples of 3.8 bits in 65535 / 90000 s.
+    // 320 x 240 x 1.5 samples of 3.8 bits in 65535 / 90000 s, and the most that captions take.
     const std::string said = "at a constant 200000 bits/s a noisy picture can take more than the 0.73 s";
     for (const char* loudness : {"--verbose", "--quiet"}) {
         const ProgramResult broken = with({"--set", "bitrate=200000", loudness});
         EXPECT_EQ(broken.status, 128 + SIGABRT);
         EXPECT_THAT(broken.err, HasSubstr(said));
         EXPECT_THAT(broken.err, HasSubstr("--set \"min bitrate=0\", or --set \"buffer size=145635\", or give "
-                                          "601182 bits/s"));
+                                          "617198 bits/s"));
     }
     const std::vector<std::string> remedies[] = {
         {"--set", "bitrate=200000", "--set", "min bitrate=0"},
         {"--set", "bitrate=200000", "--set", "buffer size=145635"},
-        {"--set", "bitrate=601182"},
+        {"--set", "bitrate=617198"},
     };
     for (const std::vector<std::string>& remedy : remedies) {
         const ProgramResult result = with(remedy);
@@ -382,6 +382,13 @@ TEST_F(EncodeCommand, WarnsOfAConstantMpeg2RateThatNoiseWouldBreak) {
     }
     EXPECT_EQ(with({"--set", "bitrate=200000", "--set", "buffer size=145634"}).status, 128 + SIGABRT);
     EXPECT_THAT(with({"--set", "bitrate=200000", "--codec", "h.264"}).err, Not(HasSubstr("noisy")));
+}
+
+TEST_F(EncodeCommand, RefusesOddSizesForMpeg2WhateverTheChroma) {
+    const ProgramResult result = run({"encode", y4m({}, 3), directory / "out.m2v", "--codec", "mpeg-2",
+                                      "--set", "resize=33x32", "--set", "chroma format=4:4:4"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_THAT(result.err, HasSubstr("\"resize\" takes even sizes"));
 }
 
 TEST_F(EncodeCommand, ShowsProgressOnATerminal) {

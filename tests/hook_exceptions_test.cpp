@@ -65,6 +65,43 @@ TEST_F(HookExceptions, EndThePictureThatTheHostResizes) {
     EXPECT_EQ(throwing.units.size(), 1u);
 }
 
+TEST_F(HookExceptions, LeaveWhatWasTakenForAPictureToNoOther) {
+    open("mpeg-2");
+    uint8_t block[] = {1, 2, 3};
+    throwing.write_scte20(block, sizeof(block));
+    throwing.requested_picture_type = 'I';
+    throwing.gop_sync_frame_number = 3;
+    throwing.on_emit = [](auto...) { throw std::bad_alloc(); };
+    script({packet(filler(20)), packet(filler(30))});
+    EXPECT_FALSE(write(0));
+    EXPECT_EQ(throwing.scte20_length, 0u);
+    EXPECT_EQ(throwing.requested_picture_type, -1);
+    EXPECT_EQ(throwing.gop_sync_frame_number, -1);
+    EXPECT_EQ(throwing.input_frame_count, 1u);
+}
+
+TEST_F(HookExceptions, LeaveWhatWaitsForAPictureToTheNextAndKeepNoRecord) {
+    open("mpeg-2", {{"resize", "32x32"}, {"constant bitrate per frame", "0"}});
+    uint8_t block[] = {1, 2, 3};
+    throwing.write_scte20(block, sizeof(block));
+    throwing.throws_in_resizer = true;
+    for (uint64_t n = 0; n < 2000; n++) EXPECT_FALSE(write(n));
+    EXPECT_EQ(throwing.scte20_length, sizeof(block));
+    EXPECT_EQ(throwing.input_frame_count, 2000u);
+    EXPECT_TRUE(throwing.aux_data_map.empty());
+}
+
+TEST_F(HookExceptions, DoNotComeOutOfTheOperationsForClients) {
+    Throwing host;
+    describe_source(host, 64, 64, 25, 1);
+    configure(host, {{"encoder", "mpeg-2"}, {"bitrate", "1000000"}, {"enable", "1"}});
+    host.throws_in_init = true;
+    EXPECT_FALSE(host.client_addref());
+    host.throws_in_init = false;
+    host.client_unref();
+    EXPECT_EQ(host.refcount, 0);
+}
+
 TEST_F(HookExceptions, EndTheDrain) {
     open("h.265");
     script({held_back(), packet(filler(20)), packet(filler(30))});

@@ -127,5 +127,35 @@ TEST(PictureOwnership, NoCopyIsMadeForEncodersThatCopyThemselves) {
     }
 }
 
+TEST(MissingPlane, IsRefusedByTheCodecAndReadByNobody) {
+    for (const char* codec : {"mpeg-2", "h.264", "h.265"}) {
+        for (const char* resize : {"", "32x32"}) {
+            for (int missing = 0; missing < 3; missing++) {
+                SCOPED_TRACE(std::string(codec) + " " + resize + ", plane " + std::to_string(missing));
+                RecordingHost host;
+                describe_source(host, 64, 64, 25, 1);
+                configure(host, {{"encoder", codec},
+                                 {"bitrate", "1500000"},
+                                 {"h.264 profile", "main"},
+                                 {"resize", resize},
+                                 {"enable", "1"}});
+                ASSERT_TRUE(host.client_addref());
+                const TestPicture picture(64, 64, 1, 1, 0);
+                const uint8_t* planes[] = {picture.y.data(), picture.u.data(), picture.v.data()};
+                planes[missing] = nullptr;
+                EXPECT_TRUE(host.write_video(planes[0], 64, planes[1], 32, planes[2], 32, 0, 0));
+                for (uint64_t n = 1; n < 4; n++) {
+                    EXPECT_TRUE(host.write_video(picture.y.data(), 64, picture.u.data(), 32, picture.v.data(),
+                                                 32, 0, n));
+                }
+                while (host.flush_delayed_video()) {
+                }
+                EXPECT_EQ(host.units.size(), 3u);
+                host.client_unref();
+            }
+        }
+    }
+}
+
 }  // namespace
 }  // namespace gsve::test

@@ -48,7 +48,7 @@ inline constexpr RowKernels kCounted = {
             ++entries.interpolate_two;
             kKernels.interpolate_two(rows, n, plan, first, second);
         },
-    .halve = kKernels.halve == nullptr ? nullptr
+    .halve = kKernels.fewest_halved == 0 ? nullptr
                                        : +[](uint8_t* out, const uint8_t* a, const uint8_t* b,
                                              unsigned weight, size_t n, const HorizontalPlan& plan,
                                              NextLines next) {

@@ -254,7 +254,7 @@ GSVE_AVX2 void interpolate_two_rows(const RowPair& rows, size_t n, const Horizon
     store_rest(lower_out, whole, n - whole, samples_of<kSpread>(lower_row, round));
 }
 
-// One form per Spread, in its order; pairs that were brought together lie as those of kOne do.
+// One form per Spread up to kFar, in its order; pairs that were brought together lie as those of kOne do.
 inline constexpr decltype(RowKernels::interpolate) kInterpolateRows[] = {
     interpolate_row<Spread::kDense>, interpolate_row<Spread::kOne>, interpolate_row<Spread::kTwo>,
     interpolate_row<Spread::kOne>};

@@ -189,7 +189,7 @@ GSVE_SSE41 void interpolate_two_rows(const RowPair& rows, size_t n, const Horizo
     store_rest(lower_out, whole, n - whole, round<kSpread>(lower_row, whole, plan));
 }
 
-// One form per Spread, in its order; pairs that were brought together lie as those of kOne do.
+// One form per Spread up to kFar, in its order; pairs that were brought together lie as those of kOne do.
 inline constexpr decltype(RowKernels::interpolate) kInterpolateRows[] = {
     interpolate_row<Spread::kDense>, interpolate_row<Spread::kOne>, interpolate_row<Spread::kTwo>,
     interpolate_row<Spread::kOne>, interpolate_row<Spread::kOne>};
