@@ -44,18 +44,18 @@ inline constexpr RowKernels kCounted = {
             kKernels.interpolate(out, row, n, plan, next);
         },
     .interpolate_two =
-        [](const RowPair& rows, size_t n, const HorizontalPlan& plan, NextLines first, NextLines second) {
+        [](const RowPair& rows, size_t n, const HorizontalPlan& plan) {
             ++entries.interpolate_two;
-            kKernels.interpolate_two(rows, n, plan, first, second);
+            kKernels.interpolate_two(rows, n, plan);
         },
-    .halve = kKernels.fewest_halved == 0 ? nullptr
-                                       : +[](uint8_t* out, const uint8_t* a, const uint8_t* b,
-                                             unsigned weight, size_t n, const HorizontalPlan& plan,
-                                             NextLines next) {
-                                             ++entries.halve;
-                                             kKernels.halve(out, a, b, weight, n, plan, next);
-                                         },
-    .fewest_halved = kKernels.fewest_halved,
+    .halve = kKernels.halved == 0
+                 ? nullptr
+                 : +[](uint8_t* out, const uint8_t* a, const uint8_t* b, unsigned weight, size_t n,
+                       const HorizontalPlan& plan, const NextLines& next) {
+                       ++entries.halve;
+                       kKernels.halve(out, a, b, weight, n, plan, next);
+                   },
+    .halved = kKernels.halved,
     .motion_row =
         [](uint8_t* flags, const uint8_t* const (&lines)[plain::kMotionLines], size_t blocks) {
             ++entries.motion_row;
@@ -346,6 +346,24 @@ TEST_P(VectorForm, HalvesTheWidthWithEveryWeightAndFraction) {
             line.dst = wanted.data();
             plain::deinterlace_basic(line);
             ASSERT_TRUE(out == wanted) << x_step << ", other sample " << other;
+        }
+    }
+}
+
+TEST_P(VectorForm, WalksAsThePlainOneInStepsOfAnyLength) {
+    // From 0xffff0000 on, a step and a fraction may not fit 32 bits: the walk then falls back.
+    for (const unsigned x_step : {0u, 1u, 65535u, 65537u, 0x7fffffffu, 0xfffeffffu, 0xffff0000u, 0xffff0001u,
+                                  0xffff8000u, 0xffffffffu}) {
+        for (const unsigned src_width : {1u, 2u, 300u, 65536u, 70000u, 140000u}) {
+            constexpr unsigned kColumns = 200;
+            std::vector<uint8_t> row(src_width), actual(kColumns), expected(kColumns);
+            for (uint8_t& sample : row) sample = static_cast<uint8_t>(random_());
+            PlaneScaling line{actual.data(), kColumns, row.data(), src_width, kColumns, 1,
+                              x_step,        65536,    src_width,  1};
+            rows::deinterlace_basic(*kernels_, line);
+            line.dst = expected.data();
+            plain::deinterlace_basic(line);
+            ASSERT_EQ(actual, expected) << "step " << x_step << ", " << src_width << " samples";
         }
     }
 }

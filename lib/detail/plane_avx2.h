@@ -6,6 +6,7 @@
 
 #include <immintrin.h>
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -36,7 +37,12 @@ template <Weighting kWeighting>
 GSVE_AVX2_INLINE __m256i blend(__m256i a, __m256i b, __m256i weights) {
     if constexpr (kWeighting == Weighting::kNone) return a;
     if constexpr (kWeighting == Weighting::kHalf) return average(a, b);
-    const __m256i low = _mm256_srai_epi16(_mm256_maddubs_epi16(_mm256_unpacklo_epi8(a, b), weights), 8);
+    // One half goes through a shifter and the other through a multiplier, which has less to do. The compiler
+    // would take a shift for both.
+    __m256i one_256th = _mm256_set1_epi16(0x100);
+    __asm__("" : "+x"(one_256th));
+    const __m256i low =
+        _mm256_mulhi_epi16(_mm256_maddubs_epi16(_mm256_unpacklo_epi8(a, b), weights), one_256th);
     const __m256i high = _mm256_srai_epi16(_mm256_maddubs_epi16(_mm256_unpackhi_epi8(a, b), weights), 8);
     return _mm256_add_epi8(kWeighting == Weighting::kNear ? a : b, _mm256_packs_epi16(low, high));
 }
@@ -128,7 +134,8 @@ inline constexpr GatherShape kDense = {.outputs = 16, .window = 16, .groups = 2,
 
 /// A vector holds groups 0 and 2 of a round, the next one 1 and 3: packing the two, which goes by 128-bit
 /// lanes, puts them in order.
-inline constexpr GatherShape kSparse = {.outputs = 8, .window = 16, .groups = 4, .position = {0, 2, 1, 3}};
+inline constexpr GatherShape kSparse = {
+    .outputs = 8, .window = 16, .groups = 4, .position = {0, 2, 1, 3}, .bias = 0x70};
 
 GSVE_AVX2_INLINE __m256i load_window(const uint8_t* p) {
     return _mm256_broadcastsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
@@ -139,16 +146,15 @@ GSVE_AVX2_INLINE __m256i load_windows(const uint8_t* a, const uint8_t* b) {
     return _mm256_inserti128_si256(low, _mm_loadu_si128(reinterpret_cast<const __m128i*>(b)), 1);
 }
 
-/// The pairs of two groups' samples. vpshufb gives 0 for an index with its top bit set: biased by 0x70,
-/// indices below 16 find their sample in the first window, and less 16, the others find theirs in the second.
+/// The pairs of two groups' samples. vpshufb gives 0 for an index with its top bit set and goes by the lowest
+/// four bits of the others: biased by 0x70, offsets below 16 find their sample in the first window, and with
+/// their top bit turned, the others find theirs in the second.
 template <Spread kSpread>
 GSVE_AVX2_INLINE __m256i gather(const uint8_t* a, const uint8_t* b, __m256i pair) {
-    if constexpr (kSpread != Spread::kTwo) return _mm256_shuffle_epi8(load_windows(a, b), pair);
-    const __m256i near =
-        _mm256_shuffle_epi8(load_windows(a, b), _mm256_add_epi8(pair, _mm256_set1_epi8(0x70)));
-    const __m256i far =
-        _mm256_shuffle_epi8(load_windows(a + 16, b + 16), _mm256_sub_epi8(pair, _mm256_set1_epi8(16)));
-    return _mm256_or_si256(near, far);
+    const __m256i near = _mm256_shuffle_epi8(load_windows(a, b), pair);
+    if constexpr (kSpread != Spread::kTwo) return near;
+    const __m256i far_pair = _mm256_xor_si256(pair, _mm256_set1_epi8(static_cast<int8_t>(0x80)));
+    return _mm256_or_si256(near, _mm256_shuffle_epi8(load_windows(a + 16, b + 16), far_pair));
 }
 
 /// base + floor((base - other) * weight / 65536) in 16-bit lanes.
@@ -165,10 +171,13 @@ struct Round {
     __m256i weight[2];
 };
 
-/// The round from output `i` of the plan on.
+/// Windows of a round.
 template <Spread kSpread>
-GSVE_AVX2_INLINE Round round_at(size_t i, const HorizontalPlan& plan) {
-    const uint32_t* window = plan.window + i / (kSpread == Spread::kDense ? kDense.outputs : kSparse.outputs);
+inline constexpr size_t kWindows = kSpread == Spread::kDense ? kDense.groups : kSparse.groups;
+
+/// The round from output `i` of the plan on, whose windows stand at `window`.
+template <Spread kSpread>
+GSVE_AVX2_INLINE Round round_at(size_t i, const uint32_t* window, const HorizontalPlan& plan) {
     const auto* pair = reinterpret_cast<const __m256i*>(plan.pair + i);
     const auto* weight = reinterpret_cast<const __m256i*>(plan.weight + i);
     return {window,
@@ -177,14 +186,12 @@ GSVE_AVX2_INLINE Round round_at(size_t i, const HorizontalPlan& plan) {
 }
 
 /// Fetches what the next rows want from around the windows of a round.
-/// Into the second level: the lines of two rows of 4K are too much for the first, and cost more there.
 template <Spread kSpread>
 GSVE_AVX2_INLINE void fetch(NextLines next, const Round& round) {
     for (const uint8_t* line : {next.a, next.b}) {
-        if (line == nullptr) continue;
-        _mm_prefetch(reinterpret_cast<const char*>(line + round.window[0]), _MM_HINT_T1);
+        _mm_prefetch(reinterpret_cast<const char*>(line + round.window[0]), _MM_HINT_T0);
         if constexpr (kSpread == Spread::kTwo) {
-            _mm_prefetch(reinterpret_cast<const char*>(line + round.window[2]), _MM_HINT_T1);
+            _mm_prefetch(reinterpret_cast<const char*>(line + round.window[2]), _MM_HINT_T0);
         }
     }
 }
@@ -224,32 +231,34 @@ template <Spread kSpread>
 GSVE_AVX2 void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
                                NextLines next) {
     const size_t whole = n / kLanes * kLanes;
-    for (size_t i = 0; i < whole; i += kLanes) {
-        const Round round = round_at<kSpread>(i, plan);
+    const uint32_t* window = plan.window;
+    for (size_t i = 0; i < whole; i += kLanes, window += kWindows<kSpread>) {
+        const Round round = round_at<kSpread>(i, window, plan);
         fetch<kSpread>(next, round);
         store(out + i, samples_of<kSpread>(row, round));
     }
     if (whole == n) return;
-    store_rest(out, whole, n - whole, samples_of<kSpread>(row, round_at<kSpread>(whole, plan)));
+    store_rest(out, whole, n - whole, samples_of<kSpread>(row, round_at<kSpread>(whole, window, plan)));
 }
 
 template <Spread kSpread>
-GSVE_AVX2 void interpolate_two_rows(const RowPair& rows, size_t n, const HorizontalPlan& plan,
-                                    NextLines first, NextLines second) {
+GSVE_AVX2 void interpolate_two_rows(const RowPair& rows, size_t n, const HorizontalPlan& plan) {
     const auto [upper_out, lower_out] = rows.out;
     const auto [upper_row, lower_row] = rows.row;
+    const auto [upper_next, lower_next] = rows.next;
     const size_t whole = n / kLanes * kLanes;
-    for (size_t i = 0; i < whole; i += kLanes) {
-        const Round round = held<kSpread>(round_at<kSpread>(i, plan));
-        fetch<kSpread>(first, round);
-        fetch<kSpread>(second, round);
+    const uint32_t* window = plan.window;
+    for (size_t i = 0; i < whole; i += kLanes, window += kWindows<kSpread>) {
+        const Round round = held<kSpread>(round_at<kSpread>(i, window, plan));
+        fetch<kSpread>(upper_next, round);
+        fetch<kSpread>(lower_next, round);
         const __m256i upper = samples_of<kSpread>(upper_row, round);
         const __m256i lower = samples_of<kSpread>(lower_row, round);
         store(upper_out + i, upper);
         store(lower_out + i, lower);
     }
     if (whole == n) return;
-    const Round round = round_at<kSpread>(whole, plan);
+    const Round round = round_at<kSpread>(whole, window, plan);
     store_rest(upper_out, whole, n - whole, samples_of<kSpread>(upper_row, round));
     store_rest(lower_out, whole, n - whole, samples_of<kSpread>(lower_row, round));
 }
@@ -268,65 +277,83 @@ inline void interpolate(uint8_t* out, const uint8_t* row, size_t n, const Horizo
     kInterpolateRows[static_cast<size_t>(plan.spread)](out, row, n, plan, next);
 }
 
-inline void interpolate_two(const RowPair& rows, size_t n, const HorizontalPlan& plan, NextLines first,
-                            NextLines second) {
-    kInterpolateTwoRows[static_cast<size_t>(plan.spread)](rows, n, plan, first, second);
+inline void interpolate_two(const RowPair& rows, size_t n, const HorizontalPlan& plan) {
+    kInterpolateTwoRows[static_cast<size_t>(plan.spread)](rows, n, plan);
 }
 
 // ---- Half of the width --------------------------------------------------------------------------------
 
+/// The factors of the left and the right sample of a pair that pick its base: a vector of outputs finds its
+/// own at the offset that the plan gives.
+alignas(kLanes) inline constexpr auto kBaseFactors = [] {
+    std::array<uint16_t, 3 * kLanes> factors{};
+    for (size_t i = 0; i < factors.size(); ++i) factors[i] = i / kLanes == 1 ? 0x100 : 0x001;
+    return factors;
+}();
+
 /// 16 samples, in 16-bit lanes, out of 16 pairs: left + floor((right - left) * fraction / 65536). The product
 /// takes fractions from 0x8000 on for less by 65536, which is one difference too few: the right-hand sample
-/// in place of the left-hand one makes up for it.
-template <Side kSide>
-GSVE_AVX2_INLINE __m256i between(__m256i pairs, __m256i fraction) {
+/// as base, in place of the left-hand one, makes up for it.
+GSVE_AVX2_INLINE __m256i between(__m256i pairs, const uint16_t* base, const int16_t* fraction) {
     const __m256i difference = _mm256_maddubs_epi16(pairs, _mm256_set1_epi16(0x01ff));
-    const __m256i part = _mm256_mulhi_epi16(difference, fraction);
-    if constexpr (kSide == Side::kRight) return _mm256_add_epi16(_mm256_srli_epi16(pairs, 8), part);
-    __m256i sample = _mm256_add_epi16(pairs, part);
-    if constexpr (kSide == Side::kEither) {
-        sample = _mm256_add_epi16(sample, _mm256_and_si256(difference, _mm256_srai_epi16(fraction, 15)));
-    }
-    return _mm256_and_si256(sample, _mm256_set1_epi16(0xff));
+    const __m256i part =
+        _mm256_mulhi_epi16(difference, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(fraction)));
+    return _mm256_add_epi16(
+        _mm256_maddubs_epi16(pairs, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(base))), part);
 }
 
-/// Outputs [first, end), in whole vectors.
-template <Weighting kWeighting, Side kSide>
-GSVE_AVX2_INLINE void halve_run(uint8_t* out, const HalfSource& source, __m256i weights,
-                                const int16_t* fractions, size_t first, size_t end) {
-#pragma GCC unroll 2
-    for (size_t i = first; i < end; i += kLanes) {
-        _mm_prefetch(reinterpret_cast<const char*>(source.next_a + 2 * i), _MM_HINT_T0);
-        _mm_prefetch(reinterpret_cast<const char*>(source.next_b + 2 * i), _MM_HINT_T0);
-        const uint8_t *a = source.a + 2 * i, *b = source.b + 2 * i;
-        const auto* fraction = reinterpret_cast<const __m256i*>(fractions + i);
-        const __m256i low = blend<kWeighting>(load(a), load(b), weights);
-        const __m256i high = blend<kWeighting>(load(a + kLanes), load(b + kLanes), weights);
-        const __m256i samples = _mm256_packus_epi16(between<kSide>(low, _mm256_loadu_si256(fraction)),
-                                                    between<kSide>(high, _mm256_loadu_si256(fraction + 1)));
-        store(out + i, _mm256_permute4x64_epi64(samples, _MM_SHUFFLE(3, 1, 2, 0)));
-    }
+/// 32 pairs of samples.
+struct Pairs {
+    __m256i low, high;
+};
+
+/// The pairs of outputs [i, i + 32) in the blend of two lines.
+template <Weighting kWeighting>
+GSVE_AVX2_INLINE Pairs pairs_at(size_t i, const uint8_t* a, const uint8_t* b, __m256i weights) {
+    const size_t low = 2 * i, high = 2 * i + kLanes;
+    return {blend<kWeighting>(load(a + low), load(b + low), weights),
+            blend<kWeighting>(load(a + high), load(b + high), weights)};
+}
+
+/// Outputs [i, i + 32), whose bases stand at `base`, out of their pairs.
+GSVE_AVX2_INLINE __m256i halved(size_t i, const Pairs& pairs, uint32_t base, const HorizontalPlan& plan) {
+    const uint16_t* bases = kBaseFactors.data() + base;
+    const int16_t* fractions = plan.weight + i;
+    const __m256i samples = _mm256_packus_epi16(between(pairs.low, bases, fractions),
+                                                between(pairs.high, bases + 16, fractions + 16));
+    return _mm256_permute4x64_epi64(samples, _MM_SHUFFLE(3, 1, 2, 0));
 }
 
 template <Weighting kWeighting>
-GSVE_AVX2 void halve_row(uint8_t* out, const HalfSource& source, unsigned weight, size_t n,
-                         const HorizontalPlan& plan) {
+GSVE_AVX2 void halve_row(uint8_t* out, const uint8_t* a, const uint8_t* b, unsigned weight, size_t n,
+                         const HorizontalPlan& plan, const NextLines& next) {
+    const auto [next_a, next_b] = next;
     const __m256i weights = _mm256_set1_epi16(pair_weights(weight));
-    const HalfRuns runs(plan, n, kLanes);
-    halve_run<kWeighting, Side::kLeft>(out, source, weights, plan.weight, 0, runs.left_end);
-    halve_run<kWeighting, Side::kEither>(out, source, weights, plan.weight, runs.left_end, runs.right_first);
-    halve_run<kWeighting, Side::kRight>(out, source, weights, plan.weight, runs.right_first, runs.end);
-    if (runs.end == n) return;
-    halve_run<kWeighting, Side::kEither>(out, source, weights, plan.weight, n - kLanes, n);
+    const uint32_t* base = plan.window;
+    // Pairs are blended one round ahead: what waits for them is then ready when its turn comes.
+    Pairs pairs = pairs_at<kWeighting>(0, a, b, weights);
+    size_t i = 0;
+#pragma GCC unroll 2
+    for (; i + 2 * kLanes <= n; i += kLanes) {
+        _mm_prefetch(reinterpret_cast<const char*>(next_a + 2 * i), _MM_HINT_T0);
+        _mm_prefetch(reinterpret_cast<const char*>(next_b + 2 * i), _MM_HINT_T0);
+        const Pairs ahead = pairs_at<kWeighting>(i + kLanes, a, b, weights);
+        store(out + i, halved(i, pairs, *base++, plan));
+        pairs = ahead;
+    }
+    store(out + i, halved(i, pairs, *base++, plan));
+    if (i + kLanes == n) return;
+    i = n - kLanes;
+    store(out + i, halved(i, pairs_at<kWeighting>(i, a, b, weights), *base, plan));
 }
 
-inline constexpr decltype(&halve_row<Weighting::kNone>) kHalveRows[] = {
+inline constexpr decltype(RowKernels::halve) kHalveRows[] = {
     halve_row<Weighting::kNone>, halve_row<Weighting::kNear>, halve_row<Weighting::kHalf>};
 
 inline void halve(uint8_t* out, const uint8_t* a, const uint8_t* b, unsigned weight, size_t n,
-                  const HorizontalPlan& plan, NextLines next) {
+                  const HorizontalPlan& plan, const NextLines& next) {
     nearer_first(a, b, weight);
-    kHalveRows[index_of(weight)](out, half_source(a, b, plan, next), weight, n, plan);
+    kHalveRows[index_of(weight)](out, a, b, weight, n, plan, next);
 }
 
 // ---- Motion map ---------------------------------------------------------------------------------------
@@ -391,7 +418,7 @@ inline constexpr RowKernels kRowKernels = {
     .interpolate = interpolate,
     .interpolate_two = interpolate_two,
     .halve = halve,
-    .fewest_halved = kLanes,
+    .halved = kLanes,
     .motion_row = motion_row,
 };
 

@@ -207,7 +207,7 @@ inline constexpr RowKernels kRowKernels = {
     .interpolate = avx2::interpolate,  // four windows to a vector cost what two vectors save
     .interpolate_two = avx2::interpolate_two,
     .halve = avx2::halve,
-    .fewest_halved = avx2::kLanes,
+    .halved = avx2::kLanes,
     .motion_row = motion_row,
 };
 

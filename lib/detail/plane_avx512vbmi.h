@@ -168,7 +168,6 @@ GSVE_VBMI_INLINE void fetch(NextLines next, size_t i, const HorizontalPlan& plan
     constexpr bool kIsDense = kSpread == Spread::kDense;
     const uint32_t* window = plan.window + i / (kIsDense ? kDense.outputs : kSparse.outputs);
     for (const uint8_t* line : {next.a, next.b}) {
-        if (line == nullptr) continue;
         for (unsigned group = 0; group < (kIsDense ? 1 : 2); ++group) {
             const auto* samples = reinterpret_cast<const char*>(line + window[group]);
             _mm_prefetch(samples, _MM_HINT_T1);
@@ -237,14 +236,14 @@ GSVE_VBMI void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const
 }
 
 template <Spread kSpread>
-GSVE_VBMI void interpolate_two_rows(const RowPair& rows, size_t n, const HorizontalPlan& plan,
-                                    NextLines first, NextLines second) {
+GSVE_VBMI void interpolate_two_rows(const RowPair& rows, size_t n, const HorizontalPlan& plan) {
     const auto [upper_out, lower_out] = rows.out;
     const auto [upper_row, lower_row] = rows.row;
+    const auto [upper_next, lower_next] = rows.next;
     const size_t whole = n / kLanes * kLanes;
     for (size_t i = 0; i < whole; i += kLanes) {
-        fetch<kSpread>(first, i, plan);
-        fetch<kSpread>(second, i, plan);
+        fetch<kSpread>(upper_next, i, plan);
+        fetch<kSpread>(lower_next, i, plan);
         const Round round = held(round_at<kSpread>(i, plan));
         store(upper_out + i, samples_of<kSpread>(upper_row, round));
         store(lower_out + i, samples_of<kSpread>(lower_row, round));
@@ -269,12 +268,20 @@ inline void interpolate(uint8_t* out, const uint8_t* row, size_t n, const Horizo
     kInterpolateRows[static_cast<size_t>(plan.spread)](out, row, n, plan, next);
 }
 
-inline void interpolate_two(const RowPair& rows, size_t n, const HorizontalPlan& plan, NextLines first,
-                            NextLines second) {
-    kInterpolateTwoRows[static_cast<size_t>(plan.spread)](rows, n, plan, first, second);
+inline void interpolate_two(const RowPair& rows, size_t n, const HorizontalPlan& plan) {
+    kInterpolateTwoRows[static_cast<size_t>(plan.spread)](rows, n, plan);
 }
 
 // ---- Half of the width --------------------------------------------------------------------------------
+
+/// Which sample of their pairs a vector of outputs have for base.
+enum class Side { kLeft, kRight, kEither };
+
+/// `base` is where the plan says that the vector's bases begin.
+constexpr Side side_of(uint32_t base) {
+    if (base % (2 * kLanes) == 0) return Side::kLeft;
+    return base == kLanes ? Side::kRight : Side::kEither;
+}
 
 /// 32 samples, in the lower bytes of 16-bit lanes, out of 32 pairs: left + floor((right - left) * fraction /
 /// 65536). The product takes fractions from 0x8000 on for less by 65536, which is one difference too few.
@@ -287,44 +294,44 @@ GSVE_VBMI_INLINE __m512i between(__m512i pairs, __m512i fraction) {
     return _mm512_mask_add_epi16(sample, _mm512_movepi16_mask(fraction), sample, difference);
 }
 
-/// Outputs [first, end), in whole vectors.
-template <Weighting kWeighting, Side kSide>
-GSVE_VBMI_INLINE void halve_run(uint8_t* out, const HalfSource& source, __m512i weights,
-                                const int16_t* fractions, size_t first, size_t end) {
-    const __m512i lower = _mm512_load_si512(kLowerBytes.data());
-    for (size_t i = first; i < end; i += kLanes) {
-        for (const size_t at : {2 * i, 2 * i + kLanes}) {
-            _mm_prefetch(reinterpret_cast<const char*>(source.next_a + at), _MM_HINT_T0);
-            _mm_prefetch(reinterpret_cast<const char*>(source.next_b + at), _MM_HINT_T0);
-        }
-        const uint8_t *a = source.a + 2 * i, *b = source.b + 2 * i;
-        const int16_t* fraction = fractions + i;
-        const __m512i low = blend<kWeighting>(load(a), load(b), weights);
-        const __m512i high = blend<kWeighting>(load(a + kLanes), load(b + kLanes), weights);
-        store(out + i, _mm512_permutex2var_epi8(between<kSide>(low, _mm512_loadu_si512(fraction)), lower,
-                                                between<kSide>(high, _mm512_loadu_si512(fraction + 32))));
-    }
+/// Outputs [i, i + 64) out of their pairs.
+template <Side kSide>
+GSVE_VBMI_INLINE __m512i halved(size_t i, __m512i low, __m512i high, const HorizontalPlan& plan) {
+    const int16_t* fractions = plan.weight + i;
+    return _mm512_permutex2var_epi8(between<kSide>(low, _mm512_loadu_si512(fractions)),
+                                    _mm512_load_si512(kLowerBytes.data()),
+                                    between<kSide>(high, _mm512_loadu_si512(fractions + 32)));
 }
 
 template <Weighting kWeighting>
-GSVE_VBMI void halve_row(uint8_t* out, const HalfSource& source, unsigned weight, size_t n,
-                         const HorizontalPlan& plan) {
+GSVE_VBMI void halve_row(uint8_t* out, const uint8_t* a, const uint8_t* b, unsigned weight, size_t n,
+                         const HorizontalPlan& plan, const NextLines& next) {
+    const auto [next_a, next_b] = next;
     const __m512i weights = _mm512_set1_epi16(pair_weights(weight));
-    const HalfRuns runs(plan, n, kLanes);
-    halve_run<kWeighting, Side::kLeft>(out, source, weights, plan.weight, 0, runs.left_end);
-    halve_run<kWeighting, Side::kEither>(out, source, weights, plan.weight, runs.left_end, runs.right_first);
-    halve_run<kWeighting, Side::kRight>(out, source, weights, plan.weight, runs.right_first, runs.end);
-    if (runs.end == n) return;
-    halve_run<kWeighting, Side::kEither>(out, source, weights, plan.weight, n - kLanes, n);
+    const uint32_t* base = plan.window;
+    for (size_t from = 0; from < n; from += kLanes) {
+        const size_t i = last_vector(from, n), low_at = 2 * i, high_at = 2 * i + kLanes;
+        for (const size_t at : {low_at, high_at}) {
+            _mm_prefetch(reinterpret_cast<const char*>(next_a + at), _MM_HINT_T0);
+            _mm_prefetch(reinterpret_cast<const char*>(next_b + at), _MM_HINT_T0);
+        }
+        const __m512i low = blend<kWeighting>(load(a + low_at), load(b + low_at), weights);
+        const __m512i high = blend<kWeighting>(load(a + high_at), load(b + high_at), weights);
+        switch (side_of(*base++)) {
+            case Side::kLeft: store(out + i, halved<Side::kLeft>(i, low, high, plan)); break;
+            case Side::kRight: store(out + i, halved<Side::kRight>(i, low, high, plan)); break;
+            case Side::kEither: store(out + i, halved<Side::kEither>(i, low, high, plan)); break;
+        }
+    }
 }
 
-inline constexpr decltype(&halve_row<Weighting::kNone>) kHalveRows[] = {
+inline constexpr decltype(RowKernels::halve) kHalveRows[] = {
     halve_row<Weighting::kNone>, halve_row<Weighting::kNear>, halve_row<Weighting::kHalf>};
 
 inline void halve(uint8_t* out, const uint8_t* a, const uint8_t* b, unsigned weight, size_t n,
-                  const HorizontalPlan& plan, NextLines next) {
+                  const HorizontalPlan& plan, const NextLines& next) {
     nearer_first(a, b, weight);
-    kHalveRows[index_of(weight)](out, half_source(a, b, plan, next), weight, n, plan);
+    kHalveRows[index_of(weight)](out, a, b, weight, n, plan, next);
 }
 
 inline constexpr RowKernels kRowKernels = {
@@ -337,7 +344,7 @@ inline constexpr RowKernels kRowKernels = {
     .interpolate = interpolate,
     .interpolate_two = interpolate_two,
     .halve = halve,
-    .fewest_halved = kLanes,
+    .halved = kLanes,
     .motion_row = avx512::motion_row,
 };
 

@@ -22,6 +22,7 @@ struct GatherShape {
     unsigned window;
     unsigned groups;
     std::array<uint8_t, 8> position;  ///< where the round's tables hold its n-th group
+    uint8_t bias = 0;                 ///< added to the offsets in two windows, Spread::kTwo
 };
 
 /// How far the source samples of a group lie apart.
@@ -39,6 +40,10 @@ enum class Spread {
 /// fractions below 0x8000 the left sample is the base and the weight is -fraction, from there on the right
 /// one is the base and the weight is fraction - 65536. Both equal left + floor((right - left) * fraction /
 /// 65536).
+///
+/// Spread::kHalf takes no offsets, and its weights are the fractions, read as signed numbers. They rise or
+/// fall all along: the base changes from one sample to the other once at most. For each vector of outputs,
+/// `window` tells where its bases begin in a vector of left ones, one of right ones and one of left ones.
 struct HorizontalPlan {
     static constexpr unsigned kColumns = 2048;
 
@@ -51,49 +56,20 @@ struct HorizontalPlan {
     unsigned reach;  ///< bytes that are read from a window's start on
     unsigned first;  ///< the strip's source samples: [first, end)
     unsigned end;
-
-    // Spread::kHalf takes no windows and no offsets, and its weights are the fractions, read as signed
-    // numbers.
-    unsigned left_end;     ///< the outputs before it have fractions below 0x8000
-    unsigned right_first;  ///< it and the outputs behind it have others
 };
 
-/// A plan of Spread::kHalf in vectors of `lanes` outputs: below `left_end` they hold fractions below 0x8000
-/// alone, from `right_first` to `end` others alone. What lies behind `end` takes another vector.
-struct HalfRuns {
-    size_t left_end, right_first, end;
-
-    HalfRuns(const HorizontalPlan& plan, size_t n, size_t lanes)
-        : left_end(plan.left_end / lanes * lanes),
-          right_first(std::min((plan.right_first + lanes - 1) / lanes, n / lanes) * lanes),
-          end(n / lanes * lanes) {}
-};
-
-/// Source lines to fetch into the cache during a horizontal pass, or null.
+/// Source lines to fetch into the cache during a horizontal pass. Where none is to come, one at hand stands
+/// in: it costs less than a question in a loop.
 struct NextLines {
     const uint8_t* a;
     const uint8_t* b;
 };
 
-/// Which of its two samples an output is nearer to.
-enum class Side { kLeft, kRight, kEither };
-
-/// The lines that a row of half the width is made of, and those that the next row wants.
-struct HalfSource {
-    const uint8_t *a, *b;
-    const uint8_t *next_a, *next_b;
-};
-
-/// Where nothing is left to fetch, the lines at hand stand in: they cost less than a question in a loop.
-inline HalfSource half_source(const uint8_t* a, const uint8_t* b, const HorizontalPlan& plan,
-                              NextLines next) {
-    return {a, b, next.a != nullptr ? next.a + plan.first : a, next.b != nullptr ? next.b + plan.first : b};
-}
-
-/// Two rows to be interpolated together.
+/// Two rows to be interpolated together, with the lines that the next two want.
 struct RowPair {
     uint8_t* out[2];
     const uint8_t* row[2];
+    NextLines next[2];
 };
 
 /// The row kernels of one instruction set. Source and destination never overlap; `n` is 1 or more.
@@ -114,13 +90,12 @@ struct RowKernels {
     void (*interpolate)(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
                         NextLines next);
     /// interpolate() for two rows in one pass over the plan's tables.
-    void (*interpolate_two)(const RowPair& rows, size_t n, const HorizontalPlan& plan, NextLines first,
-                            NextLines second);
-    /// All samples of a plan of Spread::kHalf, out of the blend of two lines, weight 0 to 255, of which `a`
-    /// and `b` are the plan's first samples. Null where a set has no such kernel.
+    void (*interpolate_two)(const RowPair& rows, size_t n, const HorizontalPlan& plan);
+    /// All samples of a plan of Spread::kHalf, out of the blend of two lines, weight 0 to 255; all lines from
+    /// the plan's first sample on. Null where a set has no such kernel.
     void (*halve)(uint8_t* out, const uint8_t* a, const uint8_t* b, unsigned weight, size_t n,
-                  const HorizontalPlan& plan, NextLines next);
-    unsigned fewest_halved;  ///< samples that halve() takes at least
+                  const HorizontalPlan& plan, const NextLines& next);
+    unsigned halved;  ///< samples that halve() makes at a time, and takes at least
     /// Flags, 0 or 1, of `blocks` macroblocks side by side, the first one at lines[0] to lines[17].
     void (*motion_row)(uint8_t* flags, const uint8_t* const (&lines)[plain::kMotionLines], size_t blocks);
 };
@@ -191,61 +166,79 @@ struct Outputs {
     uint32_t right(unsigned i) const { return std::min(left[i] + 1, last); }
 };
 
-/// The widest extent, in source samples, of `group` outputs in a row.
-inline unsigned widest_group(const Outputs& outputs, unsigned group) {
-    unsigned widest = 0;
+/// Takes `count` outputs of a row of `src_width` samples from `walk` on, and `walk` past them.
+inline void take_outputs(Outputs& outputs, SampleWalk& walk, unsigned count, uint32_t x_step,
+                         unsigned src_width) {
+    outputs.count = count;
+    outputs.last = src_width - 1;
+    // Within the row, a walk whose sums stay within 32 bits goes by whole steps.
+    const uint64_t row_end = uint64_t{src_width} << 16;
+    unsigned whole = 0;
+    if (x_step != 0 && x_step <= 0xffff0000 && walk.position < row_end) {
+        whole = static_cast<unsigned>(std::min<uint64_t>((row_end - walk.position) / x_step, count));
+    }
+    uint64_t position = walk.position;
+    for (unsigned i = 0; i < whole; ++i, position += x_step) {
+        outputs.left[i] = static_cast<uint32_t>(position >> 16);
+        outputs.fraction[i] = static_cast<uint16_t>(position);
+    }
+    walk.position = position;
+    for (unsigned i = whole; i < count; ++i, walk.advance(x_step)) {
+        outputs.left[i] = column_in_row(walk.sample(), src_width);
+        outputs.fraction[i] = static_cast<uint16_t>(walk.fraction());
+    }
+}
+
+/// True where `group` outputs in a row never take more than `window` source samples.
+inline bool fits(const Outputs& outputs, unsigned group, unsigned window) {
     for (unsigned i = 0; i < outputs.count; i += group) {
         const unsigned end = std::min(i + group, outputs.count);
-        widest = std::max(widest, outputs.right(end - 1) + 1 - outputs.left[i]);
+        if (outputs.right(end - 1) + 1 - outputs.left[i] > window) return false;
     }
-    return widest;
+    return true;
 }
 
 /// True where the pairs of samples lie side by side, as those of a picture of half the width do.
 inline bool are_side_by_side(const Outputs& outputs) {
+    const unsigned count = outputs.count;
+    if (outputs.left[count - 1] != outputs.left[0] + 2 * (count - 1)) return false;
     uint32_t strays = 0;
-    for (unsigned i = 0; i < outputs.count; ++i) strays |= outputs.left[i] ^ (outputs.left[0] + 2 * i);
-    return strays == 0 && outputs.left[outputs.count - 1] < outputs.last;
+    for (unsigned i = 0; i < count; ++i) strays |= outputs.left[i] ^ (outputs.left[0] + 2 * i);
+    return strays == 0 && outputs.left[count - 1] < outputs.last;
 }
 
 inline Spread spread_of(const Outputs& outputs, const RowKernels& kernels) {
-    if (kernels.halve != nullptr && outputs.count >= kernels.fewest_halved && are_side_by_side(outputs)) {
+    if (kernels.halve != nullptr && outputs.count >= kernels.halved && are_side_by_side(outputs)) {
         return Spread::kHalf;
     }
-    if (widest_group(outputs, kernels.dense.outputs) <= kernels.dense.window) return Spread::kDense;
-    const unsigned widest = widest_group(outputs, kernels.sparse.outputs);
-    if (widest <= kernels.sparse.window) return Spread::kOne;
-    return widest <= 2 * kernels.sparse.window ? Spread::kTwo : Spread::kFar;
+    const GatherShape &dense = kernels.dense, &sparse = kernels.sparse;
+    if (fits(outputs, dense.outputs, dense.window)) return Spread::kDense;
+    if (fits(outputs, sparse.outputs, sparse.window)) return Spread::kOne;
+    return fits(outputs, sparse.outputs, 2 * sparse.window) ? Spread::kTwo : Spread::kFar;
 }
 
-/// Enters `n` outputs from `from` on, whose window starts at sample `start`, at `entry`.
-inline void fill_group(HorizontalPlan& plan, size_t entry, const Outputs& outputs, unsigned from,
-                       uint32_t start, unsigned n) {
-    uint16_t* __restrict pair = plan.pair + entry;
-    int16_t* __restrict weight = plan.weight + entry;
-    const uint32_t* __restrict left = outputs.left + from;
-    const uint16_t* __restrict fractions = outputs.fraction + from;
-    for (unsigned i = 0; i < n; ++i) {
-        // Read as a signed number, a fraction of 0x8000 or more is less by 65536, as its weight is.
-        const auto fraction = static_cast<int16_t>(fractions[i]);
-        const auto offset = static_cast<uint16_t>(left[i] - start);
-        pair[i] = static_cast<uint16_t>(offset * 0x101 + (fraction < 0 ? 0x001 : 0x100));
-        weight[i] = static_cast<int16_t>(fraction < 0 ? fraction : -fraction);
-    }
-    // Behind the row's last sample stands the last again.
-    for (unsigned i = n; i-- > 0 && left[i] == outputs.last;) {
-        pair[i] = static_cast<uint16_t>((left[i] - start) * 0x101);
-    }
-}
-
-/// Enters the fractions of outputs whose pairs lie side by side: they rise or fall all along.
-inline void fill_half(HorizontalPlan& plan, const Outputs& outputs) {
-    std::memcpy(plan.weight, outputs.fraction, outputs.count * sizeof(plan.weight[0]));
+/// Enters outputs whose pairs lie side by side, for a kernel that makes `lanes` of them at a time, the last
+/// ones overlapping those before.
+inline void fill_half(HorizontalPlan& plan, const Outputs& outputs, unsigned lanes) {
+    const unsigned count = outputs.count;
     unsigned right = 0;
-    for (unsigned i = 0; i < outputs.count; ++i) right += outputs.fraction[i] >> 15;
-    const bool rises = outputs.fraction[0] <= outputs.fraction[outputs.count - 1];
-    plan.left_end = rises ? outputs.count - right : 0;
-    plan.right_first = rises ? plan.left_end : outputs.count;
+    for (unsigned i = 0; i < count; ++i) right += outputs.fraction[i] >> 15;
+    const bool rises = outputs.fraction[0] <= outputs.fraction[count - 1];
+    const unsigned turn = rises ? count - right : right;
+
+    std::memcpy(plan.weight, outputs.fraction, count * sizeof(plan.weight[0]));
+    uint32_t* window = plan.window;
+    for (unsigned next = 0; next < count; next += lanes) {
+        const unsigned first = std::min(next, count - lanes);
+        const unsigned before_turn = std::clamp(turn, first, first + lanes) - first;
+        *window++ = (rises ? lanes : 2 * lanes) - before_turn;
+    }
+}
+
+/// Enters 8 offsets, counted from `origin` on.
+inline void enter_offsets(uint16_t* __restrict to, const uint16_t* __restrict from, uint16_t origin) {
+#pragma GCC unroll 8
+    for (unsigned i = 0; i < 8; ++i) to[i] = static_cast<uint16_t>(from[i] - origin);
 }
 
 /// Groups the outputs for a kernel.
@@ -257,15 +250,39 @@ inline void fill_tables(HorizontalPlan& plan, const GatherShape& shape, Outputs&
     std::fill(outputs.fraction + outputs.count, outputs.fraction + filled,
               outputs.fraction[outputs.count - 1]);
 
+    // Counted from the row's start, offsets overflow their bytes; counted from a window's, they fit again.
+    uint16_t pair[HorizontalPlan::kColumns];
+    int16_t weight[HorizontalPlan::kColumns];
+    for (unsigned i = 0; i < filled; ++i) {
+        // Read as a signed number, a fraction of 0x8000 or more is less by 65536, as its weight is. The
+        // others change their sign.
+        const auto fraction = static_cast<int16_t>(outputs.fraction[i]);
+        const int16_t right = fraction >> 15;  // where it is the base: all bits, elsewhere none
+        pair[i] = static_cast<uint16_t>(outputs.left[i] * 0x101 + 0x100 - (right & 0xff));
+        weight[i] = static_cast<int16_t>((fraction ^ ~right) - ~right);
+    }
+    // Behind the row's last sample stands the last again.
+    for (unsigned i = filled; i-- > 0 && outputs.left[i] == outputs.last;) {
+        pair[i] = static_cast<uint16_t>(outputs.left[i] * 0x101);
+    }
+
     // No window reads past the row's end: the last ones start earlier.
     const unsigned row_end = plan.spread == Spread::kFar ? 2 * filled : plan.src_width;
     const unsigned last_window = row_end > plan.reach ? row_end - plan.reach : 0;
-    for (unsigned group = 0; group < filled / shape.outputs; ++group) {
-        const unsigned from = group * shape.outputs;
-        const unsigned start = std::min<unsigned>(outputs.left[from], last_window);
-        plan.window[group] = start;
-        const unsigned slot = group / shape.groups * shape.groups + shape.position[group % shape.groups];
-        fill_group(plan, size_t{slot} * shape.outputs, outputs, from, start, shape.outputs);
+    const unsigned bias = plan.spread == Spread::kTwo ? shape.bias : 0;
+    uint32_t* window = plan.window;
+    for (unsigned first = 0; first < filled; first += round) {
+        for (unsigned group = 0; group < shape.groups; ++group) {
+            const unsigned from = first + group * shape.outputs;
+            const unsigned to = first + shape.position[group] * shape.outputs;
+            const unsigned start = std::min<unsigned>(outputs.left[from], last_window);
+            const auto origin = static_cast<uint16_t>((start - bias) * 0x101);
+            for (unsigned n = 0; n < shape.outputs; n += 8) {
+                enter_offsets(plan.pair + to + n, pair + from + n, origin);
+                std::memcpy(plan.weight + to + n, weight + from + n, 8 * sizeof(weight[0]));
+            }
+            *window++ = start;
+        }
     }
 }
 
@@ -273,28 +290,18 @@ inline void fill_tables(HorizontalPlan& plan, const GatherShape& shape, Outputs&
 /// them.
 inline void lay_out(HorizontalPlan& plan, const RowKernels& kernels, SampleWalk& walk, unsigned count,
                     uint32_t x_step, unsigned src_width) {
-    plan.src_width = src_width;
-
     Outputs outputs;
-    outputs.count = count;
-    outputs.last = src_width - 1;
-    SampleWalk at = walk;  // a local of its own stays in a register
-    unsigned i = 0;
-    do {
-        outputs.left[i] = column_in_row(at.sample(), src_width);
-        outputs.fraction[i] = static_cast<uint16_t>(at.fraction());
-        at.advance(x_step);
-    } while (++i < count);
-    walk = at;
+    take_outputs(outputs, walk, count, x_step, src_width);
+    plan.src_width = src_width;
     plan.first = outputs.left[0];
     plan.end = outputs.right(count - 1) + 1;
     plan.spread = spread_of(outputs, kernels);
-    if (plan.spread == Spread::kHalf) return fill_half(plan, outputs);
+    if (plan.spread == Spread::kHalf) return fill_half(plan, outputs, kernels.halved);
     const GatherShape& shape = plan.spread == Spread::kDense ? kernels.dense : kernels.sparse;
     plan.reach = plan.spread == Spread::kTwo ? 2 * shape.window : shape.window;
     if (plan.spread == Spread::kFar) {
         std::copy(outputs.left, outputs.left + count, plan.left);
-        for (i = 0; i < count; ++i) outputs.left[i] = 2 * i;
+        for (unsigned i = 0; i < count; ++i) outputs.left[i] = 2 * i;
         outputs.last = ~0u;
     }
     fill_tables(plan, shape, outputs);
@@ -304,22 +311,30 @@ inline void lay_out(HorizontalPlan& plan, const RowKernels& kernels, SampleWalk&
 inline constexpr unsigned kWindowRoom = 128;
 
 /// Brings the plan's first `n` pairs of samples of `row` together.
-inline void bring_together(uint8_t* pairs, const uint8_t* row, size_t n, const HorizontalPlan& plan) {
+inline void bring_together(uint8_t* pairs, const uint8_t* row, size_t n, const HorizontalPlan& plan,
+                           NextLines next) {
     const unsigned last = plan.src_width - 1;
     size_t i = 0;
-    for (; i < n && plan.left[i] < last; ++i) std::memcpy(pairs + 2 * i, row + plan.left[i], 2);
+    for (; i < n && plan.left[i] < last; ++i) {
+        if (i % 4 == 0) {
+            __builtin_prefetch(next.a + plan.left[i]);
+            __builtin_prefetch(next.b + plan.left[i]);
+        }
+        std::memcpy(pairs + 2 * i, row + plan.left[i], 2);
+    }
     std::memset(pairs + 2 * i, row[last], 2 * (n - i));
 }
 
 inline void interpolate(const RowKernels& kernels, uint8_t* out, const uint8_t* row, size_t n,
                         const HorizontalPlan& plan, NextLines next) {
     if (plan.spread == Spread::kHalf) {
-        kernels.halve(out, row + plan.first, row + plan.first, 0, n, plan, next);
+        const uint8_t* first = row + plan.first;
+        kernels.halve(out, first, first, 0, n, plan, {next.a + plan.first, next.b + plan.first});
     } else if (plan.spread == Spread::kFar) {
         uint8_t pairs[2 * HorizontalPlan::kColumns + kWindowRoom];
-        bring_together(pairs, row, n, plan);
+        bring_together(pairs, row, n, plan, next);
         std::memset(pairs + 2 * n, 0, kWindowRoom);
-        kernels.interpolate(out, pairs, n, plan, {nullptr, nullptr});
+        kernels.interpolate(out, pairs, n, plan, {pairs, pairs});
     } else if (plan.src_width < plan.reach) {
         uint8_t short_row[kWindowRoom] = {};
         std::memcpy(short_row, row, plan.src_width);
@@ -330,12 +345,12 @@ inline void interpolate(const RowKernels& kernels, uint8_t* out, const uint8_t* 
 }
 
 inline void interpolate_two(const RowKernels& kernels, const RowPair& pair, size_t n,
-                            const HorizontalPlan& plan, NextLines first, NextLines second) {
+                            const HorizontalPlan& plan) {
     if (plan.spread != Spread::kFar && plan.src_width >= plan.reach) {
-        return kernels.interpolate_two(pair, n, plan, first, second);
+        return kernels.interpolate_two(pair, n, plan);
     }
-    interpolate(kernels, pair.out[0], pair.row[0], n, plan, first);
-    interpolate(kernels, pair.out[1], pair.row[1], n, plan, second);
+    interpolate(kernels, pair.out[0], pair.row[0], n, plan, pair.next[0]);
+    interpolate(kernels, pair.out[1], pair.row[1], n, plan, pair.next[1]);
 }
 
 // ---- Strips -------------------------------------------------------------------------------------------
@@ -381,12 +396,9 @@ inline const uint8_t* line_of(const PlaneScaling& plane, unsigned line) {
     return plane.src + line * plane.src_stride;
 }
 
-/// The lines of row `next` that row `source` has not brought into the cache.
-inline NextLines lines_to_come(const PlaneScaling& plane, const BlendedRow& source, const BlendedRow& next) {
-    const auto to_come = [&](unsigned line) {
-        return line == source.a || line == source.b ? nullptr : line_of(plane, line);
-    };
-    return {to_come(next.a), next.b == next.a ? nullptr : to_come(next.b)};
+/// The lines of a row, from a column on.
+inline NextLines lines_of(const PlaneScaling& plane, const BlendedRow& row, size_t column = 0) {
+    return {line_of(plane, row.a) + column, line_of(plane, row.b) + column};
 }
 
 /// How many rows from `row`, an unblended one, on are copies of lines that follow each other as the rows do,
@@ -435,7 +447,7 @@ inline void scale_in_half(const RowKernels& kernels, const PlaneScaling& plane, 
         const BlendedRow next = blended_row(plane, scheme, row + 1);
         kernels.halve(plane.dst + row * plane.dst_stride + strip.column,
                       line_of(plane, source.a) + plan.first, line_of(plane, source.b) + plan.first,
-                      source.weight, strip.count, plan, lines_to_come(plane, source, next));
+                      source.weight, strip.count, plan, lines_of(plane, next, plan.first));
         source = next;
     }
 }
@@ -457,14 +469,15 @@ inline void scale_along_plan(const RowKernels& kernels, const PlaneScaling& plan
     for (; row + 1 < plane.to_height; row += 2) {
         const BlendedRow third = source_of(row + 2), fourth = source_of(row + 3);
         const RowPair pair = {{out(row), out(row + 1)},
-                              {samples(row, first, buffer[0]), samples(row + 1, second, buffer[1])}};
-        interpolate_two(kernels, pair, strip.count, plan, lines_to_come(plane, second, third),
-                        lines_to_come(plane, third, fourth));
+                              {samples(row, first, buffer[0]), samples(row + 1, second, buffer[1])},
+                              {lines_of(plane, third), lines_of(plane, fourth)}};
+        interpolate_two(kernels, pair, strip.count, plan);
         first = third;
         second = fourth;
     }
     if (row == plane.to_height) return;
-    interpolate(kernels, out(row), samples(row, first, buffer[0]), strip.count, plan, {nullptr, nullptr});
+    const uint8_t* last = samples(row, first, buffer[0]);
+    interpolate(kernels, out(row), last, strip.count, plan, {last, last});
 }
 
 inline void scale(const RowKernels& kernels, const PlaneScaling& plane, int mode, int field,
@@ -500,7 +513,7 @@ public:
         const unsigned slot = line % 3;
         if (held_[slot] != line) {
             const uint8_t* next = line_of(plane_, std::min(line + 2, plane_.src_height - 1));
-            interpolate(kernels_, samples_[slot], row, strip_.count, plan_, {next, nullptr});
+            interpolate(kernels_, samples_[slot], row, strip_.count, plan_, {next, next});
             held_[slot] = line;
         }
         return samples_[slot];

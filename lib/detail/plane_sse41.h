@@ -136,8 +136,8 @@ GSVE_SSE41_INLINE __m128i weigh(__m128i pairs, __m128i weight) {
 template <Spread kSpread>
 GSVE_SSE41_INLINE void fetch(NextLines next, size_t i, const HorizontalPlan& plan) {
     const uint32_t column = plan.window[i / (kSpread == Spread::kDense ? kDense.outputs : kSparse.outputs)];
-    if (next.a != nullptr) _mm_prefetch(reinterpret_cast<const char*>(next.a + column), _MM_HINT_T1);
-    if (next.b != nullptr) _mm_prefetch(reinterpret_cast<const char*>(next.b + column), _MM_HINT_T1);
+    _mm_prefetch(reinterpret_cast<const char*>(next.a + column), _MM_HINT_T1);
+    _mm_prefetch(reinterpret_cast<const char*>(next.b + column), _MM_HINT_T1);
 }
 
 /// A round of 16 samples, from output `i` of the plan on.
@@ -172,14 +172,14 @@ GSVE_SSE41 void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, cons
 }
 
 template <Spread kSpread>
-GSVE_SSE41 void interpolate_two_rows(const RowPair& rows, size_t n, const HorizontalPlan& plan,
-                                     NextLines first, NextLines second) {
+GSVE_SSE41 void interpolate_two_rows(const RowPair& rows, size_t n, const HorizontalPlan& plan) {
     const auto [upper_out, lower_out] = rows.out;
     const auto [upper_row, lower_row] = rows.row;
+    const auto [upper_next, lower_next] = rows.next;
     const size_t whole = n / kLanes * kLanes;
     for (size_t i = 0; i < whole; i += kLanes) {
-        fetch<kSpread>(first, i, plan);
-        fetch<kSpread>(second, i, plan);
+        fetch<kSpread>(upper_next, i, plan);
+        fetch<kSpread>(lower_next, i, plan);
         const __m128i upper = round<kSpread>(upper_row, i, plan), lower = round<kSpread>(lower_row, i, plan);
         store(upper_out + i, upper);
         store(lower_out + i, lower);
@@ -204,9 +204,8 @@ inline void interpolate(uint8_t* out, const uint8_t* row, size_t n, const Horizo
     kInterpolateRows[static_cast<size_t>(plan.spread)](out, row, n, plan, next);
 }
 
-inline void interpolate_two(const RowPair& rows, size_t n, const HorizontalPlan& plan, NextLines first,
-                            NextLines second) {
-    kInterpolateTwoRows[static_cast<size_t>(plan.spread)](rows, n, plan, first, second);
+inline void interpolate_two(const RowPair& rows, size_t n, const HorizontalPlan& plan) {
+    kInterpolateTwoRows[static_cast<size_t>(plan.spread)](rows, n, plan);
 }
 
 // ---- Motion map ---------------------------------------------------------------------------------------
@@ -258,7 +257,7 @@ inline constexpr RowKernels kRowKernels = {
     .interpolate = interpolate,
     .interpolate_two = interpolate_two,
     .halve = nullptr,
-    .fewest_halved = 0,
+    .halved = 0,
     .motion_row = motion_row,
 };
 
