@@ -311,18 +311,21 @@ inline void lay_out(HorizontalPlan& plan, const RowKernels& kernels, SampleWalk&
 inline constexpr unsigned kWindowRoom = 128;
 
 /// Brings the plan's first `n` pairs of samples of `row` together.
-inline void bring_together(uint8_t* pairs, const uint8_t* row, size_t n, const HorizontalPlan& plan,
-                           NextLines next) {
+inline void bring_together(uint8_t* __restrict pairs, const uint8_t* row, size_t n,
+                           const HorizontalPlan& plan, NextLines next) {
+    const uint32_t* __restrict left = plan.left;
     const unsigned last = plan.src_width - 1;
+    size_t inside = n;
+    while (inside > 0 && left[inside - 1] >= last) --inside;
+    const auto bring = [&](size_t i) { std::memcpy(pairs + 2 * i, row + left[i], 2); };
     size_t i = 0;
-    for (; i < n && plan.left[i] < last; ++i) {
-        if (i % 4 == 0) {
-            __builtin_prefetch(next.a + plan.left[i]);
-            __builtin_prefetch(next.b + plan.left[i]);
-        }
-        std::memcpy(pairs + 2 * i, row + plan.left[i], 2);
+    for (; i + 4 <= inside; i += 4) {
+        __builtin_prefetch(next.a + left[i]);
+        __builtin_prefetch(next.b + left[i]);
+        for (size_t j = 0; j < 4; ++j) bring(i + j);
     }
-    std::memset(pairs + 2 * i, row[last], 2 * (n - i));
+    for (; i < inside; ++i) bring(i);
+    std::memset(pairs + 2 * inside, row[last], 2 * (n - inside));
 }
 
 inline void interpolate(const RowKernels& kernels, uint8_t* out, const uint8_t* row, size_t n,
