@@ -158,7 +158,7 @@ void PictureLine::Field::take_back() {
     sent = before;
 }
 
-PictureWrites PictureLine::next(uint64_t picture, PictureWrites due) {
+PictureWrites PictureLine::next(uint64_t picture, const PictureWrites& due) {
     picture_ = picture;
     PictureWrites writes;
     for (int field = 0; field < 2; field++) {

@@ -87,7 +87,7 @@ public:
     explicit PictureLine(captions::FrameRate rate) : budget_(captions::picture_budget(rate)) {}
 
     /// Adds what is due for picture `picture`, and gives what it can carry.
-    captions::PictureWrites next(uint64_t picture, captions::PictureWrites due);
+    captions::PictureWrites next(uint64_t picture, const captions::PictureWrites& due);
 
     /// The picture of the latest next() was dropped.
     void take_back();

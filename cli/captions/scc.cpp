@@ -100,6 +100,7 @@ private:
 
     std::vector<TimedLine> timed(const std::vector<CodedLine>& lines) {
         std::vector<TimedLine> result;
+        result.reserve(lines.size());
         for (const CodedLine& line : lines)
             result.push_back(
                 {frame_counted(counted_timecode(line), options_.rate, drop_frame_), line.pairs, line.number});
