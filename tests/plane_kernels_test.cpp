@@ -368,6 +368,31 @@ TEST_P(VectorForm, WalksAsThePlainOneInStepsOfAnyLength) {
     }
 }
 
+TEST_P(VectorForm, ReadsOverlappingSourceRowsNoFurtherThanThePlainOne) {
+    // Rows of 128 samples, 100 bytes apart, of which 77 are taken; nothing may be read behind the plane.
+    constexpr unsigned kColumns = 50, kRows = 4, kSrcWidth = 128, kSrcStride = 100;
+    GuardedBytes source(size_t{kSrcStride} * kRows, Edge::kBehind);
+    for (size_t i = 0; i < source.size(); ++i) source.data()[i] = static_cast<uint8_t>(random_());
+    std::vector<uint8_t> actual(kColumns * kRows), expected(actual.size());
+    PlaneScaling plane{actual.data(), kColumns, source.data(), kSrcStride, kColumns,
+                       kRows,         100000,   65536,         kSrcWidth,  kRows};
+    const MotionMap still{nullptr, 0, 0, 0, 0};
+    const auto compare_both = [&](auto under_test, auto plain_form) {
+        plane.dst = actual.data();
+        under_test();
+        plane.dst = expected.data();
+        plain_form();
+        EXPECT_EQ(actual, expected);
+    };
+    compare_both([&] { rows::scale(*kernels_, plane, 2, -1, "f"); },
+                 [&] { plain::scale(plane, 2, -1, "f"); });
+    compare_both([&] { rows::deinterlace_basic(*kernels_, plane); },
+                 [&] { plain::deinterlace_basic(plane); });
+    plane.to_width = plane.dst_stride = 48;  // whole groups
+    compare_both([&] { rows::deinterlace_adaptive(*kernels_, plane, still); },
+                 [&] { plain::deinterlace_adaptive(plane, still); });
+}
+
 TEST_P(VectorForm, TellsPairsSideBySideFromPairsThatFitAWindow) {
     static HorizontalPlan plan;
     const auto spread = [&](unsigned count, unsigned x_step, unsigned src_width) {

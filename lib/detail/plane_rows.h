@@ -53,7 +53,7 @@ struct HorizontalPlan {
     uint32_t left[kColumns];        ///< Spread::kFar: the sample on the left of each output
     unsigned src_width;
     Spread spread;
-    unsigned reach;  ///< bytes that are read from a window's start on
+    unsigned reach;  ///< bytes that are read from a window's start on; of no meaning for Spread::kHalf
     unsigned first;  ///< the strip's source samples: [first, end)
     unsigned end;
 };
@@ -341,7 +341,7 @@ inline void interpolate(const RowKernels& kernels, uint8_t* out, const uint8_t* 
     } else if (plan.src_width < plan.reach) {
         uint8_t short_row[kWindowRoom] = {};
         std::memcpy(short_row, row, plan.src_width);
-        kernels.interpolate(out, short_row, n, plan, {nullptr, nullptr});
+        kernels.interpolate(out, short_row, n, plan, {short_row, short_row});
     } else {
         kernels.interpolate(out, row, n, plan, next);
     }
@@ -349,7 +349,7 @@ inline void interpolate(const RowKernels& kernels, uint8_t* out, const uint8_t* 
 
 inline void interpolate_two(const RowKernels& kernels, const RowPair& pair, size_t n,
                             const HorizontalPlan& plan) {
-    if (plan.spread != Spread::kFar && plan.src_width >= plan.reach) {
+    if (plan.spread < Spread::kFar && plan.src_width >= plan.reach) {
         return kernels.interpolate_two(pair, n, plan);
     }
     interpolate(kernels, pair.out[0], pair.row[0], n, plan, pair.next[0]);
@@ -402,6 +402,12 @@ inline const uint8_t* line_of(const PlaneScaling& plane, unsigned line) {
 /// The lines of a row, from a column on.
 inline NextLines lines_of(const PlaneScaling& plane, const BlendedRow& row, size_t column = 0) {
     return {line_of(plane, row.a) + column, line_of(plane, row.b) + column};
+}
+
+/// True where rows reach into the next, in the source or, `width` samples long, in the output. A vector would
+/// read on behind the last row, and strips write in another order than rows do.
+constexpr bool rows_overlap(const PlaneScaling& plane, uint64_t width) {
+    return plane.src_stride < plane.src_width || plane.dst_stride < width;
 }
 
 /// How many rows from `row`, an unblended one, on are copies of lines that follow each other as the rows do,
@@ -485,6 +491,7 @@ inline void scale_along_plan(const RowKernels& kernels, const PlaneScaling& plan
 
 inline void scale(const RowKernels& kernels, const PlaneScaling& plane, int mode, int field,
                   const char* function) {
+    if (rows_overlap(plane, plane.to_width)) return plain::scale(plane, mode, field, function);
     const RowScheme scheme = row_scheme(mode, field);
     for_each_strip(plane, plane.to_width, kernels, [&](const Strip& strip, const HorizontalPlan& plan) {
         if (!strip.straight) {
@@ -530,10 +537,6 @@ private:
     int64_t held_[3] = {-1, -1, -1};
     alignas(64) uint8_t samples_[3][HorizontalPlan::kColumns];
 };
-
-/// True where a row of `width` samples reaches into the next: strips would write that in another order than
-/// rows do.
-constexpr bool rows_overlap(const PlaneScaling& plane, uint64_t width) { return plane.dst_stride < width; }
 
 inline void deinterlace_basic(const RowKernels& kernels, const PlaneScaling& plane) {
     if (rows_overlap(plane, plane.to_width)) return plain::deinterlace_basic(plane);

@@ -192,12 +192,11 @@ GSVE_SSE41 void interpolate_two_rows(const RowPair& rows, size_t n, const Horizo
 // One form per Spread up to kFar, in its order; pairs that were brought together lie as those of kOne do.
 inline constexpr decltype(RowKernels::interpolate) kInterpolateRows[] = {
     interpolate_row<Spread::kDense>, interpolate_row<Spread::kOne>, interpolate_row<Spread::kTwo>,
-    interpolate_row<Spread::kOne>, interpolate_row<Spread::kOne>};
+    interpolate_row<Spread::kOne>};
 
 inline constexpr decltype(RowKernels::interpolate_two) kInterpolateTwoRows[] = {
     interpolate_two_rows<Spread::kDense>, interpolate_two_rows<Spread::kOne>,
-    interpolate_two_rows<Spread::kTwo>, interpolate_two_rows<Spread::kOne>,
-    interpolate_two_rows<Spread::kOne>};
+    interpolate_two_rows<Spread::kTwo>, interpolate_two_rows<Spread::kOne>};
 
 inline void interpolate(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
                         NextLines next) {
