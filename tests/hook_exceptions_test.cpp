@@ -24,12 +24,16 @@ public:
         if (throws_in_name) throw std::runtime_error("output_name");
         return CallLogHost::output_name();
     }
+    void free_encoder() override {
+        CallLogHost::free_encoder();
+        if (throws_in_free) throw std::runtime_error("free_encoder");
+    }
     void resize_input_to_output(const uint8_t*, size_t, const uint8_t*, size_t, const uint8_t*, size_t,
                                 unsigned, unsigned, int) override {
         if (throws_in_resizer) throw std::length_error("resize_input_to_output");
     }
 
-    bool throws_in_init = false, throws_in_name = false, throws_in_resizer = false;
+    bool throws_in_init = false, throws_in_name = false, throws_in_free = false, throws_in_resizer = false;
 };
 
 class HookExceptions : public ScriptedEncoder {
@@ -98,8 +102,10 @@ TEST_F(HookExceptions, DoNotComeOutOfTheOperationsForClients) {
     host.throws_in_init = true;
     EXPECT_FALSE(host.client_addref());
     host.throws_in_init = false;
-    host.client_unref();
+    host.throws_in_free = true;
+    EXPECT_NO_THROW(host.client_unref());
     EXPECT_EQ(host.refcount, 0);
+    host.throws_in_free = false;
 }
 
 TEST_F(HookExceptions, EndTheDrain) {

@@ -37,10 +37,8 @@ template <Weighting kWeighting>
 GSVE_AVX2_INLINE __m256i blend(__m256i a, __m256i b, __m256i weights) {
     if constexpr (kWeighting == Weighting::kNone) return a;
     if constexpr (kWeighting == Weighting::kHalf) return average(a, b);
-    // One half goes through a shifter and the other through a multiplier, which has less to do. The compiler
-    // would take a shift for both.
-    __m256i one_256th = _mm256_set1_epi16(0x100);
-    __asm__("" : "+x"(one_256th));
+    // One half is shifted, the other one multiplied: the shifters have more to do than the multipliers.
+    const __m256i one_256th = _mm256_set1_epi16(0x100);
     const __m256i low =
         _mm256_mulhi_epi16(_mm256_maddubs_epi16(_mm256_unpacklo_epi8(a, b), weights), one_256th);
     const __m256i high = _mm256_srai_epi16(_mm256_maddubs_epi16(_mm256_unpackhi_epi8(a, b), weights), 8);
