@@ -1,7 +1,9 @@
 // Insertion into units of any bytes: what goes in, where it goes, and that nothing else changes. The unit
 // lies in a window without a byte to spare at either end, with head room of any size.
 
+#include <algorithm>
 #include <cstring>
+#include <span>
 #include <string>
 
 extern "C" {
@@ -154,13 +156,11 @@ Bytes inserted_by(UnitInWindow& encoder, size_t position, Operation operation) {
 
     const size_t at = size == 0 ? before.size() : position;
     GSVE_FUZZ_REQUIRE(at <= before.size());
-    const auto in = after.begin() + static_cast<ptrdiff_t>(at);
-    const auto behind = in + static_cast<ptrdiff_t>(size);
-    GSVE_FUZZ_REQUIRE(
-        std::equal(before.begin(), before.begin() + static_cast<ptrdiff_t>(at), after.begin(), in));
-    GSVE_FUZZ_REQUIRE(
-        std::equal(before.begin() + static_cast<ptrdiff_t>(at), before.end(), behind, after.end()));
-    return {in, behind};
+    const std::span<const uint8_t> was(before), is(after);
+    GSVE_FUZZ_REQUIRE(std::ranges::equal(was.first(at), is.first(at)));
+    GSVE_FUZZ_REQUIRE(std::ranges::equal(was.subspan(at), is.subspan(at + size)));
+    const std::span<const uint8_t> in = is.subspan(at, size);
+    return {in.begin(), in.end()};
 }
 
 /// Requires that nothing came of an insertion for lack of a place or of head room only.
