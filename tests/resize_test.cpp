@@ -301,6 +301,25 @@ TEST(Resize, SkipsPlanesOf4096SamplesAndStillCallsTheHostsOverride) {
     EXPECT_NE(resizer.working_plane(1, 16, 8), Plane(16 * 8, 0xEE)) << "chroma, 2048 samples wide";
 }
 
+TEST(Resize, ScalesTheWidthsOfBroadcastToEachOther) {
+    constexpr unsigned kWidths[] = {352, 480, 528, 544, 640, 704, 720, 960, 1280, 1440, 1920, 3840};
+    for (const unsigned from : kWidths) {
+        const Picture source = random_picture(from, 8, 1, 1);
+        for (const unsigned to : kWidths) {
+            // Eight lines to five rows: the weights are a quarter, a half and three quarters.
+            Resizer resizer;
+            resizer.make_working_planes(static_cast<int>(to), 5, 1, 1);
+            resizer.resize_deinterlace = 2;
+            run(resizer, kPlain, source, -1);
+            for (const PlaneCall& c : resizer.calls)
+                EXPECT_TRUE(resizer.working_plane(c.plane, c.to_width, c.to_height) ==
+                            scaled(source.planes[c.plane], c.src_width, c.src_height, c.to_width, c.to_height,
+                                   c.x_step, c.y_step))
+                    << from << " to " << to << ", plane " << c.plane;
+        }
+    }
+}
+
 TEST(Resize, SameSizeGivesTheSourceBack) {
     Resizer resizer;
     resizer.make_working_planes(64, 48, 1, 1);
