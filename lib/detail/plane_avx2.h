@@ -300,25 +300,19 @@ GSVE_AVX2_INLINE __m256i between(__m256i pairs, const uint16_t* base, const int1
         _mm256_maddubs_epi16(pairs, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(base))), part);
 }
 
-/// 32 pairs of samples.
-struct Pairs {
-    __m256i low, high;
-};
-
-/// The pairs of outputs [i, i + 32) in the blend of two lines.
+/// The 16 pairs at byte `at` of the blend of two lines.
 template <Weighting kWeighting>
-GSVE_AVX2_INLINE Pairs pairs_at(size_t i, const uint8_t* a, const uint8_t* b, __m256i weights) {
-    const size_t low = 2 * i, high = 2 * i + kLanes;
-    return {blend<kWeighting>(load(a + low), load(b + low), weights),
-            blend<kWeighting>(load(a + high), load(b + high), weights)};
+GSVE_AVX2_INLINE __m256i pairs_at(size_t at, const uint8_t* a, const uint8_t* b, __m256i weights) {
+    return blend<kWeighting>(load(a + at), load(b + at), weights);
 }
 
 /// Outputs [i, i + 32), whose bases stand at `base`, out of their pairs.
-GSVE_AVX2_INLINE __m256i halved(size_t i, const Pairs& pairs, uint32_t base, const HorizontalPlan& plan) {
+GSVE_AVX2_INLINE __m256i halved(size_t i, __m256i low, __m256i high, uint32_t base,
+                                const HorizontalPlan& plan) {
     const uint16_t* bases = kBaseFactors.data() + base;
     const int16_t* fractions = plan.weight + i;
-    const __m256i samples = _mm256_packus_epi16(between(pairs.low, bases, fractions),
-                                                between(pairs.high, bases + 16, fractions + 16));
+    const __m256i samples =
+        _mm256_packus_epi16(between(low, bases, fractions), between(high, bases + 16, fractions + 16));
     return _mm256_permute4x64_epi64(samples, _MM_SHUFFLE(3, 1, 2, 0));
 }
 
@@ -329,20 +323,25 @@ GSVE_AVX2 void halve_row(uint8_t* out, const uint8_t* a, const uint8_t* b, unsig
     const __m256i weights = _mm256_set1_epi16(pair_weights(weight));
     const uint32_t* base = plan.window;
     // Pairs are blended one round ahead: what waits for them is then ready when its turn comes.
-    Pairs pairs = pairs_at<kWeighting>(0, a, b, weights);
+    __m256i low = pairs_at<kWeighting>(0, a, b, weights);
+    __m256i high = pairs_at<kWeighting>(kLanes, a, b, weights);
     size_t i = 0;
 #pragma GCC unroll 2
     for (; i + 2 * kLanes <= n; i += kLanes) {
         _mm_prefetch(reinterpret_cast<const char*>(next_a + 2 * i), _MM_HINT_T0);
         _mm_prefetch(reinterpret_cast<const char*>(next_b + 2 * i), _MM_HINT_T0);
-        const Pairs ahead = pairs_at<kWeighting>(i + kLanes, a, b, weights);
-        store(out + i, halved(i, pairs, *base++, plan));
-        pairs = ahead;
+        const __m256i next_low = pairs_at<kWeighting>(2 * (i + kLanes), a, b, weights);
+        const __m256i next_high = pairs_at<kWeighting>(2 * (i + kLanes) + kLanes, a, b, weights);
+        store(out + i, halved(i, low, high, *base++, plan));
+        low = next_low;
+        high = next_high;
     }
-    store(out + i, halved(i, pairs, *base++, plan));
+    store(out + i, halved(i, low, high, *base++, plan));
     if (i + kLanes == n) return;
     i = n - kLanes;
-    store(out + i, halved(i, pairs_at<kWeighting>(i, a, b, weights), *base, plan));
+    low = pairs_at<kWeighting>(2 * i, a, b, weights);
+    high = pairs_at<kWeighting>(2 * i + kLanes, a, b, weights);
+    store(out + i, halved(i, low, high, *base, plan));
 }
 
 inline constexpr decltype(RowKernels::halve) kHalveRows[] = {
