@@ -3,7 +3,10 @@
 // FFmpeg, as the program uses it: one owner per kind of object, and all that differs between FFmpeg 5.1, 6
 // and 7.
 
+#include <cstddef>
+#include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 
 extern "C" {
@@ -48,6 +51,10 @@ using InputPtr = std::unique_ptr<AVFormatContext, FreeByAddress<avformat_close_i
 using OutputPtr = std::unique_ptr<AVFormatContext, CloseOutput>;
 using FilterGraphPtr = std::unique_ptr<AVFilterGraph, FreeByAddress<avfilter_graph_free>>;
 using FilterPadsPtr = std::unique_ptr<AVFilterInOut, FreeByAddress<avfilter_inout_free>>;
+
+inline std::span<const uint8_t> bytes_of(const AVPacket& packet) {
+    return {packet.data, static_cast<size_t>(packet.size)};
+}
 
 /// FFmpeg's words for one of its error codes.
 inline std::string av_error_text(int code) {

@@ -44,7 +44,7 @@ bool contains(std::string_view packet, std::string_view pattern) {
 void disguise(AVPacket& packet, std::string_view pattern) {
     constexpr uint8_t kLetterCase = 0x20;
     for (size_t at = 0;; at += pattern.size()) {
-        at = find(text({packet.data, static_cast<size_t>(packet.size)}), pattern, at);
+        at = find(text(bytes_of(packet)), pattern, at);
         if (at == std::string_view::npos) return;
         if (av_packet_make_writable(&packet) < 0) throw std::bad_alloc();
         packet.data[at + kStartCodeSize] ^= kLetterCase;
@@ -74,10 +74,6 @@ std::array<bool, kMpegForms.size()> mpeg_forms(std::string_view packet) {
             for (const std::string_view pattern : patterns(form))
                 forms[index_of(form)] |= packet.substr(at).starts_with(pattern);
     return forms;
-}
-
-std::span<const uint8_t> bytes_of(const AVPacket& packet) {
-    return {packet.data, static_cast<size_t>(packet.size)};
 }
 
 }  // namespace

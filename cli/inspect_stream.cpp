@@ -134,7 +134,7 @@ void StreamReader::read_packet(AVPacket& packet) {
 
 void StreamReader::read_coded_unit(AVPacket& packet) {
     if (packet.size <= 0) return;  // to a decoder, the end of the stream
-    const std::span<const uint8_t> bytes(packet.data, static_cast<size_t>(packet.size));
+    const std::span<const uint8_t> bytes = bytes_of(packet);
     const bool key = packet.flags & AV_PKT_FLAG_KEY;
     units_.push_back({.pts = packet.pts,
                       .bytes = bytes.size(),

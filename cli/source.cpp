@@ -85,8 +85,7 @@ std::optional<CaptionForm> captions_in_file(const std::string& path) {
     std::optional<CaptionForm> form;
     while (!form && av_read_frame(video.format.get(), packet.get()) >= 0) {
         if (packet->stream_index == video.stream->index)
-            form = caption_form(video.stream->codecpar->codec_id,
-                                {packet->data, static_cast<size_t>(packet->size)});
+            form = caption_form(video.stream->codecpar->codec_id, bytes_of(*packet));
         av_packet_unref(packet.get());
     }
     return form;
@@ -375,7 +374,7 @@ void Source::look_for_captions(const std::string& path) {
         if (!packet) throw std::bad_alloc();
         if (av_read_frame(input_.get(), packet.get()) < 0) return;  // the decoder will meet the same end
         if (packet->stream_index != stream_->index) continue;
-        caption_form_ = caption_form(codec, {packet->data, static_cast<size_t>(packet->size)});
+        caption_form_ = caption_form(codec, bytes_of(*packet));
         pictures_left--;
         ahead_.push_back(std::move(packet));
     }
