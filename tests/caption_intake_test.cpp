@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "support/caption_blocks.h"
+#include "support/open_without_codec.h"
 #include "support/scripted_encoder.h"
 
 namespace gsve::test {
@@ -18,17 +19,8 @@ using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-/// An encoder that counts as open with a client, without a codec.
-class CaptionIntake : public testing::Test {
+class CaptionIntake : public OpenWithoutCodec {
 protected:
-    CaptionIntake() {
-        host.encoder_open = true;
-        host.refcount = 1;
-    }
-    ~CaptionIntake() override {
-        host.encoder_open = false;
-        host.refcount = 0;
-    }
     static std::vector<zeph_cea708_word> words(unsigned count, uint8_t header = 0xFE, uint16_t first = 0) {
         std::vector<zeph_cea708_word> made;
         for (unsigned i = 0; i < count; i++) made.push_back({header, static_cast<uint16_t>(first + i)});
@@ -37,7 +29,6 @@ protected:
     std::string write_cea708(std::vector<zeph_cea708_word> made) {
         return stderr_of([&] { host.write_cea708(static_cast<unsigned>(made.size()), made.data()); });
     }
-    RecordingHost host;
 };
 
 // EIA-608

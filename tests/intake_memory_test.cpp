@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "support/recording_host.h"
+#include "support/open_without_codec.h"
 #include "support/stderr_capture.h"
 
 namespace {
@@ -26,18 +26,7 @@ bool memory_is_short = false;
 namespace gsve::test {
 namespace {
 
-class IntakeMemory : public testing::Test {
-protected:
-    IntakeMemory() {
-        host.encoder_open = true;
-        host.refcount = 1;
-    }
-    ~IntakeMemory() override {
-        host.encoder_open = false;
-        host.refcount = 0;
-    }
-    RecordingHost host;
-};
+class IntakeMemory : public OpenWithoutCodec {};
 
 // A queue allocates once in some hundred words, however few it holds.
 constexpr int kWords = 2000;
