@@ -113,16 +113,18 @@ inline void blend_adaptive(uint8_t* out, const uint8_t* a, const uint8_t* b, con
 // ---- Horizontal interpolation -------------------------------------------------------------------------
 
 inline constexpr GatherShape kDense = {.outputs = 16, .window = 16, .groups = 1, .position = {0}};
-inline constexpr GatherShape kSparse = {.outputs = 8, .window = 16, .groups = 2, .position = {0, 1}};
+inline constexpr GatherShape kSparse = {
+    .outputs = 8, .window = 16, .groups = 2, .position = {0, 1}, .bias = 0x70};
 
-/// The pairs of a group's samples. pshufb gives 0 for an index with its top bit set: biased by 0x70, indices
-/// below 16 find their sample in the first window, and less 16, the others find theirs in the second.
+/// The pairs of a group's samples. pshufb gives 0 for an index with its top bit set and goes by the lowest
+/// four bits of the others: biased by 0x70, offsets below 16 find their sample in the first window, and with
+/// their top bit turned, the others find theirs in the second.
 template <Spread kSpread>
 GSVE_SSE41_INLINE __m128i gather(const uint8_t* window, __m128i pair) {
-    if constexpr (kSpread != Spread::kTwo) return _mm_shuffle_epi8(load(window), pair);
-    const __m128i near = _mm_shuffle_epi8(load(window), _mm_add_epi8(pair, _mm_set1_epi8(0x70)));
-    const __m128i far = _mm_shuffle_epi8(load(window + 16), _mm_sub_epi8(pair, _mm_set1_epi8(16)));
-    return _mm_or_si128(near, far);
+    const __m128i near = _mm_shuffle_epi8(load(window), pair);
+    if constexpr (kSpread != Spread::kTwo) return near;
+    const __m128i far_pair = _mm_xor_si128(pair, _mm_set1_epi8(static_cast<int8_t>(0x80)));
+    return _mm_or_si128(near, _mm_shuffle_epi8(load(window + 16), far_pair));
 }
 
 /// base + floor((base - other) * weight / 65536) in 16-bit lanes.
