@@ -189,6 +189,7 @@ int encode(const EncodeOptions& options) {
     note(options, source.notes());
 
     Host host(std::filesystem::path(options.output).stem());
+    host.adapt_to_load(options.adapt);
     host.describe_source(source.format());
     for (const auto& [key, value] : settings) host.on_set(key.c_str(), value.c_str(), false);
     choose_caption_forms(host, settings, options.captions,
@@ -234,6 +235,8 @@ int encode(const EncodeOptions& options) {
     summary.height = host.output_height;
     summary.frame_rate = host.encoded_rate();
     summary.captions = captions.account(host);
+    summary.threads = host.mpeg_context->thread_count;
+    summary.adapts_to_load = host.codec_id == kMpeg2 && options.adapt;
     if (timecodes) summary.timecode = format_timecode(timecodes->first());
     summary.stopped_by = stop_signal();
     if (!stop_signal() && source.decoded() != tally.pictures) summary.source_pictures = source.decoded();

@@ -19,6 +19,7 @@ struct EncodeOptions {
     std::string frame_rate;             ///< "25" or "30000/1001"; empty: the source's
     CaptionOptions captions;
     std::string timecode;  ///< of the first picture, at the encoded rate; "source": the input's; empty: none
+    bool adapt = false;    ///< let the processor's load coarsen MPEG-2 pictures
     Report report = Report::kNone;
     bool overwrite = false;
     bool quiet = false;

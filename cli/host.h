@@ -85,8 +85,13 @@ public:
         return frame_rate_limit == 0 || next_due_timestamp <= picture.number;
     }
 
+    /// Lets the load of the processor coarsen MPEG-2 pictures, as is right on air. Off, the same pictures
+    /// give the same bytes, however busy the machine is.
+    void adapt_to_load(bool on) { adapts_to_load_ = on; }
+
     Outcome encode(const Picture& picture) {
         signal(picture);
+        if (!adapts_to_load_) smoothed_encode_time = kNoLoad;
         const uint64_t taken = input_frame_count;
         const uint64_t sent = encoded_frame_count;
         const AVFrame& f = *picture.frame;
@@ -151,6 +156,10 @@ public:
     }
 
 private:
+    /// Seconds that no measured time can lift to a share of a picture's, and above what the encoder takes for
+    /// no value yet (-666), which the first measured time would replace.
+    static constexpr double kNoLoad = -600;
+
     /// How many pictures of its GOP are displayed before the one in the output window.
     int temporal_reference() const {
         const uint8_t* header = nullptr;
@@ -224,6 +233,7 @@ private:
     GopTimecode gop_timecode_;
     std::optional<UnitTimes> times_;
     std::exception_ptr failure_;
+    bool adapts_to_load_ = true;
     bool draining_ = false;
     bool emitted_ = false;
 };

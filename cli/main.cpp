@@ -70,6 +70,9 @@ void add_encode(CLI::App& app, Command& command) {
     encode_app->add_option("--rate", options->frame_rate,
                            "Make this the source's frame rate: 25, 30000/1001, ...; 1 to 1000");
     add_ancillary_options(*encode_app, options);
+    encode_app->add_flag("--adapt", options->adapt,
+                         "MPEG-2: let quality follow the processor's load, as on air; without it the same "
+                         "input gives the same bytes on the same number of threads");
     encode_app
         ->add_option_function<std::string>(
             "--report", [options](const std::string& kind) { options->report = kReports.at(kind); },

@@ -125,6 +125,9 @@ std::string summary_text(const Summary& summary, const Tally& tally) {
                         rate_text(tally.peak_bit_rate()));
     text += fmt::format("  time      {:.2f} s of video in {:.2f} s ({:.2f}x)\n", tally.seconds(),
                         summary.elapsed, speed(summary, tally));
+    text += fmt::format(
+        "  threads   {}{}\n", summary.threads,
+        summary.adapts_to_load ? ", quality follows the processor's load" : ", the same bytes each time");
     if (summary.captions.source != "none")
         text += fmt::format("  captions  {} from the {}, {} late, at most {:.2f} s\n",
                             count_text(summary.captions.carried), summary.captions.source,
@@ -157,6 +160,8 @@ std::string report_json(const Summary& summary, const Tally& tally) {
         {"width", summary.width},
         {"height", summary.height},
         {"frame_rate", fmt::format("{}/{}", summary.frame_rate.num, summary.frame_rate.den)},
+        {"threads", summary.threads},
+        {"adapts_to_load", summary.adapts_to_load},
         {"pictures",
          {{"decoded", summary.source_pictures.value_or(tally.pictures)},
           {"in", tally.pictures},

@@ -20,6 +20,8 @@ struct Summary {
     int width = 0;  ///< as encoded
     int height = 0;
     AVRational frame_rate = {25, 1};          ///< as encoded
+    int threads = 1;                          ///< of the codec; other numbers give other bytes
+    bool adapts_to_load = false;              ///< the same input may give other bytes on a busier machine
     double elapsed = 0;                       ///< seconds of work
     std::optional<uint64_t> source_pictures;  ///< decoded, where repeating or leaving out changed the number
     int stopped_by = 0;                       ///< the signal that ended the encoding early, or 0

@@ -562,6 +562,42 @@ TEST_F(EncodeCommand, TakesExtensionsInCapitals) {
     EXPECT_EQ(decode_clip(out).codec, AV_CODEC_ID_MPEG2VIDEO);
 }
 
+TEST_F(EncodeCommand, GivesTheSameBytesWhateverTheLoadUnlessItIsToAdapt) {
+    // A picture of this size takes more than the tenth of a frame's time that "cpu threshhold" then grants.
+    const std::string in = y4m({.width = 1280, .height = 720, .rate = {60, 1}}, 20);
+    const std::string out = directory / "out.m2v";
+    const auto encode_with = [&](std::vector<std::string> more) {
+        std::vector<std::string> arguments = {"encode",   in,    out, "-y", "--set", "maximum threads=1",
+                                              "--report", "json"};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        const ProgramResult result = run(arguments);
+        EXPECT_EQ(result.status, 0) << result.err;
+        return std::pair(read_file(out), report_of(result)["adapts_to_load"].get<bool>());
+    };
+    const auto patient = encode_with({"--set", "cpu threshhold=0.95", "--set", "s_tune_cpu=0"});
+    const std::vector<std::string> hurried = {"--set", "cpu threshhold=0.1", "--set", "s_tune_cpu=10000"};
+    EXPECT_TRUE(encode_with(hurried) == patient) << "the load has changed the stream";
+    EXPECT_FALSE(patient.second);
+
+    std::vector<std::string> adapting = hurried;
+    adapting.push_back("--adapt");
+    const auto adapted = encode_with(adapting);
+    EXPECT_FALSE(adapted.first == patient.first) << "the load has changed nothing";
+    EXPECT_TRUE(adapted.second);
+}
+
+TEST_F(EncodeCommand, SaysWhetherTheLoadMattersAndOnHowManyThreads) {
+    const std::string in = y4m({}), out = directory / "out.m2v";
+    EXPECT_THAT(run({"encode", in, out, "--set", "maximum threads=1"}).out,
+                HasSubstr("  threads   1, the same bytes each time\n"));
+    EXPECT_THAT(run({"encode", in, out, "-y", "--set", "maximum threads=1", "--adapt"}).out,
+                HasSubstr("  threads   1, quality follows the processor's load\n"));
+    // Only MPEG-2 adapts.
+    const std::string h264 = directory / "out.h264";
+    EXPECT_THAT(run({"encode", in, h264, "--set", "maximum threads=1", "--adapt"}).out,
+                HasSubstr("  threads   1, the same bytes each time\n"));
+}
+
 TEST_F(EncodeCommand, RefusesToRunDisabled) {
     EXPECT_EQ(run({"encode", y4m({}), directory / "out.ts", "--set", "enable=0"}).status, 2);
 }
