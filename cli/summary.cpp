@@ -18,6 +18,11 @@ double speed(const Summary& summary, const Tally& tally) {
     return summary.elapsed > 0 ? tally.seconds() / summary.elapsed : 0;
 }
 
+/// libx264 and libx265 let the rate of a picture depend on how far their other threads are.
+bool repeatable(const Summary& summary) {
+    return !summary.adapts_to_load && (summary.codec == "mpeg-2" || summary.threads == 1);
+}
+
 std::string count_text(const CaptionCount& count) {
     return fmt::format("{} byte pairs and {} CEA-708 constructs", count.pairs, count.constructs);
 }
@@ -125,9 +130,11 @@ std::string summary_text(const Summary& summary, const Tally& tally) {
                         rate_text(tally.peak_bit_rate()));
     text += fmt::format("  time      {:.2f} s of video in {:.2f} s ({:.2f}x)\n", tally.seconds(),
                         summary.elapsed, speed(summary, tally));
-    text += fmt::format(
-        "  threads   {}{}\n", summary.threads,
-        summary.adapts_to_load ? ", quality follows the processor's load" : ", the same bytes each time");
+    text +=
+        fmt::format("  threads   {}, {}\n", summary.threads,
+                    summary.adapts_to_load ? "quality follows the processor's load"
+                    : repeatable(summary)  ? "the same bytes each time"
+                                           : "other bytes each time (but for --set \"maximum threads=1\")");
     if (summary.captions.source != "none")
         text += fmt::format("  captions  {} from the {}, {} late, at most {:.2f} s\n",
                             count_text(summary.captions.carried), summary.captions.source,
@@ -162,6 +169,7 @@ std::string report_json(const Summary& summary, const Tally& tally) {
         {"frame_rate", fmt::format("{}/{}", summary.frame_rate.num, summary.frame_rate.den)},
         {"threads", summary.threads},
         {"adapts_to_load", summary.adapts_to_load},
+        {"repeatable", repeatable(summary)},
         {"pictures",
          {{"decoded", summary.source_pictures.value_or(tally.pictures)},
           {"in", tally.pictures},

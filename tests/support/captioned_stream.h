@@ -14,9 +14,9 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
-#include "cli/captions/schedule.h"
-#include "cli/captions/scte20.h"
-#include "cli/captions/timecode.h"
+#include "captions/schedule.h"
+#include "captions/scte20.h"
+#include "captions/timecode.h"
 #include "support/bytes.h"
 #include "support/recording_host.h"
 #include "support/stderr_capture.h"

@@ -6,10 +6,10 @@
 #include <utility>
 #include <vector>
 
-#include "cli/captions/pop_on.h"
-#include "cli/captions/report.h"
-#include "cli/captions/schedule.h"
-#include "cli/captions/subtitles.h"
+#include "captions/pop_on.h"
+#include "captions/report.h"
+#include "captions/schedule.h"
+#include "captions/subtitles.h"
 
 namespace gsve::test {
 

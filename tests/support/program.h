@@ -7,37 +7,15 @@
 #include <spawn.h>
 #include <sys/wait.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "support/scratch.h"
+
 extern char** environ;
 
 namespace gsve::test {
-
-/// A directory for one test, gone with it.
-class ScratchDirectory {
-public:
-    ScratchDirectory() {
-        std::string pattern = std::filesystem::temp_directory_path() / "gsve-test-XXXXXX";
-        if (!mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
-        path_ = pattern;
-    }
-    ~ScratchDirectory() { std::filesystem::remove_all(path_); }
-    std::string operator/(const std::string& name) const { return path_ / name; }
-
-private:
-    std::filesystem::path path_;
-};
-
-inline std::string read_file(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 struct ProgramResult {
     int status = -1;  ///< exit status, or 128 plus the signal that ended the process

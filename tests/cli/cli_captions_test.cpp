@@ -17,9 +17,9 @@ extern "C" {
 #include <libavutil/timecode.h>
 }
 
-#include "cli/captions/cc_data.h"
-#include "cli/captions/eia608_decoder.h"
-#include "cli/captions/scte20.h"
+#include "captions/cc_data.h"
+#include "captions/eia608_decoder.h"
+#include "captions/scte20.h"
 #include "support/clip.h"
 #include "support/program.h"
 

@@ -17,13 +17,13 @@
 #include "captions/scc.h"
 #include "captions/subtitles.h"
 #include "captions/text_file.h"
-#include "support/program.h"
+#include "support/scratch.h"
 
 namespace gsve::captions {
 namespace {
 
 std::string data_file(const std::string& name) {
-    return (std::filesystem::path(__FILE__).parent_path() / "data" / "captions" / name).string();
+    return std::string(GSVE_SOURCE_DIR) + "/tests/captions/data/" + name;
 }
 
 std::string error_of(const std::function<void()>& parse) {

@@ -7,7 +7,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "cli/captions/scc.h"
+#include "captions/scc.h"
 #include "support/caption_blocks.h"
 #include "support/captioned_stream.h"
 #include "support/cues.h"

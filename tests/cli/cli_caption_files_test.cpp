@@ -9,7 +9,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "cli/captions/timecode.h"
+#include "captions/timecode.h"
 #include "support/clip.h"
 #include "support/program.h"
 

@@ -68,7 +68,7 @@ const Names kHostFunctions = {
 };
 
 TEST(Exports, AreTheClassItsRecordAndTheNameTable) {
-    std::ifstream list(GSVE_SOURCE_DIR "/tests/data/exported_symbols.txt");
+    std::ifstream list(GSVE_SOURCE_DIR "/tests/lib/data/exported_symbols.txt");
     ASSERT_TRUE(list);
     const Names expected{std::istream_iterator<std::string>(list), {}};
     ASSERT_EQ(expected.size(), 50u);
