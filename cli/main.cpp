@@ -6,15 +6,21 @@
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
-#include "av.h"
-#include "encode.h"
-#include "error.h"
-#include "inspect.h"
-#include "settings.h"
-#include "stop.h"
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavcodec/version.h>
+}
+
+#include "cli/encode/encode.h"
+#include "cli/exit_status.h"
+#include "cli/inspect/inspect.h"
+#include "cli/stop.h"
+#include "encoding/error.h"
+#include "report/settings_report.h"
 
 namespace {
 
+using namespace gsve;
 using namespace gsve::cli;
 
 using Command = std::function<int()>;
@@ -109,7 +115,7 @@ void add_settings(CLI::App& app, Command& command) {
     settings_app->add_flag("--json", *json, "As JSON");
     settings_app->callback([json, &command] {
         command = [json] {
-            fmt::print("{}", *json ? settings_json() : settings_text());
+            fmt::print("{}", *json ? report::settings_json() : report::settings_text());
             return 0;
         };
     });

@@ -1,4 +1,4 @@
-#include "progress.h"
+#include "cli/progress.h"
 
 #include <unistd.h>
 
@@ -30,7 +30,7 @@ double Progress::elapsed_seconds() const {
     return std::chrono::duration<double>(Clock::now() - start_).count();
 }
 
-void Progress::show(const Tally& tally) {
+void Progress::show(const programme::Tally& tally) {
     // Until the first unit is out, there is nothing to tell, and codecs explain themselves.
     if (!shown_ || tally.units == 0 || Clock::now() < next_) return;
     next_ = Clock::now() + std::chrono::milliseconds(100);

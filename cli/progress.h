@@ -5,7 +5,7 @@
 #include <chrono>
 #include <optional>
 
-#include "tally.h"
+#include "programme/tally.h"
 
 namespace gsve::cli {
 
@@ -16,7 +16,7 @@ public:
     ~Progress();
 
     /// Redraws the line, at most ten times a second.
-    void show(const Tally& tally);
+    void show(const programme::Tally& tally);
 
     double elapsed_seconds() const;
 

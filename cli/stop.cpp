@@ -1,4 +1,4 @@
-#include "stop.h"
+#include "cli/stop.h"
 
 #include <csignal>
 #include <initializer_list>

@@ -1,0 +1,117 @@
+#include "cli/encode/encode.h"
+
+#include <filesystem>
+#include <optional>
+
+#include <fmt/format.h>
+
+extern "C" {
+#include <libavutil/log.h>
+}
+
+#include "cli/exit_status.h"
+#include "cli/progress.h"
+#include "cli/stop.h"
+#include "encoding/error.h"
+#include "encoding/settings.h"
+#include "programme/encode_programme.h"
+#include "programme/output.h"
+#include "report/encode_report.h"
+
+namespace gsve::cli {
+namespace {
+
+using encoding::KeyValue;
+using programme::EncodeResult;
+
+/// The codec that --codec, --set "encoder=..." and the output's name ask for together.
+std::string choose_codec(const EncodeOptions& options, const std::vector<KeyValue>& given) {
+    const programme::OutputFormat& format = programme::output_format(options.output);
+    std::string codec = options.codec;
+    for (const auto& [key, value] : given) {
+        if (key != "encoder") continue;
+        if (!codec.empty() && codec != value)
+            throw UsageError(fmt::format("two codecs are asked for, {} and {}: give one", codec, value));
+        codec = value.empty() ? "none" : value;
+    }
+    if (codec == "none")
+        throw UsageError("the encoder \"none\" encodes nothing: choose mpeg-2, h.264 or h.265");
+    if (codec.empty()) return format.codec.empty() ? "h.264" : std::string(format.codec);
+    if (!format.codec.empty() && codec != format.codec)
+        throw UsageError(fmt::format("{} is for {}, not {}: change the output's extension or the codec",
+                                     options.output, format.codec, codec));
+    return codec;
+}
+
+void check_overwriting(const EncodeOptions& options) {
+    std::error_code absent;
+    if (!options.overwrite && std::filesystem::is_regular_file(options.output, absent))
+        throw UsageError(fmt::format("{} exists: give -y to overwrite it", options.output));
+}
+
+/// The person who waits at the terminal.
+class Terminal final : public programme::Observer {
+public:
+    explicit Terminal(bool quiet) : quiet_(quiet) {}
+
+    void note(std::string_view lines) override {
+        if (!quiet_) fmt::print(stderr, "{}", lines);
+    }
+    void warn(std::string_view line) override { fmt::print(stderr, "gsve: {}\n", line); }
+    void begin(std::optional<uint64_t> pictures) override { progress_.emplace(!quiet_, pictures); }
+    void progress(const programme::Tally& tally) override { progress_->show(tally); }
+    int stop_reason() override { return stop_signal(); }
+
+    void end_progress() { progress_.reset(); }
+
+private:
+    bool quiet_;
+    std::optional<Progress> progress_;
+};
+
+void print_results(const EncodeOptions& options, const EncodeResult& result) {
+    if (options.report == Report::kJson) {
+        fmt::print("{}", report::encode_json(result));
+        return;
+    }
+    if (!options.quiet) fmt::print("{}", report::summary_text(result));
+    if (options.report == Report::kText) fmt::print("{}", report::status_text(result));
+}
+
+}  // namespace
+
+programme::EncodeJob job_of(const EncodeOptions& options) {
+    std::vector<KeyValue> given;
+    for (const std::string& text : options.settings) given.push_back(encoding::parse_setting(text));
+    programme::EncodeJob job;
+    job.input = options.input;
+    job.output = options.output;
+    job.settings = {{"enable", "1"}, {"encoder", choose_codec(options, given)}};
+    job.settings.insert(job.settings.end(), given.begin(), given.end());
+    for (const auto& [key, value] : given) job.decided.push_back(key);
+    job.frame_rate = options.frame_rate;
+    job.captions = options.captions;
+    job.timecode = options.timecode;
+    job.adapt = options.adapt;
+    return job;
+}
+
+int encode(const EncodeOptions& options) {
+    av_log_set_level(options.verbose ? AV_LOG_INFO : AV_LOG_ERROR);
+    const programme::EncodeJob job = job_of(options);
+    check(job);
+    check_overwriting(options);
+
+    catch_stop_signals();
+    Terminal terminal(options.quiet);
+    const EncodeResult result = encode_programme(job, terminal);
+    terminal.end_progress();
+    if (!result.stopped_by) terminal.note(report::caption_losses(result));
+    print_results(options, result);
+
+    if (!result.problem.empty()) throw Failure(result.problem);
+    check_complete(result.tally);
+    return result.stopped_by ? kExitSignal + result.stopped_by : 0;
+}
+
+}  // namespace gsve::cli

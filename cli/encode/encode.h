@@ -1,0 +1,35 @@
+#pragma once
+
+// gsve encode: one media file in, one encoded stream out.
+
+#include <string>
+#include <vector>
+
+#include "programme/encode_job.h"
+
+namespace gsve::cli {
+
+enum class Report { kNone, kText, kJson };
+
+struct EncodeOptions {
+    std::string input;
+    std::string output;
+    std::string codec;                  ///< empty: by the output's name
+    std::vector<std::string> settings;  ///< "KEY=VALUE"
+    std::string frame_rate;             ///< "25" or "30000/1001"; empty: the source's
+    programme::CaptionChoice captions;
+    std::string timecode;  ///< of the first picture, at the encoded rate; "source": the input's; empty: none
+    bool adapt = false;    ///< let the processor's load coarsen MPEG-2 pictures
+    Report report = Report::kNone;
+    bool overwrite = false;
+    bool quiet = false;
+    bool verbose = false;
+};
+
+/// The job that the options describe. Throws UsageError.
+programme::EncodeJob job_of(const EncodeOptions& options);
+
+/// Encodes. Returns the exit status; throws UsageError and Failure.
+int encode(const EncodeOptions& options);
+
+}  // namespace gsve::cli

@@ -1,0 +1,212 @@
+#include "encoding/picture_encoder.h"
+
+#include <algorithm>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+}
+
+#include <orb_utils_v4/io.h>
+
+#include "encoding/error.h"
+
+namespace gsve::encoding {
+namespace {
+
+using Encoder = GeneralStreamingVideoEncoder;
+
+/// Seconds that no measured time can lift to a share of a picture's, and above what the encoder takes for no
+/// value yet (-666), which the first measured time would replace.
+constexpr double kNoLoad = -600;
+
+/// More than lie between a GOP header and the picture that it is written for.
+constexpr uint64_t kTimecodesKept = 256;
+
+std::span<const uint8_t> unit_in(const sliding_window_v4& window) { return {window.data, window.end}; }
+
+}  // namespace
+
+PictureEncoder::~PictureEncoder() {
+    if (refcount > 0) client_unref();
+}
+
+void PictureEncoder::describe_source(const SourceDescription& source) {
+    input_width = source.width;
+    input_height = source.height;
+    input_chroma_shift_x = source.chroma_shift_x;
+    input_chroma_shift_y = source.chroma_shift_y;
+    frame_rate_num = source.frame_rate.num;
+    frame_rate_den = source.frame_rate.den;
+    input_interlaced = source.interlaced;
+}
+
+bool PictureEncoder::open(const Ancillary& first) {
+    signal(first, 0);  // applying a setting forgets what was signalled, and the codec starts with this
+    if (!client_addref() || !encoder_open) return false;
+    times_.emplace(reorder_depth(), frame_rate_divider);
+    types_.emplace(*mpeg_context);
+    return true;
+}
+
+AVRational PictureEncoder::encoded_rate() const {
+    return av_mul_q({frame_rate_num, frame_rate_den}, {1, static_cast<int>(frame_rate_divider)});
+}
+
+PictureFate PictureEncoder::push(const PictureView& picture, const Ancillary& ancillary) {
+    if (takes(picture.number)) queue(ancillary, picture.number);
+    signal(ancillary, picture.number);
+    if (!adapts_to_load_) smoothed_encode_time = kNoLoad;
+    const uint64_t taken = input_frame_count;
+    const uint64_t sent = encoded_frame_count;
+    times_->offered(static_cast<int64_t>(picture.number));
+    const bool usable =
+        write_video(picture.planes[0], picture.strides[0], picture.planes[1], picture.strides[1],
+                    picture.planes[2], picture.strides[2], ancillary.field_order - 1, picture.number);
+    rethrow_failure();
+    if (!usable) throw Failure("the encoder cannot take a picture: memory ran out");
+    if (encoded_frame_count != sent) return PictureFate::kEncoded;
+    times_->withdrawn();
+    return input_frame_count == taken ? PictureFate::kSkipped : PictureFate::kDropped;
+}
+
+uint64_t PictureEncoder::drain() {
+    uint64_t units = 0;
+    draining_ = true;
+    while (flush_delayed_video()) {
+        rethrow_failure();
+        units++;
+    }
+    return units;
+}
+
+uint64_t PictureEncoder::pairs_after_last_cc() const {
+    uint64_t pairs = 0;
+    for (auto record = aux_data_map.lower_bound(eia608_next_pts); record != aux_data_map.end(); ++record)
+        pairs += (record->second.eia608_word_field1 != 0) + (record->second.eia608_word_field2 != 0);
+    return pairs;
+}
+
+void PictureEncoder::rethrow_failure() {
+    if (failure_) std::rethrow_exception(std::exchange(failure_, nullptr));
+}
+
+void PictureEncoder::signal(const Ancillary& ancillary, uint64_t number) {
+    current_aspect_num = ancillary.display_aspect.num;
+    current_aspect_den = ancillary.display_aspect.den;
+    current_field_order = static_cast<int8_t>(ancillary.field_order);
+    host_frame_tag = number;
+}
+
+/// Hands over what the encoder keeps with the picture until its unit comes.
+void PictureEncoder::queue(const Ancillary& ancillary, uint64_t number) {
+    for (uint8_t field = 0; field < 2; field++)
+        if (ancillary.captions.words[field] != 0) write_eia608(field, ancillary.captions.words[field]);
+    std::vector<zeph_cea708_word> words;
+    words.reserve(ancillary.captions.cea708.size());
+    for (const captions::Cea708Construct& c : ancillary.captions.cea708)
+        words.push_back({c.header, static_cast<uint16_t>(c.data_1 << 8 | c.data_2)});
+    if (!words.empty()) write_cea708(static_cast<unsigned>(words.size()), words.data());
+    if (!ancillary.scte20.empty()) {
+        std::vector<uint8_t> body = ancillary.scte20;
+        write_scte20(body.data(), body.size());
+    }
+    if (!ancillary.timecode) return;
+    const captions::GopTimecode& timecode = *ancillary.timecode;
+    const uint64_t encoded = number / frame_rate_divider;
+    timecodes_[encoded] = timecode;
+    timecodes_.erase(timecodes_.begin(), timecodes_.lower_bound(encoded - std::min(encoded, kTimecodesKept)));
+    write_mpeg2_gop_timecode({1, timecode.drop_frame_flag, timecode.hours, timecode.minutes, timecode.seconds,
+                              timecode.pictures, std::to_string(encoded)});
+}
+
+void PictureEncoder::emit_data_out(const uint8_t*, size_t, AVPacket* pkt) {
+    complete_unit(*pkt);
+    const std::span<const uint8_t> unit = unit_in(*output_window);
+    pkt->data = output_window->data;
+    pkt->size = static_cast<int>(unit.size());
+    Encoder::emit_data_out(unit.data(), unit.size(), pkt);
+}
+
+void PictureEncoder::host_emit_data_out(const uint8_t* data, size_t len, AVPacket* pkt) {
+    // The encoder is no place for an exception to cross; later units of a failed output are of no use.
+    if (failure_) return;
+    try {
+        const std::span<const uint8_t> bytes = {data, len};
+        receiver_({bytes, source_number(pkt->pts), times_->next_decode_time(),
+                   (pkt->flags & AV_PKT_FLAG_KEY) != 0, types_->type(bytes),
+                   aux_data_map.contains(record_key(pkt->pts))});
+    } catch (...) {
+        failure_ = std::current_exception();
+    }
+}
+
+/// Inserts what went with the picture into its unit, which stands in the output window: in the order in which
+/// the encoder itself does, each in front of what was inserted before.
+void PictureEncoder::complete_unit(AVPacket& unit) {
+    if (aux_data_map.empty()) return;
+    const uint64_t key = record_key(unit.pts);
+    if (codec_id == kMpeg2) complete_mpeg2_unit(unit, key);
+    if (codec_id == kH264 && enabled_cea708()) Encoder::h264_insert_cea708_cc(key);
+}
+
+void PictureEncoder::complete_mpeg2_unit(AVPacket& unit, uint64_t key) {
+    const std::optional<Mpeg2PictureHeader> header = mpeg2_picture_header(unit_in(*output_window));
+    const char type = header ? header->type : '?';
+    if ((last_key_flag || (type == 'P' && do_eia608_on_p_frames())) && enabled_eia608()) {
+        // The inserter counts pictures as the codec does, up to the unit's decoding time.
+        const int64_t dts = unit.dts;
+        unit.dts = dts < 0 ? dts : static_cast<int64_t>(record_key(dts));
+        Encoder::mpeg_insert_eia608_cc();
+        unit.dts = dts;
+    }
+    Encoder::mpeg_insert_scte20(key);
+    if (enabled_cea708()) Encoder::mpeg_insert_cea708_cc(key);
+    const auto record = aux_data_map.find(key);
+    if (type == 'I' && record != aux_data_map.end())
+        insert_timecode(header->temporal_reference, record->second.gop_timecode);
+}
+
+/// The GOP header's time code is that of the picture displayed first (ISO/IEC 13818-2, 6.3.8): in an open GOP
+/// a B-picture in front of the I-picture, `pictures_before` of which are.
+void PictureEncoder::insert_timecode(int pictures_before, const mpeg2_gop_timecode_t& of_picture) {
+    if (!of_picture.valid) return;
+    mpeg2_gop_timecode_t first = of_picture;
+    const uint64_t number = std::stoull(of_picture.text);
+    const auto known = timecodes_.find(number - static_cast<uint64_t>(pictures_before));
+    if (known != timecodes_.end()) {
+        const captions::GopTimecode& t = known->second;
+        first = {1, t.drop_frame_flag, t.hours, t.minutes, t.seconds, t.pictures, {}};
+    }
+    Encoder::mpeg_insert_gop_timecode(first);
+}
+
+/// The key of a picture's side-data record: the codec's own count of pictures. Without per-frame rate
+/// control, units that leave at once count source pictures, and drained ones encoded pictures.
+uint64_t PictureEncoder::record_key(int64_t emitted_time) const {
+    const auto time = static_cast<uint64_t>(emitted_time);
+    if (!per_frame_rate_control) return draining_ ? time : time / frame_rate_divider;
+    const auto entry = std::find_if(pts_map.begin(), pts_map.end(),
+                                    [time](const auto& numbers) { return numbers.second == time; });
+    return entry == pts_map.end() ? UINT64_MAX : entry->first;
+}
+
+/// Pictures that the codec may hold back for reordering. Where it does not tell (libx265), assume the most
+/// that B-pictures lead to here: one reference among them.
+int PictureEncoder::reorder_depth() const {
+    constexpr int kBPyramidDepth = 2;
+    if (mpeg_context->has_b_frames > 0) return mpeg_context->has_b_frames;
+    return mpeg_context->max_b_frames > 0 ? kBPyramidDepth : 0;
+}
+
+/// The picture that a unit shows. With per-frame rate control, the encoder remembers the latest 60 pictures
+/// and says 0 for older ones.
+int64_t PictureEncoder::source_number(int64_t pts) {
+    const bool first = !std::exchange(emitted_, true);
+    if (per_frame_rate_control && pts == 0 && !first)
+        throw Failure(
+            "the codec holds pictures back for longer than 60 pictures, and their times are lost: choose a "
+            "faster \"h.264 preset\" or leave out \"constant bitrate per frame\"");
+    return draining_ && !per_frame_rate_control ? pts * frame_rate_divider : pts;
+}
+
+}  // namespace gsve::encoding

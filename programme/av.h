@@ -1,0 +1,48 @@
+#pragma once
+
+// libavformat and libavfilter, as a programme uses them: one owner per kind of object, and all that differs
+// between FFmpeg's releases.
+
+#include <memory>
+
+extern "C" {
+#include <libavcodec/bsf.h>
+#include <libavfilter/avfilter.h>
+#include <libavfilter/buffersink.h>
+#include <libavfilter/buffersrc.h>
+#include <libavformat/avformat.h>
+}
+
+#include "encoding/av.h"
+
+namespace gsve {
+
+struct CloseOutput {
+    void operator()(AVFormatContext* output) const {
+        if (!(output->oformat->flags & AVFMT_NOFILE)) avio_closep(&output->pb);
+        avformat_free_context(output);
+    }
+};
+
+using InputPtr = std::unique_ptr<AVFormatContext, FreeByAddress<avformat_close_input>>;
+using OutputPtr = std::unique_ptr<AVFormatContext, CloseOutput>;
+using BitstreamFilterPtr = std::unique_ptr<AVBSFContext, FreeByAddress<av_bsf_free>>;
+using FilterGraphPtr = std::unique_ptr<AVFilterGraph, FreeByAddress<avfilter_graph_free>>;
+using FilterPadsPtr = std::unique_ptr<AVFilterInOut, FreeByAddress<avfilter_inout_free>>;
+
+/// Tells a buffer source about the pictures that it will get.
+inline void describe_frames(AVBufferSrcParameters& parameters, const AVFrame& frame, AVRational time_base,
+                            AVRational frame_rate) {
+    parameters.format = frame.format;
+    parameters.width = frame.width;
+    parameters.height = frame.height;
+    parameters.time_base = time_base;
+    parameters.frame_rate = frame_rate;
+    parameters.sample_aspect_ratio = frame.sample_aspect_ratio;
+#if LIBAVFILTER_VERSION_MAJOR >= 10
+    parameters.color_space = frame.colorspace;
+    parameters.color_range = frame.color_range;
+#endif
+}
+
+}  // namespace gsve

@@ -1,0 +1,55 @@
+#pragma once
+
+// Everything that one encoding is told: a value that a command, a farm's chunk and a test describe alike.
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "captions/timecode.h"
+
+namespace gsve::programme {
+
+/// Which captions go out, and how.
+struct CaptionChoice {
+    bool carry_over = true;          ///< take the input's captions when there are no files
+    std::vector<std::string> files;  ///< the first for one field, the second for the other
+    int field = 0;                   ///< of the first file, 1 or 2; 0: not given
+    std::optional<int> rows;         ///< SRT, WebVTT: the most rows of a caption
+    std::string start;               ///< the file's time, or time code, for the first picture; empty: zero
+    bool scte20 = false;             ///< send the byte pairs as SCTE 20 user data, too
+
+    friend bool operator==(const CaptionChoice&, const CaptionChoice&) = default;
+};
+
+/// What EncodeJob::timecode takes to mean the input's own time code.
+inline constexpr const char* kSourceTimecode = "source";
+
+/// A setting's key and value, as GeneralStreamingVideoEncoder::on_set() takes them.
+using JobSetting = std::pair<std::string, std::string>;
+
+struct EncodeJob {
+    std::string input;
+    std::string output;
+    std::vector<JobSetting> settings;  ///< in order; a key's last value holds
+    std::vector<std::string> decided;  ///< the keys among them that the user gave: no other value is better
+    std::string frame_rate;            ///< "25" or "30000/1001"; empty: the source's
+    CaptionChoice captions;
+    std::string timecode;  ///< of the first picture, at the encoded rate; kSourceTimecode; empty: none
+    bool adapt = false;    ///< let the processor's load coarsen MPEG-2 pictures
+    int threads = 0;       ///< of the codec; 0: as it chooses on this machine, which the result then tells
+
+    friend bool operator==(const EncodeJob&, const EncodeJob&) = default;
+};
+
+/// The last value of a setting; empty where it is not given.
+std::string setting_of(const EncodeJob& job, const std::string& key);
+
+/// Throws UsageError for a job that contradicts itself, or its output's format.
+void check(const EncodeJob& job);
+
+/// The rate that `frame_rate` names; nothing where it is empty. Throws UsageError where it names none.
+std::optional<captions::FrameRate> job_frame_rate(const EncodeJob& job);
+
+}  // namespace gsve::programme

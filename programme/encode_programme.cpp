@@ -1,0 +1,276 @@
+#include "programme/encode_programme.h"
+
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <stdexcept>
+
+#include <fmt/format.h>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+}
+
+#include "encoding/advice.h"
+#include "encoding/caption_forms.h"
+#include "encoding/caption_track.h"
+#include "encoding/error.h"
+#include "encoding/frame_rate.h"
+#include "encoding/picture_encoder.h"
+#include "encoding/status.h"
+#include "encoding/status_text.h"
+#include "encoding/timecode_track.h"
+#include "programme/caption_files.h"
+#include "programme/input.h"
+#include "programme/output.h"
+
+namespace gsve::programme {
+namespace {
+
+using encoding::Ancillary;
+using encoding::CaptionForms;
+using encoding::CaptionTrack;
+using encoding::PictureEncoder;
+using encoding::PictureFate;
+using encoding::TimecodeTrack;
+using Clock = std::chrono::steady_clock;
+
+InputOptions input_options(const EncodeJob& job) {
+    const captions::FrameRate rate = job_frame_rate(job).value_or(captions::FrameRate{0, 1});
+    return {.frame_rate = {rate.num, rate.den},
+            .chroma_format = setting_of(job, "chroma format"),
+            .captions = job.captions.carry_over && job.captions.files.empty()};
+}
+
+/// That of the first picture, at the counting rate.
+captions::Timecode first_timecode(const std::string& wanted, const std::string& of_input,
+                                  captions::FrameRate rate) try {
+    if (wanted != kSourceTimecode) return captions::parse_timecode(wanted, rate);
+    if (of_input.empty())
+        throw UsageError("--timecode source: the input has no time code; give one as HH:MM:SS:FF");
+    return captions::parse_timecode(of_input, rate);
+} catch (const std::invalid_argument& error) {
+    throw UsageError(fmt::format("--timecode: {}", error.what()));
+}
+
+/// libx264 and libx265 let the rate of a picture depend on how far their other threads are.
+bool repeats_its_bytes(const PictureEncoder& encoder, bool adapts) {
+    return !adapts && (encoder.codec_id == encoding::kMpeg2 || encoder.mpeg_context->thread_count == 1);
+}
+
+/// What a picture signals, as yet without captions and time code.
+Ancillary signalled_by(const Picture& picture) {
+    Ancillary ancillary;
+    ancillary.display_aspect = picture.display_aspect;
+    ancillary.field_order = picture.field_order;
+    return ancillary;
+}
+
+class ProgrammeEncoding {
+public:
+    ProgrammeEncoding(const EncodeJob& job, Observer& observer);
+    EncodeResult run();
+
+private:
+    void configure_encoder();
+    void open_encoder();
+    void open_captions();
+    void open_timecodes();
+    void open_output();
+    void encode(const Picture& picture);
+    void take_in_captions();
+    Ancillary ancillary_of(const Picture& picture);
+    void finish();
+    EncodeResult result();
+
+    bool has_files() const { return !job_.captions.files.empty(); }
+
+    EncodeJob job_;
+    Observer& observer_;
+    const OutputFormat& format_;
+    Input input_;
+    PictureEncoder encoder_;
+    CaptionForms forms_;
+    std::optional<CaptionTrack> captions_;
+    std::string caption_source_ = "none";
+    captions::Report caption_report_;
+    std::optional<TimecodeTrack> timecodes_;
+    std::string first_timecode_;
+    std::unique_ptr<Output> output_;
+    Tally tally_;
+    Clock::time_point start_;
+    double elapsed_ = 0;
+};
+
+ProgrammeEncoding::ProgrammeEncoding(const EncodeJob& job, Observer& observer)
+    : job_(job),
+      observer_(observer),
+      format_(output_format(job.output)),
+      input_(job.input, input_options(job), [&observer] { return observer.stop_reason() != 0; }),
+      encoder_(std::filesystem::path(job.output).stem()),
+      tally_(encoding::caption_rate(input_.format().frame_rate)) {}
+
+EncodeResult ProgrammeEncoding::run() {
+    observer_.note(input_.notes());
+    configure_encoder();
+    open_encoder();
+    open_captions();
+    open_timecodes();
+    open_output();
+
+    start_ = Clock::now();
+    observer_.begin(input_.expected_pictures());
+    while (const std::optional<Picture> picture = input_.next()) encode(*picture);
+    finish();
+    return result();
+}
+
+void ProgrammeEncoding::configure_encoder() {
+    encoder_.adapt_to_load(job_.adapt);
+    encoder_.describe_source(input_.format());
+    for (const auto& [key, value] : job_.settings) encoder_.apply(key, value);
+    if (job_.threads > 0) encoder_.apply("maximum threads", std::to_string(job_.threads));
+    choose_caption_forms(encoder_,
+                         {.wanted = job_.captions.carry_over,
+                          .present = input_.has_captions() || has_files(),
+                          .scte20 = job_.captions.scte20},
+                         job_.decided);
+    encoder_.global_header = format_.wants_global_header();
+    if (const std::string warning = long_picture_warning(encoder_); !warning.empty()) observer_.warn(warning);
+}
+
+void ProgrammeEncoding::open_encoder() {
+    if (!encoder_.open(signalled_by(input_.first()))) {
+        if (!encoder_.enabled)
+            throw UsageError("the setting \"enable\" is off, so that nothing would be encoded");
+        const std::string notes = encoding::one_line(encoder_.last_notes);
+        throw Failure(fmt::format(
+            "the {} encoder does not open: {}{}; {}", gsve_encoder_str[encoder_.codec_id],
+            encoder_.last_error, notes.empty() ? "" : fmt::format(" ({})", notes), opening_advice(encoder_)));
+    }
+    const int threads = encoder_.mpeg_context->thread_count;
+    if (job_.threads > 0 && threads != job_.threads)
+        throw Failure(fmt::format(
+            "the job is for {} threads, and here the codec takes {}, with which the stream would be another: "
+            "make the job for {}",
+            job_.threads, threads, threads));
+    job_.threads = threads;
+    encoder_.send_units_to([this](const encoding::EncodedUnit& unit) {
+        output_->write(unit);
+        tally_.unit(unit);
+        captions_->emitted(unit);
+    });
+}
+
+void ProgrammeEncoding::open_captions() {
+    forms_ = caption_forms(encoder_, job_.captions.scte20);
+    const captions::FrameRate source = encoding::caption_rate(input_.own_rate());
+    const captions::FrameRate encoded = encoding::caption_rate(encoder_.encoded_rate());
+    captions_.emplace(forms_, source, encoded);
+    caption_source_ = has_files()                                         ? "file"
+                      : job_.captions.carry_over && input_.has_captions() ? "input"
+                                                                          : "none";
+    if (caption_source_ != "none") check_caption_settings(encoder_, forms_);
+    if (has_files()) {
+        if (!forms_.pairs())
+            throw UsageError("--captions: the settings \"enable cea-708\" and \"enable eia-608\" are off");
+        captions_->load(load_caption_files(job_.captions, {encoder_.frame_rate_num, encoder_.frame_rate_den},
+                                           encoded, caption_report_));
+    } else if (caption_source_ == "input" && forms_.pairs()) {
+        input_.read_ahead(input_.captions_behind() / source.per_second() + captions_->foresight());
+    }
+    for (const std::string& line : caption_report_.lines()) observer_.note(line + "\n");
+}
+
+void ProgrammeEncoding::open_timecodes() {
+    if (job_.timecode.empty()) return;
+    const captions::FrameRate encoded = encoding::caption_rate(encoder_.encoded_rate());
+    const captions::FrameRate counting =
+        job_.timecode == kSourceTimecode ? encoding::caption_rate(input_.own_rate()) : encoded;
+    timecodes_.emplace(first_timecode(job_.timecode, input_.timecode(), counting),
+                       encoding::TimecodeRates{.counting = counting,
+                                               .source = encoding::caption_rate(input_.format().frame_rate),
+                                               .encoded = encoded,
+                                               .divider = encoder_.frame_rate_divider});
+    first_timecode_ = format_timecode(timecodes_->at(0));
+}
+
+void ProgrammeEncoding::open_output() { output_ = programme::open_output(format_, job_.output, encoder_); }
+
+void ProgrammeEncoding::encode(const Picture& picture) {
+    take_in_captions();
+    const Ancillary ancillary = ancillary_of(picture);
+    const PictureFate fate = encoder_.push(picture.view(), ancillary);
+    captions_->after(fate);
+    tally_.picture(fate);
+    observer_.progress(tally_);
+}
+
+/// The captions of all pictures that have been decoded, ahead of those that are encoded.
+void ProgrammeEncoding::take_in_captions() {
+    for (SourceCaptions& decoded : input_.take_captions()) {
+        if (captions_->push(decoded.frame, std::move(decoded.captions)).all() > 0) caption_source_ = "input";
+    }
+    if (input_.decoded_all()) captions_->finish();
+}
+
+Ancillary ProgrammeEncoding::ancillary_of(const Picture& picture) {
+    Ancillary ancillary = signalled_by(picture);
+    const auto number = static_cast<int64_t>(picture.number);
+    if (timecodes_ && job_.timecode == kSourceTimecode) timecodes_->follow(number, picture.timecode);
+    if (!encoder_.takes(picture.number)) return ancillary;
+    if (timecodes_)
+        ancillary.timecode = captions::gop_timecode(
+            timecodes_->at(number / static_cast<int64_t>(encoder_.frame_rate_divider)));
+    ancillary.captions = captions_->next(picture.number, encoder_.input_frame_count);
+    // Readers take the order of the fields from the picture's top_field_first, which is 0 in progressive
+    // ones.
+    const bool top_field_first = picture.field_order == 1 && encoder_.resize_deinterlace < 0;
+    if (forms_.scte20) ancillary.scte20 = encoding::scte20_body(ancillary.captions, top_field_first);
+    return ancillary;
+}
+
+void ProgrammeEncoding::finish() {
+    tally_.held_back = encoder_.drain();
+    output_->finish();
+    elapsed_ = std::chrono::duration<double>(Clock::now() - start_).count();
+}
+
+EncodeResult ProgrammeEncoding::result() {
+    EncodeResult result;
+    result.job = job_;
+    result.codec = gsve_encoder_str[encoder_.codec_id];
+    result.width = encoder_.output_width;
+    result.height = encoder_.output_height;
+    result.frame_rate = encoding::caption_rate(encoder_.encoded_rate());
+    result.adapts_to_load = encoder_.codec_id == encoding::kMpeg2 && job_.adapt;
+    result.repeatable = repeats_its_bytes(encoder_, result.adapts_to_load);
+    result.captions = captions_->account(encoder_.input_frame_count);
+    result.captions.source = caption_source_;
+    result.captions.warnings = count_warnings(caption_report_);
+    if (forms_.cc) result.captions.pairs_after_last_cc = encoder_.pairs_after_last_cc();
+    result.timecode = first_timecode_;
+    result.stopped_by = observer_.stop_reason();
+    if (result.stopped_by == 0 && input_.decoded() != tally_.pictures)
+        result.source_pictures = input_.decoded();
+    result.status = encoding::status_pairs(encoder_, encoder_.output_name());
+    result.tally = tally_;
+    result.elapsed = elapsed_;
+    result.problem = input_.problem();
+    return result;
+}
+
+}  // namespace
+
+void Observer::note(std::string_view) {}
+void Observer::warn(std::string_view) {}
+void Observer::begin(std::optional<uint64_t>) {}
+void Observer::progress(const Tally&) {}
+int Observer::stop_reason() { return 0; }
+
+EncodeResult encode_programme(const EncodeJob& job, Observer& observer) {
+    check(job);
+    return ProgrammeEncoding(job, observer).run();
+}
+
+}  // namespace gsve::programme

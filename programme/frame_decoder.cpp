@@ -1,0 +1,98 @@
+#include "programme/frame_decoder.h"
+
+#include <new>
+
+#include <fmt/format.h>
+
+#include "encoding/error.h"
+#include "programme/picture_rate.h"
+
+namespace gsve::programme {
+namespace {
+
+// What is still one clock, in seconds. Beyond, a recording has been spliced or its clock restarted.
+constexpr double kLargestStepBack = 0.5;
+constexpr double kLargestGap = 10;
+
+}  // namespace
+
+FrameDecoder::FrameDecoder(PacketSource& source, const std::string& path)
+    : source_(source),
+      own_rate_(picture_rate(&source.format(), &source.stream())),
+      decoder_(avcodec_alloc_context3(&source.codec())),
+      packet_(av_packet_alloc()),
+      frame_(av_frame_alloc()) {
+    if (!packet_ || !frame_ || !decoder_ ||
+        avcodec_parameters_to_context(decoder_.get(), source.stream().codecpar) < 0)
+        throw std::bad_alloc();
+    decoder_->pkt_timebase = source.stream().time_base;
+    decoder_->thread_count = 0;
+    if (const int error = avcodec_open2(decoder_.get(), &source.codec(), nullptr); error < 0)
+        throw Failure(fmt::format("cannot decode {}: {}", path, av_error_text(error)));
+}
+
+bool FrameDecoder::next() {
+    for (;;) {
+        const int result = avcodec_receive_frame(decoder_.get(), frame_.get());
+        if (result == AVERROR(EAGAIN)) {
+            if (!feed()) return false;
+            continue;
+        }
+        if (result == AVERROR_INVALIDDATA) continue;  // a damaged picture; FFmpeg has said so
+        if (result < 0) {
+            decoded_all_ = true;
+            return false;
+        }
+        AVFrame& frame = *frame_;
+        frame.sample_aspect_ratio =
+            av_guess_sample_aspect_ratio(&source_.format(), &source_.stream(), &frame);
+        if (changes_shape(frame)) return false;
+        frame.pts = continuous_time(frame);
+        decoded_++;
+        return true;
+    }
+}
+
+/// Gives the decoder the next packet of the stream, or the end of the stream.
+bool FrameDecoder::feed() {
+    const int result = source_.next(*packet_);
+    if (result < 0) {
+        if (result != AVERROR_EOF && result != AVERROR_EXIT)
+            problem_ = fmt::format("the input cannot be read further: {}", av_error_text(result));
+        return avcodec_send_packet(decoder_.get(), nullptr) == 0;
+    }
+    if (on_packet_) on_packet_(*packet_);
+    const int sent = avcodec_send_packet(decoder_.get(), packet_.get());
+    if (sent == 0 || sent == AVERROR_INVALIDDATA) return true;
+    problem_ = fmt::format("the input cannot be decoded further: {}", av_error_text(sent));
+    return false;
+}
+
+/// The picture's time in the stream's unit, from 0. Elementary streams have no times: their fields are
+/// counted.
+int64_t FrameDecoder::continuous_time(const AVFrame& frame) {
+    const AVRational time_base = source_.stream().time_base;
+    const bool known = source_.timed() && frame.best_effort_timestamp != AV_NOPTS_VALUE;
+    int64_t time = known ? frame.best_effort_timestamp + clock_offset_ : next_time_;
+    const double jump = static_cast<double>(time - next_time_) * av_q2d(time_base);
+    if (decoded_ == 0 || jump < -kLargestStepBack || jump > kLargestGap) {
+        clock_offset_ -= time - next_time_;
+        time = next_time_;
+    }
+    const AVRational field_duration = {own_rate_.den, 2 * own_rate_.num};
+    next_time_ = time + av_rescale_q(2 + frame.repeat_pict, field_duration, time_base);
+    return time;
+}
+
+bool FrameDecoder::changes_shape(const AVFrame& frame) {
+    const Shape shape = {frame.width, frame.height, frame.format};
+    if (decoded_ == 0) shape_ = shape;
+    if (shape == shape_) return false;
+    problem_ = fmt::format(
+        "the picture changes from {}x{} to {}x{} ({}) after {} pictures: encode the parts separately",
+        shape_.width, shape_.height, shape.width, shape.height,
+        av_get_pix_fmt_name(static_cast<AVPixelFormat>(shape.format)), decoded_);
+    return true;
+}
+
+}  // namespace gsve::programme

@@ -1,0 +1,64 @@
+#pragma once
+
+// The pictures of a stream as the decoder makes them, on one time line from 0.
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "programme/av.h"
+#include "programme/packet_source.h"
+
+namespace gsve::programme {
+
+class FrameDecoder {
+public:
+    /// Sees packets on their way to the decoder, and may change them.
+    using PacketHook = std::function<void(AVPacket&)>;
+
+    /// Throws Failure where the decoder does not open.
+    FrameDecoder(PacketSource& source, const std::string& path);
+
+    void on_packet(PacketHook hook) { on_packet_ = std::move(hook); }
+
+    /// Decodes the next picture into frame(). Its pts is continuous in the stream's unit: small errors are
+    /// left to the rounding between two pictures, and where a broadcast's clock starts anew, time goes on.
+    /// False at the end, and where the stream cannot be decoded further, which problem() then explains.
+    bool next();
+
+    AVFrame& frame() const { return *frame_; }
+    uint64_t decoded() const { return decoded_; }      ///< pictures so far
+    bool decoded_all() const { return decoded_all_; }  ///< the decoder has given its last picture
+    const std::string& problem() const { return problem_; }
+    AVRational own_rate() const { return own_rate_; }
+
+    /// The time after the last picture, in the stream's unit.
+    int64_t end_time() const { return next_time_; }
+
+private:
+    bool feed();
+    int64_t continuous_time(const AVFrame& frame);
+    bool changes_shape(const AVFrame& frame);
+
+    /// What all pictures have in common.
+    struct Shape {
+        int width = 0, height = 0, format = AV_PIX_FMT_NONE;
+
+        friend bool operator==(const Shape&, const Shape&) = default;
+    };
+
+    PacketSource& source_;
+    AVRational own_rate_;
+    CodecContextPtr decoder_;
+    PacketPtr packet_;
+    FramePtr frame_;
+    PacketHook on_packet_;
+    Shape shape_;
+    uint64_t decoded_ = 0;
+    bool decoded_all_ = false;
+    int64_t next_time_ = 0;     ///< expected of the next picture
+    int64_t clock_offset_ = 0;  ///< added to the container's times since its clock was restarted
+    std::string problem_;
+};
+
+}  // namespace gsve::programme

@@ -1,0 +1,213 @@
+#include "programme/input.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <new>
+#include <stdexcept>
+#include <utility>
+
+#include <fmt/format.h>
+
+extern "C" {
+#include <libavutil/imgutils.h>
+#include <libavutil/timecode.h>
+}
+
+#include "encoding/error.h"
+#include "encoding/frame_rate.h"
+#include "programme/picture_rate.h"
+
+namespace gsve::programme {
+namespace {
+
+using captions::FrameRate;
+using encoding::PictureTimecode;
+
+// How far the packets are read ahead for the first caption. What has captions at all has them in every
+// picture, mostly idle ones, in broadcast; in files they may begin with the first words.
+constexpr double kLookAheadSeconds = 5;
+
+// What pictures decoded ahead of the encoder may take of the memory: a second of 1080p at 60 pictures/s is
+// 187 million bytes.
+constexpr size_t kMostBytesAhead = 512'000'000;
+
+/// Display aspect ratio of a picture, small enough that the encoder's products with the picture size fit 32
+/// bits. Sources that do not tell are taken to have square samples, as players do.
+AVRational display_aspect(const AVFrame& frame, const encoding::SourceDescription& format) {
+    constexpr int kMaxTerm = 65535;
+    const AVRational sample = frame.sample_aspect_ratio;
+    const AVRational known = is_rate(sample) ? sample : AVRational{1, 1};
+    AVRational display = {4, 3};
+    av_reduce(&display.num, &display.den, static_cast<int64_t>(format.width) * known.num,
+              static_cast<int64_t>(format.height) * known.den, kMaxTerm);
+    return display;
+}
+
+/// Nothing for a picture without one, and for one that is impossible at the rate.
+std::optional<PictureTimecode> timecode_of(const AVFrame& frame, FrameRate rate) try {
+    const bool on_i_picture = frame.pict_type == AV_PICTURE_TYPE_I;
+    char text[AV_TIMECODE_STR_SIZE] = {};
+    if (const AVFrameSideData* gop = av_frame_get_side_data(&frame, AV_FRAME_DATA_GOP_TIMECODE)) {
+        int64_t bits = 0;
+        std::memcpy(&bits, gop->data, sizeof bits);
+        av_timecode_make_mpeg_tc_string(text, static_cast<uint32_t>(bits));
+        return PictureTimecode{captions::parse_timecode(text, rate), true, on_i_picture};
+    }
+    if (const AVFrameSideData* smpte = av_frame_get_side_data(&frame, AV_FRAME_DATA_S12M_TIMECODE)) {
+        uint32_t words[2] = {};  // their number, and the first
+        std::memcpy(words, smpte->data, sizeof words);
+        if (words[0] == 0) return std::nullopt;
+        av_timecode_make_smpte_tc_string2(text, {rate.num, rate.den}, words[1], 0, 0);
+        return PictureTimecode{captions::parse_timecode(text, rate), false, on_i_picture};
+    }
+    return std::nullopt;
+} catch (const std::invalid_argument&) {
+    return std::nullopt;
+}
+
+}  // namespace
+
+encoding::PictureView Picture::view() const {
+    encoding::PictureView view;
+    for (int plane = 0; plane < 3; plane++) {
+        view.planes[plane] = frame->data[plane];
+        view.strides[plane] = static_cast<size_t>(frame->linesize[plane]);
+    }
+    view.number = number;
+    return view;
+}
+
+Input::Input(const std::string& path, const InputOptions& options, StopRequest stop)
+    : packets_(path, std::move(stop)), decoder_(packets_, path) {
+    if (packets_.format().nb_streams > 1)
+        notes_ += fmt::format("only video is carried: stream {} of {} is encoded\n", packets_.stream().index,
+                              packets_.format().nb_streams);
+    if (options.captions) {
+        caption_form_ = packets_.find_captions(kLookAheadSeconds);
+        captions_.emplace(caption_form_, packets_.codec().id, own_rate(), packets_.stream().time_base);
+        decoder_.on_packet([this](AVPacket& packet) { captions_->packet(packet); });
+    }
+    if (!decode()) throw Failure(fmt::format("{}: no picture could be decoded", path));
+    frame_waits_ = true;
+    note_first_timecode(decoder_.frame());
+    choose_rate(options);
+    converter_.emplace(decoder_.frame(), packets_.stream().time_base, own_rate(),
+                       Conversion{format_.frame_rate, options.chroma_format});
+    notes_ += converter_->notes();
+    if (!advance()) throw Failure(fmt::format("{}: no picture could be decoded", path));
+    describe_first();
+}
+
+void Input::choose_rate(const InputOptions& options) {
+    const bool variable = packets_.timed() && !has_constant_rate(packets_.stream());
+    format_.frame_rate = is_rate(options.frame_rate) ? options.frame_rate
+                         : variable                  ? encoding::broadcast_rate(own_rate())
+                                                     : own_rate();
+    if (!variable && av_cmp_q(format_.frame_rate, own_rate()) == 0) return;
+    notes_ += fmt::format(
+        "the frame rate is {}: made {:.3f} pictures/s by repeating or leaving out pictures\n",
+        variable ? "variable" : fmt::format("{:.3f}", av_q2d(own_rate())), av_q2d(format_.frame_rate));
+}
+
+void Input::note_first_timecode(const AVFrame& frame) {
+    for (const AVDictionary* metadata :
+         {frame.metadata, packets_.stream().metadata, packets_.format().metadata})
+        if (const AVDictionaryEntry* entry = av_dict_get(metadata, "timecode", nullptr, 0);
+            entry && timecode_.empty())
+            timecode_ = entry->value;
+}
+
+void Input::describe_first() {
+    const AVFrame& frame = *picture_.frame;
+    const AVPixFmtDescriptor* pixel = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame.format));
+    format_.chroma_shift_x = pixel->log2_chroma_w;
+    format_.chroma_shift_y = pixel->log2_chroma_h;
+    format_.interlaced =
+        picture_.field_order != 0 || packets_.stream().codecpar->field_order > AV_FIELD_PROGRESSIVE;
+
+    // Every codec may be asked to halve the chroma, and so wants whole pairs of samples and lines; with
+    // interlaced coding each field has its own pairs. What is left over goes from the right and the bottom.
+    const int columns = std::max(2, 1 << format_.chroma_shift_x);
+    const int lines = format_.interlaced ? 4 : 2;
+    format_.width = frame.width - frame.width % columns;
+    format_.height = frame.height - frame.height % lines;
+    if (format_.width <= 0 || format_.height <= 0)
+        throw Failure(fmt::format("a picture of {}x{} is too small to encode", frame.width, frame.height));
+    if (format_.width != frame.width || format_.height != frame.height)
+        notes_ += fmt::format("pictures are cropped from {}x{} to {}x{}: the codec takes even sizes{}\n",
+                              frame.width, frame.height, format_.width, format_.height,
+                              format_.interlaced ? ", in each field" : "");
+    picture_.display_aspect = display_aspect(frame, format_);
+}
+
+std::optional<Picture> Input::next() {
+    if (first_pending_)
+        first_pending_ = false;
+    else if (packets_.stopped() || !advance())
+        return std::nullopt;
+    picture_.number = produced_++;
+    return picture_;
+}
+
+std::optional<uint64_t> Input::expected_pictures() const {
+    if (packets_.stream().nb_frames > 0 && av_cmp_q(format_.frame_rate, own_rate()) == 0)
+        return packets_.stream().nb_frames;
+    const double seconds =
+        packets_.stream().duration > 0   ? packets_.stream().duration * av_q2d(packets_.stream().time_base)
+        : packets_.format().duration > 0 ? packets_.format().duration / static_cast<double>(AV_TIME_BASE)
+                                         : 0;
+    if (seconds <= 0) return std::nullopt;
+    return static_cast<uint64_t>(std::llround(seconds * av_q2d(format_.frame_rate)));
+}
+
+void Input::read_ahead(double seconds) {
+    const AVFrame& frame = *current_;
+    const int size =
+        av_image_get_buffer_size(static_cast<AVPixelFormat>(frame.format), frame.width, frame.height, 1);
+    const auto wanted = static_cast<size_t>(std::ceil(seconds * av_q2d(format_.frame_rate)));
+    pictures_ahead_ = std::min(wanted, kMostBytesAhead / static_cast<size_t>(std::max(size, 1)));
+}
+
+/// Makes the next picture the current one.
+bool Input::advance() {
+    while (!read_all_ && held_.size() <= pictures_ahead_) {
+        FramePtr frame = read_picture();
+        read_all_ = !frame;
+        if (frame) held_.push_back(std::move(frame));
+    }
+    if (held_.empty()) return false;
+    current_ = std::move(held_.front());
+    held_.pop_front();
+    picture_.frame = current_.get();
+    picture_.field_order = field_order(*current_);
+    picture_.display_aspect = display_aspect(*current_, format_);
+    picture_.timecode = timecode_of(*current_, encoding::caption_rate(own_rate()));
+    return true;
+}
+
+/// The next picture at the frame rate, or null.
+FramePtr Input::read_picture() {
+    FramePtr frame(av_frame_alloc());
+    if (!frame) throw std::bad_alloc();
+    for (;;) {
+        int result = converter_->receive(*frame);
+        if (result >= 0) return frame;
+        if (result != AVERROR(EAGAIN)) return nullptr;
+        result = decode() ? converter_->send(decoder_.frame()) : converter_->finish(decoder_.end_time());
+        if (result < 0) {
+            problem_ = fmt::format("cannot convert a picture: {}", av_error_text(result));
+            return nullptr;
+        }
+    }
+}
+
+/// Has the decoder hold the next picture.
+bool Input::decode() {
+    if (std::exchange(frame_waits_, false)) return true;
+    if (!decoder_.next()) return false;
+    if (captions_) captions_->frame(decoder_.frame());
+    return true;
+}
+
+}  // namespace gsve::programme

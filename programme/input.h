@@ -1,0 +1,116 @@
+#pragma once
+
+// A programme's pictures: any file that libavformat opens, decoded to planar 8-bit pictures of one size, one
+// chroma format and one frame rate, with what came beside them.
+
+#include <cstdint>
+#include <deque>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "encoding/picture_encoder.h"
+#include "encoding/timecode_track.h"
+#include "programme/av.h"
+#include "programme/caption_collector.h"
+#include "programme/frame_decoder.h"
+#include "programme/packet_source.h"
+#include "programme/picture_converter.h"
+
+namespace gsve::programme {
+
+struct InputOptions {
+    AVRational frame_rate = {0, 1};  ///< make the rate this one; 0 keeps the source's
+    std::string chroma_format;       ///< the encoder's setting: what other pixel formats are converted to
+    bool captions = false;           ///< collect the captions, and look whether there are any
+};
+
+/// One picture, in the order of display. The frame belongs to the input and is valid until its next one.
+struct Picture {
+    const AVFrame* frame = nullptr;
+    uint64_t number = 0;  ///< source frame number, from 0
+    AVRational display_aspect = {4, 3};
+    int field_order = 0;  ///< 0 progressive, 1 top field first, 2 bottom field first
+    std::optional<encoding::PictureTimecode> timecode;
+
+    encoding::PictureView view() const;
+};
+
+class Input {
+public:
+    /// Opens `path` and decodes its first picture. Throws Failure when there is none.
+    Input(const std::string& path, const InputOptions& options, StopRequest stop = {});
+
+    const encoding::SourceDescription& format() const { return format_; }
+
+    /// The first picture, which next() will return again.
+    const Picture& first() const { return picture_; }
+
+    /// The next picture; nothing at the end, after a request to stop, or when the input cannot go on, which
+    /// problem() then explains.
+    std::optional<Picture> next();
+
+    /// From the next picture on, decodes so far ahead of next(), and keeps the pictures for it; less where
+    /// they are so large that they would fill the memory.
+    void read_ahead(double seconds);
+
+    const std::string& problem() const { return problem_.empty() ? decoder_.problem() : problem_; }
+
+    /// What was changed or left out on the way, a line each.
+    const std::string& notes() const { return notes_; }
+
+    /// The rate of the pictures in the file.
+    AVRational own_rate() const { return decoder_.own_rate(); }
+
+    /// Whether the stream carries captions, idle ones included: anywhere in a file, or in the first five
+    /// seconds of what can be read only once.
+    bool has_captions() const { return caption_form_.has_value(); }
+
+    /// By how many frames at most the captions come after their pictures have been decoded.
+    int captions_behind() const { return captions_ ? captions_->behind() : 0; }
+
+    /// The captions that were decoded since the last call, in the order of their frames. They run ahead of
+    /// next() as the decoding does: those of the picture that it returned are always among them, but for what
+    /// captions_behind() tells.
+    std::vector<SourceCaptions> take_captions() {
+        return captions_ ? captions_->take() : std::vector<SourceCaptions>();
+    }
+
+    /// Whether the decoder has given its last picture.
+    bool decoded_all() const { return decoder_.decoded_all(); }
+
+    /// Time code of the first picture, as the stream or its container has it; empty: none.
+    const std::string& timecode() const { return timecode_; }
+
+    uint64_t decoded() const { return decoder_.decoded(); }  ///< pictures that came out of the decoder
+    std::optional<uint64_t> expected_pictures() const;       ///< as far as the container tells
+
+private:
+    void choose_rate(const InputOptions& options);
+    void describe_first();
+    bool advance();
+    FramePtr read_picture();
+    bool decode();
+    void note_first_timecode(const AVFrame& frame);
+
+    PacketSource packets_;
+    FrameDecoder decoder_;
+    std::optional<CaptionForm> caption_form_;
+    std::optional<CaptionCollector> captions_;  ///< where they are collected
+    bool frame_waits_ = false;                  ///< the decoder holds the first picture, not yet used
+    std::string timecode_;
+    std::string problem_;
+    std::string notes_;
+    encoding::SourceDescription format_;
+    std::optional<PictureConverter> converter_;
+
+    std::deque<FramePtr> held_;  ///< for the next calls of next()
+    FramePtr current_;           ///< the picture's
+    size_t pictures_ahead_ = 0;  ///< that are to be held
+    bool read_all_ = false;      ///< held_ has the last picture, or there is none
+    Picture picture_;
+    bool first_pending_ = true;
+    uint64_t produced_ = 0;
+};
+
+}  // namespace gsve::programme

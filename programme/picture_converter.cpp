@@ -1,0 +1,73 @@
+#include "programme/picture_converter.h"
+
+#include <new>
+#include <string_view>
+
+#include <fmt/format.h>
+
+#include "encoding/error.h"
+
+namespace gsve::programme {
+namespace {
+
+/// Formats that go to the encoder untouched. True 4:1:0 is not among them: the encoder's 4:1:0 has two luma
+/// lines to a chroma line, FFmpeg's has four. 4:1:1 needs a chroma format to be encoded in: no codec has it.
+bool taken_as_it_is(int format, const std::string& chroma_format) {
+    return format == AV_PIX_FMT_YUV420P || format == AV_PIX_FMT_YUV422P || format == AV_PIX_FMT_YUV444P ||
+           (format == AV_PIX_FMT_YUV411P && !chroma_format.empty());
+}
+
+/// What everything else is converted to: the chroma format that will be encoded.
+const char* conversion_target(std::string_view chroma_format) {
+    if (chroma_format == "4:4:4") return "yuv444p";
+    if (chroma_format == "4:2:2") return "yuv422p";
+    return "yuv420p";
+}
+
+}  // namespace
+
+PictureConverter::PictureConverter(const AVFrame& first, AVRational time_base, AVRational own_rate,
+                                   const Conversion& conversion) {
+    // Containers also call a rate constant that is not, and any picture may last for three fields or two
+    // frames.
+    std::string filters = fmt::format("fps={}/{}", conversion.frame_rate.num, conversion.frame_rate.den);
+    if (!taken_as_it_is(first.format, conversion.chroma_format)) {
+        const char* target = conversion_target(conversion.chroma_format);
+        filters += fmt::format(",scale=interl=-1,format={}", target);
+        notes_ = fmt::format("pictures are converted from {} to {}\n",
+                             av_get_pix_fmt_name(static_cast<AVPixelFormat>(first.format)), target);
+    }
+    build(filters, first, time_base, own_rate);
+}
+
+void PictureConverter::build(const std::string& filters, const AVFrame& first, AVRational time_base,
+                             AVRational frame_rate) {
+    graph_.reset(avfilter_graph_alloc());
+    if (!graph_) throw std::bad_alloc();
+    in_ = avfilter_graph_alloc_filter(graph_.get(), avfilter_get_by_name("buffer"), "in");
+    AVBufferSrcParameters* parameters = av_buffersrc_parameters_alloc();
+    if (!in_ || !parameters) throw std::bad_alloc();
+    describe_frames(*parameters, first, time_base, frame_rate);
+    int error = av_buffersrc_parameters_set(in_, parameters);
+    av_free(parameters);
+    if (error >= 0) error = avfilter_init_str(in_, nullptr);
+    if (error >= 0)
+        error = avfilter_graph_create_filter(&out_, avfilter_get_by_name("buffersink"), "out", nullptr,
+                                             nullptr, graph_.get());
+    if (error >= 0) {
+        // Seen from the description: its open input is our source's output, and the other way round.
+        FilterPadsPtr outputs(avfilter_inout_alloc()), inputs(avfilter_inout_alloc());
+        if (!outputs || !inputs) throw std::bad_alloc();
+        *outputs = {av_strdup("in"), in_, 0, nullptr};
+        *inputs = {av_strdup("out"), out_, 0, nullptr};
+        AVFilterInOut* open_outputs = outputs.release();
+        AVFilterInOut* open_inputs = inputs.release();
+        error = avfilter_graph_parse_ptr(graph_.get(), filters.c_str(), &open_inputs, &open_outputs, nullptr);
+        outputs.reset(open_outputs);
+        inputs.reset(open_inputs);
+    }
+    if (error >= 0) error = avfilter_graph_config(graph_.get(), nullptr);
+    if (error < 0) throw Failure(fmt::format("cannot convert the pictures: {}", av_error_text(error)));
+}
+
+}  // namespace gsve::programme

@@ -1,0 +1,21 @@
+#pragma once
+
+// The closing account of an encoding, for a reader and as JSON.
+
+#include <string>
+
+#include "programme/encode_result.h"
+
+namespace gsve::report {
+
+/// What did not come through of the captions, and what to do about it: a line each.
+std::string caption_losses(const programme::EncodeResult& result);
+
+std::string summary_text(const programme::EncodeResult& result);
+
+/// The encoder's status pairs, a line each.
+std::string status_text(const programme::EncodeResult& result);
+
+std::string encode_json(const programme::EncodeResult& result);
+
+}  // namespace gsve::report

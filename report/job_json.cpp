@@ -1,0 +1,115 @@
+#include "report/job_json.h"
+
+#include <algorithm>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "encoding/error.h"
+
+namespace gsve::report {
+namespace {
+
+using programme::EncodeJob;
+using Json = nlohmann::ordered_json;
+
+/// The bytes of a file name that is no UTF-8 text would not come back.
+const std::string& text(const std::string& value, std::string_view what) {
+    try {
+        (void)Json(value).dump();
+    } catch (const Json::exception&) {
+        throw UsageError(fmt::format("the {} has bytes that are no UTF-8 text: rename it", what));
+    }
+    return value;
+}
+
+/// An object whose members are all to be read.
+class Members {
+public:
+    Members(const Json& object, std::string_view name) : object_(object), name_(name) {
+        if (!object.is_object()) throw UsageError(fmt::format("{} is no JSON object", name));
+    }
+
+    template <class Value>
+    void read(const char* key, Value& value) {
+        keys_.emplace_back(key);
+        const auto member = object_.find(key);
+        if (member == object_.end()) throw UsageError(fmt::format("{} lacks \"{}\"", name_, key));
+        try {
+            member->get_to(value);
+        } catch (const Json::exception&) {
+            throw UsageError(fmt::format("\"{}\" of {} is of another kind", key, name_));
+        }
+    }
+
+    const Json& at(const char* key) {
+        Json value;
+        read(key, value);
+        return object_.at(key);
+    }
+
+    void expect_no_more() const {
+        for (const auto& [key, value] : object_.items())
+            if (std::find(keys_.begin(), keys_.end(), key) == keys_.end())
+                throw UsageError(fmt::format("{} has an unknown \"{}\"", name_, key));
+    }
+
+private:
+    const Json& object_;
+    std::string_view name_;
+    std::vector<std::string> keys_;
+};
+
+}  // namespace
+
+std::string job_json(const EncodeJob& job) {
+    Json settings = Json::array();
+    for (const auto& [key, value] : job.settings) settings.push_back({key, text(value, "setting " + key)});
+    Json files = Json::array();
+    for (const std::string& file : job.captions.files) files.push_back(text(file, "caption file's name"));
+    const Json json = {
+        {"input", text(job.input, "input's name")},
+        {"output", text(job.output, "output's name")},
+        {"settings", settings},
+        {"decided", job.decided},
+        {"frame_rate", job.frame_rate},
+        {"captions",
+         {{"carry_over", job.captions.carry_over},
+          {"files", files},
+          {"field", job.captions.field},
+          {"rows", job.captions.rows ? Json(*job.captions.rows) : Json()},
+          {"start", job.captions.start},
+          {"scte20", job.captions.scte20}}},
+        {"timecode", job.timecode},
+        {"adapt", job.adapt},
+        {"threads", job.threads},
+    };
+    return json.dump(2) + "\n";
+}
+
+EncodeJob parse_job(std::string_view json) {
+    const Json parsed = Json::parse(json, nullptr, false);
+    if (parsed.is_discarded()) throw UsageError("the job is no JSON");
+    EncodeJob job;
+    Members members(parsed, "the job");
+    members.read("input", job.input);
+    members.read("output", job.output);
+    members.read("settings", job.settings);
+    members.read("decided", job.decided);
+    members.read("frame_rate", job.frame_rate);
+    Members captions(members.at("captions"), "\"captions\"");
+    captions.read("carry_over", job.captions.carry_over);
+    captions.read("files", job.captions.files);
+    captions.read("field", job.captions.field);
+    if (Json rows = captions.at("rows"); !rows.is_null()) captions.read("rows", job.captions.rows.emplace());
+    captions.read("start", job.captions.start);
+    captions.read("scte20", job.captions.scte20);
+    captions.expect_no_more();
+    members.read("timecode", job.timecode);
+    members.read("adapt", job.adapt);
+    members.read("threads", job.threads);
+    members.expect_no_more();
+    return job;
+}
+
+}  // namespace gsve::report

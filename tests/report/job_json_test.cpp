@@ -1,0 +1,100 @@
+// Jobs as JSON: what is written comes back, and what is not a job is refused with what is wrong.
+
+#include "report/job_json.h"
+
+#include <functional>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "encoding/error.h"
+
+namespace gsve::report {
+namespace {
+
+using programme::EncodeJob;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+EncodeJob full_job() {
+    EncodeJob job;
+    job.input = "a \"film\".mov";
+    job.output = "süß.ts";
+    job.settings = {{"enable", "1"}, {"bitrate", "4000000"}, {"bitrate", "5000000"}, {"chroma format", ""}};
+    job.decided = {"bitrate", "chroma format"};
+    job.frame_rate = "30000/1001";
+    job.captions = {.carry_over = false,
+                    .files = {"one.scc", "two.srt"},
+                    .field = 2,
+                    .rows = 3,
+                    .start = "01:00:00:00",
+                    .scte20 = true};
+    job.timecode = "10:00:00;02";
+    job.adapt = true;
+    job.threads = 2;
+    return job;
+}
+
+/// The error with which a changed job is refused.
+std::string error_after(const std::function<void(nlohmann::json&)>& change) {
+    nlohmann::json json = nlohmann::json::parse(job_json(full_job()));
+    change(json);
+    try {
+        parse_job(json.dump());
+    } catch (const UsageError& error) {
+        return error.what();
+    }
+    return "accepted";
+}
+
+TEST(JobJson, BringsEveryMemberBack) {
+    EXPECT_EQ(parse_job(job_json(full_job())), full_job());
+    EXPECT_EQ(parse_job(job_json({})), EncodeJob());
+}
+
+TEST(JobJson, KeepsTheOrderOfSettingsThatRepeatAKey) {
+    EXPECT_EQ(parse_job(job_json(full_job())).settings, full_job().settings);
+}
+
+TEST(JobJson, RefusesWhatIsNoJob) {
+    for (const char* text : {"", "{", "[]", "7"}) EXPECT_THROW(parse_job(text), UsageError) << text;
+}
+
+TEST(JobJson, NamesEveryMemberThatIsMissing) {
+    const auto whole = nlohmann::json::parse(job_json(full_job()));
+    for (const auto& [key, value] : whole.items())
+        EXPECT_EQ(error_after([&](nlohmann::json& job) { job.erase(key); }), "the job lacks \"" + key + "\"");
+    for (const auto& [key, value] : whole["captions"].items())
+        EXPECT_EQ(error_after([&](nlohmann::json& job) { job["captions"].erase(key); }),
+                  "\"captions\" lacks \"" + key + "\"");
+}
+
+TEST(JobJson, NamesAMemberOfAnotherKind) {
+    EXPECT_EQ(error_after([](nlohmann::json& job) { job["threads"] = "two"; }),
+              "\"threads\" of the job is of another kind");
+    EXPECT_EQ(error_after([](nlohmann::json& job) { job["settings"] = {{"a"}}; }),
+              "\"settings\" of the job is of another kind");
+    EXPECT_EQ(error_after([](nlohmann::json& job) { job["captions"]["rows"] = "x"; }),
+              "\"rows\" of \"captions\" is of another kind");
+}
+
+TEST(JobJson, NamesAMemberThatNobodyKnows) {
+    EXPECT_EQ(error_after([](nlohmann::json& job) { job["bitrate"] = 1; }), "the job has an unknown \"bitrate\"");
+    EXPECT_EQ(error_after([](nlohmann::json& job) { job["captions"]["file"] = 1; }),
+              "\"captions\" has an unknown \"file\"");
+}
+
+TEST(JobJson, RefusesAFileNameThatWouldNotComeBack) {
+    EncodeJob job = full_job();
+    job.input = "\xFF.mov";
+    try {
+        job_json(job);
+        FAIL() << "a byte that is no text was written";
+    } catch (const UsageError& error) {
+        EXPECT_THAT(error.what(), HasSubstr("input's name"));
+    }
+}
+
+}  // namespace
+}  // namespace gsve::report
