@@ -85,11 +85,10 @@ void add_encode(CLI::App& app, Command& command) {
             "Print the encoder's status pairs as text, or everything as json")
         ->check(CLI::IsMember(kReports));
     encode_app->add_flag("-y,--overwrite", options->overwrite, "Overwrite OUTPUT");
-    encode_app->add_flag(
-        "-q,--quiet", options->quiet,
-        "No notes, progress or summary; errors, and what the encoder and libx265 print themselves, "
-        "remain");
-    encode_app->add_flag("-v,--verbose", options->verbose, "Show what the codecs report");
+    encode_app->add_flag("-q,--quiet", options->quiet, "No notes, progress or summary; errors remain");
+    encode_app->add_flag("-v,--verbose", options->verbose,
+                         "Show what the encoder and the codecs report, as it comes; else it is shown where "
+                         "the encoding fails");
     encode_app->callback([options, &command] { command = [options] { return encode(*options); }; });
 }
 
@@ -104,6 +103,7 @@ void add_inspect(CLI::App& app, Command& command) {
     inspect_app->add_option("--field", options->scc_field, "The field to write: 1 (default) or 2")
         ->check(CLI::IsMember({1, 2}))
         ->needs(scc);
+    inspect_app->add_flag("-y,--overwrite", options->overwrite, "Overwrite the file of --scc")->needs(scc);
     inspect_app->add_flag("--pictures", options->pictures, "List every GOP and picture");
     inspect_app->callback([options, &command] { command = [options] { return inspect(*options); }; });
 }

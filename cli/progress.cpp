@@ -7,6 +7,8 @@
 
 #include <fmt/format.h>
 
+#include "cli/standard_error.h"
+
 namespace gsve::cli {
 namespace {
 
@@ -20,10 +22,10 @@ std::string minutes(double seconds) {
 }  // namespace
 
 Progress::Progress(bool wanted, std::optional<uint64_t> expected)
-    : shown_(wanted && isatty(STDERR_FILENO)), expected_(expected) {}
+    : shown_(wanted && isatty(fileno(user_stream()))), expected_(expected) {}
 
 Progress::~Progress() {
-    if (drawn_) fmt::print(stderr, "{}", kEraseLine);
+    if (drawn_) fmt::print(user_stream(), "{}", kEraseLine);
 }
 
 double Progress::elapsed_seconds() const {
@@ -31,7 +33,7 @@ double Progress::elapsed_seconds() const {
 }
 
 void Progress::show(const programme::Tally& tally) {
-    // Until the first unit is out, there is nothing to tell, and codecs explain themselves.
+    // Until the first unit is out, there is nothing to tell.
     if (!shown_ || tally.units == 0 || Clock::now() < next_) return;
     next_ = Clock::now() + std::chrono::milliseconds(100);
 
@@ -42,9 +44,9 @@ void Progress::show(const programme::Tally& tally) {
         left = fmt::format("  {:3}%  left {}", 100 * tally.pictures / *expected_,
                            minutes(static_cast<double>(*expected_ - tally.pictures) / rate));
     // The cursor goes back to the start of the line, for a diagnostic that may come next.
-    fmt::print(stderr, "{}picture {}  {:.1f} pictures/s  {:.2f}x  {:.2f} Mbit/s{}\r", kEraseLine,
+    fmt::print(user_stream(), "{}picture {}  {:.1f} pictures/s  {:.2f}x  {:.2f} Mbit/s{}\r", kEraseLine,
                tally.pictures, rate, tally.seconds() / elapsed, tally.mean_bit_rate() / 1e6, left);
-    std::fflush(stderr);
+    std::fflush(user_stream());
     drawn_ = true;
 }
 

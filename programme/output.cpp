@@ -11,6 +11,7 @@
 
 #include "encoding/error.h"
 #include "programme/file_name.h"
+#include "programme/output_file.h"
 
 namespace gsve::programme {
 namespace {
@@ -23,11 +24,6 @@ constexpr std::array kFormats = {
     OutputFormat{".mkv", "", "matroska"},
 };
 
-/// `error` is one of FFmpeg's, which for the system's are errno, negated.
-[[noreturn]] void fail_to_write(const std::string& path, int error) {
-    throw Failure(fmt::format("cannot write {}: {}; {}", path, av_error_text(error), writing_advice(error)));
-}
-
 std::string lower_case(std::string text) {
     for (char& letter : text) letter = static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
     return text;
@@ -37,36 +33,37 @@ std::string lower_case(std::string text) {
 class ElementaryStreamFile final : public Output {
 public:
     explicit ElementaryStreamFile(const std::string& path)
-        : path_(path), file_(std::fopen(path.c_str(), "wb")) {
-        if (!file_) fail_to_write(path_, AVERROR(errno));
+        : output_(path), file_(std::fopen(output_.written_path().c_str(), "wb")) {
+        if (!file_) fail_to_write(output_.path(), AVERROR(errno));
     }
 
     void write(const encoding::EncodedUnit& unit) override {
         if (std::fwrite(unit.bytes.data(), 1, unit.bytes.size(), file_.get()) != unit.bytes.size())
-            fail_to_write(path_, AVERROR(errno));
+            fail_to_write(output_.path(), AVERROR(errno));
     }
 
     void finish() override {
-        if (std::fclose(file_.release()) != 0) fail_to_write(path_, AVERROR(errno));
+        if (std::fclose(file_.release()) != 0) fail_to_write(output_.path(), AVERROR(errno));
+        output_.commit();
     }
 
 private:
     struct Close {
         void operator()(std::FILE* file) const { std::fclose(file); }
     };
-    std::string path_;
+    OutputFile output_;
     std::unique_ptr<std::FILE, Close> file_;
 };
 
 class Container final : public Output {
 public:
     Container(const std::string& muxer, const std::string& path, const encoding::PictureEncoder& encoder)
-        : path_(path),
+        : file_(path),
           picture_duration_(encoder.frame_rate_divider),
           source_time_base_{encoder.frame_rate_den, encoder.frame_rate_num},
           packet_(av_packet_alloc()) {
         AVFormatContext* context = nullptr;
-        const std::string url = file_url(path);
+        const std::string url = file_url(file_.written_path());
         check(avformat_alloc_output_context2(&context, nullptr, muxer.c_str(), url.c_str()));
         output_.reset(context);
         add_stream(encoder);
@@ -92,6 +89,7 @@ public:
     void finish() override {
         check(av_write_trailer(output_.get()));
         check(avio_closep(&output_->pb));
+        file_.commit();
     }
 
 private:
@@ -112,10 +110,10 @@ private:
     }
 
     void check(int result) const {
-        if (result < 0) fail_to_write(path_, result);
+        if (result < 0) fail_to_write(file_.path(), result);
     }
 
-    std::string path_;
+    OutputFile file_;
     int64_t picture_duration_;
     AVRational source_time_base_;
     PacketPtr packet_;

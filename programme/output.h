@@ -32,7 +32,8 @@ public:
     virtual ~Output() = default;
     virtual void write(const encoding::EncodedUnit& unit) = 0;
 
-    /// Completes the file. Without it the file stays incomplete.
+    /// Completes the file, which then appears under its name. Without it, there is none: a file that was
+    /// there before is as it was.
     virtual void finish() = 0;
 };
 

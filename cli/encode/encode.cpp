@@ -1,6 +1,5 @@
 #include "cli/encode/encode.h"
 
-#include <filesystem>
 #include <optional>
 
 #include <fmt/format.h>
@@ -10,7 +9,9 @@ extern "C" {
 }
 
 #include "cli/exit_status.h"
+#include "cli/overwriting.h"
 #include "cli/progress.h"
+#include "cli/standard_error.h"
 #include "cli/stop.h"
 #include "encoding/error.h"
 #include "encoding/settings.h"
@@ -43,29 +44,27 @@ std::string choose_codec(const EncodeOptions& options, const std::vector<KeyValu
     return codec;
 }
 
-void check_overwriting(const EncodeOptions& options) {
-    std::error_code absent;
-    if (!options.overwrite && std::filesystem::is_regular_file(options.output, absent))
-        throw UsageError(fmt::format("{} exists: give -y to overwrite it", options.output));
-}
-
 /// The person who waits at the terminal.
 class Terminal final : public programme::Observer {
 public:
-    explicit Terminal(bool quiet) : quiet_(quiet) {}
+    Terminal(bool quiet, HeldDiagnostics* held) : quiet_(quiet), held_(held) {}
 
     void note(std::string_view lines) override {
-        if (!quiet_) fmt::print(stderr, "{}", lines);
+        if (!quiet_) fmt::print(user_stream(), "{}", lines);
     }
-    void warn(std::string_view line) override { fmt::print(stderr, "gsve: {}\n", line); }
+    void warn(std::string_view line) override { fmt::print(user_stream(), "gsve: {}\n", line); }
     void begin(std::optional<uint64_t> pictures) override { progress_.emplace(!quiet_, pictures); }
-    void progress(const programme::Tally& tally) override { progress_->show(tally); }
+    void progress(const programme::Tally& tally) override {
+        progress_->show(tally);
+        if (held_) held_->limit();
+    }
     int stop_reason() override { return stop_signal(); }
 
     void end_progress() { progress_.reset(); }
 
 private:
     bool quiet_;
+    HeldDiagnostics* held_;
     std::optional<Progress> progress_;
 };
 
@@ -76,6 +75,18 @@ void print_results(const EncodeOptions& options, const EncodeResult& result) {
     }
     if (!options.quiet) fmt::print("{}", report::summary_text(result));
     if (options.report == Report::kText) fmt::print("{}", report::status_text(result));
+}
+
+/// Encodes, and tells of it.
+int encode(const programme::EncodeJob& job, const EncodeOptions& options, Terminal& terminal) {
+    const EncodeResult result = encode_programme(job, terminal);
+    terminal.end_progress();
+    if (!result.stopped_by) terminal.note(report::caption_losses(result));
+    print_results(options, result);
+
+    if (!result.problem.empty()) throw Failure(result.problem);
+    check_complete(result.tally);
+    return result.stopped_by ? kExitSignal + result.stopped_by : 0;
 }
 
 }  // namespace
@@ -100,18 +111,20 @@ int encode(const EncodeOptions& options) {
     av_log_set_level(options.verbose ? AV_LOG_INFO : AV_LOG_ERROR);
     const programme::EncodeJob job = job_of(options);
     check(job);
-    check_overwriting(options);
+    check_overwriting(options.output, options.overwrite);
 
     catch_stop_signals();
-    Terminal terminal(options.quiet);
-    const EncodeResult result = encode_programme(job, terminal);
-    terminal.end_progress();
-    if (!result.stopped_by) terminal.note(report::caption_losses(result));
-    print_results(options, result);
-
-    if (!result.problem.empty()) throw Failure(result.problem);
-    check_complete(result.tally);
-    return result.stopped_by ? kExitSignal + result.stopped_by : 0;
+    clean_up_on_fatal_signals();
+    std::optional<HeldDiagnostics> held;
+    if (!options.verbose) held.emplace();
+    Terminal terminal(options.quiet, held ? &*held : nullptr);
+    try {
+        return encode(job, options, terminal);
+    } catch (...) {
+        terminal.end_progress();
+        if (held) held->show();
+        throw;
+    }
 }
 
 }  // namespace gsve::cli

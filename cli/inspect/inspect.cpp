@@ -1,16 +1,15 @@
 #include "cli/inspect/inspect.h"
 
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <memory>
 
 #include <fmt/format.h>
 
 #include "captions/scc.h"
+#include "cli/overwriting.h"
 #include "encoding/error.h"
 #include "programme/caption_inventory.h"
+#include "programme/output_file.h"
 #include "programme/stream_inspection.h"
 #include "report/inspection_report.h"
 
@@ -21,13 +20,7 @@ void check_scc_output(const InspectOptions& options) {
     std::error_code absent;
     if (std::filesystem::equivalent(options.input, options.scc, absent))
         throw UsageError("the SCC file is the input itself: name another");
-}
-
-void write_file(const std::string& path, const std::string& text) {
-    std::FILE* file = std::fopen(path.c_str(), "wb");
-    const bool written = file && std::fwrite(text.data(), 1, text.size(), file) == text.size();
-    const bool closed = file && std::fclose(file) == 0;
-    if (!written || !closed) throw Failure(fmt::format("cannot write {}: {}", path, std::strerror(errno)));
+    check_overwriting(options.scc, options.overwrite);
 }
 
 /// Of the carriage that receivers prefer.
@@ -35,7 +28,7 @@ void write_scc_file(const InspectOptions& options, const programme::InspectedStr
                     const programme::CaptionInventory& captions) {
     captions::Schedule schedule{stream.rate, {}, {}};
     if (!captions.carriages.empty()) schedule = captions.carriages.front().schedule;
-    write_file(options.scc, captions::write_scc(schedule, options.scc_field - 1, {}));
+    programme::write_file(options.scc, captions::write_scc(schedule, options.scc_field - 1, {}));
 }
 
 }  // namespace

@@ -259,7 +259,7 @@ TEST_F(InspectCommand, WritesTheBytePairsAsScc) {
                 captions::merge(pop_on({cue(1000, 1500, "Written"), cue(1600, 2200, "twice")}, 0),
                                 pop_on({cue(1100, 1900, "In field two")}, 1));
             const std::string scc = directory / "out.scc";
-            inspect(write(options), {"--scc", scc, "--field", std::to_string(field + 1)});
+            inspect(write(options), {"-y", "--scc", scc, "--field", std::to_string(field + 1)});
             captions::Report report;
             captions::SccReadOptions read;
             read.field = field;
@@ -340,6 +340,17 @@ TEST_F(InspectCommand, SaysThatThereAreNoCaptions) {
     const std::string scc = directory / "none.scc";
     EXPECT_EQ(run({"inspect", path, "--scc", scc}).status, 0);
     EXPECT_EQ(read_file(scc), "Scenarist_SCC V1.0\n");
+}
+
+TEST_F(InspectCommand, OverwritesAnSccFileOnlyOnRequest) {
+    const std::string path = write({}), scc = directory / "old.scc";
+    std::ofstream(scc) << "old";
+    const ProgramResult refused = run({"inspect", path, "--scc", scc});
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_THAT(refused.err, HasSubstr(scc + " exists: give -y to overwrite it"));
+    EXPECT_EQ(read_file(scc), "old");
+    EXPECT_EQ(run({"inspect", path, "--scc", scc, "-y"}).status, 0);
+    EXPECT_TRUE(read_file(scc).starts_with("Scenarist_SCC V1.0\n"));
 }
 
 TEST_F(InspectCommand, ReportsDamagedPicturesOrFailsInOneLine) {
