@@ -2,13 +2,13 @@
 
 #include <algorithm>
 
+#include "parity.h"
 #include "text_file.h"
 
 namespace gsve::captions {
 
 namespace {
 
-constexpr std::uint8_t kSolidBlock = 0x7F;
 constexpr std::uint8_t kLastExtendedDataCode = 0x0F;
 
 bool is_tab(Word word) {
@@ -44,29 +44,25 @@ void Eia608Decoder::feed(std::int64_t frame, int index, Word word) {
     field.newest_control = 0;
     if (is_null(word)) return;
 
-    const bool first_good = has_odd_parity(static_cast<std::uint8_t>(word >> 8));
-    const bool second_good = has_odd_parity(static_cast<std::uint8_t>(word & 0xFF));
-    const bool damaged = !first_good || !second_good;
-    parity_errors_ += damaged;
+    const Word taken = received(word, repeated);
+    parity_errors_ += !has_parity(word);
+    if (is_null(taken)) return;
 
-    if (is_control(word)) {
-        if (damaged) return;
+    if (is_control(taken)) {
         field.in_extended_data = false;
-        if (word == repeated) return;
-        field.newest_control = word;
-        control(frame, index, word);
+        if (taken == repeated) return;
+        field.newest_control = taken;
+        control(frame, index, taken);
         return;
     }
-    if (index == 1 && first_good && first_byte(word) > 0 && first_byte(word) <= kLastExtendedDataCode) {
+    if (index == 1 && first_byte(taken) > 0 && first_byte(taken) <= kLastExtendedDataCode) {
         services_.extended_data = true;
-        field.in_extended_data = first_byte(word) != kLastExtendedDataCode;
+        field.in_extended_data = first_byte(taken) != kLastExtendedDataCode;
         return;
     }
     if (field.in_extended_data) return;
     const int channel = index * 2 + field.channel;
-    const std::uint8_t bytes[] = {first_good ? first_byte(word) : kSolidBlock,
-                                  second_good ? second_byte(word) : kSolidBlock};
-    for (const std::uint8_t byte : bytes)
+    for (const std::uint8_t byte : {first_byte(taken), second_byte(taken)})
         if (byte >= 0x20) put(frame, channel, basic_character(byte));
 }
 

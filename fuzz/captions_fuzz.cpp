@@ -11,6 +11,7 @@
 #include "captions/dtvcc.h"
 #include "captions/eia608_decoder.h"
 #include "captions/mcc.h"
+#include "captions/parity.h"
 #include "captions/pop_on.h"
 #include "captions/repacer.h"
 #include "captions/scc.h"
@@ -237,14 +238,20 @@ void read_scte20(Input& input) {
 
 void read_byte_pairs(Input& input, uint8_t options) {
     Eia608Decoder decoder(kRates[options & 7]);
+    ParityRepair parity(kRates[options & 7]), again(kRates[options & 7]);
     std::int64_t frame = 0;
     while (!input.empty()) {
         const uint8_t gap = input.u8();
         frame += gap & 3;
-        const Word word = input.u16();
         // Most pairs with parity, or nothing would come of them.
-        decoder.feed(frame, gap >> 2 & 1, gap & 0xF0 ? with_parity(word) : word);
+        const Word any = input.u16(), word = gap & 0xF0 ? with_parity(any) : any;
+        const int field = gap >> 2 & 1;
+        decoder.feed(frame, field, word);
+        const Word taken = parity.repair(field, word);
+        GSVE_FUZZ_REQUIRE(has_parity(taken) && (!has_parity(word) || taken == word));
+        GSVE_FUZZ_REQUIRE(again.repair(field, taken) == taken);
     }
+    GSVE_FUZZ_REQUIRE(!again.damage().any());
     for (const TimedText& caption : decoder.finish(frame)) {
         GSVE_FUZZ_REQUIRE(caption.begin <= caption.end && !caption.rows.empty() && !caption.text().empty());
         for (const std::string& row : caption.rows)
