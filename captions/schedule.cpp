@@ -10,10 +10,16 @@ namespace {
 
 struct BudgetBand {
     double lowest_rate;
-    int cea708_constructs;
+    int cc_count;
+    int cea708_constructs;  // EIA-608 takes the rest
 };
-// cc_count of the rate (10, 12, 20, 24, 25) less the constructs that carry EIA-608.
-constexpr BudgetBand kBudgetBands[] = {{59.0, 9}, {49.0, 11}, {29.0, 18}, {24.9, 22}, {0.0, 23}};
+constexpr BudgetBand kBudgetBands[] = {
+    {59.0, 10, 9}, {49.0, 12, 11}, {29.0, 20, 18}, {24.9, 24, 22}, {0.0, 25, 23}};
+
+const BudgetBand& band_of(FrameRate rate) {
+    return *std::find_if(std::begin(kBudgetBands), std::end(kBudgetBands) - 1,
+                         [&](const BudgetBand& b) { return rate.per_second() >= b.lowest_rate; });
+}
 
 constexpr int kHighestRateWithBothFields = 39;
 
@@ -40,10 +46,10 @@ Schedule merge(const Schedule& a, const Schedule& b) {
     return {a.rate, merge_events(a.eia608, b.eia608), merge_events(a.cea708, b.cea708)};
 }
 
+int cc_count(FrameRate rate) { return band_of(rate).cc_count; }
+
 PictureBudget picture_budget(FrameRate rate) {
-    const auto band = std::find_if(std::begin(kBudgetBands), std::end(kBudgetBands) - 1,
-                                   [&](BudgetBand b) { return rate.per_second() >= b.lowest_rate; });
-    return {rate.num / rate.den > kHighestRateWithBothFields, band->cea708_constructs};
+    return {rate.num / rate.den > kHighestRateWithBothFields, band_of(rate).cea708_constructs};
 }
 
 }  // namespace gsve::captions

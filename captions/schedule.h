@@ -30,6 +30,14 @@ struct Cea708Construct {
 inline constexpr std::uint8_t kHeaderDtvccData = 0xFE;
 inline constexpr std::uint8_t kHeaderDtvccStart = 0xFF;
 
+/// A byte pair and the field that carries it.
+struct FieldPair {
+    std::uint8_t field;
+    Word word;
+
+    friend bool operator==(const FieldPair&, const FieldPair&) = default;
+};
+
 /// What one source picture carries, in order. Null pairs may be present; they are slack.
 struct PictureCaptions {
     std::vector<Word> fields[2];
@@ -77,6 +85,9 @@ struct PictureBudget {
     bool alternating_fields;
     int cea708_constructs;
 };
+
+/// Constructs in each picture's cc_data at a rate: the caption channel has 9600 bit/s.
+int cc_count(FrameRate rate);
 
 /// The budget at an effective rate, which is the source rate over the frame-rate divider.
 PictureBudget picture_budget(FrameRate rate);

@@ -190,6 +190,24 @@ void read_cues(const std::string& text, uint8_t options, bool webvtt) {
 
 // ---- Data -----------------------------------------------------------------------------------------------
 
+/// What is composed of a picture's captions is read back as they were, but for parity.
+void check_composed(const PictureCaptions& captions, int spare) {
+    std::vector<FieldPair> pairs;
+    PictureCaptions expected{{}, captions.cea708};
+    for (uint8_t field = 0; field < 2; field++)
+        for (const Word word : captions.fields[field]) {
+            pairs.push_back({field, word});
+            expected.fields[field].push_back(with_parity(word));
+        }
+    const size_t used = pairs.size() + captions.cea708.size();
+    if (used > size_t{kMaximumCcCount}) return;
+    const int count = std::min(static_cast<int>(used) + spare, kMaximumCcCount);
+    const std::vector<uint8_t> triples = compose_cc_data(pairs, captions.cea708, count);
+    GSVE_FUZZ_REQUIRE(triples.size() == 3 * static_cast<size_t>(count));
+    GSVE_FUZZ_REQUIRE(parse_cc_data(triples).captions == expected);
+    GSVE_FUZZ_REQUIRE(compose_atsc1_data(triples).size() == 8 + triples.size());
+}
+
 /// A cc_data block, or the part of one that lies in a caption distribution packet, of each of a few pictures.
 void read_cc_data(Input& input, uint8_t options) {
     Schedule schedule{kRates[options & 7], {}, {}};
@@ -199,6 +217,7 @@ void read_cc_data(Input& input, uint8_t options) {
         const Bytes triples = input.bytes(input.u8() % 100);
         const CcData cc = parse_cc_data(triples);
         GSVE_FUZZ_REQUIRE(cc.truncated == (triples.size() % 3 != 0));
+        check_composed(cc.captions, options >> 6);
         append(schedule, frame, cc.captions);
     }
     use(schedule, kRates[options >> 3 & 7]);

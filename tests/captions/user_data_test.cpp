@@ -37,6 +37,96 @@ TEST(CcData, SetsMarkerBitsThatASourceLeftOut) {
 
 TEST(CcData, AcceptsNothing) { EXPECT_TRUE(parse_cc_data({}).captions.empty()); }
 
+using Bytes = std::vector<std::uint8_t>;
+
+// `padding` triples behind the others.
+Bytes padded(Bytes triples, int padding) {
+    for (int n = 0; n < padding; ++n) triples.insert(triples.end(), {0xFA, 0x00, 0x00});
+    return triples;
+}
+
+TEST(ComposeCcData, PutsBytePairsBeforeConstructsAndPadsToTheCount) {
+    const std::vector<FieldPair> pairs{{0, 0x9420}, {1, 0xC1C2}};
+    const std::vector<Cea708Construct> cea708{{0xFF, 0x03, 0x24}, {0xFE, 0x48, 0x49}};
+    EXPECT_EQ(compose_cc_data(pairs, cea708, 25),
+              padded({0xFC, 0x94, 0x20, 0xFD, 0xC1, 0xC2, 0xFF, 0x03, 0x24, 0xFE, 0x48, 0x49}, 21));
+    EXPECT_EQ(compose_cc_data(pairs, cea708, 4),
+              padded({0xFC, 0x94, 0x20, 0xFD, 0xC1, 0xC2, 0xFF, 0x03, 0x24, 0xFE, 0x48, 0x49}, 0));
+}
+
+TEST(ComposeCcData, KeepsTheOrderOfThreeBytePairs) {
+    const std::vector<FieldPair> pairs{{1, 0xC1C2}, {0, 0x9420}, {1, 0x4380}};
+    EXPECT_EQ(compose_cc_data(pairs, {}, 10),
+              padded({0xFD, 0xC1, 0xC2, 0xFC, 0x94, 0x20, 0xFD, 0x43, 0x80}, 7));
+}
+
+TEST(ComposeCcData, SetsParityAndSendsNullPairsForNone) {
+    const std::vector<FieldPair> pairs{{0, 0x1420}, {1, 0}};
+    EXPECT_EQ(compose_cc_data(pairs, {}, 2), (Bytes{0xFC, 0x94, 0x20, 0xFD, 0x80, 0x80}));
+}
+
+TEST(ComposeCcData, LeavesOutOtherConstructsThanDtvcc) {
+    const std::vector<Cea708Construct> cea708{{0xFC, 0x94, 0x20}, {0xFD, 1, 2}, {0xFA, 3, 4}, {0xFE, 5, 6}};
+    EXPECT_EQ(compose_cc_data({}, cea708, 2), padded({0xFE, 5, 6}, 1));
+}
+
+TEST(ComposeCcData, LeavesOutWhatIsMoreThanTheCount) {
+    const std::vector<FieldPair> pairs{{0, 0x9420}, {1, 0xC1C2}};
+    const std::vector<Cea708Construct> many(40, Cea708Construct{0xFE, 1, 2});
+    EXPECT_EQ(compose_cc_data(pairs, {}, 1), (Bytes{0xFC, 0x94, 0x20}));
+    EXPECT_EQ(compose_cc_data(pairs, many, 3), (Bytes{0xFC, 0x94, 0x20, 0xFD, 0xC1, 0xC2, 0xFE, 1, 2}));
+    EXPECT_EQ(compose_cc_data(pairs, many, 40).size(), 3U * 31);
+    EXPECT_TRUE(compose_cc_data(pairs, many, -1).empty());
+}
+
+TEST(ComposeCcData, IsReadBackAtEveryRate) {
+    std::mt19937 random(53);
+    for (const FrameRate rate : {kRate23_976, kRate24, kRate25, kRate29_97, kRate50, kRate59_94}) {
+        std::vector<FieldPair> pairs{{0, with_parity(static_cast<Word>(random()))},
+                                     {1, with_parity(static_cast<Word>(random()))}};
+        std::vector<Cea708Construct> cea708;
+        for (int n = 0; n < cc_count(rate) - 2; ++n)
+            cea708.push_back({static_cast<std::uint8_t>(random() % 2 ? 0xFE : 0xFF),
+                              static_cast<std::uint8_t>(random()), static_cast<std::uint8_t>(random())});
+        const CcData read = parse_cc_data(compose_cc_data(pairs, cea708, cc_count(rate)));
+        EXPECT_EQ(read.captions, (PictureCaptions{{{pairs[0].word}, {pairs[1].word}}, cea708}));
+        EXPECT_FALSE(read.truncated);
+    }
+}
+
+TEST(ComposeAtsc1Data, LaysOutTheUserDataOfTheStandard) {
+    EXPECT_EQ(compose_atsc1_data(Bytes{0xFC, 0x94, 0x20, 0xFA, 0x00, 0x00}),
+              (Bytes{'G', 'A', '9', '4', 0x03, 0xC2, 0xFF, 0xFC, 0x94, 0x20, 0xFA, 0x00, 0x00, 0xFF}));
+    EXPECT_EQ(compose_atsc1_data({}), (Bytes{'G', 'A', '9', '4', 0x03, 0xC0, 0xFF, 0xFF}));
+}
+
+TEST(ComposeAtsc1Data, TakesAsManyWholeTriplesAsItCanCount) {
+    const Bytes many(3 * 40 + 1, 0xFF);
+    const Bytes body = compose_atsc1_data(many);
+    EXPECT_EQ(body[5], 0xC0 | 31);
+    EXPECT_EQ(body.size(), 8U + 3 * 31);
+    EXPECT_EQ(compose_atsc1_data(Bytes{0xFE, 1, 2, 0xFE}),
+              (Bytes{'G', 'A', '9', '4', 0x03, 0xC1, 0xFF, 0xFE, 1, 2, 0xFF}));
+}
+
+// What the encoder itself writes for a picture at 24 Hz with a pair of each field and two constructs. It
+// leaves the reserved bits 0; all the rest has to be the same, so that pictures with two pairs and with three
+// look alike to a receiver.
+TEST(ComposeAtsc1Data, DiffersFromTheEncodersOwnAt24PicturesPerSecondInReservedBitsAlone) {
+    Bytes encoders = padded({'G', 'A', '9', '4', 0x03, 0x59, 0x00, 0xFC, 0x94, 0x20, 0xFD, 0xC1, 0xC2, 0xFF,
+                             0x03, 0x24, 0xFE, 0x48, 0x49},
+                            21);
+    encoders.push_back(0xFF);
+    const std::vector<FieldPair> pairs{{0, 0x1420}, {1, 0x4142}};
+    const std::vector<Cea708Construct> cea708{{0xFF, 0x03, 0x24}, {0xFE, 0x48, 0x49}};
+    const Bytes composed = compose_atsc1_data(compose_cc_data(pairs, cea708, cc_count(kRate23_976)));
+    EXPECT_EQ(composed[5], encoders[5] | 0x80);
+    EXPECT_EQ(composed[6], 0xFF);
+    encoders[5] = composed[5];
+    encoders[6] = composed[6];
+    EXPECT_EQ(composed, encoders);
+}
+
 TEST(Schedule, LeavesNullPairsOutAndPutsParityRight) {
     Schedule schedule;
     append(schedule, 7, PictureCaptions{{{0x8080, 0x1420}, {0x0000}}, {{0xFE, 1, 2}}});
@@ -57,6 +147,7 @@ struct BudgetCase {
     FrameRate rate;
     bool alternating;
     int constructs;
+    int cc_count;
 };
 
 class Budget : public testing::TestWithParam<BudgetCase> {};
@@ -65,16 +156,18 @@ TEST_P(Budget, FollowsTheRate) {
     const PictureBudget budget = picture_budget(GetParam().rate);
     EXPECT_EQ(budget.alternating_fields, GetParam().alternating);
     EXPECT_EQ(budget.cea708_constructs, GetParam().constructs);
+    EXPECT_EQ(cc_count(GetParam().rate), GetParam().cc_count);
 }
 
-INSTANTIATE_TEST_SUITE_P(Schedule, Budget,
-                         testing::Values(BudgetCase{kRate23_976, false, 23}, BudgetCase{kRate24, false, 23},
-                                         BudgetCase{{249, 10}, false, 22}, BudgetCase{kRate25, false, 22},
-                                         BudgetCase{{29, 1}, false, 18}, BudgetCase{kRate29_97, false, 18},
-                                         BudgetCase{{399, 10}, false, 18}, BudgetCase{{40, 1}, true, 18},
-                                         BudgetCase{{49, 1}, true, 11}, BudgetCase{kRate50, true, 11},
-                                         BudgetCase{{59, 1}, true, 9}, BudgetCase{kRate59_94, true, 9},
-                                         BudgetCase{{120, 1}, true, 9}, BudgetCase{{12, 1}, false, 23}));
+INSTANTIATE_TEST_SUITE_P(
+    Schedule, Budget,
+    testing::Values(BudgetCase{kRate23_976, false, 23, 25}, BudgetCase{kRate24, false, 23, 25},
+                    BudgetCase{{249, 10}, false, 22, 24}, BudgetCase{kRate25, false, 22, 24},
+                    BudgetCase{{29, 1}, false, 18, 20}, BudgetCase{kRate29_97, false, 18, 20},
+                    BudgetCase{{399, 10}, false, 18, 20}, BudgetCase{{40, 1}, true, 18, 20},
+                    BudgetCase{{49, 1}, true, 11, 12}, BudgetCase{kRate50, true, 11, 12},
+                    BudgetCase{{59, 1}, true, 9, 10}, BudgetCase{kRate59_94, true, 9, 10},
+                    BudgetCase{{120, 1}, true, 9, 10}, BudgetCase{{12, 1}, false, 23, 25}));
 
 // 1000000 1 | 00010 | 00 01 01011 rrrrrrrr rrrrrrrr 1 | 00 10 01011 ... 1 | 0000 | zero bits, with the bytes
 // of 94 20 (reversed 29 04) and 15 2c (reversed a8 34).
