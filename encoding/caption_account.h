@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "captions/parity.h"
+
 namespace gsve::encoding {
 
 /// A file's or an input's captions, counted in EIA-608 byte pairs (idle ones not counted) and CEA-708
@@ -45,8 +47,9 @@ struct CaptionAccount {
     CaptionCount without_form;         ///< the stream has no form for them, by its codec or settings
     CaptionCount expired;              ///< their pictures stayed in the codec for too long, or never left it
     uint64_t pairs_after_last_cc = 0;  ///< "CC" user data ends before the last pictures: pairs not in it
-    uint64_t delayed_pairs = 0;  ///< of those carried: not on the first picture that could have had them
-    double largest_delay = 0;    ///< seconds after that picture, of the latest pair or construct
+    uint64_t delayed_pairs = 0;     ///< of those carried: not on the first picture that could have had them
+    double largest_delay = 0;       ///< seconds after that picture, of the latest pair or construct
+    captions::ParityDamage parity;  ///< byte pairs of the input with an error, as receivers take them
     std::map<std::string, size_t> warnings;  ///< about files, by kind: how many captions or places
 };
 

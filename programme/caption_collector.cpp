@@ -9,7 +9,12 @@ namespace gsve::programme {
 
 CaptionCollector::CaptionCollector(std::optional<CaptionForm> form, AVCodecID codec, AVRational rate,
                                    AVRational time_base)
-    : form_(form), codec_(codec), rate_(rate), time_base_(time_base), cc_in_use_(form == CaptionForm::kCc) {}
+    : form_(form),
+      codec_(codec),
+      rate_(rate),
+      time_base_(time_base),
+      parity_({rate.num, rate.den}),
+      cc_in_use_(form == CaptionForm::kCc) {}
 
 int CaptionCollector::behind() const {
     // "CC" comes after as many frames, and the pictures that a decoder reorders. Else, a picture that begins
@@ -60,7 +65,7 @@ void CaptionCollector::add_cc_run(const CcRun& run) {
 
 void CaptionCollector::add(int64_t frame, captions::PictureCaptions captions) {
     newest_frame_ = std::max(frame, newest_frame_);
-    captions_.push_back({newest_frame_, std::move(captions)});
+    captions_.push_back({newest_frame_, parity_.repair(std::move(captions))});
 }
 
 }  // namespace gsve::programme

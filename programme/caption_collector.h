@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "captions/parity.h"
 #include "captions/schedule.h"
 #include "programme/av.h"
 #include "programme/caption_packets.h"
@@ -35,8 +36,12 @@ public:
     /// pause.
     void frame(const AVFrame& frame);
 
-    /// The captions collected since the last call, in the order of their frames.
+    /// The captions collected since the last call, in the order of their frames. Damaged byte pairs are what
+    /// a receiver makes of them.
     std::vector<SourceCaptions> take() { return std::exchange(captions_, {}); }
+
+    /// The byte pairs that came with wrong parity so far.
+    const captions::ParityDamage& parity_damage() const { return parity_.damage(); }
 
 private:
     void add(int64_t frame, captions::PictureCaptions captions);
@@ -47,6 +52,7 @@ private:
     AVRational rate_;
     AVRational time_base_;
     CaptionFormFilter filter_;
+    captions::ParityRepair parity_;
     CcClock cc_clock_;
     bool cc_in_use_;
     bool three_fields_ = false;  ///< a picture has been shown for as long

@@ -13,7 +13,8 @@ namespace {
 /// Collects what one carriage brings, picture by picture.
 class CarriageReader {
 public:
-    CarriageReader(std::string name, std::string where, captions::FrameRate rate) : decoder_(rate) {
+    CarriageReader(std::string name, std::string where, captions::FrameRate rate)
+        : decoder_(rate), parity_(rate) {
         carriage_.name = std::move(name);
         carriage_.where = std::move(where);
         carriage_.schedule.rate = rate;
@@ -35,7 +36,7 @@ public:
                 carriage_.parity_errors += !captions::is_null(word) && !captions::has_parity(word);
                 decoder_.feed(frame, field, word);
             }
-        captions::append(carriage_.schedule, frame, words);
+        captions::append(carriage_.schedule, frame, parity_.repair(words));
     }
 
     void finish(int64_t pictures, bool in_every_picture, std::vector<CaptionCarriage>& carriages) {
@@ -44,12 +45,14 @@ public:
         carriage_.texts = decoder_.finish(pictures);
         carriage_.text_rows = decoder_.text_rows();
         carriage_.services = decoder_.services();
+        carriage_.parity_damage = parity_.damage();
         carriages.push_back(std::move(carriage_));
     }
 
 private:
     CaptionCarriage carriage_;
     captions::Eia608Decoder decoder_;
+    captions::ParityRepair parity_;
     int64_t gaps_ = 0;
 };
 

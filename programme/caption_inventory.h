@@ -10,6 +10,7 @@
 
 #include "captions/dtvcc.h"
 #include "captions/eia608_decoder.h"
+#include "captions/parity.h"
 #include "captions/schedule.h"
 #include "programme/stream_inspection.h"
 
@@ -26,8 +27,9 @@ struct CaptionCarriage {
         gaps;               ///< A/53, which goes with every picture: runs of pictures without it between
     int64_t pairs = 0;      ///< byte pairs that are not null
     int parity_errors = 0;  ///< of these, with a byte of even parity
+    captions::ParityDamage parity_damage;  ///< what receivers make of those
     captions::Line21Services services;
-    captions::Schedule schedule;  ///< parity put right
+    captions::Schedule schedule;  ///< as receivers take the pairs
     std::vector<captions::TimedText> texts;
     std::vector<captions::TextRow> text_rows;
 };

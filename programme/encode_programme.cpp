@@ -247,6 +247,7 @@ EncodeResult ProgrammeEncoding::result() {
     result.repeatable = repeats_its_bytes(encoder_, result.adapts_to_load);
     result.captions = captions_->account(encoder_.input_frame_count);
     result.captions.source = caption_source_;
+    result.captions.parity = input_.parity_damage();
     result.captions.warnings = count_warnings(caption_report_);
     if (forms_.cc) result.captions.pairs_after_last_cc = encoder_.pairs_after_last_cc();
     result.timecode = first_timecode_;

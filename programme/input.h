@@ -76,6 +76,11 @@ public:
         return captions_ ? captions_->take() : std::vector<SourceCaptions>();
     }
 
+    /// The captions' byte pairs that came with wrong parity so far.
+    captions::ParityDamage parity_damage() const {
+        return captions_ ? captions_->parity_damage() : captions::ParityDamage();
+    }
+
     /// Whether the decoder has given its last picture.
     bool decoded_all() const { return decoder_.decoded_all(); }
 

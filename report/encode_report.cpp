@@ -81,6 +81,9 @@ nlohmann::ordered_json captions_json(const CaptionAccount& account) {
             {"pairs_after_last_cc", account.pairs_after_last_cc},
             {"delayed_pairs", account.delayed_pairs},
             {"largest_delay", account.largest_delay},
+            {"parity",
+             {{"control_pairs_dropped", account.parity.control_pairs},
+              {"characters_replaced", account.parity.characters}}},
             {"warnings", account.warnings}};
 }
 
@@ -141,6 +144,10 @@ std::string summary_text(const EncodeResult& result) {
         text += fmt::format("  captions  {} from the {}, {} late, at most {:.2f} s\n",
                             count_text(result.captions.carried), result.captions.source,
                             result.captions.delayed_pairs, result.captions.largest_delay);
+    if (result.captions.parity.any())
+        text +=
+            fmt::format("  parity    {} control pairs of the input dropped, {} characters shown as blocks\n",
+                        result.captions.parity.control_pairs, result.captions.parity.characters);
     if (!result.timecode.empty()) text += fmt::format("  timecode  from {}\n", result.timecode);
     if (result.source_pictures)
         text += fmt::format("  source    {} pictures, before the frame rate was made constant\n",

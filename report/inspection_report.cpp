@@ -103,6 +103,11 @@ std::string carriage_line(const CaptionCarriage& carriage, const CaptionCarriage
     if (carriage.gaps) text += ", " + counted(*carriage.gaps, "gap", "gaps");
     text += fmt::format("; {}, {}", counted(carriage.pairs, "byte pair", "byte pairs"),
                         counted(carriage.parity_errors, "parity error", "parity errors"));
+    if (const captions::ParityDamage& damage = carriage.parity_damage; damage.any())
+        text +=
+            fmt::format(" ({} ignored, {} shown as blocks)",
+                        counted(static_cast<int64_t>(damage.control_pairs), "control pair", "control pairs"),
+                        counted(static_cast<int64_t>(damage.characters), "character", "characters"));
     if (&carriage != &preferred)
         text += same_texts(carriage, preferred) ? fmt::format("; same captions as {}", preferred.name)
                                                 : fmt::format("; captions differ from {}", preferred.name);
@@ -244,6 +249,8 @@ Json carriages_json(const InspectedStream& stream, const CaptionInventory& capti
         if (carriage.gaps) entry["gaps"] = *carriage.gaps;
         entry["byte_pairs"] = carriage.pairs;
         entry["parity_errors"] = carriage.parity_errors;
+        entry["control_pairs_ignored"] = carriage.parity_damage.control_pairs;
+        entry["characters_replaced"] = carriage.parity_damage.characters;
         entry["services"] = service_names(carriage.services);
         entry["captions"] = captions_json(stream, carriage);
         entry["texts"] = text_rows_json(stream, carriage);

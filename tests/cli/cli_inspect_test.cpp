@@ -327,6 +327,10 @@ TEST_F(InspectCommand, CountsParityErrorsAndGaps) {
     write_bytes(path, bytes);
     const json a53 = inspect(path)["line21"][0];
     EXPECT_EQ(a53["parity_errors"], 1);
+    EXPECT_EQ(a53["control_pairs_ignored"], 0);
+    EXPECT_EQ(a53["characters_replaced"], 1);
+    EXPECT_THAT(run({"inspect", path}).out,
+                HasSubstr("1 parity error (no control pairs ignored, 1 character shown as blocks)"));
     EXPECT_EQ(a53["gaps"], 2) << "that one, and the drained pictures before the last one shown";
 }
 
@@ -340,6 +344,35 @@ TEST_F(InspectCommand, SaysThatThereAreNoCaptions) {
     const std::string scc = directory / "none.scc";
     EXPECT_EQ(run({"inspect", path, "--scc", scc}).status, 0);
     EXPECT_EQ(read_file(scc), "Scenarist_SCC V1.0\n");
+}
+
+TEST_F(InspectCommand, EncodesDamagedPairsAsReceiversTakeThem) {
+    // The first of the two "display now" pairs, 94 2F, and the first letter of the text lose a bit.
+    CaptionedStreamOptions options;
+    options.schedule = pop_on({cue(1000, 1500, "Parity")}, 0);
+    const std::string path = write(options), out = directory / "out.m2v";
+    std::string bytes = read_file(path);
+    const size_t command = bytes.find("\xFC\x94\x2F"), letter = bytes.find("\xFC\xD0\x61");
+    ASSERT_NE(command, bytes.npos);
+    ASSERT_NE(letter, bytes.npos);
+    bytes[command + 2] = '\x2E';
+    bytes[letter + 1] = '\x50';
+    write_bytes(path, bytes);
+
+    const ProgramResult result = run({"encode", path, out, "--report", "json"});
+    ASSERT_EQ(result.status, 0) << result.err;
+    const json parity = json::parse(result.out)["captions"]["parity"];
+    EXPECT_EQ(parity["control_pairs_dropped"], 1);
+    EXPECT_EQ(parity["characters_replaced"], 1);
+    EXPECT_THAT(
+        run({"encode", path, out, "-y"}).out,
+        HasSubstr("  parity    1 control pairs of the input dropped, 1 characters shown as blocks\n"));
+    const json before = inspect(path)["line21"][0], after = inspect(out)["line21"][0];
+    EXPECT_EQ(before["parity_errors"], 2);
+    EXPECT_EQ(after["parity_errors"], 0);
+    EXPECT_EQ(lines_of(after["captions"]), lines_of(before["captions"]))
+        << "a receiver sees what it saw before";
+    EXPECT_THAT(lines_of(after["captions"]).at(0), HasSubstr("\u2588arity"));
 }
 
 TEST_F(InspectCommand, OverwritesAnSccFileOnlyOnRequest) {
