@@ -110,9 +110,8 @@ void deinterlace_adaptive_ours(const AVFrame& to, const AVFrame& from) {
     map_motion(map.get(), from);
     for (int plane = 0; plane < 3; ++plane) {
         const uint8_t shift = plane != 0;
-        const unsigned rows = motion_map_rows(height >> shift, 1, shift);
         deinterlace_plane_adaptive(plane_of(*geometry, to, from, plane),
-                                   {map.get(), macroblocks(width), rows, shift, shift});
+                                   {map.get(), macroblocks(width), shift, shift});
     }
 }
 

@@ -137,12 +137,14 @@ void scale_planes(Input& input) {
             "basic deinterlacer", plane, to.width,
             [&](const PlaneOperations& form, const PlaneScaling& p) { form.deinterlace_basic(p); });
 
-    const unsigned cols = input.between(1, 40), rows = input.between(1, 40);
-    const auto shift_x = static_cast<uint8_t>(input.u8() % 6), shift_y = static_cast<uint8_t>(input.u8() % 6);
-    const Block flags(size_t{cols} * rows);
+    MotionMap map{nullptr, input.between(0, 40), 0, 0};
+    map.shift_x = static_cast<uint8_t>(input.u8() % 6);
+    map.shift_y = static_cast<uint8_t>(input.u8() % 6);
+    const Block flags(map_reach(map, {plane.to_width, plane.to_height, plane.x_step, plane.y_step,
+                                      plane.src_width, plane.src_height}));
     Noise noise(input.u16());
     for (size_t i = 0; i < flags.size(); i++) flags.data()[i] = noise() % 3 == 0;
-    const MotionMap map{input.u8() % 16 == 0 ? nullptr : flags.data(), cols, rows, shift_x, shift_y};
+    if (input.u8() % 16 != 0) map.flags = flags.data();
     compare("adaptive deinterlacer", plane, whole_groups(to.width),
             [&](const PlaneOperations& form, const PlaneScaling& p) { form.deinterlace_adaptive(p, map); });
 }

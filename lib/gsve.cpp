@@ -1252,10 +1252,9 @@ void Encoder::do_resize_yuv_plane_deinterlace_adaptive_mode4(
     uint8_t* dY, size_t dY_stride, const uint8_t* sY, size_t sY_stride, unsigned to_width, unsigned to_height,
     unsigned x_step, unsigned y_step, unsigned src_width, unsigned src_height, int, uint8_t* motion_map,
     unsigned mb_cols, uint8_t map_shift_x, uint8_t map_shift_y) {
-    const unsigned mb_rows = detail::motion_map_rows(src_height, input_chroma_shift_y, map_shift_y);
     detail::deinterlace_plane_adaptive(
         {dY, dY_stride, sY, sY_stride, to_width, to_height, x_step, y_step, src_width, src_height},
-        {motion_map, mb_cols, mb_rows, map_shift_x, map_shift_y});
+        {motion_map, mb_cols, map_shift_x, map_shift_y});
 }
 
 void Encoder::resize_input_to_output_deinterlace_adaptive_mode4(const uint8_t* y, size_t y_stride,
@@ -1264,18 +1263,26 @@ void Encoder::resize_input_to_output_deinterlace_adaptive_mode4(const uint8_t* y
                                                                 unsigned width, unsigned height, int field) {
     const auto geometry = detail::cell_aligned(source_format(*this, width, height), output_format(*this));
     if (!geometry) return;
-    const std::unique_ptr<uint8_t[]> map(new (std::nothrow) uint8_t[detail::motion_map_size(width, height)]);
+    // The map shifts are the output's subsampling, also where the input's differs.
+    const unsigned mb_cols = detail::macroblocks(width);
+    const auto shift_x = static_cast<uint8_t>(output_chroma_shift_x);
+    const auto shift_y = static_cast<uint8_t>(output_chroma_shift_y);
+
+    // Where chroma is subsampled less than these say, its operation reads on past the map's last row. What it
+    // finds there is what the last row holds: blocks on the picture's edge, which count as combed.
+    const size_t blocks = detail::motion_map_size(width, height);
+    const size_t size =
+        std::max(blocks, detail::map_reach({nullptr, mb_cols, shift_x, shift_y}, geometry->chroma));
+    const std::unique_ptr<uint8_t[]> map(new (std::nothrow) uint8_t[size]);
     if (!map) return;  // the working planes keep the picture before
     detail::build_motion_map(map.get(), y, y_stride, width, height);
-    const unsigned mb_cols = detail::macroblocks(width);
+    std::memset(map.get() + blocks, 1, size - blocks);
     scale_planes(*this, {{y, u, v}, {y_stride, u_stride, v_stride}}, *geometry,
                  [&](const detail::PlaneScaling& p, bool is_chroma) {
-                     // The map shifts are the output's subsampling, also where the input's differs.
                      do_resize_yuv_plane_deinterlace_adaptive_mode4(
                          p.dst, p.dst_stride, p.src, p.src_stride, p.to_width, p.to_height, p.x_step,
                          p.y_step, p.src_width, p.src_height, field, map.get(), mb_cols,
-                         static_cast<uint8_t>(is_chroma ? output_chroma_shift_x : 0),
-                         static_cast<uint8_t>(is_chroma ? output_chroma_shift_y : 0));
+                         is_chroma ? shift_x : uint8_t{0}, is_chroma ? shift_y : uint8_t{0});
                  });
 }
 

@@ -204,10 +204,11 @@ public:
                                                                 unsigned width, unsigned height, int field);
 
     /// Scales one plane with the three-line blend where `motion_map` flags combing and plain interpolation
-    /// elsewhere. The map has one byte per 16 by 16 luma block of the source, `mb_cols` to a row; its rows
-    /// are those of a source whose plane has `src_height` lines, by the input's chroma shift where
-    /// `map_shift_y` is not 0. `map_shift_x` and `map_shift_y` are the plane's subsampling against the map.
-    /// Rows are written up to a multiple of 8 samples.
+    /// elsewhere. The map has one byte per 16 by 16 luma block of the source, `mb_cols` to a row.
+    /// `map_shift_x` and `map_shift_y` are the plane's subsampling against the map: each group of 8 output
+    /// samples takes the flag at (y >> (4 - map_shift_y)) * mb_cols + (x >> (4 - map_shift_x)), where x and y
+    /// are the source position of its first sample. Nothing bounds this: the map has to reach as far. Without
+    /// a map no block is combed. Rows are written up to a multiple of 8 samples.
     virtual void do_resize_yuv_plane_deinterlace_adaptive_mode4(
         uint8_t* dY, size_t dY_stride, const uint8_t* sY, size_t sY_stride, unsigned to_width,
         unsigned to_height, unsigned x_step, unsigned y_step, unsigned src_width, unsigned src_height,

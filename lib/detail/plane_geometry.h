@@ -234,46 +234,49 @@ constexpr unsigned macroblocks(uint64_t samples) {
     return static_cast<unsigned>((samples + kMacroblock - 1) / kMacroblock);
 }
 
-/// A motion map as one plane sees it: a flag per luma macroblock, row by row, non-zero where it is combed.
-/// `shift_x` and `shift_y` are the plane's subsampling against the map, 0 for luma.
+/// A motion map as one plane sees it: a flag per luma macroblock, `cols` to a row, non-zero where it is
+/// combed. `shift_x` and `shift_y` are the plane's subsampling against the map, 0 for luma. Nothing here
+/// knows where the map ends: map_reach() tells how far a plane reads.
 struct MotionMap {
     const uint8_t* flags;
     unsigned cols;
-    unsigned rows;
     uint8_t shift_x;
     uint8_t shift_y;
 };
 
-/// Rows of the map of a picture, told from one of its planes: the map itself says only how wide it is.
-/// A plane with a map shift of 0 reads one map row for 16 of its own lines and so never passes the end of a
-/// map that has a row for each; a chroma plane's lines have to be brought back to luma lines by the shift of
-/// the *input*, which is what `src_height` was made with and which may differ from the map shift.
-constexpr unsigned motion_map_rows(unsigned src_height, unsigned input_chroma_shift_y, unsigned map_shift_y) {
-    const unsigned shift = map_shift_y == 0 ? 0 : geometry::shift_of(input_chroma_shift_y);
-    return macroblocks(static_cast<uint64_t>(src_height) << shift);
-}
-
 constexpr unsigned map_shift(uint8_t plane_shift) { return 4u - std::min<unsigned>(plane_shift, 4); }
 
-/// The map row of an output row. Where the shift leads past the map, its last row holds.
+/// The map row of an output row.
 constexpr unsigned map_row(const MotionMap& map, uint32_t position) {
-    return std::min(whole_lines(position) >> map_shift(map.shift_y), map.rows - 1);
+    return whole_lines(position) >> map_shift(map.shift_y);
 }
 
-/// The map column of the group of 8 output samples number `group`, by the position of its first sample.
+/// The map column of the group of 8 output samples number `group`, by the position of its first sample. One
+/// that lies past the row's end is a block of the rows below.
 constexpr unsigned map_column(const MotionMap& map, unsigned group, unsigned x_step) {
     const uint32_t position = group * (8 * x_step);
-    return std::min((position >> 16) >> map_shift(map.shift_x), map.cols - 1);
+    return (position >> 16) >> map_shift(map.shift_x);
 }
 
 /// True where `map` can be read at all; without a map every block is static.
-constexpr bool has_blocks(const MotionMap& map) {
-    return map.flags != nullptr && map.cols != 0 && map.rows != 0;
-}
+constexpr bool has_blocks(const MotionMap& map) { return map.flags != nullptr; }
 
 /// The width that the adaptive deinterlacer writes: whole groups of 8 samples.
 constexpr uint64_t whole_groups(unsigned to_width) {
     return (static_cast<uint64_t>(to_width) + 7) & ~uint64_t{7};
+}
+
+/// Bytes of its map that a plane reads at most: one more than the largest index.
+constexpr size_t map_reach(const MotionMap& map, const PlaneGeometry& plane) {
+    // A position that leaves 32 bits comes round: any may have been passed.
+    const auto furthest = [](uint64_t count, uint64_t step) {
+        const uint64_t steps = std::max<uint64_t>(count, 1) - 1;
+        return static_cast<uint32_t>(std::min<uint64_t>(steps * step, UINT32_MAX)) >> 16;
+    };
+    const size_t row = furthest(plane.to_height, plane.y_step) >> map_shift(map.shift_y);
+    const size_t column =
+        furthest(whole_groups(plane.to_width) / 8, uint64_t{8} * plane.x_step) >> map_shift(map.shift_x);
+    return row * map.cols + column + 1;
 }
 
 }  // namespace gsve::detail

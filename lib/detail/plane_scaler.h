@@ -111,8 +111,8 @@ inline void deinterlace_plane_basic(const PlaneScaling& plane) {
 
 /// Scales one plane with the three-line blend in the macroblocks that `map` flags and between two lines
 /// elsewhere. Rows are written in whole groups of 8 samples: up to 7 beyond `to_width`, for which the last
-/// row needs room too. Without a map (no flags, columns or rows) every macroblock is static. A plane without
-/// samples is left alone.
+/// row needs room too. The map is read as far as map_reach() tells; without one (no flags) every macroblock
+/// is static. A plane without samples is left alone.
 inline void deinterlace_plane_adaptive(const PlaneScaling& plane, const MotionMap& map) {
     if (has_samples(plane)) plane_operations().deinterlace_adaptive(plane, map);
 }

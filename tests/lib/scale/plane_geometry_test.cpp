@@ -180,37 +180,68 @@ TEST(SampleWalk, WrapsItsSumAt32Bits) {
 
 TEST(RowPosition, WrapsAt32Bits) { EXPECT_EQ(row_position(3, 0x80000000), 0x80000000u); }
 
-TEST(MotionMapRows, FollowTheInputsSubsampling) {
-    EXPECT_EQ(motion_map_rows(1080, 1, 0), 68u);  // luma
-    EXPECT_EQ(motion_map_rows(540, 1, 1), 68u);   // 4:2:0 to 4:2:0
-    EXPECT_EQ(motion_map_rows(1080, 0, 1), 68u);  // 4:2:2 to 4:2:0
-    EXPECT_EQ(motion_map_rows(1, 1, 1), 1u);
-}
-
-TEST(MotionMapRows, ReachTheRowThatEveryLineLiesIn) {
-    for (unsigned height = 2; height < 100; ++height) {  // 4:2:0 to 4:2:0: never held back by the map's end
-        const MotionMap map{nullptr, 1, motion_map_rows(height / 2, 1, 1), 1, 1};
-        EXPECT_LE(map.rows, macroblocks(height));
-        EXPECT_EQ(map_row(map, (height / 2 - 1) << 16), (height / 2 - 1) / 8);
-    }
-}
-
-TEST(MapRow, HoldsTheLastRowWhereTheShiftLeadsPastIt) {
-    const MotionMap map{nullptr, 4, 3, 1, 1};
-    EXPECT_EQ(map_row(map, at(0)), 0u);
-    EXPECT_EQ(map_row(map, at(8)), 1u);
-    EXPECT_EQ(map_row(map, at(23)), 2u);
-    EXPECT_EQ(map_row(map, at(47)), 2u);
+TEST(MapRow, IsNotHeldBackByAnything) {
+    const MotionMap luma{nullptr, 4, 0, 0}, chroma{nullptr, 4, 1, 1};
+    EXPECT_EQ(map_row(luma, at(15)), 0u);
+    EXPECT_EQ(map_row(luma, at(16)), 1u);
+    EXPECT_EQ(map_row(luma, at(65535)), 4095u);
+    EXPECT_EQ(map_row(chroma, at(0)), 0u);
+    EXPECT_EQ(map_row(chroma, at(8)), 1u);
+    EXPECT_EQ(map_row(chroma, at(23)), 2u);
+    EXPECT_EQ(map_row(chroma, at(47)), 5u);
+    EXPECT_EQ(map_row(MotionMap{nullptr, 4, 9, 9}, at(700)), 700u);
 }
 
 TEST(MapColumn, FollowsTheFirstSampleOfTheGroup) {
-    const MotionMap luma{nullptr, 4, 3, 0, 0}, chroma{nullptr, 4, 3, 1, 1};
+    const MotionMap luma{nullptr, 4, 0, 0}, chroma{nullptr, 4, 1, 1};
     EXPECT_EQ(map_column(luma, 1, 65536), 0u);
     EXPECT_EQ(map_column(luma, 2, 65536), 1u);
     EXPECT_EQ(map_column(luma, 1, 131072), 1u);
-    EXPECT_EQ(map_column(luma, 100, 65536), 3u);
+    EXPECT_EQ(map_column(luma, 100, 65536), 50u);  // past the row's end
     EXPECT_EQ(map_column(chroma, 1, 65536), 1u);
-    EXPECT_EQ(map_column(MotionMap{nullptr, 400, 3, 9, 9}, 2, 65536), 16u);
+    EXPECT_EQ(map_column(MotionMap{nullptr, 400, 9, 9}, 2, 65536), 16u);
+}
+
+size_t chroma_reach(const PictureFormat& from, const PictureFormat& to) {
+    const auto map_shift_x = static_cast<uint8_t>(to.chroma_shift_x);
+    const auto map_shift_y = static_cast<uint8_t>(to.chroma_shift_y);
+    return map_reach({nullptr, macroblocks(static_cast<uint64_t>(from.width)), map_shift_x, map_shift_y},
+                     cell_aligned(from, to)->chroma);
+}
+
+TEST(MapReach, IsThePicturesMapWhereTheShiftsAreTheSources) {
+    for (int64_t width = 2; width < 70; ++width) {
+        for (int64_t height = 2; height < 70; ++height) {
+            const size_t blocks =
+                macroblocks(static_cast<uint64_t>(width)) * macroblocks(static_cast<uint64_t>(height));
+            const PictureGeometry geometry = *cell_aligned(k420(width, height), k420(50, 34));
+            const MotionMap map{nullptr, macroblocks(static_cast<uint64_t>(width)), 0, 0};
+            EXPECT_LE(map_reach(map, geometry.luma), blocks) << width << 'x' << height;
+            EXPECT_LE(chroma_reach(k420(width, height), k420(50, 34)), blocks) << width << 'x' << height;
+        }
+    }
+}
+
+TEST(MapReach, LeavesThePicturesMapWhereTheSourcesChromaIsFiner) {
+    // 64x48: four columns and three rows of macroblocks. Chroma of 4:4:4 has 64 columns and 48 lines, of
+    // which the last group begins in column 56.
+    const PictureFormat k444{64, 48, 0, 0}, k422{64, 48, 1, 0};
+    EXPECT_EQ(chroma_reach(k422, k420(64, 48)), 5u * 4 + 3 + 1);
+    EXPECT_EQ(chroma_reach(k444, k420(64, 48)), 5u * 4 + 6 + 1);
+    EXPECT_EQ(chroma_reach(k444, k422), 2u * 4 + 6 + 1);
+    EXPECT_EQ(chroma_reach(k444, k444), 2u * 4 + 3 + 1);
+}
+
+TEST(MapReach, TakesAnyPositionForReachedWhereTheyComeRound) {
+    const MotionMap map{nullptr, 10, 0, 0};
+    EXPECT_EQ(map_reach(map, {8, 2, 0, 0xffffffff, 1, 1}), 4095u * 10 + 1);
+    EXPECT_EQ(map_reach(map, {8, 3, 0, 0x80000000, 1, 1}), 4095u * 10 + 1);
+    EXPECT_EQ(map_reach(map, {16, 1, 0x20000000, 0, 1, 1}), 4095u + 1);
+    EXPECT_EQ(map_reach(map, {16, 1, 0x1fffffff, 0, 1, 1}), 4095u + 1);
+    EXPECT_EQ(map_reach(map, {16, 1, 0x1fff0000, 0, 1, 1}), 4095u + 1);
+    EXPECT_EQ(map_reach(map, {16, 1, 0x10000000, 0, 1, 1}), 2048u + 1);
+    EXPECT_EQ(map_reach(map, {8, 1, 0xffffffff, 0xffffffff, 1, 1}), 1u);
+    EXPECT_EQ(map_reach(map, {0, 0, 0xffffffff, 0xffffffff, 1, 1}), 1u);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <iterator>
 #include <set>
 #include <sstream>
+#include <string>
 
 #include "plane_support.h"
 
@@ -177,7 +178,7 @@ TEST_P(Scale, LeavesPlanesWithoutSamplesAlone) {
         *sizes[without] = 0;
         scale_plane(plane, kFrame, -1, kFunction);
         deinterlace_plane_basic(plane);
-        deinterlace_plane_adaptive(plane, {source, 1, 1, 0, 0});
+        deinterlace_plane_adaptive(plane, {source, 1, 0, 0});
         EXPECT_EQ(std::memcmp(out, "\1\2\3\4", 4), 0);
     }
     build_motion_map(out, source, 2, 0, 2);
@@ -266,24 +267,23 @@ TEST_P(Deinterlace, CopiesTheLastLinesAcross) {
 TEST_P(Deinterlace, InterpolatesStillBlocksBetweenTwoLines) {
     const Scaled picture(lines(16, {0, 100, 40, 200, 80, 240}));
     const uint8_t still[1] = {0};
-    EXPECT_EQ(first_column(picture.adaptive(16, 6, 65536, 65536, {still, 1, 1, 0, 0})),
+    EXPECT_EQ(first_column(picture.adaptive(16, 6, 65536, 65536, {still, 1, 0, 0})),
               (std::vector<int>{0, 100, 40, 200, 80, 240}));
-    EXPECT_EQ(first_column(picture.adaptive(16, 4, 65536, 98304, {still, 1, 1, 0, 0})),
+    EXPECT_EQ(first_column(picture.adaptive(16, 4, 65536, 98304, {still, 1, 0, 0})),
               (std::vector<int>{0, 70, 200, 80}));  // the bottom is not interpolated
 }
 
 TEST_P(Deinterlace, BlendsCombedBlocksAsTheBasicOneDoes) {
     const Scaled picture(lines(16, {0, 100, 40, 200, 80, 240}));
     const uint8_t combed[1] = {1};
-    EXPECT_EQ(picture.adaptive(16, 4, 65536, 98304, {combed, 1, 1, 0, 0}),
-              picture.basic(16, 4, 65536, 98304));
+    EXPECT_EQ(picture.adaptive(16, 4, 65536, 98304, {combed, 1, 0, 0}), picture.basic(16, 4, 65536, 98304));
 }
 
 TEST_P(Deinterlace, TakesTheFlagOfEachGroupsFirstSample) {
     // Columns step by 1.5: groups of 8 start at source samples 0, 12 and 24, in macroblocks 0, 0 and 1.
     const Scaled picture(lines(48, {0, 100, 0, 100, 0, 100}));
     const uint8_t flags[3] = {0, 1, 0};
-    const Rows out = picture.adaptive(32, 1, 98304, 65536, {flags, 3, 1, 0, 0});
+    const Rows out = picture.adaptive(32, 1, 98304, 65536, {flags, 3, 0, 0});
     for (unsigned x = 0; x < 32; ++x) EXPECT_EQ(out[0][x], x / 8 == 2 ? 50 : 0) << x;
 }
 
@@ -292,7 +292,7 @@ TEST_P(Deinterlace, BringsChromaLinesAndColumnsToTheMapByItsShifts) {
     Rows comb(24, std::vector<int>(24, 0));
     for (size_t y = 1; y < comb.size(); y += 2) comb[y].assign(24, 100);
     const uint8_t flags[9] = {0, 0, 0, 0, 1, 0, 0, 0, 0};
-    const Rows out = Scaled(comb).adaptive(24, 24, 65536, 65536, {flags, 3, 3, 1, 1});
+    const Rows out = Scaled(comb).adaptive(24, 24, 65536, 65536, {flags, 3, 1, 1});
     for (unsigned y = 0; y < 23; ++y) {
         for (unsigned x = 0; x < 24; ++x) {
             const bool flagged = x / 8 == 1 && y / 8 == 1;
@@ -301,30 +301,59 @@ TEST_P(Deinterlace, BringsChromaLinesAndColumnsToTheMapByItsShifts) {
     }
 }
 
-TEST_P(Deinterlace, HoldsTheMapsLastRowAndColumn) {
+/// 32 by 32 samples, every second line white.
+Rows comb_of_32() {
     Rows comb(32, std::vector<int>(32, 0));
     for (size_t y = 1; y < comb.size(); y += 2) comb[y].assign(32, 100);
-    GuardedBytes flags(4, Edge::kBehind);
-    std::memcpy(flags.data(), "\0\0\0\1", 4);
-    const Rows out = Scaled(comb).adaptive(32, 32, 65536, 65536, {flags.data(), 2, 2, 1, 1});
-    for (unsigned y = 0; y < 31; ++y) {
-        for (unsigned x = 0; x < 32; ++x) ASSERT_EQ(out[y][x], x >= 8 && y >= 8 ? 50 : (y % 2) * 100);
+    return comb;
+}
+
+/// The groups of 8 by 8 samples of the picture above that `map` has blended, row by row.
+std::string blended_groups(const MotionMap& map) {
+    const Rows out = Scaled(comb_of_32()).adaptive(32, 32, 65536, 65536, map);
+    std::string groups;
+    for (unsigned y = 0; y < 32; y += 8) {
+        for (unsigned x = 0; x < 32; x += 8) {
+            const bool blended = out[y][x] == 50;
+            // The last line has none below it to blend with.
+            for (unsigned line = y; line < std::min(y + 8, 31u); ++line) {
+                for (unsigned column = x; column < x + 8; ++column)
+                    EXPECT_EQ(out[line][column], blended ? 50 : line % 2 * 100) << column << ' ' << line;
+            }
+            groups += blended ? '1' : '0';
+        }
+        groups += ' ';
     }
+    return groups;
+}
+
+TEST_P(Deinterlace, ReadsOnPastTheEndOfAMapsRowAndBehindItsLast) {
+    // With shifts of 1 the plane has four groups in a row and four rows of them, the map two columns.
+    GuardedBytes flags(10, Edge::kBehind);
+    std::memcpy(flags.data(), "\1\0\0\1\1\0\0\0\0\1", 10);
+    EXPECT_EQ(blended_groups({flags.data(), 2, 1, 1}), "1001 0110 1000 0001 ");
+}
+
+TEST_P(Deinterlace, TakesAHostsMapByItsOwnRows) {
+    // Five columns where the plane reads four, and more rows than the picture has.
+    const uint8_t flags[] = "\0\0\0\1\1\1\0\0\0\1\0\1\0\0\1\0\0\1\0\1\1\1\1\1\1";
+    EXPECT_EQ(blended_groups({flags, 5, 1, 1}), "0001 1000 0100 0010 ");
+    EXPECT_EQ(blended_groups({flags, 0, 1, 1}), "0001 0001 0001 0001 ");
 }
 
 TEST_P(Deinterlace, WritesWholeGroupsOf8) {
     const Scaled picture({{10, 20, 30, 40, 50, 60, 70, 80, 90}});
-    EXPECT_EQ(picture.adaptive(9, 1, 65536, 65536, {nullptr, 0, 0, 0, 0}),
+    EXPECT_EQ(picture.adaptive(9, 1, 65536, 65536, {nullptr, 0, 0, 0}),
               (Rows{{10, 20, 30, 40, 50, 60, 70, 80, 90, 90, 90, 90, 90, 90, 90, 90}}));
 }
 
 TEST_P(Deinterlace, TakesAMissingMapForAStillPicture) {
     const Scaled picture(lines(16, {0, 100, 0, 100}));
     const uint8_t flags[1] = {1};
-    for (const MotionMap& map : {MotionMap{nullptr, 1, 1, 0, 0}, {flags, 0, 1, 0, 0}, {flags, 1, 0, 0, 0}}) {
-        EXPECT_EQ(first_column(picture.adaptive(16, 4, 65536, 65536, map)),
-                  (std::vector<int>{0, 100, 0, 100}));
-    }
+    EXPECT_EQ(first_column(picture.adaptive(16, 4, 65536, 65536, {nullptr, 1, 0, 0})),
+              (std::vector<int>{0, 100, 0, 100}));
+    EXPECT_EQ(first_column(picture.adaptive(16, 4, 65536, 65536, {flags, 1, 0, 0})),
+              (std::vector<int>{50, 50, 50, 100}));
 }
 
 // ---- The motion map -----------------------------------------------------------------------------------

@@ -70,6 +70,7 @@ public:
                                                         unsigned mb_cols, uint8_t shift_x,
                                                         uint8_t shift_y) override {
         calls.push_back({17, plane_of(d), tw, th, xs, ys, sw, sh, field, mb_cols, shift_x, shift_y});
+        if (plane_of(d) == 0) motion_map.assign(map, map + mb_cols * ((sh + 15) / 16));
         GeneralStreamingVideoEncoder::do_resize_yuv_plane_deinterlace_adaptive_mode4(
             d, ds, s, ss, tw, th, xs, ys, sw, sh, field, map, mb_cols, shift_x, shift_y);
     }
@@ -101,6 +102,7 @@ public:
     }
 
     std::vector<PlaneCall> calls;
+    Plane motion_map;  ///< of the last picture that the adaptive mode took
 
 private:
     int plane_of(const uint8_t* d) const {
@@ -164,6 +166,40 @@ Plane scaled(const Plane& source, unsigned sw, unsigned sh, unsigned tw, unsigne
             const int right = blended((position >> 16) + 1);
             out.push_back(
                 static_cast<uint8_t>(left + (((right - left) * static_cast<int>(position & 65535)) >> 16)));
+        }
+    }
+    return out;
+}
+
+/// The adaptive mode's plane, worked out sample by sample. Behind its end every byte of the map is 1.
+Plane deinterlaced_by(const Plane& map, const Plane& source, const PlaneCall& c) {
+    Plane out;
+    const unsigned last = c.src_height - 1;
+    for (uint32_t row = 0; row < c.to_height; row++) {
+        const uint32_t pos = row * c.y_step;
+        const uint32_t y = pos >> 16;
+        const int w = y + 2 < last ? static_cast<int>(pos >> 8 & 255) : 0;
+        const auto line = [&](uint32_t number, uint64_t position) {
+            const uint8_t* samples = &source[size_t{std::min(number, last)} * c.src_width];
+            const auto sample = [&](uint64_t x) -> uint64_t {
+                return samples[std::min<uint64_t>(x, c.src_width - 1)];
+            };
+            const uint64_t fraction = position & 65535;
+            return static_cast<int>(
+                (sample(position >> 16) * (65536 - fraction) + sample((position >> 16) + 1) * fraction) >>
+                16);
+        };
+        bool combed = false;
+        for (uint64_t column = 0; column < c.to_width; column++) {
+            const uint64_t position = column * c.x_step;
+            if (column % 8 == 0) {
+                const size_t index =
+                    size_t{y >> (4 - c.shift_y)} * c.mb_cols + ((position >> 16) >> (4 - c.shift_x));
+                combed = index >= map.size() || map[index] != 0;
+            }
+            const int above = line(y, position), here = line(y + 1, position), below = line(y + 2, position);
+            out.push_back(static_cast<uint8_t>(combed ? (above * (256 - w) + below * w + here * 256) / 512
+                                                      : (above * (256 - w) + here * w) / 256));
         }
     }
     return out;
@@ -249,6 +285,28 @@ TEST_P(EveryChromaPair, IsDeinterlacedWithCellsAligned) {
     }
 }
 
+TEST_P(EveryChromaPair, IsDeinterlacedByTheMapsBlocksAndAsCombedBehindThem) {
+    // Of five by three blocks every second one stands still; the last column and row count as combed.
+    Picture picture = source;
+    for (unsigned y = 0; y < kHeight; y++)
+        for (unsigned x = 0; x < kWidth; x++)
+            picture.planes[0][y * kWidth + x] =
+                static_cast<uint8_t>((x / 16 + y / 16) % 2 == 0 ? x : y % 2 * 100);
+    for (const unsigned to_width : {50u, 72u, 120u}) {
+        Resizer resizer;
+        resizer.input_chroma_shift_x = in.x;
+        resizer.input_chroma_shift_y = in.y;
+        resizer.make_working_planes(static_cast<int>(to_width), kOutputHeight, out.x, out.y);
+        run(resizer, kAdaptive, picture, 0);
+        EXPECT_EQ(resizer.motion_map, (Plane{0, 1, 0, 1, 1, 1, 0, 1, 0, 1, 1, 1, 1, 1, 1}));
+        ASSERT_EQ(resizer.calls.size(), 3u);
+        for (const PlaneCall& c : resizer.calls)
+            EXPECT_TRUE(resizer.working_plane(c.plane, c.to_width, c.to_height) ==
+                        deinterlaced_by(resizer.motion_map, picture.planes[c.plane], c))
+                << c;
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(Resize, EveryChromaPair,
                          testing::Combine(testing::ValuesIn(kSourceShifts),
                                           testing::ValuesIn(kOutputShifts)));
@@ -316,6 +374,29 @@ TEST(Resize, ScalesTheWidthsOfBroadcastToEachOther) {
                             scaled(source.planes[c.plane], c.src_width, c.src_height, c.to_width, c.to_height,
                                    c.x_step, c.y_step))
                     << from << " to " << to << ", plane " << c.plane;
+        }
+    }
+}
+
+TEST(Resize, TakesAHostsMotionMapAsItStands) {
+    // Maps of other widths than the picture's, and with rows for lines that the plane does not have.
+    const Picture source = random_picture(48, 32, 0, 0);
+    std::mt19937 random(1);
+    Plane map(40 * 40);
+    for (uint8_t& flag : map) flag = random() % 3 == 0;
+    for (const unsigned mb_cols : {0u, 1u, 2u, 3u, 4u, 7u, 40u}) {
+        for (const Shifts& shifts : kSourceShifts) {
+            for (const uint32_t input_shift : {0u, 1u}) {
+                const PlaneCall call = {17, 0, 64, 40, 49152, 98304, 48, 32, 0, mb_cols, shifts.x, shifts.y};
+                Resizer resizer;
+                resizer.input_chroma_shift_y = input_shift;
+                Plane out(64 * 40);
+                resizer.GeneralStreamingVideoEncoder::do_resize_yuv_plane_deinterlace_adaptive_mode4(
+                    out.data(), 64, source.planes[0].data(), 48, call.to_width, call.to_height, call.x_step,
+                    call.y_step, call.src_width, call.src_height, 0, map.data(), mb_cols,
+                    static_cast<uint8_t>(shifts.x), static_cast<uint8_t>(shifts.y));
+                EXPECT_TRUE(out == deinterlaced_by(map, source.planes[0], call)) << call;
+            }
         }
     }
 }
