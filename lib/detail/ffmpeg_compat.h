@@ -10,8 +10,15 @@ extern "C" {
 
 namespace gsve::detail {
 
-// FFmpeg 6.1 moved three flags of a picture from fields of their own into AVFrame.flags.
-#if LIBAVUTIL_VERSION_INT >= AV_VERSION_INT(58, 7, 100)
+// Three properties of a picture were fields of their own, became bits of AVFrame.flags in FFmpeg 6.1, and are
+// nothing else since FFmpeg 8. In between a host may read them either way: both are set.
+#define GSVE_FRAME_HAS_FLAGS (LIBAVUTIL_VERSION_INT >= AV_VERSION_INT(58, 7, 100))
+#define GSVE_FRAME_HAS_FIELDS (LIBAVUTIL_VERSION_MAJOR < 60)
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+
+#if GSVE_FRAME_HAS_FLAGS
 
 inline void set_frame_flag(AVFrame& frame, int flag, bool set) {
     frame.flags = set ? frame.flags | flag : frame.flags & ~flag;
@@ -20,29 +27,38 @@ inline bool is_interlaced(const AVFrame& frame) { return (frame.flags & AV_FRAME
 inline bool is_top_field_first(const AVFrame& frame) {
     return (frame.flags & AV_FRAME_FLAG_TOP_FIELD_FIRST) != 0;
 }
-inline void set_key_frame(AVFrame& frame, bool key) { set_frame_flag(frame, AV_FRAME_FLAG_KEY, key); }
-inline void set_interlacing(AVFrame& frame, bool interlaced, bool top_field_first) {
-    set_frame_flag(frame, AV_FRAME_FLAG_INTERLACED, interlaced);
-    set_frame_flag(frame, AV_FRAME_FLAG_TOP_FIELD_FIRST, top_field_first);
-}
 
 #else
 
 inline bool is_interlaced(const AVFrame& frame) { return frame.interlaced_frame != 0; }
 inline bool is_top_field_first(const AVFrame& frame) { return frame.top_field_first != 0; }
-inline void set_key_frame(AVFrame& frame, bool key) { frame.key_frame = key; }
-inline void set_interlacing(AVFrame& frame, bool interlaced, bool top_field_first) {
-    frame.interlaced_frame = interlaced;
-    frame.top_field_first = top_field_first;
-}
 
 #endif
 
+inline void set_key_frame(AVFrame& frame, bool key) {
+#if GSVE_FRAME_HAS_FLAGS
+    set_frame_flag(frame, AV_FRAME_FLAG_KEY, key);
+#endif
+#if GSVE_FRAME_HAS_FIELDS
+    frame.key_frame = key;
+#endif
+}
+
+inline void set_interlacing(AVFrame& frame, bool interlaced, bool top_field_first) {
+#if GSVE_FRAME_HAS_FLAGS
+    set_frame_flag(frame, AV_FRAME_FLAG_INTERLACED, interlaced);
+    set_frame_flag(frame, AV_FRAME_FLAG_TOP_FIELD_FIRST, top_field_first);
+#endif
+#if GSVE_FRAME_HAS_FIELDS
+    frame.interlaced_frame = interlaced;
+    frame.top_field_first = top_field_first;
+#endif
+}
+
 // ticks_per_frame still counts in the encoders of 6.1 and 7, where it is deprecated without a substitute
 // for them.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 inline int& ticks_per_frame(AVCodecContext& context) { return context.ticks_per_frame; }
+
 #pragma GCC diagnostic pop
 
 }  // namespace gsve::detail

@@ -10,6 +10,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "support/frame_marks.h"
 #include "support/mpeg2_units.h"
 #include "support/scripted_encoder.h"
 
@@ -588,6 +589,37 @@ TEST_F(WriteVideo, SignalsTheFieldOrder) {
             "flags " + std::to_string(row.flags) + " current " + std::to_string(row.current);
         EXPECT_EQ(seen.interlaced, row.interlaced) << context;
         EXPECT_EQ(seen.top_field_first, row.top_first) << context;
+    }
+}
+
+TEST_F(WriteVideo, MarksThePictureInTheFieldsAndInTheFlagsOfEveryRelease) {
+    // FFmpeg 6.1 and 7 have both, and a host may read either.
+    const struct {
+        int flags;
+        int8_t requested;
+        FrameMarks marks;
+    } pictures[] = {
+        {-1, -1, {true, false, false}},  // a new aspect ratio
+        {-1, -1, {false, false, false}}, {0, -1, {true, true, true}},      {0, 'P', {false, true, true}},
+        {0, 'I', {true, true, true}},    {1, 'P', {true, true, false}},    {1, 'B', {false, true, false}},
+        {-1, 'B', {true, false, false}}, {-1, 'P', {false, false, false}},
+    };
+    for (const char* codec : {"mpeg-2", "h.264"}) {
+        surroundings() = Surroundings{};
+        CallLogHost encoder;
+        open_encoder(encoder, codec);
+        surroundings().scripted = true;
+        encoder.current_aspect_num = encoder.current_aspect_den = 1;
+        uint64_t number = 0;
+        for (const auto& row : pictures) {
+            SCOPED_TRACE(std::string(codec) + ", picture " + std::to_string(number));
+            encoder.requested_picture_type = row.requested;
+            encoder.gop_sync_frame_number = row.requested < 0 ? -1 : 0;
+            stderr_of([&] { write_to(encoder, number++, row.flags); });
+            EXPECT_EQ(marks_by_fields(*encoder.mpeg_frame).value_or(row.marks), row.marks);
+            EXPECT_EQ(marks_by_flags(*encoder.mpeg_frame).value_or(row.marks), row.marks);
+            EXPECT_EQ(marks_of(*encoder.mpeg_frame), row.marks);
+        }
     }
 }
 

@@ -17,6 +17,7 @@ extern "C" {
 #include <libavutil/pixdesc.h>
 }
 
+#include "support/frame_marks.h"
 #include "support/test_picture.h"
 
 namespace gsve::test {
@@ -210,13 +211,8 @@ inline DecodedClip decode_clip(const std::string& path) {
             picture.height = frame->height;
             picture.format = static_cast<AVPixelFormat>(frame->format);
             picture.sample_aspect = av_guess_sample_aspect_ratio(input, stream, frame);
-#if LIBAVUTIL_VERSION_INT >= AV_VERSION_INT(58, 7, 100)
-            picture.interlaced = frame->flags & AV_FRAME_FLAG_INTERLACED;
-            picture.top_field_first = frame->flags & AV_FRAME_FLAG_TOP_FIELD_FIRST;
-#else
-            picture.interlaced = frame->interlaced_frame;
-            picture.top_field_first = frame->top_field_first;
-#endif
+            picture.interlaced = marks_of(*frame).interlaced;
+            picture.top_field_first = marks_of(*frame).top_field_first;
             picture.type = av_get_picture_type_char(frame->pict_type);
             for (int row = 0; row < frame->height; row++)
                 picture.luma.insert(picture.luma.end(), frame->data[0] + row * frame->linesize[0],

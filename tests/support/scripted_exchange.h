@@ -24,6 +24,7 @@ extern "C" {
 #include <orb_utils_v4/misc.h>
 
 #include "support/bytes.h"
+#include "support/frame_marks.h"
 
 namespace gsve::test {
 
@@ -85,9 +86,6 @@ struct SentPicture {
     bool top_field_first = false;
 };
 
-// FFmpeg 6.1 moved three fields of the picture into its flags; either place counts.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 inline SentPicture describe(const AVFrame& frame) {
     SentPicture picture;
     for (int plane = 0; plane < 3; plane++) {
@@ -100,21 +98,12 @@ inline SentPicture describe(const AVFrame& frame) {
     picture.pict_type = frame.pict_type;
     picture.sample_aspect_ratio = frame.sample_aspect_ratio;
     picture.pts = frame.pts;
-    picture.key_frame = frame.key_frame != 0;
-    picture.interlaced = frame.interlaced_frame != 0;
-    picture.top_field_first = frame.top_field_first != 0;
-#ifdef AV_FRAME_FLAG_KEY
-    picture.key_frame |= (frame.flags & AV_FRAME_FLAG_KEY) != 0;
-#endif
-#ifdef AV_FRAME_FLAG_INTERLACED
-    picture.interlaced |= (frame.flags & AV_FRAME_FLAG_INTERLACED) != 0;
-#endif
-#ifdef AV_FRAME_FLAG_TOP_FIELD_FIRST
-    picture.top_field_first |= (frame.flags & AV_FRAME_FLAG_TOP_FIELD_FIRST) != 0;
-#endif
+    const FrameMarks marks = marks_of(frame);
+    picture.key_frame = marks.key_frame;
+    picture.interlaced = marks.interlaced;
+    picture.top_field_first = marks.top_field_first;
     return picture;
 }
-#pragma GCC diagnostic pop
 
 struct Surroundings {
     bool scripted = false;
