@@ -931,7 +931,7 @@ void configure_frame_rate(Encoder& e) {
 
     AVCodecContext& context = *e.mpeg_context;
     context.flags2 = AV_CODEC_FLAG2_FAST;
-    detail::ticks_per_frame(context) = 1;
+    detail::set_ticks_per_frame(context, 1);
     context.time_base = {detail::product32(e.frame_rate_den, e.frame_rate_divider), e.frame_rate_num};
 }
 

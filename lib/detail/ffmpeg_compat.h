@@ -1,6 +1,6 @@
 #pragma once
 
-// What differs between FFmpeg 5.1 (libavcodec 59), 6 (60) and 7 (61), in one place.
+// What differs between FFmpeg 5.1 (libavcodec 59), 6 (60), 7 (61) and 9 (63), in one place.
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -55,9 +55,15 @@ inline void set_interlacing(AVFrame& frame, bool interlaced, bool top_field_firs
 #endif
 }
 
-// ticks_per_frame still counts in the encoders of 6.1 and 7, where it is deprecated without a substitute
-// for them.
-inline int& ticks_per_frame(AVCodecContext& context) { return context.ticks_per_frame; }
+// ticks_per_frame still counts in the encoders of 6.1 and 7, where it is deprecated without a substitute for
+// them, and is gone since 8.
+#if LIBAVCODEC_VERSION_MAJOR < 62
+inline void set_ticks_per_frame(AVCodecContext& context, int ticks) { context.ticks_per_frame = ticks; }
+inline int ticks_per_frame(const AVCodecContext& context) { return context.ticks_per_frame; }
+#else
+inline void set_ticks_per_frame(AVCodecContext&, int) {}
+inline int ticks_per_frame(const AVCodecContext&) { return 1; }
+#endif
 
 #pragma GCC diagnostic pop
 

@@ -120,10 +120,17 @@ inline std::string option(const std::string& key) {
     return found == calls.rend() ? "(none)" : found->second;
 }
 
+/// FFmpeg 8 dropped the field.
+inline int ticks_per_frame([[maybe_unused]] const AVCodecContext& context) {
+#if LIBAVCODEC_VERSION_MAJOR < 62
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-inline int ticks_per_frame(const AVCodecContext& context) { return context.ticks_per_frame; }
+    return context.ticks_per_frame;
 #pragma GCC diagnostic pop
+#else
+    return 1;
+#endif
+}
 
 }  // namespace gsve::test
 
