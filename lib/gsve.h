@@ -396,8 +396,9 @@ public:
 
     // Emission.
     sliding_window_v4* output_window = nullptr;  ///< holds the current unit; made by the first picture
-    uint64_t current_output_tag = 0;  ///< host_frame_tag of the picture being emitted; all ones = none
-    uint8_t last_key_flag = 0;        ///< key flag of the latest unit
+    /// host_frame_tag of the picture being emitted; all ones = none.
+    uint64_t current_output_tag = UINT64_MAX;
+    uint8_t last_key_flag = 0;  ///< key flag of the latest unit
 
     // Caption intake.
     std::deque<uint16_t> eia608_field1_queue;

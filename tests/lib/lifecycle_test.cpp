@@ -137,6 +137,7 @@ TEST(Constructor, GivesEveryFieldItsValue) {
     EXPECT_EQ(e.effective_gop_size, -1);
     EXPECT_EQ(e.scte20_length, 0u);
     EXPECT_EQ(e.host_frame_tag, UINT64_MAX);
+    EXPECT_EQ(e.current_output_tag, UINT64_MAX);
     EXPECT_FALSE(e.global_header);
     EXPECT_EQ(e.pending_gop_timecode.valid, 0);
     EXPECT_EQ(e.pending_gop_timecode.drop_frame_flag, 0);
