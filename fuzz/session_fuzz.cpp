@@ -63,7 +63,7 @@ constexpr Setting kSettings[] = {
     {"reference frames", {"0", "1", "4", "16", "17"}},
     {"frame rate limit", {"0", "-1", "10", "30", "0x1e"}},
     {"chroma format", {"4:2:0", "4:2:2", "4:4:4", "4:1:1", ""}},
-    {"resize", {"32x32", "50x34", "18x64", "17x33", ""}},
+    {"resize", {"32x32", "50x34", "18x64", "33x17", ""}},
     {"resize deinterlace", {"-1", "0", "1", "2", "3"}},
     {"resize deinterlace", {"4", "4", "3", "5", "x"}},
     {"motion estimation range", {"1", "16", "256", "2", "4"}},
@@ -258,15 +258,7 @@ bool lacks_window(const Host& host) {
     return surroundings().refuse_window || (host.mpeg_context && host.mpeg_context->bit_rate < 0);
 }
 
-/// Whether the working planes have room for a whole row of chroma. Their rows are those of the chroma width
-/// rounded down; FFmpeg rounds it up, and ends the process where a row is longer than its stride.
-bool holds_chroma_rows(const Host& host) {
-    const auto chroma_width = ((host.output_width - 1) >> host.output_chroma_shift_x) + 1;
-    return !host.resize_buffer[1] || host.resize_buffer_stride[1] >= static_cast<uint32_t>(chroma_width);
-}
-
 void write_picture(Host& host, Input& input, uint64_t& timestamp) {
-    if (!holds_chroma_rows(host)) return;
     const Picture picture(host, input);
     const uint8_t timing = input.u8();
     const int flags = static_cast<int>(timing % 4) - 2;

@@ -33,6 +33,7 @@
 extern "C" {
 #include <libavutil/buffer.h>
 #include <libavutil/dict.h>
+#include <libavutil/imgutils.h>
 }
 
 namespace detail = gsve::detail;
@@ -483,13 +484,24 @@ void remember_timestamp(Encoder& e, Timestamps made) {
 /// hands on one that is spared the copy.
 bool has_planes(const AVFrame& picture) { return picture.data[0] && picture.data[1] && picture.data[2]; }
 
+/// False where a plane's rows are longer than its stride. libavutil ends the process over such a picture as
+/// libavcodec copies it. Chroma of the working planes is one: their stride is that of the width rounded down,
+/// while FFmpeg rounds it up, which 16-byte multiples do not always hide.
+bool has_whole_rows(const AVFrame& picture) {
+    for (int plane = 0; plane < 3; plane++) {
+        const int row =
+            av_image_get_linesize(static_cast<AVPixelFormat>(picture.format), picture.width, plane);
+        if (std::abs(int64_t{picture.linesize[plane]}) < row) return false;
+    }
+    return true;
+}
+
 /// Sends the picture and receives at most one packet.
 CodecExchange encode_picture(Encoder& e, const char* function) {
     CodecExchange exchange;
     const bool spared_copy = e.mpeg_frame->buf[0] != nullptr;
-    exchange.status = spared_copy && !has_planes(*e.mpeg_frame)
-                          ? AVERROR(EINVAL)
-                          : avcodec_send_frame(e.mpeg_context, e.mpeg_frame);
+    const bool acceptable = spared_copy ? has_planes(*e.mpeg_frame) : has_whole_rows(*e.mpeg_frame);
+    exchange.status = acceptable ? avcodec_send_frame(e.mpeg_context, e.mpeg_frame) : AVERROR(EINVAL);
     if (exchange.status == 0) {
         const int received = avcodec_receive_packet(e.mpeg_context, e.mpeg_packet);
         if (received == 0)

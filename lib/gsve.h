@@ -54,6 +54,12 @@
 // "constant bitrate per frame" is 0 and there are B-pictures, a host whose clock may leap over a multiple of
 // 65536 encoded pictures reopens the encoder there, as it would after any such gap.
 //
+// A picture that libavcodec would have to copy although a plane's rows are longer than its stride is refused,
+// as the codec refuses others: write_video() returns true, and no unit comes of it. That meets a host's own
+// planes, and every MPEG-2 picture whose width is one sample more than a multiple of 32 and whose chroma is
+// subsampled, where it is resized, deinterlaced or converted: resize_buffer_stride is made from the chroma
+// width rounded down, and its last sample has no room. Pick an even width.
+//
 // Fields are public and part of the contract: hosts read and write them by name. Those under "Input
 // description" and "Signalled by the host" are the host's to write; all others are the library's.
 
@@ -154,9 +160,9 @@ public:
     /// and caption timing to hold. It may start anywhere, but with a frame-rate limit must start at 0.
     ///
     /// At most one unit leaves through host_emit_data_out(), normally that of an earlier picture.
-    /// Returns true when the picture was encoded, held back by the codec, skipped by the frame-rate limit,
-    /// dropped for the bit-rate limit, or passed over because the encoder is closed or has no client.
-    /// Returns false when the encoder cannot be used or memory ran out.
+    /// Returns true when the picture was encoded, held back or refused by the codec, skipped by the
+    /// frame-rate limit, dropped for the bit-rate limit, or passed over because the encoder is closed or has
+    /// no client. Returns false when the encoder cannot be used or memory ran out.
     virtual bool write_video(const uint8_t* y, size_t y_stride, const uint8_t* u, size_t u_stride,
                              const uint8_t* v, size_t v_stride, int flags, unsigned long long timestamp);
 

@@ -6,11 +6,16 @@
 
 #include <cstring>
 #include <memory>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "support/frozen_clock.h"
 #include "support/recording_host.h"
+#include "support/stderr_capture.h"
 #include "support/test_picture.h"
 
 namespace gsve::test {
@@ -155,6 +160,112 @@ TEST(MissingPlane, IsRefusedByTheCodecAndReadByNobody) {
             }
         }
     }
+}
+
+/// What a host can see of what became of a picture, beside its unit.
+std::string outcome(const GeneralStreamingVideoEncoder& e) {
+    std::ostringstream text;
+    text << "sent " << e.frame_counter << ' ' << e.encoded_frame_count << ", in " << e.input_frame_count
+         << ", out " << e.output_frame_count << ", delays " << e.codec_delay_count << ", records "
+         << e.aux_data_map.size() << ", times " << e.pts_map.size() << ", rate " << e.smoothed_bitrate
+         << ", error \"" << e.last_error << '"';
+    return text.str();
+}
+
+/// An encoder of one picture, for which `give` does write_video().
+struct ShortRows {
+    RecordingHost host;
+    std::string said;  ///< while the picture was given
+
+    template <class Give>
+    ShortRows(int width, unsigned shift_x, unsigned shift_y,
+              const std::vector<std::pair<const char*, const char*>>& settings, const Give& give) {
+        describe_source(host, width, 48, 25, 1);
+        host.input_chroma_shift_x = shift_x;
+        host.input_chroma_shift_y = shift_y;
+        configure(host, {{"encoder", "mpeg-2"}, {"bitrate", "1500000"}, {"b frames", "0"}, {"enable", "1"}});
+        configure(host, settings);
+        EXPECT_TRUE(host.client_addref()) << host.last_error;
+        const TestPicture picture(width, 48, static_cast<int>(shift_x), static_cast<int>(shift_y), 0);
+        said = stderr_of([&] { EXPECT_TRUE(give(host, picture)); });
+        while (host.flush_delayed_video()) {
+        }
+    }
+    ~ShortRows() { host.client_unref(); }
+};
+
+bool give(RecordingHost& host, const TestPicture& p, const uint8_t* y) {
+    const int flags = host.resize_deinterlace >= 0 ? 0 : -1;
+    const auto width = static_cast<size_t>(p.width), chroma_width = static_cast<size_t>(p.chroma_width);
+    return host.write_video(y, width, p.u.data(), chroma_width, p.v.data(), chroma_width, flags, 0);
+}
+bool give_whole(RecordingHost& host, const TestPicture& p) { return give(host, p, p.y.data()); }
+bool give_no_luma(RecordingHost& host, const TestPicture& p) { return give(host, p, nullptr); }
+
+TEST(ShortRows, OfWorkingPlanesAreRefusedAsTheCodecRefusesOthers) {
+    // Chroma of 33 samples takes 17, of which a stride of 16 has no room for the last.
+    const struct {
+        int width;
+        unsigned shift_x, shift_y;
+        std::vector<std::pair<const char*, const char*>> settings;
+    } cases[] = {
+        {64, 1, 1, {{"resize", "33x32"}}},         {64, 1, 1, {{"resize", "97x32"}}},
+        {64, 1, 0, {{"resize", "33x32"}}},         {64, 0, 0, {{"resize", "65x32"}}},
+        {33, 1, 1, {{"resize", "33x32"}}},         {33, 1, 1, {{"resize deinterlace", "3"}}},
+        {33, 1, 1, {{"resize deinterlace", "4"}}}, {33, 1, 0, {{"chroma format", "4:2:0"}}},
+        {33, 0, 0, {{"chroma format", "4:2:2"}}},
+    };
+    for (const auto& row : cases) {
+        const ShortRows refused(row.width, row.shift_x, row.shift_y, row.settings, give_whole);
+        SCOPED_TRACE(std::to_string(refused.host.output_width) + " of " + std::to_string(row.width) +
+                     ", shifts " + std::to_string(row.shift_x) + " " + std::to_string(row.shift_y));
+        ASSERT_NE(refused.host.resize_buffer[1], nullptr);
+        EXPECT_EQ(refused.host.output_width % 32, 1);
+        EXPECT_EQ(refused.host.resize_buffer_stride[1], static_cast<unsigned>(refused.host.output_width / 2));
+        const ShortRows by_the_codec(row.width, row.shift_x, row.shift_y, row.settings, give_no_luma);
+        EXPECT_TRUE(refused.host.units.empty());
+        EXPECT_EQ(outcome(refused.host), outcome(by_the_codec.host));
+        EXPECT_EQ(refused.host.encoded_frame_count, 1u);
+        EXPECT_EQ(refused.said, "");
+    }
+}
+
+TEST(ShortRows, OfTheHostsPlanesAreRefusedWhereLibavcodecCopiesThem) {
+    for (int plane = 0; plane < 3; plane++) {
+        const ShortRows refused(64, 1, 1, {}, [&](RecordingHost& host, const TestPicture& p) {
+            const auto stride = [&](int of, size_t whole) { return of == plane ? whole - 1 : whole; };
+            return host.write_video(p.y.data(), stride(0, 64), p.u.data(), stride(1, 32), p.v.data(),
+                                    stride(2, 32), -1, 0);
+        });
+        const ShortRows by_the_codec(64, 1, 1, {}, give_no_luma);
+        EXPECT_TRUE(refused.host.units.empty()) << "plane " << plane;
+        EXPECT_EQ(outcome(refused.host), outcome(by_the_codec.host)) << "plane " << plane;
+    }
+}
+
+TEST(ShortRows, AreThoseOfOneSampleMoreThanAMultipleOf32AndNoOthers) {
+    for (int width = 16; width < 100; width++) {
+        const std::string size = std::to_string(width) + "x32";
+        const ShortRows one(64, 1, 1, {{"resize", size.c_str()}}, give_whole);
+        EXPECT_EQ(one.host.units.size(), width % 32 == 1 ? 0u : 1u) << size;
+        const ShortRows narrow(64, 0, 0, {{"resize", size.c_str()}}, give_whole);
+        EXPECT_EQ(narrow.host.units.size(), width % 32 == 1 ? 0u : 1u) << size << ", 4:4:4 to 4:2:2";
+        EXPECT_EQ(narrow.host.output_pixel_format, AV_PIX_FMT_YUV422P);
+    }
+}
+
+TEST(ShortRows, DoNotStopThePicturesThatFollow) {
+    RecordingHost host;
+    describe_source(host, 64, 48, 25, 1);
+    configure(host, {{"encoder", "mpeg-2"}, {"bitrate", "1500000"}, {"b frames", "0"}, {"enable", "1"}});
+    ASSERT_TRUE(host.client_addref());
+    const TestPicture p(64, 48, 1, 1, 0);
+    for (uint64_t n = 0; n < 4; n++)
+        EXPECT_TRUE(host.write_video(p.y.data(), 64, p.u.data(), n == 1 ? 31 : 32, p.v.data(), 32, -1, n));
+    while (host.flush_delayed_video()) {
+    }
+    EXPECT_EQ(host.units.size(), 3u);
+    host.client_unref();
 }
 
 }  // namespace
