@@ -132,12 +132,12 @@ public:
     virtual void emit_data_out(const uint8_t* data, size_t len, AVPacket* pkt);
 
     /// Hook: receives each encoded unit, `len` bytes at `data`, valid until the next write_video() or
-    /// flush_delayed_video(). `pkt` is the codec's record of the unit, with pts, dts and the key flag;
-    /// `current_output_tag` is the picture's host_frame_tag (with a frame_rate_divider of 1).
+    /// flush_delayed_video(). `pkt` is the codec's record of the unit, with pts, dts and the key flag.
+    /// `current_output_tag` is the picture's host_frame_tag, except where the field says otherwise.
     ///
     /// In units from write_video(), pts and dts count source pictures from the first one, and `pkt` holds the
     /// unit's data and size. In units from flush_delayed_video(), `pkt` holds the codec's own bytes, the tag
-    /// is that of the last unit before, and without per_frame_rate_control pts and dts count encoded
+    /// is what the last write_video() has left, and without per_frame_rate_control pts and dts count encoded
     /// pictures: multiply them by frame_rate_divider. With per_frame_rate_control a dts in front of the first
     /// picture reads 0.
     ///
@@ -402,7 +402,16 @@ public:
 
     // Emission.
     sliding_window_v4* output_window = nullptr;  ///< holds the current unit; made by the first picture
-    /// host_frame_tag of the picture being emitted; all ones = none.
+    /// host_frame_tag of the picture being emitted; all ones = none. Tags wait under the number that the
+    /// codec knows the picture by, and are sought by the unit's final pts, which counts source pictures.
+    /// Where the two differ, the unit shows the tag of the picture whose number is its pts, or none if that
+    /// one has not come yet:
+    /// - with a frame_rate_divider above 1, which gives encoded picture n a pts of n * frame_rate_divider;
+    /// - with per_frame_rate_control, once timestamps have leapt, repeated or gone back, or pictures were
+    ///   dropped for the bit-rate limit: pts follows the timestamps, the number counts what the codec was
+    ///   sent.
+    /// The pts itself is the picture's in every unit of write_video(): such a host keeps its tags by that.
+    /// write_video() resets the tag with every picture, units of flush_delayed_video() leave it alone.
     uint64_t current_output_tag = UINT64_MAX;
     uint8_t last_key_flag = 0;  ///< key flag of the latest unit
 

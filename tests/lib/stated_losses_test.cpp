@@ -543,6 +543,49 @@ TEST_F(StatedLoss, TagsUnderADividerAreThoseOfThePictureNumberedLikeTheSource) {
     EXPECT_EQ(tags.at(12), UINT64_MAX);
 }
 
+TEST_F(StatedLoss, TagsUnderPerFrameRateControlAreThoseOfThePictureNumberedLikeTheTimestamp) {
+    // The picture of number 3 and those after it come `gap` timestamps late, or early.
+    for (const int gap : {0, 1, 20, -3}) {
+        SCOPED_TRACE(gap);
+        open("mpeg-2", {{"constant bitrate per frame", "1"}});
+        ASSERT_TRUE(host.per_frame_rate_control);
+        const auto timestamp_of = [&](uint64_t number) {
+            return number < 3 ? number : number + static_cast<uint64_t>(gap);
+        };
+        for (uint64_t number = 0; number < 12; number++) {
+            host.host_frame_tag = 100 + number;
+            ASSERT_TRUE(write_small_picture(host, timestamp_of(number)));
+        }
+        ASSERT_GT(host.units.size(), 8u);
+        for (uint64_t number = 0; number < host.units.size(); number++) {
+            const Unit& unit = host.units[number];
+            EXPECT_EQ(static_cast<uint64_t>(unit.pts), timestamp_of(number));
+            // A picture that is 20 numbers later has not come yet.
+            const uint64_t shown = gap == 20 && number >= 3 ? UINT64_MAX : 100 + timestamp_of(number);
+            EXPECT_EQ(unit.tag, shown) << "picture " << number;
+        }
+        close();
+        host.client_unref();
+    }
+}
+
+TEST_F(StatedLoss, TagsAfterADroppedPictureUnderPerFrameRateControl) {
+    // Dropped pictures have no number, but a timestamp.
+    open("mpeg-2", {{"constant bitrate per frame", "1"}, {"drop frame for bitrate limit", "on"}});
+    for (uint64_t source = 0; source < 12; source++) {
+        host.drop_level = host.drop_credit = 0;
+        if (source == 3) host.drop_level = 4;
+        host.host_frame_tag = 100 + source;
+        ASSERT_TRUE(write_small_picture(host, source));
+    }
+    EXPECT_EQ(host.frame_counter, 11u);
+    std::map<int64_t, uint64_t> tags;
+    for (const Unit& unit : host.units) tags[unit.pts] = unit.tag;
+    EXPECT_EQ(tags.at(2), 102u);
+    EXPECT_EQ(tags.count(3), 0u);
+    EXPECT_EQ(tags.at(4), 105u) << "of picture number 4, which has timestamp 5";
+}
+
 // What has no place
 
 TEST_F(StatedLoss, ConstructOfAFullPictureThatAWordOfTheOtherFieldsTurnPushesOut) {

@@ -33,12 +33,15 @@ struct Account {
     uint64_t replaced = 0;     ///< by a later one for the same picture
     uint64_t left_behind = 0;  ///< on pictures that were in the codec at its end, or whose turn never came
     uint64_t not_carried = 0;  ///< by this codec, with these services, or on a picture of this type
+    uint64_t elsewhere = 0;    ///< tags that only the unit of another picture showed, under a divider
 
-    uint64_t accounted() const { return read + refused + overflowed + replaced + left_behind + not_carried; }
+    uint64_t accounted() const {
+        return read + refused + overflowed + replaced + left_behind + not_carried + elsewhere;
+    }
     Account& operator+=(const Account& other) {
         for (uint64_t Account::*field :
              {&Account::given, &Account::read, &Account::refused, &Account::overflowed, &Account::replaced,
-              &Account::left_behind, &Account::not_carried})
+              &Account::left_behind, &Account::not_carried, &Account::elsewhere})
             this->*field += other.*field;
         return *this;
     }
