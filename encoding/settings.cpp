@@ -222,7 +222,8 @@ std::string syntax_text(const Values& values) {
         case kAutomatic: return "0, 1 or -1 (automatic)";
         case kWhole: return "whole number " + range_text(values);
         case kReal: return "number " + range_text(values);
-        case kSize: return fmt::format("WIDTHxHEIGHT, even and up to {0}x{0}", kLargestSize);
+        case kSize:
+            return fmt::format("WIDTHxHEIGHT up to {0}x{0}, even where chroma is subsampled", kLargestSize);
         case kChoice: return fmt::format("{}", fmt::join(split(values.choices), ", "));
         case kText: break;
     }
