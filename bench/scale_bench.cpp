@@ -29,6 +29,7 @@ extern "C" {
 #include <string>
 #include <vector>
 
+#include "detail/ffmpeg_compat.h"
 #include "detail/plane_scaler.h"
 #include "stopwatch.h"
 
@@ -255,8 +256,7 @@ constexpr FilterPeer kFilterPeers[] = {
 };
 
 std::function<void()> deinterlace_filter(const FilterPeer& peer, AVFrame& to, AVFrame& from) {
-    from.interlaced_frame = 1;
-    from.top_field_first = 1;
+    set_interlacing(from, true, true);
     const auto filter = std::make_shared<Filter>(peer.filter, peer.options, from);
     for (int i = 0; i < 4; ++i) (*filter)(from);  // past the pictures that it holds back
     const bool resized = to.width != from.width || to.height != from.height;
