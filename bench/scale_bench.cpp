@@ -29,7 +29,7 @@ extern "C" {
 #include <string>
 #include <vector>
 
-#include "detail/plane_scaler.h"
+#include "detail/scale/plane_scaler.h"
 #include "stopwatch.h"
 
 namespace {

@@ -10,8 +10,8 @@
 #include <cstdint>
 #include <cstring>
 
-#include "plane_geometry.h"
-#include "plane_plain.h"
+#include "geometry.h"
+#include "plain.h"
 
 namespace gsve::detail {
 

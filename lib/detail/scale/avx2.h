@@ -11,8 +11,8 @@
 #include <cstdint>
 #include <cstring>
 
-#include "plane_rows.h"
-#include "plane_sse41.h"
+#include "rows.h"
+#include "sse41.h"
 
 #define GSVE_AVX2 __attribute__((target("avx2")))
 #define GSVE_AVX2_INLINE __attribute__((target("avx2"), always_inline)) inline

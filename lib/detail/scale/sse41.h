@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "plane_rows.h"
+#include "rows.h"
 
 #define GSVE_SSE41 __attribute__((target("ssse3,sse4.1")))
 #define GSVE_SSE41_INLINE __attribute__((target("ssse3,sse4.1"), always_inline)) inline

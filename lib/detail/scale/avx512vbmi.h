@@ -12,9 +12,9 @@
 #include <cstdint>
 #include <cstring>
 
-#include "plane_avx2.h"
-#include "plane_avx512.h"
-#include "plane_rows.h"
+#include "avx2.h"
+#include "avx512.h"
+#include "rows.h"
 
 // The compiler's own headers build these intrinsics on a deliberately undefined vector, which GCC 12 reports.
 #pragma GCC diagnostic push
