@@ -14,116 +14,48 @@
 #include "rows.h"
 #include "sse41.h"
 
-#define GSVE_AVX2 __attribute__((target("avx2")))
-#define GSVE_AVX2_INLINE __attribute__((target("avx2"), always_inline)) inline
+#define GSVE_SCALE_SET avx2
+#define GSVE_SCALE_TARGET "avx2"
+#define GSVE_SCALE_INTRINSIC(name) _mm256_##name
+#include "generic/begin.h"
 
-namespace gsve::detail::avx2 {
-
+using Vector = __m256i;
 inline constexpr size_t kLanes = 32;
+inline constexpr bool kBlendsTwoVectors = true;
+namespace narrower = sse41;
 
-GSVE_AVX2_INLINE __m256i load(const uint8_t* p) {
-    return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
+GSVE_INLINE Vector load(const uint8_t* p) { return _mm256_loadu_si256(reinterpret_cast<const Vector*>(p)); }
+
+GSVE_INLINE void store(uint8_t* p, Vector v) { _mm256_storeu_si256(reinterpret_cast<Vector*>(p), v); }
+
+#include "generic/arithmetic.h"
+
+// ---- Blends -------------------------------------------------------------------------------------------
+
+/// floor((a + b) / 2); vpavgb rounds up, which shows where the lowest bits differ.
+GSVE_INLINE Vector average(Vector a, Vector b) {
+    return sub8(_mm256_avg_epu8(a, b), _mm256_and_si256(_mm256_xor_si256(a, b), _mm256_set1_epi8(1)));
 }
 
-GSVE_AVX2_INLINE void store(uint8_t* p, __m256i v) { _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), v); }
+GSVE_INLINE Vector at_hand(Vector v) { return v; }
 
-/// floor((a + b) / 2); pavgb rounds up, which shows where the lowest bits differ.
-GSVE_AVX2_INLINE __m256i average(__m256i a, __m256i b) {
-    return _mm256_sub_epi8(_mm256_avg_epu8(a, b),
-                           _mm256_and_si256(_mm256_xor_si256(a, b), _mm256_set1_epi8(1)));
+/// The upper bytes of words, as the samples lay that pairs_low() and pairs_high() took. One half is shifted,
+/// the other one multiplied: the shifters have more to do than the multipliers.
+GSVE_INLINE Vector upper_bytes(Vector low, Vector high) {
+    return _mm256_packs_epi16(multiply_high(low, splat16(0x100)), _mm256_srai_epi16(high, 8));
 }
 
-template <Weighting kWeighting>
-GSVE_AVX2_INLINE __m256i blend(__m256i a, __m256i b, __m256i weights) {
-    if constexpr (kWeighting == Weighting::kNone) return a;
-    if constexpr (kWeighting == Weighting::kHalf) return average(a, b);
-    // One half is shifted, the other one multiplied: the shifters have more to do than the multipliers.
-    const __m256i one_256th = _mm256_set1_epi16(0x100);
-    const __m256i low =
-        _mm256_mulhi_epi16(_mm256_maddubs_epi16(_mm256_unpacklo_epi8(a, b), weights), one_256th);
-    const __m256i high = _mm256_srai_epi16(_mm256_maddubs_epi16(_mm256_unpackhi_epi8(a, b), weights), 8);
-    return _mm256_add_epi8(kWeighting == Weighting::kNear ? a : b, _mm256_packs_epi16(low, high));
-}
-
-/// The offset of the last, overlapping vector: rows of no whole number of vectors end with one.
-constexpr size_t last_vector(size_t i, size_t n) { return i + kLanes <= n ? i : n - kLanes; }
-
-template <Weighting kWeighting>
-GSVE_AVX2 void blend_row(uint8_t* out, const uint8_t* a, const uint8_t* b, size_t n, unsigned weight) {
-    const __m256i weights = _mm256_set1_epi16(pair_weights(weight));
-    size_t done = 0;
-    for (; done + 2 * kLanes <= n; done += 2 * kLanes) {
-        const size_t i = done, j = done + kLanes;
-        const __m256i first = blend<kWeighting>(load(a + i), load(b + i), weights);
-        const __m256i second = blend<kWeighting>(load(a + j), load(b + j), weights);
-        store(out + i, first);
-        store(out + j, second);
-    }
-    for (size_t next = done; next < n; next += kLanes) {
-        const size_t i = last_vector(next, n);
-        store(out + i, blend<kWeighting>(load(a + i), load(b + i), weights));
-    }
-}
-
-template <Weighting kWeighting>
-GSVE_AVX2 void blend_three_row(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
-                               unsigned weight) {
-    const __m256i weights = _mm256_set1_epi16(pair_weights(weight));
-    for (size_t next = 0; next < n; next += kLanes) {
-        const size_t i = last_vector(next, n);
-        store(out + i, average(blend<kWeighting>(load(a + i), load(c + i), weights), load(b + i)));
-    }
-}
-
-/// The flags of four groups, each spread over its 8 samples.
-GSVE_AVX2_INLINE __m256i spread_flags(const uint8_t* group_flags) {
+/// Four groups, `combed` where the group's flag is set.
+GSVE_INLINE Vector select(Vector still, Vector combed, const uint8_t* group_flags) {
     uint32_t flags;
     std::memcpy(&flags, group_flags, sizeof(flags));
-    return _mm256_shuffle_epi8(
-        _mm256_set1_epi32(static_cast<int>(flags)),
-        _mm256_set_epi64x(0x0303030303030303, 0x0202020202020202, 0x0101010101010101, 0));
+    const Vector spread =
+        _mm256_shuffle_epi8(_mm256_set1_epi32(static_cast<int>(flags)),
+                            _mm256_set_epi64x(0x0303030303030303, 0x0202020202020202, 0x0101010101010101, 0));
+    return _mm256_blendv_epi8(still, combed, spread);
 }
 
-template <Weighting kWeighting>
-GSVE_AVX2 void blend_adaptive_row(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c,
-                                  size_t n, unsigned weight, const uint8_t* group_flags) {
-    const __m256i weights = _mm256_set1_epi16(pair_weights(weight));
-    for (size_t next = 0; next < n; next += kLanes) {
-        const size_t i = last_vector(next, n);
-        const __m256i at_a = load(a + i), at_b = load(b + i);
-        const __m256i still = blend<kWeighting>(at_a, at_b, weights);
-        const __m256i combed = average(blend<kWeighting>(at_a, load(c + i), weights), at_b);
-        store(out + i, _mm256_blendv_epi8(still, combed, spread_flags(group_flags + i / 8)));
-    }
-}
-
-// One form of each kernel per Weighting, in its order.
-inline constexpr decltype(RowKernels::blend) kBlendRows[] = {
-    blend_row<Weighting::kNone>, blend_row<Weighting::kNear>, blend_row<Weighting::kHalf>};
-inline constexpr decltype(RowKernels::blend_three) kBlendThreeRows[] = {
-    blend_three_row<Weighting::kNone>, blend_three_row<Weighting::kNear>, blend_three_row<Weighting::kHalf>};
-inline constexpr decltype(RowKernels::blend_adaptive) kBlendAdaptiveRows[] = {
-    blend_adaptive_row<Weighting::kNone>, blend_adaptive_row<Weighting::kNear>,
-    blend_adaptive_row<Weighting::kHalf>, blend_adaptive_row<Weighting::kFar>};
-
-inline void blend(uint8_t* out, const uint8_t* a, const uint8_t* b, size_t n, unsigned weight) {
-    if (n < kLanes) return sse41::blend(out, a, b, n, weight);
-    nearer_first(a, b, weight);
-    kBlendRows[index_of(weight)](out, a, b, n, weight);
-}
-
-inline void blend_three(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
-                        unsigned weight) {
-    if (n < kLanes) return sse41::blend_three(out, a, b, c, n, weight);
-    nearer_first(a, c, weight);
-    kBlendThreeRows[index_of(weight)](out, a, b, c, n, weight);
-}
-
-inline void blend_adaptive(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
-                           unsigned weight, const uint8_t* group_flags) {
-    if (n < kLanes) return sse41::blend_adaptive(out, a, b, c, n, weight, group_flags);
-    kBlendAdaptiveRows[index_of(weight)](out, a, b, c, n, weight, group_flags);
-}
+#include "generic/blend.h"
 
 // ---- Horizontal interpolation -------------------------------------------------------------------------
 
@@ -135,11 +67,11 @@ inline constexpr GatherShape kDense = {.outputs = 16, .window = 16, .groups = 2,
 inline constexpr GatherShape kSparse = {
     .outputs = 8, .window = 16, .groups = 4, .position = {0, 2, 1, 3}, .bias = 0x70};
 
-GSVE_AVX2_INLINE __m256i load_window(const uint8_t* p) {
+GSVE_INLINE __m256i load_window(const uint8_t* p) {
     return _mm256_broadcastsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
 }
 
-GSVE_AVX2_INLINE __m256i load_windows(const uint8_t* a, const uint8_t* b) {
+GSVE_INLINE __m256i load_windows(const uint8_t* a, const uint8_t* b) {
     const __m256i low = _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(a)));
     return _mm256_inserti128_si256(low, _mm_loadu_si128(reinterpret_cast<const __m128i*>(b)), 1);
 }
@@ -148,7 +80,7 @@ GSVE_AVX2_INLINE __m256i load_windows(const uint8_t* a, const uint8_t* b) {
 /// four bits of the others: biased by 0x70, offsets below 16 find their sample in the first window, and with
 /// their top bit turned, the others find theirs in the second.
 template <Spread kSpread>
-GSVE_AVX2_INLINE __m256i gather(const uint8_t* a, const uint8_t* b, __m256i pair) {
+GSVE_INLINE __m256i gather(const uint8_t* a, const uint8_t* b, __m256i pair) {
     const __m256i near = _mm256_shuffle_epi8(load_windows(a, b), pair);
     if constexpr (kSpread != Spread::kTwo) return near;
     const __m256i far_pair = _mm256_xor_si256(pair, _mm256_set1_epi8(static_cast<int8_t>(0x80)));
@@ -156,7 +88,7 @@ GSVE_AVX2_INLINE __m256i gather(const uint8_t* a, const uint8_t* b, __m256i pair
 }
 
 /// base + floor((base - other) * weight / 65536) in 16-bit lanes.
-GSVE_AVX2_INLINE __m256i weigh(__m256i pairs, __m256i weight) {
+GSVE_INLINE __m256i weigh(__m256i pairs, __m256i weight) {
     const __m256i difference = _mm256_maddubs_epi16(pairs, _mm256_set1_epi16(static_cast<int16_t>(0xff01)));
     return _mm256_add_epi16(_mm256_and_si256(pairs, _mm256_set1_epi16(0xff)),
                             _mm256_mulhi_epi16(difference, weight));
@@ -175,7 +107,7 @@ inline constexpr size_t kWindows = kSpread == Spread::kDense ? kDense.groups : k
 
 /// The round from output `i` of the plan on, whose windows stand at `window`.
 template <Spread kSpread>
-GSVE_AVX2_INLINE Round round_at(size_t i, const uint32_t* window, const HorizontalPlan& plan) {
+GSVE_INLINE Round round_at(size_t i, const uint32_t* window, const HorizontalPlan& plan) {
     const auto* pair = reinterpret_cast<const __m256i*>(plan.pair + i);
     const auto* weight = reinterpret_cast<const __m256i*>(plan.weight + i);
     return {window,
@@ -185,7 +117,7 @@ GSVE_AVX2_INLINE Round round_at(size_t i, const uint32_t* window, const Horizont
 
 /// Fetches what the next rows want from around the windows of a round.
 template <Spread kSpread>
-GSVE_AVX2_INLINE void fetch(NextLines next, const Round& round) {
+GSVE_INLINE void fetch(NextLines next, const Round& round) {
     for (const uint8_t* line : {next.a, next.b}) {
         _mm_prefetch(reinterpret_cast<const char*>(line + round.window[0]), _MM_HINT_T0);
         if constexpr (kSpread == Spread::kTwo) {
@@ -197,7 +129,7 @@ GSVE_AVX2_INLINE void fetch(NextLines next, const Round& round) {
 /// Keeps the tables of a round in registers for a second row, where the compiler would load them again. Not
 /// those of a dense round: its bound is the number of instructions, and operands in memory save some.
 template <Spread kSpread>
-GSVE_AVX2_INLINE Round held(Round round) {
+GSVE_INLINE Round held(Round round) {
     if constexpr (kSpread == Spread::kDense) return round;
     __asm__("" : "+x"(round.pair[0]), "+x"(round.pair[1]), "+x"(round.weight[0]), "+x"(round.weight[1]));
     return round;
@@ -205,7 +137,7 @@ GSVE_AVX2_INLINE Round held(Round round) {
 
 /// The 32 samples of a round.
 template <Spread kSpread>
-GSVE_AVX2_INLINE __m256i samples_of(const uint8_t* row, const Round& round) {
+GSVE_INLINE __m256i samples_of(const uint8_t* row, const Round& round) {
     const auto& [window, pair, weight] = round;
     if constexpr (kSpread == Spread::kDense) {
         const __m256i first = _mm256_shuffle_epi8(load_window(row + window[0]), pair[0]);
@@ -219,15 +151,15 @@ GSVE_AVX2_INLINE __m256i samples_of(const uint8_t* row, const Round& round) {
 }
 
 /// Stores the first `n` samples of a round.
-GSVE_AVX2_INLINE void store_rest(uint8_t* out, size_t i, size_t n, __m256i samples) {
+GSVE_INLINE void store_rest(uint8_t* out, size_t i, size_t n, __m256i samples) {
     uint8_t rest[kLanes];
     store(rest, samples);
     std::memcpy(out + i, rest, n);
 }
 
 template <Spread kSpread>
-GSVE_AVX2 void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
-                               NextLines next) {
+GSVE_KERNEL void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
+                                 NextLines next) {
     const size_t whole = n / kLanes * kLanes;
     const uint32_t* window = plan.window;
     for (size_t i = 0; i < whole; i += kLanes, window += kWindows<kSpread>) {
@@ -240,7 +172,7 @@ GSVE_AVX2 void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const
 }
 
 template <Spread kSpread>
-GSVE_AVX2 void interpolate_two_rows(const RowPair& rows, size_t n, const HorizontalPlan& plan) {
+GSVE_KERNEL void interpolate_two_rows(const RowPair& rows, size_t n, const HorizontalPlan& plan) {
     const auto [upper_out, lower_out] = rows.out;
     const auto [upper_row, lower_row] = rows.row;
     const auto [upper_next, lower_next] = rows.next;
@@ -292,7 +224,7 @@ alignas(kLanes) inline constexpr auto kBaseFactors = [] {
 /// 16 samples, in 16-bit lanes, out of 16 pairs: left + floor((right - left) * fraction / 65536). The product
 /// takes fractions from 0x8000 on for less by 65536, which is one difference too few: the right-hand sample
 /// as base, in place of the left-hand one, makes up for it.
-GSVE_AVX2_INLINE __m256i between(__m256i pairs, const uint16_t* base, const int16_t* fraction) {
+GSVE_INLINE __m256i between(__m256i pairs, const uint16_t* base, const int16_t* fraction) {
     const __m256i difference = _mm256_maddubs_epi16(pairs, _mm256_set1_epi16(0x01ff));
     const __m256i part =
         _mm256_mulhi_epi16(difference, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(fraction)));
@@ -302,13 +234,12 @@ GSVE_AVX2_INLINE __m256i between(__m256i pairs, const uint16_t* base, const int1
 
 /// The 16 pairs at byte `at` of the blend of two lines.
 template <Weighting kWeighting>
-GSVE_AVX2_INLINE __m256i pairs_at(size_t at, const uint8_t* a, const uint8_t* b, __m256i weights) {
+GSVE_INLINE __m256i pairs_at(size_t at, const uint8_t* a, const uint8_t* b, __m256i weights) {
     return blend<kWeighting>(load(a + at), load(b + at), weights);
 }
 
 /// Outputs [i, i + 32), whose bases stand at `base`, out of their pairs.
-GSVE_AVX2_INLINE __m256i halved(size_t i, __m256i low, __m256i high, uint32_t base,
-                                const HorizontalPlan& plan) {
+GSVE_INLINE __m256i halved(size_t i, __m256i low, __m256i high, uint32_t base, const HorizontalPlan& plan) {
     const uint16_t* bases = kBaseFactors.data() + base;
     const int16_t* fractions = plan.weight + i;
     const __m256i samples =
@@ -317,8 +248,8 @@ GSVE_AVX2_INLINE __m256i halved(size_t i, __m256i low, __m256i high, uint32_t ba
 }
 
 template <Weighting kWeighting>
-GSVE_AVX2 void halve_row(uint8_t* out, const uint8_t* a, const uint8_t* b, unsigned weight, size_t n,
-                         const HorizontalPlan& plan, const NextLines& next) {
+GSVE_KERNEL void halve_row(uint8_t* out, const uint8_t* a, const uint8_t* b, unsigned weight, size_t n,
+                           const HorizontalPlan& plan, const NextLines& next) {
     const auto [next_a, next_b] = next;
     const __m256i weights = _mm256_set1_epi16(pair_weights(weight));
     const uint32_t* base = plan.window;
@@ -356,11 +287,11 @@ inline void halve(uint8_t* out, const uint8_t* a, const uint8_t* b, unsigned wei
 // ---- Motion map ---------------------------------------------------------------------------------------
 
 /// Adds the halves of each 128-bit lane into its lower half.
-GSVE_AVX2_INLINE __m256i fold_sum(__m256i v) { return _mm256_add_epi64(v, _mm256_srli_si256(v, 8)); }
+GSVE_INLINE __m256i fold_sum(__m256i v) { return _mm256_add_epi64(v, _mm256_srli_si256(v, 8)); }
 
 /// Largest minus smallest sample of each 128-bit lane, in its lower half. The smallest and the complement of
 /// the largest are searched for side by side.
-GSVE_AVX2_INLINE __m256i range_of(__m256i smallest, __m256i largest) {
+GSVE_INLINE __m256i range_of(__m256i smallest, __m256i largest) {
     const __m256i inverse = _mm256_xor_si256(largest, _mm256_set1_epi8(-1));
     __m256i both =
         _mm256_min_epu8(_mm256_unpacklo_epi64(smallest, inverse), _mm256_unpackhi_epi64(smallest, inverse));
@@ -372,8 +303,8 @@ GSVE_AVX2_INLINE __m256i range_of(__m256i smallest, __m256i largest) {
 
 /// Two macroblocks, one in each 128-bit lane, while the lines of those further on are fetched: the processor
 /// does not foresee the reads of so many lines.
-GSVE_AVX2 inline void motion_row(uint8_t* flags, const uint8_t* const (&lines)[plain::kMotionLines],
-                                 size_t blocks) {
+GSVE_KERNEL inline void motion_row(uint8_t* flags, const uint8_t* const (&lines)[plain::kMotionLines],
+                                   size_t blocks) {
     const size_t pairs = blocks & ~size_t{1};
     for (size_t block = 0; block < pairs; block += 2) {
         const size_t x = block * kMacroblock;
@@ -419,9 +350,6 @@ inline constexpr RowKernels kRowKernels = {
     .motion_row = motion_row,
 };
 
-}  // namespace gsve::detail::avx2
-
-#undef GSVE_AVX2
-#undef GSVE_AVX2_INLINE
+#include "generic/end.h"
 
 #endif

@@ -14,111 +14,46 @@
 #include "avx2.h"
 #include "rows.h"
 
-// The compiler's own headers build these intrinsics on a deliberately undefined vector, which GCC 12 reports.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#pragma GCC diagnostic ignored "-Wuninitialized"
+#define GSVE_SCALE_SET avx512
+#define GSVE_SCALE_TARGET "avx512f,avx512bw,avx512dq,avx512vl"
+#define GSVE_SCALE_INTRINSIC(name) _mm512_##name
+#include "generic/begin.h"
 
-#define GSVE_AVX512 __attribute__((target("avx512f,avx512bw,avx512dq,avx512vl")))
-#define GSVE_AVX512_INLINE __attribute__((target("avx512f,avx512bw,avx512dq,avx512vl"), always_inline)) inline
-
-namespace gsve::detail::avx512 {
-
+using Vector = __m512i;
 inline constexpr size_t kLanes = 64;
+inline constexpr bool kBlendsTwoVectors = false;
+namespace narrower = avx2;
 
-GSVE_AVX512_INLINE __m512i load(const uint8_t* p) {
-    return _mm512_loadu_si512(reinterpret_cast<const __m512i*>(p));
-}
+GSVE_INLINE Vector load(const uint8_t* p) { return _mm512_loadu_si512(p); }
 
-GSVE_AVX512_INLINE void store(uint8_t* p, __m512i v) {
-    _mm512_storeu_si512(reinterpret_cast<__m512i*>(p), v);
-}
+GSVE_INLINE void store(uint8_t* p, Vector v) { _mm512_storeu_si512(p, v); }
+
+#include "generic/arithmetic.h"
+
+// ---- Blends -------------------------------------------------------------------------------------------
 
 /// floor((a + b) / 2); vpavgb rounds up, which shows where the lowest bits differ: (a ^ b) & 1.
-GSVE_AVX512_INLINE __m512i average(__m512i a, __m512i b) {
+GSVE_INLINE Vector average(Vector a, Vector b) {
     constexpr int kXorThenAnd = 0x28;
-    const __m512i odd = _mm512_ternarylogic_epi32(a, b, _mm512_set1_epi8(1), kXorThenAnd);
-    return _mm512_sub_epi8(_mm512_avg_epu8(a, b), odd);
+    const Vector odd = _mm512_ternarylogic_epi32(a, b, _mm512_set1_epi8(1), kXorThenAnd);
+    return sub8(_mm512_avg_epu8(a, b), odd);
 }
 
-template <Weighting kWeighting>
-GSVE_AVX512_INLINE __m512i blend(__m512i a, __m512i b, __m512i weights) {
-    if constexpr (kWeighting == Weighting::kNone) return a;
-    if constexpr (kWeighting == Weighting::kHalf) return average(a, b);
-    const __m512i low = _mm512_srai_epi16(_mm512_maddubs_epi16(_mm512_unpacklo_epi8(a, b), weights), 8);
-    const __m512i high = _mm512_srai_epi16(_mm512_maddubs_epi16(_mm512_unpackhi_epi8(a, b), weights), 8);
-    return _mm512_add_epi8(kWeighting == Weighting::kNear ? a : b, _mm512_packs_epi16(low, high));
+GSVE_INLINE Vector at_hand(Vector v) { return v; }
+
+/// The upper bytes of words, as the samples lay that pairs_low() and pairs_high() took.
+GSVE_INLINE Vector upper_bytes(Vector low, Vector high) {
+    return _mm512_packs_epi16(_mm512_srai_epi16(low, 8), _mm512_srai_epi16(high, 8));
 }
 
-/// The offset of the last, overlapping vector: rows of no whole number of vectors end with one.
-constexpr size_t last_vector(size_t i, size_t n) { return i + kLanes <= n ? i : n - kLanes; }
-
-template <Weighting kWeighting>
-GSVE_AVX512 void blend_row(uint8_t* out, const uint8_t* a, const uint8_t* b, size_t n, unsigned weight) {
-    const __m512i weights = _mm512_set1_epi16(pair_weights(weight));
-    for (size_t next = 0; next < n; next += kLanes) {
-        const size_t i = last_vector(next, n);
-        store(out + i, blend<kWeighting>(load(a + i), load(b + i), weights));
-    }
-}
-
-template <Weighting kWeighting>
-GSVE_AVX512 void blend_three_row(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
-                                 unsigned weight) {
-    const __m512i weights = _mm512_set1_epi16(pair_weights(weight));
-    for (size_t next = 0; next < n; next += kLanes) {
-        const size_t i = last_vector(next, n);
-        store(out + i, average(blend<kWeighting>(load(a + i), load(c + i), weights), load(b + i)));
-    }
-}
-
-/// The flags of eight groups: one bit for each of their samples.
-GSVE_AVX512_INLINE __mmask64 spread_flags(const uint8_t* group_flags) {
+/// Eight groups, `combed` where the group's flag is set: a flag has one bit for each of its samples.
+GSVE_INLINE Vector select(Vector still, Vector combed, const uint8_t* group_flags) {
     uint64_t flags;
     std::memcpy(&flags, group_flags, sizeof(flags));
-    return _cvtu64_mask64(flags);
+    return _mm512_mask_mov_epi8(still, _cvtu64_mask64(flags), combed);
 }
 
-template <Weighting kWeighting>
-GSVE_AVX512 void blend_adaptive_row(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c,
-                                    size_t n, unsigned weight, const uint8_t* group_flags) {
-    const __m512i weights = _mm512_set1_epi16(pair_weights(weight));
-    for (size_t next = 0; next < n; next += kLanes) {
-        const size_t i = last_vector(next, n);
-        const __m512i at_a = load(a + i), at_b = load(b + i);
-        const __m512i still = blend<kWeighting>(at_a, at_b, weights);
-        const __m512i combed = average(blend<kWeighting>(at_a, load(c + i), weights), at_b);
-        store(out + i, _mm512_mask_mov_epi8(still, spread_flags(group_flags + i / 8), combed));
-    }
-}
-
-// One form of each kernel per Weighting, in its order.
-inline constexpr decltype(RowKernels::blend) kBlendRows[] = {
-    blend_row<Weighting::kNone>, blend_row<Weighting::kNear>, blend_row<Weighting::kHalf>};
-inline constexpr decltype(RowKernels::blend_three) kBlendThreeRows[] = {
-    blend_three_row<Weighting::kNone>, blend_three_row<Weighting::kNear>, blend_three_row<Weighting::kHalf>};
-inline constexpr decltype(RowKernels::blend_adaptive) kBlendAdaptiveRows[] = {
-    blend_adaptive_row<Weighting::kNone>, blend_adaptive_row<Weighting::kNear>,
-    blend_adaptive_row<Weighting::kHalf>, blend_adaptive_row<Weighting::kFar>};
-
-inline void blend(uint8_t* out, const uint8_t* a, const uint8_t* b, size_t n, unsigned weight) {
-    if (n < kLanes) return avx2::blend(out, a, b, n, weight);
-    nearer_first(a, b, weight);
-    kBlendRows[index_of(weight)](out, a, b, n, weight);
-}
-
-inline void blend_three(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
-                        unsigned weight) {
-    if (n < kLanes) return avx2::blend_three(out, a, b, c, n, weight);
-    nearer_first(a, c, weight);
-    kBlendThreeRows[index_of(weight)](out, a, b, c, n, weight);
-}
-
-inline void blend_adaptive(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
-                           unsigned weight, const uint8_t* group_flags) {
-    if (n < kLanes) return avx2::blend_adaptive(out, a, b, c, n, weight, group_flags);
-    kBlendAdaptiveRows[index_of(weight)](out, a, b, c, n, weight, group_flags);
-}
+#include "generic/blend.h"
 
 // ---- Motion map ---------------------------------------------------------------------------------------
 
@@ -130,7 +65,7 @@ struct Motion {
 
 /// The motion of the four macroblocks from column `x` on, while the lines of those behind are fetched: the
 /// processor does not foresee the reads of so many lines.
-GSVE_AVX512_INLINE Motion motion_of(const uint8_t* const (&lines)[plain::kMotionLines], size_t x) {
+GSVE_INLINE Motion motion_of(const uint8_t* const (&lines)[plain::kMotionLines], size_t x) {
     const __m512i none = _mm512_setzero_si512();
     __m512i even = load(lines[0] + x), odd = load(lines[1] + x);
     Motion motion = {even, even, none, {none, none}};
@@ -152,12 +87,12 @@ GSVE_AVX512_INLINE Motion motion_of(const uint8_t* const (&lines)[plain::kMotion
 }
 
 /// The sums of the 128-bit lanes of two vectors, side by side.
-GSVE_AVX512_INLINE __m512i lane_sums(__m512i a, __m512i b) {
+GSVE_INLINE __m512i lane_sums(__m512i a, __m512i b) {
     return _mm512_add_epi64(_mm512_unpacklo_epi64(a, b), _mm512_unpackhi_epi64(a, b));
 }
 
 /// Likewise, their smallest bytes, in the lowest of 64 bits; those above are of no meaning.
-GSVE_AVX512_INLINE __m512i lane_minima(__m512i a, __m512i b) {
+GSVE_INLINE __m512i lane_minima(__m512i a, __m512i b) {
     __m512i least = _mm512_min_epu8(_mm512_unpacklo_epi64(a, b), _mm512_unpackhi_epi64(a, b));
     least = _mm512_min_epu8(least, _mm512_srli_epi64(least, 32));
     least = _mm512_min_epu8(least, _mm512_srli_epi64(least, 16));
@@ -165,7 +100,7 @@ GSVE_AVX512_INLINE __m512i lane_minima(__m512i a, __m512i b) {
 }
 
 /// Likewise, their largest bytes.
-GSVE_AVX512_INLINE __m512i lane_maxima(__m512i a, __m512i b) {
+GSVE_INLINE __m512i lane_maxima(__m512i a, __m512i b) {
     __m512i most = _mm512_max_epu8(_mm512_unpacklo_epi64(a, b), _mm512_unpackhi_epi64(a, b));
     most = _mm512_max_epu8(most, _mm512_srli_epi64(most, 32));
     most = _mm512_max_epu8(most, _mm512_srli_epi64(most, 16));
@@ -173,7 +108,7 @@ GSVE_AVX512_INLINE __m512i lane_maxima(__m512i a, __m512i b) {
 }
 
 /// The flags of eight macroblocks, of which `a` and `b` hold four each.
-GSVE_AVX512_INLINE __m128i flags_of(const Motion& a, const Motion& b) {
+GSVE_INLINE __m128i flags_of(const Motion& a, const Motion& b) {
     const __m512i largest = lane_maxima(a.largest, b.largest);
     const __m512i smallest = lane_minima(a.smallest, b.smallest);
     const __m512i range = _mm512_and_si512(_mm512_sub_epi8(largest, smallest), _mm512_set1_epi64(0xff));
@@ -186,7 +121,7 @@ GSVE_AVX512_INLINE __m128i flags_of(const Motion& a, const Motion& b) {
     return _mm_shuffle_epi8(flags, _mm_set1_epi64x(0x0705030106040200));  // those of a, those of b
 }
 
-GSVE_AVX512 inline void motion_row(uint8_t* flags, const uint8_t* const (&lines)[plain::kMotionLines],
+GSVE_KERNEL inline void motion_row(uint8_t* flags, const uint8_t* const (&lines)[plain::kMotionLines],
                                    size_t blocks) {
     if (blocks < 8) return avx2::motion_row(flags, lines, blocks);
     for (size_t next = 0; next < blocks; next += 8) {
@@ -211,11 +146,6 @@ inline constexpr RowKernels kRowKernels = {
     .motion_row = motion_row,
 };
 
-}  // namespace gsve::detail::avx512
-
-#undef GSVE_AVX512
-#undef GSVE_AVX512_INLINE
-
-#pragma GCC diagnostic pop
+#include "generic/end.h"
 
 #endif

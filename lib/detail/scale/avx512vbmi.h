@@ -16,30 +16,29 @@
 #include "avx512.h"
 #include "rows.h"
 
-// The compiler's own headers build these intrinsics on a deliberately undefined vector, which GCC 12 reports.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#pragma GCC diagnostic ignored "-Wuninitialized"
+#define GSVE_SCALE_SET vbmi
+#define GSVE_SCALE_TARGET "avx512f,avx512bw,avx512dq,avx512vl,avx512vbmi"
+#define GSVE_SCALE_INTRINSIC(name) _mm512_##name
+#include "generic/begin.h"
 
-#define GSVE_VBMI __attribute__((target("avx512f,avx512bw,avx512dq,avx512vl,avx512vbmi")))
-#define GSVE_VBMI_INLINE \
-    __attribute__((target("avx512f,avx512bw,avx512dq,avx512vl,avx512vbmi"), always_inline)) inline
-
-namespace gsve::detail::vbmi {
-
+using Vector = __m512i;
 inline constexpr size_t kLanes = 64;
+inline constexpr bool kBlendsTwoVectors = false;
+namespace narrower = avx2;
 
-GSVE_VBMI_INLINE __m512i load(const uint8_t* p) {
-    return _mm512_loadu_si512(reinterpret_cast<const __m512i*>(p));
-}
+using avx512::average;
+using avx512::load;
+using avx512::select;
+using avx512::store;
 
-GSVE_VBMI_INLINE void store(uint8_t* p, __m512i v) { _mm512_storeu_si512(reinterpret_cast<__m512i*>(p), v); }
+#include "generic/arithmetic.h"
 
-/// floor((a + b) / 2); vpavgb rounds up, which shows where the lowest bits differ: (a ^ b) & 1.
-GSVE_VBMI_INLINE __m512i average(__m512i a, __m512i b) {
-    constexpr int kXorThenAnd = 0x28;
-    const __m512i odd = _mm512_ternarylogic_epi32(a, b, _mm512_set1_epi8(1), kXorThenAnd);
-    return _mm512_sub_epi8(_mm512_avg_epu8(a, b), odd);
+// ---- Blends -------------------------------------------------------------------------------------------
+
+/// Keeps the compiler from loading a vector once for each half.
+GSVE_INLINE Vector at_hand(Vector v) {
+    __asm__("" : "+v"(v));
+    return v;
 }
 
 /// The offsets of the upper bytes of the words of two vectors, the lower and the upper halves of the 128-bit
@@ -53,87 +52,12 @@ alignas(64) inline constexpr auto kUpperBytes = [] {
     return offsets;
 }();
 
-template <Weighting kWeighting>
-GSVE_VBMI_INLINE __m512i blend(__m512i a, __m512i b, __m512i weights) {
-    if constexpr (kWeighting == Weighting::kNone) return a;
-    if constexpr (kWeighting == Weighting::kHalf) return average(a, b);
-    __asm__("" : "+v"(b));  // keeps the compiler from loading b once for each half
-    const __m512i low = _mm512_maddubs_epi16(_mm512_unpacklo_epi8(a, b), weights);
-    const __m512i high = _mm512_maddubs_epi16(_mm512_unpackhi_epi8(a, b), weights);
-    const __m512i upper_bytes = _mm512_load_si512(kUpperBytes.data());
-    return _mm512_add_epi8(kWeighting == Weighting::kNear ? a : b,
-                           _mm512_permutex2var_epi8(low, upper_bytes, high));
+/// The upper bytes of words, as the samples lay that pairs_low() and pairs_high() took.
+GSVE_INLINE Vector upper_bytes(Vector low, Vector high) {
+    return _mm512_permutex2var_epi8(low, _mm512_load_si512(kUpperBytes.data()), high);
 }
 
-/// The offset of the last, overlapping vector: rows of no whole number of vectors end with one.
-constexpr size_t last_vector(size_t i, size_t n) { return i + kLanes <= n ? i : n - kLanes; }
-
-template <Weighting kWeighting>
-GSVE_VBMI void blend_row(uint8_t* out, const uint8_t* a, const uint8_t* b, size_t n, unsigned weight) {
-    const __m512i weights = _mm512_set1_epi16(pair_weights(weight));
-    for (size_t next = 0; next < n; next += kLanes) {
-        const size_t i = last_vector(next, n);
-        store(out + i, blend<kWeighting>(load(a + i), load(b + i), weights));
-    }
-}
-
-template <Weighting kWeighting>
-GSVE_VBMI void blend_three_row(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
-                               unsigned weight) {
-    const __m512i weights = _mm512_set1_epi16(pair_weights(weight));
-    for (size_t next = 0; next < n; next += kLanes) {
-        const size_t i = last_vector(next, n);
-        store(out + i, average(blend<kWeighting>(load(a + i), load(c + i), weights), load(b + i)));
-    }
-}
-
-/// The flags of eight groups: one bit for each of their samples.
-GSVE_VBMI_INLINE __mmask64 spread_flags(const uint8_t* group_flags) {
-    uint64_t flags;
-    std::memcpy(&flags, group_flags, sizeof(flags));
-    return _cvtu64_mask64(flags);
-}
-
-template <Weighting kWeighting>
-GSVE_VBMI void blend_adaptive_row(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c,
-                                  size_t n, unsigned weight, const uint8_t* group_flags) {
-    const __m512i weights = _mm512_set1_epi16(pair_weights(weight));
-    for (size_t next = 0; next < n; next += kLanes) {
-        const size_t i = last_vector(next, n);
-        const __m512i at_a = load(a + i), at_b = load(b + i);
-        const __m512i still = blend<kWeighting>(at_a, at_b, weights);
-        const __m512i combed = average(blend<kWeighting>(at_a, load(c + i), weights), at_b);
-        store(out + i, _mm512_mask_mov_epi8(still, spread_flags(group_flags + i / 8), combed));
-    }
-}
-
-// One form of each kernel per Weighting, in its order.
-inline constexpr decltype(RowKernels::blend) kBlendRows[] = {
-    blend_row<Weighting::kNone>, blend_row<Weighting::kNear>, blend_row<Weighting::kHalf>};
-inline constexpr decltype(RowKernels::blend_three) kBlendThreeRows[] = {
-    blend_three_row<Weighting::kNone>, blend_three_row<Weighting::kNear>, blend_three_row<Weighting::kHalf>};
-inline constexpr decltype(RowKernels::blend_adaptive) kBlendAdaptiveRows[] = {
-    blend_adaptive_row<Weighting::kNone>, blend_adaptive_row<Weighting::kNear>,
-    blend_adaptive_row<Weighting::kHalf>, blend_adaptive_row<Weighting::kFar>};
-
-inline void blend(uint8_t* out, const uint8_t* a, const uint8_t* b, size_t n, unsigned weight) {
-    if (n < kLanes) return avx2::blend(out, a, b, n, weight);
-    nearer_first(a, b, weight);
-    kBlendRows[index_of(weight)](out, a, b, n, weight);
-}
-
-inline void blend_three(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
-                        unsigned weight) {
-    if (n < kLanes) return avx2::blend_three(out, a, b, c, n, weight);
-    nearer_first(a, c, weight);
-    kBlendThreeRows[index_of(weight)](out, a, b, c, n, weight);
-}
-
-inline void blend_adaptive(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
-                           unsigned weight, const uint8_t* group_flags) {
-    if (n < kLanes) return avx2::blend_adaptive(out, a, b, c, n, weight, group_flags);
-    kBlendAdaptiveRows[index_of(weight)](out, a, b, c, n, weight, group_flags);
-}
+#include "generic/blend.h"
 
 // ---- Horizontal interpolation -------------------------------------------------------------------------
 
@@ -142,14 +66,14 @@ inline constexpr GatherShape kSparse = {.outputs = 32, .window = 64, .groups = 2
 
 /// The pairs of the samples of half a round.
 template <Spread kSpread>
-GSVE_VBMI_INLINE __m512i gather(const uint8_t* window, __m512i pair) {
+GSVE_INLINE __m512i gather(const uint8_t* window, __m512i pair) {
     if constexpr (kSpread != Spread::kTwo) return _mm512_permutexvar_epi8(pair, _mm512_loadu_si512(window));
     return _mm512_permutex2var_epi8(_mm512_loadu_si512(window), pair, _mm512_loadu_si512(window + 64));
 }
 
 /// base + floor((base - other) * weight / 65536) in the lower bytes of 16-bit lanes; the upper ones are of no
 /// meaning.
-GSVE_VBMI_INLINE __m512i weigh(__m512i pairs, __m512i weight) {
+GSVE_INLINE __m512i weigh(__m512i pairs, __m512i weight) {
     const __m512i difference = _mm512_maddubs_epi16(pairs, _mm512_set1_epi16(static_cast<int16_t>(0xff01)));
     return _mm512_add_epi16(pairs, _mm512_mulhi_epi16(difference, weight));
 }
@@ -164,7 +88,7 @@ alignas(64) inline constexpr auto kLowerBytes = [] {
 /// Fetches what the next rows want from around the windows of the round from output `i` on.
 /// Into the second level: the lines of two rows of 4K are too much for the first, and cost more there.
 template <Spread kSpread>
-GSVE_VBMI_INLINE void fetch(NextLines next, size_t i, const HorizontalPlan& plan) {
+GSVE_INLINE void fetch(NextLines next, size_t i, const HorizontalPlan& plan) {
     constexpr bool kIsDense = kSpread == Spread::kDense;
     const uint32_t* window = plan.window + i / (kIsDense ? kDense.outputs : kSparse.outputs);
     for (const uint8_t* line : {next.a, next.b}) {
@@ -185,7 +109,7 @@ struct Round {
 
 /// The tables from output `i` of the plan on.
 template <Spread kSpread>
-GSVE_VBMI_INLINE Round round_at(size_t i, const HorizontalPlan& plan) {
+GSVE_INLINE Round round_at(size_t i, const HorizontalPlan& plan) {
     constexpr bool kIsDense = kSpread == Spread::kDense;
     const uint32_t* window = plan.window + i / (kIsDense ? kDense.outputs : kSparse.outputs);
     const uint16_t* pair = plan.pair + i;
@@ -196,14 +120,14 @@ GSVE_VBMI_INLINE Round round_at(size_t i, const HorizontalPlan& plan) {
 }
 
 /// Keeps the tables of a round in registers for a second row, where the compiler would load them again.
-GSVE_VBMI_INLINE Round held(Round round) {
+GSVE_INLINE Round held(Round round) {
     __asm__("" : "+v"(round.pair[0]), "+v"(round.pair[1]), "+v"(round.weight[0]), "+v"(round.weight[1]));
     return round;
 }
 
 /// The 64 samples of a round.
 template <Spread kSpread>
-GSVE_VBMI_INLINE __m512i samples_of(const uint8_t* row, const Round& round) {
+GSVE_INLINE __m512i samples_of(const uint8_t* row, const Round& round) {
     __m512i first, second;
     if constexpr (kSpread == Spread::kDense) {
         __m512i window = load(row + round.window[0]);
@@ -219,13 +143,13 @@ GSVE_VBMI_INLINE __m512i samples_of(const uint8_t* row, const Round& round) {
 }
 
 /// Stores the first `n` samples of a round.
-GSVE_VBMI_INLINE void store_rest(uint8_t* out, size_t i, size_t n, __m512i samples) {
+GSVE_INLINE void store_rest(uint8_t* out, size_t i, size_t n, __m512i samples) {
     _mm512_mask_storeu_epi8(out + i, (uint64_t{1} << n) - 1, samples);
 }
 
 template <Spread kSpread>
-GSVE_VBMI void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
-                               NextLines next) {
+GSVE_KERNEL void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
+                                 NextLines next) {
     const size_t whole = n / kLanes * kLanes;
     for (size_t i = 0; i < whole; i += kLanes) {
         fetch<kSpread>(next, i, plan);
@@ -236,7 +160,7 @@ GSVE_VBMI void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const
 }
 
 template <Spread kSpread>
-GSVE_VBMI void interpolate_two_rows(const RowPair& rows, size_t n, const HorizontalPlan& plan) {
+GSVE_KERNEL void interpolate_two_rows(const RowPair& rows, size_t n, const HorizontalPlan& plan) {
     const auto [upper_out, lower_out] = rows.out;
     const auto [upper_row, lower_row] = rows.row;
     const auto [upper_next, lower_next] = rows.next;
@@ -286,7 +210,7 @@ constexpr Side side_of(uint32_t base) {
 /// 32 samples, in the lower bytes of 16-bit lanes, out of 32 pairs: left + floor((right - left) * fraction /
 /// 65536). The product takes fractions from 0x8000 on for less by 65536, which is one difference too few.
 template <Side kSide>
-GSVE_VBMI_INLINE __m512i between(__m512i pairs, __m512i fraction) {
+GSVE_INLINE __m512i between(__m512i pairs, __m512i fraction) {
     const __m512i difference = _mm512_maddubs_epi16(pairs, _mm512_set1_epi16(0x01ff));
     const __m512i sample = _mm512_add_epi16(pairs, _mm512_mulhi_epi16(difference, fraction));
     if constexpr (kSide == Side::kLeft) return sample;
@@ -296,7 +220,7 @@ GSVE_VBMI_INLINE __m512i between(__m512i pairs, __m512i fraction) {
 
 /// Outputs [i, i + 64) out of their pairs.
 template <Side kSide>
-GSVE_VBMI_INLINE __m512i halved(size_t i, __m512i low, __m512i high, const HorizontalPlan& plan) {
+GSVE_INLINE __m512i halved(size_t i, __m512i low, __m512i high, const HorizontalPlan& plan) {
     const int16_t* fractions = plan.weight + i;
     return _mm512_permutex2var_epi8(between<kSide>(low, _mm512_loadu_si512(fractions)),
                                     _mm512_load_si512(kLowerBytes.data()),
@@ -304,8 +228,8 @@ GSVE_VBMI_INLINE __m512i halved(size_t i, __m512i low, __m512i high, const Horiz
 }
 
 template <Weighting kWeighting>
-GSVE_VBMI void halve_row(uint8_t* out, const uint8_t* a, const uint8_t* b, unsigned weight, size_t n,
-                         const HorizontalPlan& plan, const NextLines& next) {
+GSVE_KERNEL void halve_row(uint8_t* out, const uint8_t* a, const uint8_t* b, unsigned weight, size_t n,
+                           const HorizontalPlan& plan, const NextLines& next) {
     const auto [next_a, next_b] = next;
     const __m512i weights = _mm512_set1_epi16(pair_weights(weight));
     const uint32_t* base = plan.window;
@@ -348,11 +272,6 @@ inline constexpr RowKernels kRowKernels = {
     .motion_row = avx512::motion_row,
 };
 
-}  // namespace gsve::detail::vbmi
-
-#undef GSVE_VBMI
-#undef GSVE_VBMI_INLINE
-
-#pragma GCC diagnostic pop
+#include "generic/end.h"
 
 #endif

@@ -128,30 +128,34 @@ constexpr int16_t pair_weights(unsigned weight) {
     return static_cast<int16_t>((b * 256) | (-b & 0xff));
 }
 
-namespace rows {
-
 // ---- Rows too short for a vector ----------------------------------------------------------------------
 
-inline void blend_short(uint8_t* out, const uint8_t* a, const uint8_t* b, size_t n, unsigned weight) {
+namespace one_by_one {
+
+inline void blend(uint8_t* out, const uint8_t* a, const uint8_t* b, size_t n, unsigned weight) {
     for (size_t i = 0; i < n; ++i) out[i] = plain::blend_lines(a[i], b[i], static_cast<int>(weight));
 }
 
-inline void blend_three_short(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
-                              unsigned weight) {
+inline void blend_three(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
+                        unsigned weight) {
     for (size_t i = 0; i < n; ++i) {
         out[i] = plain::blend_three_lines(a[i], b[i], c[i], static_cast<int>(weight));
     }
 }
 
-inline void blend_adaptive_short(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
-                                 unsigned weight, const uint8_t* group_flags) {
+inline void blend_adaptive(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
+                           unsigned weight, const uint8_t* group_flags) {
     for (size_t i = 0; i < n; i += 8) {
         if (group_flags[i / 8] != 0)
-            blend_three_short(out + i, a + i, b + i, c + i, 8, weight);
+            blend_three(out + i, a + i, b + i, c + i, 8, weight);
         else
-            blend_short(out + i, a + i, b + i, 8, weight);
+            blend(out + i, a + i, b + i, 8, weight);
     }
 }
+
+}  // namespace one_by_one
+
+namespace rows {
 
 // ---- The horizontal plan ------------------------------------------------------------------------------
 

@@ -12,103 +12,49 @@
 
 #include "rows.h"
 
-#define GSVE_SSE41 __attribute__((target("ssse3,sse4.1")))
-#define GSVE_SSE41_INLINE __attribute__((target("ssse3,sse4.1"), always_inline)) inline
+#define GSVE_SCALE_SET sse41
+#define GSVE_SCALE_TARGET "ssse3,sse4.1"
+#define GSVE_SCALE_INTRINSIC(name) _mm_##name
+#include "generic/begin.h"
 
-namespace gsve::detail::sse41 {
-
+using Vector = __m128i;
 inline constexpr size_t kLanes = 16;
+inline constexpr bool kBlendsTwoVectors = false;
+namespace narrower = one_by_one;
 
-GSVE_SSE41_INLINE __m128i load(const uint8_t* p) {
-    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-}
+GSVE_INLINE Vector load(const uint8_t* p) { return _mm_loadu_si128(reinterpret_cast<const Vector*>(p)); }
 
-GSVE_SSE41_INLINE void store(uint8_t* p, __m128i v) { _mm_storeu_si128(reinterpret_cast<__m128i*>(p), v); }
+GSVE_INLINE void store(uint8_t* p, Vector v) { _mm_storeu_si128(reinterpret_cast<Vector*>(p), v); }
+
+#include "generic/arithmetic.h"
+
+// ---- Blends -------------------------------------------------------------------------------------------
 
 /// floor((a + b) / 2); pavgb rounds up, which shows where the lowest bits differ.
-GSVE_SSE41_INLINE __m128i average(__m128i a, __m128i b) {
-    return _mm_sub_epi8(_mm_avg_epu8(a, b), _mm_and_si128(_mm_xor_si128(a, b), _mm_set1_epi8(1)));
+GSVE_INLINE Vector average(Vector a, Vector b) {
+    return sub8(_mm_avg_epu8(a, b), _mm_and_si128(_mm_xor_si128(a, b), _mm_set1_epi8(1)));
 }
 
-template <Weighting kWeighting>
-GSVE_SSE41_INLINE __m128i blend(__m128i a, __m128i b, __m128i weights) {
-    if constexpr (kWeighting == Weighting::kNone) return a;
-    if constexpr (kWeighting == Weighting::kHalf) return average(a, b);
-    __asm__("" : "+x"(b));  // keeps the compiler from loading b once for each half
-    const __m128i low = _mm_srai_epi16(_mm_maddubs_epi16(_mm_unpacklo_epi8(a, b), weights), 8);
-    const __m128i high = _mm_srai_epi16(_mm_maddubs_epi16(_mm_unpackhi_epi8(a, b), weights), 8);
-    return _mm_add_epi8(kWeighting == Weighting::kNear ? a : b, _mm_packs_epi16(low, high));
+/// Keeps the compiler from loading a vector once for each half.
+GSVE_INLINE Vector at_hand(Vector v) {
+    __asm__("" : "+x"(v));
+    return v;
 }
 
-/// The offset of the last, overlapping vector: rows of no whole number of vectors end with one.
-constexpr size_t last_vector(size_t i, size_t n) { return i + kLanes <= n ? i : n - kLanes; }
-
-template <Weighting kWeighting>
-GSVE_SSE41 void blend_row(uint8_t* out, const uint8_t* a, const uint8_t* b, size_t n, unsigned weight) {
-    const __m128i weights = _mm_set1_epi16(pair_weights(weight));
-    for (size_t next = 0; next < n; next += kLanes) {
-        const size_t i = last_vector(next, n);
-        store(out + i, blend<kWeighting>(load(a + i), load(b + i), weights));
-    }
+/// The upper bytes of words, as the samples lay that pairs_low() and pairs_high() took.
+GSVE_INLINE Vector upper_bytes(Vector low, Vector high) {
+    return _mm_packs_epi16(_mm_srai_epi16(low, 8), _mm_srai_epi16(high, 8));
 }
 
-template <Weighting kWeighting>
-GSVE_SSE41 void blend_three_row(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
-                                unsigned weight) {
-    const __m128i weights = _mm_set1_epi16(pair_weights(weight));
-    for (size_t next = 0; next < n; next += kLanes) {
-        const size_t i = last_vector(next, n);
-        store(out + i, average(blend<kWeighting>(load(a + i), load(c + i), weights), load(b + i)));
-    }
-}
-
-/// The flags of two groups, each spread over its 8 samples.
-GSVE_SSE41_INLINE __m128i spread_flags(const uint8_t* group_flags) {
+/// Two groups, `combed` where the group's flag is set.
+GSVE_INLINE Vector select(Vector still, Vector combed, const uint8_t* group_flags) {
     uint16_t flags;
     std::memcpy(&flags, group_flags, sizeof(flags));
-    return _mm_shuffle_epi8(_mm_cvtsi32_si128(flags), _mm_set_epi64x(0x0101010101010101, 0));
+    const Vector spread = _mm_shuffle_epi8(_mm_cvtsi32_si128(flags), _mm_set_epi64x(0x0101010101010101, 0));
+    return _mm_blendv_epi8(still, combed, spread);
 }
 
-template <Weighting kWeighting>
-GSVE_SSE41 void blend_adaptive_row(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c,
-                                   size_t n, unsigned weight, const uint8_t* group_flags) {
-    const __m128i weights = _mm_set1_epi16(pair_weights(weight));
-    for (size_t next = 0; next < n; next += kLanes) {
-        const size_t i = last_vector(next, n);
-        const __m128i at_a = load(a + i), at_b = load(b + i);
-        const __m128i still = blend<kWeighting>(at_a, at_b, weights);
-        const __m128i combed = average(blend<kWeighting>(at_a, load(c + i), weights), at_b);
-        store(out + i, _mm_blendv_epi8(still, combed, spread_flags(group_flags + i / 8)));
-    }
-}
-
-// One form of each kernel per Weighting, in its order.
-inline constexpr decltype(RowKernels::blend) kBlendRows[] = {
-    blend_row<Weighting::kNone>, blend_row<Weighting::kNear>, blend_row<Weighting::kHalf>};
-inline constexpr decltype(RowKernels::blend_three) kBlendThreeRows[] = {
-    blend_three_row<Weighting::kNone>, blend_three_row<Weighting::kNear>, blend_three_row<Weighting::kHalf>};
-inline constexpr decltype(RowKernels::blend_adaptive) kBlendAdaptiveRows[] = {
-    blend_adaptive_row<Weighting::kNone>, blend_adaptive_row<Weighting::kNear>,
-    blend_adaptive_row<Weighting::kHalf>, blend_adaptive_row<Weighting::kFar>};
-
-inline void blend(uint8_t* out, const uint8_t* a, const uint8_t* b, size_t n, unsigned weight) {
-    if (n < kLanes) return rows::blend_short(out, a, b, n, weight);
-    nearer_first(a, b, weight);
-    kBlendRows[index_of(weight)](out, a, b, n, weight);
-}
-
-inline void blend_three(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
-                        unsigned weight) {
-    if (n < kLanes) return rows::blend_three_short(out, a, b, c, n, weight);
-    nearer_first(a, c, weight);
-    kBlendThreeRows[index_of(weight)](out, a, b, c, n, weight);
-}
-
-inline void blend_adaptive(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
-                           unsigned weight, const uint8_t* group_flags) {
-    if (n < kLanes) return rows::blend_adaptive_short(out, a, b, c, n, weight, group_flags);
-    kBlendAdaptiveRows[index_of(weight)](out, a, b, c, n, weight, group_flags);
-}
+#include "generic/blend.h"
 
 // ---- Horizontal interpolation -------------------------------------------------------------------------
 
@@ -120,7 +66,7 @@ inline constexpr GatherShape kSparse = {
 /// four bits of the others: biased by 0x70, offsets below 16 find their sample in the first window, and with
 /// their top bit turned, the others find theirs in the second.
 template <Spread kSpread>
-GSVE_SSE41_INLINE __m128i gather(const uint8_t* window, __m128i pair) {
+GSVE_INLINE __m128i gather(const uint8_t* window, __m128i pair) {
     const __m128i near = _mm_shuffle_epi8(load(window), pair);
     if constexpr (kSpread != Spread::kTwo) return near;
     const __m128i far_pair = _mm_xor_si128(pair, _mm_set1_epi8(static_cast<int8_t>(0x80)));
@@ -128,7 +74,7 @@ GSVE_SSE41_INLINE __m128i gather(const uint8_t* window, __m128i pair) {
 }
 
 /// base + floor((base - other) * weight / 65536) in 16-bit lanes.
-GSVE_SSE41_INLINE __m128i weigh(__m128i pairs, __m128i weight) {
+GSVE_INLINE __m128i weigh(__m128i pairs, __m128i weight) {
     const __m128i difference = _mm_maddubs_epi16(pairs, _mm_set1_epi16(static_cast<int16_t>(0xff01)));
     return _mm_add_epi16(_mm_and_si128(pairs, _mm_set1_epi16(0xff)), _mm_mulhi_epi16(difference, weight));
 }
@@ -136,7 +82,7 @@ GSVE_SSE41_INLINE __m128i weigh(__m128i pairs, __m128i weight) {
 /// Fetches what the next rows want from around the first window of the round from output `i` on.
 /// Into the second level: the lines of two rows of 4K are too much for the first, and cost more there.
 template <Spread kSpread>
-GSVE_SSE41_INLINE void fetch(NextLines next, size_t i, const HorizontalPlan& plan) {
+GSVE_INLINE void fetch(NextLines next, size_t i, const HorizontalPlan& plan) {
     const uint32_t column = plan.window[i / (kSpread == Spread::kDense ? kDense.outputs : kSparse.outputs)];
     _mm_prefetch(reinterpret_cast<const char*>(next.a + column), _MM_HINT_T1);
     _mm_prefetch(reinterpret_cast<const char*>(next.b + column), _MM_HINT_T1);
@@ -144,7 +90,7 @@ GSVE_SSE41_INLINE void fetch(NextLines next, size_t i, const HorizontalPlan& pla
 
 /// A round of 16 samples, from output `i` of the plan on.
 template <Spread kSpread>
-GSVE_SSE41_INLINE __m128i round(const uint8_t* row, size_t i, const HorizontalPlan& plan) {
+GSVE_INLINE __m128i round(const uint8_t* row, size_t i, const HorizontalPlan& plan) {
     constexpr bool kIsDense = kSpread == Spread::kDense;
     const uint32_t* window = plan.window + i / (kIsDense ? kDense.outputs : kSparse.outputs);
     const uint8_t* left = row + window[0];
@@ -156,15 +102,15 @@ GSVE_SSE41_INLINE __m128i round(const uint8_t* row, size_t i, const HorizontalPl
 }
 
 /// Stores the first `n` samples of a round.
-GSVE_SSE41_INLINE void store_rest(uint8_t* out, size_t i, size_t n, __m128i samples) {
+GSVE_INLINE void store_rest(uint8_t* out, size_t i, size_t n, __m128i samples) {
     uint8_t rest[kLanes];
     store(rest, samples);
     std::memcpy(out + i, rest, n);
 }
 
 template <Spread kSpread>
-GSVE_SSE41 void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
-                                NextLines next) {
+GSVE_KERNEL void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
+                                 NextLines next) {
     const size_t whole = n / kLanes * kLanes;
     for (size_t i = 0; i < whole; i += kLanes) {
         fetch<kSpread>(next, i, plan);
@@ -174,7 +120,7 @@ GSVE_SSE41 void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, cons
 }
 
 template <Spread kSpread>
-GSVE_SSE41 void interpolate_two_rows(const RowPair& rows, size_t n, const HorizontalPlan& plan) {
+GSVE_KERNEL void interpolate_two_rows(const RowPair& rows, size_t n, const HorizontalPlan& plan) {
     const auto [upper_out, lower_out] = rows.out;
     const auto [upper_row, lower_row] = rows.row;
     const auto [upper_next, lower_next] = rows.next;
@@ -213,7 +159,7 @@ inline void interpolate_two(const RowPair& rows, size_t n, const HorizontalPlan&
 
 /// Largest minus smallest of 16 samples of each, in the lowest 16 bits. phminposuw finds the smallest of
 /// eight words; the largest is the complement of the complements' smallest.
-GSVE_SSE41_INLINE __m128i range_of(__m128i smallest, __m128i largest) {
+GSVE_INLINE __m128i range_of(__m128i smallest, __m128i largest) {
     const __m128i inverse = _mm_xor_si128(largest, _mm_set1_epi8(-1));
     const __m128i low = _mm_minpos_epu16(
         _mm_min_epu8(_mm_and_si128(smallest, _mm_set1_epi16(0xff)), _mm_srli_epi16(smallest, 8)));
@@ -222,12 +168,12 @@ GSVE_SSE41_INLINE __m128i range_of(__m128i smallest, __m128i largest) {
     return _mm_sub_epi16(_mm_sub_epi16(_mm_set1_epi16(255), high), low);
 }
 
-GSVE_SSE41_INLINE uint32_t sum_of(__m128i sums) {
+GSVE_INLINE uint32_t sum_of(__m128i sums) {
     return static_cast<uint32_t>(_mm_cvtsi128_si32(_mm_add_epi32(sums, _mm_srli_si128(sums, 8))));
 }
 
-GSVE_SSE41 inline void motion_row(uint8_t* flags, const uint8_t* const (&lines)[plain::kMotionLines],
-                                  size_t blocks) {
+GSVE_KERNEL inline void motion_row(uint8_t* flags, const uint8_t* const (&lines)[plain::kMotionLines],
+                                   size_t blocks) {
     for (size_t block = 0; block < blocks; ++block) {
         const size_t x = block * kMacroblock;
         __m128i line = load(lines[0] + x), below = load(lines[1] + x);
@@ -262,9 +208,6 @@ inline constexpr RowKernels kRowKernels = {
     .motion_row = motion_row,
 };
 
-}  // namespace gsve::detail::sse41
-
-#undef GSVE_SSE41
-#undef GSVE_SSE41_INLINE
+#include "generic/end.h"
 
 #endif
