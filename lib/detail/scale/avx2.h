@@ -22,6 +22,7 @@
 using Vector = __m256i;
 inline constexpr size_t kLanes = 32;
 inline constexpr bool kBlendsTwoVectors = true;
+inline constexpr bool kBlendHoldsLines = false;
 namespace narrower = sse41;
 
 GSVE_INLINE Vector load(const uint8_t* p) { return _mm256_loadu_si256(reinterpret_cast<const Vector*>(p)); }
@@ -33,11 +34,7 @@ GSVE_INLINE void store(uint8_t* p, Vector v) { _mm256_storeu_si256(reinterpret_c
 // ---- Blends -------------------------------------------------------------------------------------------
 
 /// floor((a + b) / 2); vpavgb rounds up, which shows where the lowest bits differ.
-GSVE_INLINE Vector average(Vector a, Vector b) {
-    return sub8(_mm256_avg_epu8(a, b), _mm256_and_si256(_mm256_xor_si256(a, b), _mm256_set1_epi8(1)));
-}
-
-GSVE_INLINE Vector at_hand(Vector v) { return v; }
+GSVE_INLINE Vector average(Vector a, Vector b) { return sub8(average_up(a, b), (a ^ b) & splat8(1)); }
 
 /// The upper bytes of words, as the samples lay that pairs_low() and pairs_high() took. One half is shifted,
 /// the other one multiplied: the shifters have more to do than the multipliers.
@@ -67,149 +64,36 @@ inline constexpr GatherShape kDense = {.outputs = 16, .window = 16, .groups = 2,
 inline constexpr GatherShape kSparse = {
     .outputs = 8, .window = 16, .groups = 4, .position = {0, 2, 1, 3}, .bias = 0x70};
 
-GSVE_INLINE __m256i load_window(const uint8_t* p) {
-    return _mm256_broadcastsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
-}
-
-GSVE_INLINE __m256i load_windows(const uint8_t* a, const uint8_t* b) {
-    const __m256i low = _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(a)));
-    return _mm256_inserti128_si256(low, _mm_loadu_si128(reinterpret_cast<const __m128i*>(b)), 1);
-}
-
-/// The pairs of two groups' samples. vpshufb gives 0 for an index with its top bit set and goes by the lowest
-/// four bits of the others: biased by 0x70, offsets below 16 find their sample in the first window, and with
-/// their top bit turned, the others find theirs in the second.
+/// Not those of a dense round: its bound is the number of instructions, and operands in memory save some.
 template <Spread kSpread>
-GSVE_INLINE __m256i gather(const uint8_t* a, const uint8_t* b, __m256i pair) {
-    const __m256i near = _mm256_shuffle_epi8(load_windows(a, b), pair);
-    if constexpr (kSpread != Spread::kTwo) return near;
-    const __m256i far_pair = _mm256_xor_si256(pair, _mm256_set1_epi8(static_cast<int8_t>(0x80)));
-    return _mm256_or_si256(near, _mm256_shuffle_epi8(load_windows(a + 16, b + 16), far_pair));
-}
+inline constexpr bool kTwoRowsHoldTables = kSpread != Spread::kDense;
 
-/// base + floor((base - other) * weight / 65536) in 16-bit lanes.
-GSVE_INLINE __m256i weigh(__m256i pairs, __m256i weight) {
-    const __m256i difference = _mm256_maddubs_epi16(pairs, _mm256_set1_epi16(static_cast<int16_t>(0xff01)));
-    return _mm256_add_epi16(_mm256_and_si256(pairs, _mm256_set1_epi16(0xff)),
-                            _mm256_mulhi_epi16(difference, weight));
-}
-
-/// What a round of 32 outputs is made of.
-struct Round {
-    const uint32_t* window;
-    __m256i pair[2];
-    __m256i weight[2];
-};
-
-/// Windows of a round.
+/// The windows of half a round, one in each 128-bit lane.
 template <Spread kSpread>
-inline constexpr size_t kWindows = kSpread == Spread::kDense ? kDense.groups : kSparse.groups;
-
-/// The round from output `i` of the plan on, whose windows stand at `window`.
-template <Spread kSpread>
-GSVE_INLINE Round round_at(size_t i, const uint32_t* window, const HorizontalPlan& plan) {
-    const auto* pair = reinterpret_cast<const __m256i*>(plan.pair + i);
-    const auto* weight = reinterpret_cast<const __m256i*>(plan.weight + i);
-    return {window,
-            {_mm256_load_si256(pair), _mm256_load_si256(pair + 1)},
-            {_mm256_load_si256(weight), _mm256_load_si256(weight + 1)}};
+GSVE_INLINE Vector windows(const uint8_t* row, const uint32_t* window, unsigned half) {
+    const auto lane = [&](unsigned n) {
+        return _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + window[n]));
+    };
+    if constexpr (kSpread == Spread::kDense) return _mm256_broadcastsi128_si256(lane(half));
+    return _mm256_inserti128_si256(_mm256_castsi128_si256(lane(half)), lane(half + 2), 1);
 }
 
-/// Fetches what the next rows want from around the windows of a round.
+/// The samples of a round out of its halves.
 template <Spread kSpread>
-GSVE_INLINE void fetch(NextLines next, const Round& round) {
-    for (const uint8_t* line : {next.a, next.b}) {
-        _mm_prefetch(reinterpret_cast<const char*>(line + round.window[0]), _MM_HINT_T0);
-        if constexpr (kSpread == Spread::kTwo) {
-            _mm_prefetch(reinterpret_cast<const char*>(line + round.window[2]), _MM_HINT_T0);
-        }
-    }
-}
-
-/// Keeps the tables of a round in registers for a second row, where the compiler would load them again. Not
-/// those of a dense round: its bound is the number of instructions, and operands in memory save some.
-template <Spread kSpread>
-GSVE_INLINE Round held(Round round) {
-    if constexpr (kSpread == Spread::kDense) return round;
-    __asm__("" : "+x"(round.pair[0]), "+x"(round.pair[1]), "+x"(round.weight[0]), "+x"(round.weight[1]));
-    return round;
-}
-
-/// The 32 samples of a round.
-template <Spread kSpread>
-GSVE_INLINE __m256i samples_of(const uint8_t* row, const Round& round) {
-    const auto& [window, pair, weight] = round;
-    if constexpr (kSpread == Spread::kDense) {
-        const __m256i first = _mm256_shuffle_epi8(load_window(row + window[0]), pair[0]);
-        const __m256i second = _mm256_shuffle_epi8(load_window(row + window[1]), pair[1]);
-        const __m256i samples = _mm256_packus_epi16(weigh(first, weight[0]), weigh(second, weight[1]));
-        return _mm256_permute4x64_epi64(samples, _MM_SHUFFLE(3, 1, 2, 0));
-    }
-    const __m256i even = gather<kSpread>(row + window[0], row + window[2], pair[0]);
-    const __m256i odd = gather<kSpread>(row + window[1], row + window[3], pair[1]);
-    return _mm256_packus_epi16(weigh(even, weight[0]), weigh(odd, weight[1]));
-}
-
-/// Stores the first `n` samples of a round.
-GSVE_INLINE void store_rest(uint8_t* out, size_t i, size_t n, __m256i samples) {
-    uint8_t rest[kLanes];
-    store(rest, samples);
-    std::memcpy(out + i, rest, n);
+GSVE_INLINE Vector pack(Vector first, Vector second) {
+    const Vector samples = _mm256_packus_epi16(first, second);
+    if constexpr (kSpread != Spread::kDense) return samples;
+    return _mm256_permute4x64_epi64(samples, _MM_SHUFFLE(3, 1, 2, 0));
 }
 
 template <Spread kSpread>
-GSVE_KERNEL void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
-                                 NextLines next) {
-    const size_t whole = n / kLanes * kLanes;
-    const uint32_t* window = plan.window;
-    for (size_t i = 0; i < whole; i += kLanes, window += kWindows<kSpread>) {
-        const Round round = round_at<kSpread>(i, window, plan);
-        fetch<kSpread>(next, round);
-        store(out + i, samples_of<kSpread>(row, round));
-    }
-    if (whole == n) return;
-    store_rest(out, whole, n - whole, samples_of<kSpread>(row, round_at<kSpread>(whole, window, plan)));
+GSVE_INLINE void fetch_windows(const uint8_t* line, const uint32_t* window) {
+    fetch_near(line + window[0]);
+    if constexpr (kSpread == Spread::kTwo) fetch_near(line + window[2]);
 }
 
-template <Spread kSpread>
-GSVE_KERNEL void interpolate_two_rows(const RowPair& rows, size_t n, const HorizontalPlan& plan) {
-    const auto [upper_out, lower_out] = rows.out;
-    const auto [upper_row, lower_row] = rows.row;
-    const auto [upper_next, lower_next] = rows.next;
-    const size_t whole = n / kLanes * kLanes;
-    const uint32_t* window = plan.window;
-    for (size_t i = 0; i < whole; i += kLanes, window += kWindows<kSpread>) {
-        const Round round = held<kSpread>(round_at<kSpread>(i, window, plan));
-        fetch<kSpread>(upper_next, round);
-        fetch<kSpread>(lower_next, round);
-        const __m256i upper = samples_of<kSpread>(upper_row, round);
-        const __m256i lower = samples_of<kSpread>(lower_row, round);
-        store(upper_out + i, upper);
-        store(lower_out + i, lower);
-    }
-    if (whole == n) return;
-    const Round round = round_at<kSpread>(whole, window, plan);
-    store_rest(upper_out, whole, n - whole, samples_of<kSpread>(upper_row, round));
-    store_rest(lower_out, whole, n - whole, samples_of<kSpread>(lower_row, round));
-}
-
-// One form per Spread up to kFar, in its order; pairs that were brought together lie as those of kOne do.
-inline constexpr decltype(RowKernels::interpolate) kInterpolateRows[] = {
-    interpolate_row<Spread::kDense>, interpolate_row<Spread::kOne>, interpolate_row<Spread::kTwo>,
-    interpolate_row<Spread::kOne>};
-
-inline constexpr decltype(RowKernels::interpolate_two) kInterpolateTwoRows[] = {
-    interpolate_two_rows<Spread::kDense>, interpolate_two_rows<Spread::kOne>,
-    interpolate_two_rows<Spread::kTwo>, interpolate_two_rows<Spread::kOne>};
-
-inline void interpolate(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
-                        NextLines next) {
-    kInterpolateRows[static_cast<size_t>(plan.spread)](out, row, n, plan, next);
-}
-
-inline void interpolate_two(const RowPair& rows, size_t n, const HorizontalPlan& plan) {
-    kInterpolateTwoRows[static_cast<size_t>(plan.spread)](rows, n, plan);
-}
+#include "generic/in_lanes.h"
+#include "generic/interpolate.h"
 
 // ---- Half of the width --------------------------------------------------------------------------------
 

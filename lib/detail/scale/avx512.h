@@ -22,6 +22,7 @@
 using Vector = __m512i;
 inline constexpr size_t kLanes = 64;
 inline constexpr bool kBlendsTwoVectors = false;
+inline constexpr bool kBlendHoldsLines = false;
 namespace narrower = avx2;
 
 GSVE_INLINE Vector load(const uint8_t* p) { return _mm512_loadu_si512(p); }
@@ -35,11 +36,9 @@ GSVE_INLINE void store(uint8_t* p, Vector v) { _mm512_storeu_si512(p, v); }
 /// floor((a + b) / 2); vpavgb rounds up, which shows where the lowest bits differ: (a ^ b) & 1.
 GSVE_INLINE Vector average(Vector a, Vector b) {
     constexpr int kXorThenAnd = 0x28;
-    const Vector odd = _mm512_ternarylogic_epi32(a, b, _mm512_set1_epi8(1), kXorThenAnd);
-    return sub8(_mm512_avg_epu8(a, b), odd);
+    const Vector odd = _mm512_ternarylogic_epi32(a, b, splat8(1), kXorThenAnd);
+    return sub8(average_up(a, b), odd);
 }
-
-GSVE_INLINE Vector at_hand(Vector v) { return v; }
 
 /// The upper bytes of words, as the samples lay that pairs_low() and pairs_high() took.
 GSVE_INLINE Vector upper_bytes(Vector low, Vector high) {

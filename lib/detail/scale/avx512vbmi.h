@@ -24,6 +24,7 @@
 using Vector = __m512i;
 inline constexpr size_t kLanes = 64;
 inline constexpr bool kBlendsTwoVectors = false;
+inline constexpr bool kBlendHoldsLines = true;
 namespace narrower = avx2;
 
 using avx512::average;
@@ -34,12 +35,6 @@ using avx512::store;
 #include "generic/arithmetic.h"
 
 // ---- Blends -------------------------------------------------------------------------------------------
-
-/// Keeps the compiler from loading a vector once for each half.
-GSVE_INLINE Vector at_hand(Vector v) {
-    __asm__("" : "+v"(v));
-    return v;
-}
 
 /// The offsets of the upper bytes of the words of two vectors, the lower and the upper halves of the 128-bit
 /// lanes that they were unpacked from.
@@ -54,7 +49,7 @@ alignas(64) inline constexpr auto kUpperBytes = [] {
 
 /// The upper bytes of words, as the samples lay that pairs_low() and pairs_high() took.
 GSVE_INLINE Vector upper_bytes(Vector low, Vector high) {
-    return _mm512_permutex2var_epi8(low, _mm512_load_si512(kUpperBytes.data()), high);
+    return _mm512_permutex2var_epi8(low, load_table(kUpperBytes.data()), high);
 }
 
 #include "generic/blend.h"
@@ -64,19 +59,27 @@ GSVE_INLINE Vector upper_bytes(Vector low, Vector high) {
 inline constexpr GatherShape kDense = {.outputs = 64, .window = 64, .groups = 1, .position = {0}};
 inline constexpr GatherShape kSparse = {.outputs = 32, .window = 64, .groups = 2, .position = {0, 1}};
 
-/// The pairs of the samples of half a round.
 template <Spread kSpread>
-GSVE_INLINE __m512i gather(const uint8_t* window, __m512i pair) {
-    if constexpr (kSpread != Spread::kTwo) return _mm512_permutexvar_epi8(pair, _mm512_loadu_si512(window));
-    return _mm512_permutex2var_epi8(_mm512_loadu_si512(window), pair, _mm512_loadu_si512(window + 64));
+inline constexpr bool kTwoRowsHoldTables = true;
+
+template <Spread kSpread>
+GSVE_INLINE Vector gather_half(const uint8_t* window, Vector pair) {
+    if constexpr (kSpread != Spread::kTwo) return _mm512_permutexvar_epi8(pair, load(window));
+    return _mm512_permutex2var_epi8(load(window), pair, load(window + 64));
 }
 
-/// base + floor((base - other) * weight / 65536) in the lower bytes of 16-bit lanes; the upper ones are of no
-/// meaning.
-GSVE_INLINE __m512i weigh(__m512i pairs, __m512i weight) {
-    const __m512i difference = _mm512_maddubs_epi16(pairs, _mm512_set1_epi16(static_cast<int16_t>(0xff01)));
-    return _mm512_add_epi16(pairs, _mm512_mulhi_epi16(difference, weight));
+/// The pairs of a round's halves.
+template <Spread kSpread>
+GSVE_INLINE Pairs gather(const uint8_t* row, const uint32_t* window, const Vector (&pair)[2]) {
+    if constexpr (kSpread == Spread::kDense) {
+        const Vector samples = in_register(load(row + window[0]));
+        return {_mm512_permutexvar_epi8(pair[0], samples), _mm512_permutexvar_epi8(pair[1], samples)};
+    }
+    return {gather_half<kSpread>(row + window[0], pair[0]), gather_half<kSpread>(row + window[1], pair[1])};
 }
+
+/// The first of each two samples, in the lower bytes of 16-bit lanes; pack() leaves the upper ones out.
+GSVE_INLINE Vector base_of(Vector pairs) { return pairs; }
 
 /// The offsets of the lower bytes of 64 words.
 alignas(64) inline constexpr auto kLowerBytes = [] {
@@ -85,116 +88,27 @@ alignas(64) inline constexpr auto kLowerBytes = [] {
     return offsets;
 }();
 
-/// Fetches what the next rows want from around the windows of the round from output `i` on.
+/// The samples of a round out of its halves.
+template <Spread kSpread>
+GSVE_INLINE Vector pack(Vector first, Vector second) {
+    return _mm512_permutex2var_epi8(first, load_table(kLowerBytes.data()), second);
+}
+
 /// Into the second level: the lines of two rows of 4K are too much for the first, and cost more there.
 template <Spread kSpread>
-GSVE_INLINE void fetch(NextLines next, size_t i, const HorizontalPlan& plan) {
-    constexpr bool kIsDense = kSpread == Spread::kDense;
-    const uint32_t* window = plan.window + i / (kIsDense ? kDense.outputs : kSparse.outputs);
-    for (const uint8_t* line : {next.a, next.b}) {
-        for (unsigned group = 0; group < (kIsDense ? 1 : 2); ++group) {
-            const auto* samples = reinterpret_cast<const char*>(line + window[group]);
-            _mm_prefetch(samples, _MM_HINT_T1);
-            if constexpr (kSpread == Spread::kTwo) _mm_prefetch(samples + 64, _MM_HINT_T1);
-        }
+GSVE_INLINE void fetch_windows(const uint8_t* line, const uint32_t* window) {
+    for (unsigned group = 0; group < (kSpread == Spread::kDense ? 1 : 2); ++group) {
+        fetch_far(line + window[group]);
+        if constexpr (kSpread == Spread::kTwo) fetch_far(line + window[group] + 64);
     }
 }
 
-/// The tables of a round of 64 outputs.
-struct Round {
-    uint32_t window[2];
-    __m512i pair[2];
-    __m512i weight[2];
-};
-
-/// The tables from output `i` of the plan on.
-template <Spread kSpread>
-GSVE_INLINE Round round_at(size_t i, const HorizontalPlan& plan) {
-    constexpr bool kIsDense = kSpread == Spread::kDense;
-    const uint32_t* window = plan.window + i / (kIsDense ? kDense.outputs : kSparse.outputs);
-    const uint16_t* pair = plan.pair + i;
-    const int16_t* weight = plan.weight + i;
-    return {{window[0], kIsDense ? window[0] : window[1]},
-            {_mm512_load_si512(pair), _mm512_load_si512(pair + 32)},
-            {_mm512_load_si512(weight), _mm512_load_si512(weight + 32)}};
+/// Stores the first `n` samples of a vector.
+GSVE_INLINE void store_first(uint8_t* out, size_t n, Vector samples) {
+    _mm512_mask_storeu_epi8(out, (uint64_t{1} << n) - 1, samples);
 }
 
-/// Keeps the tables of a round in registers for a second row, where the compiler would load them again.
-GSVE_INLINE Round held(Round round) {
-    __asm__("" : "+v"(round.pair[0]), "+v"(round.pair[1]), "+v"(round.weight[0]), "+v"(round.weight[1]));
-    return round;
-}
-
-/// The 64 samples of a round.
-template <Spread kSpread>
-GSVE_INLINE __m512i samples_of(const uint8_t* row, const Round& round) {
-    __m512i first, second;
-    if constexpr (kSpread == Spread::kDense) {
-        __m512i window = load(row + round.window[0]);
-        __asm__("" : "+v"(window));  // loaded once for both halves
-        first = _mm512_permutexvar_epi8(round.pair[0], window);
-        second = _mm512_permutexvar_epi8(round.pair[1], window);
-    } else {
-        first = gather<kSpread>(row + round.window[0], round.pair[0]);
-        second = gather<kSpread>(row + round.window[1], round.pair[1]);
-    }
-    return _mm512_permutex2var_epi8(weigh(first, round.weight[0]), _mm512_load_si512(kLowerBytes.data()),
-                                    weigh(second, round.weight[1]));
-}
-
-/// Stores the first `n` samples of a round.
-GSVE_INLINE void store_rest(uint8_t* out, size_t i, size_t n, __m512i samples) {
-    _mm512_mask_storeu_epi8(out + i, (uint64_t{1} << n) - 1, samples);
-}
-
-template <Spread kSpread>
-GSVE_KERNEL void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
-                                 NextLines next) {
-    const size_t whole = n / kLanes * kLanes;
-    for (size_t i = 0; i < whole; i += kLanes) {
-        fetch<kSpread>(next, i, plan);
-        store(out + i, samples_of<kSpread>(row, round_at<kSpread>(i, plan)));
-    }
-    if (whole == n) return;
-    store_rest(out, whole, n - whole, samples_of<kSpread>(row, round_at<kSpread>(whole, plan)));
-}
-
-template <Spread kSpread>
-GSVE_KERNEL void interpolate_two_rows(const RowPair& rows, size_t n, const HorizontalPlan& plan) {
-    const auto [upper_out, lower_out] = rows.out;
-    const auto [upper_row, lower_row] = rows.row;
-    const auto [upper_next, lower_next] = rows.next;
-    const size_t whole = n / kLanes * kLanes;
-    for (size_t i = 0; i < whole; i += kLanes) {
-        fetch<kSpread>(upper_next, i, plan);
-        fetch<kSpread>(lower_next, i, plan);
-        const Round round = held(round_at<kSpread>(i, plan));
-        store(upper_out + i, samples_of<kSpread>(upper_row, round));
-        store(lower_out + i, samples_of<kSpread>(lower_row, round));
-    }
-    if (whole == n) return;
-    const Round round = round_at<kSpread>(whole, plan);
-    store_rest(upper_out, whole, n - whole, samples_of<kSpread>(upper_row, round));
-    store_rest(lower_out, whole, n - whole, samples_of<kSpread>(lower_row, round));
-}
-
-// One form per Spread up to kFar, in its order; pairs that were brought together lie as those of kOne do.
-inline constexpr decltype(RowKernels::interpolate) kInterpolateRows[] = {
-    interpolate_row<Spread::kDense>, interpolate_row<Spread::kOne>, interpolate_row<Spread::kTwo>,
-    interpolate_row<Spread::kOne>};
-
-inline constexpr decltype(RowKernels::interpolate_two) kInterpolateTwoRows[] = {
-    interpolate_two_rows<Spread::kDense>, interpolate_two_rows<Spread::kOne>,
-    interpolate_two_rows<Spread::kTwo>, interpolate_two_rows<Spread::kOne>};
-
-inline void interpolate(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
-                        NextLines next) {
-    kInterpolateRows[static_cast<size_t>(plan.spread)](out, row, n, plan, next);
-}
-
-inline void interpolate_two(const RowPair& rows, size_t n, const HorizontalPlan& plan) {
-    kInterpolateTwoRows[static_cast<size_t>(plan.spread)](rows, n, plan);
-}
+#include "generic/interpolate.h"
 
 // ---- Half of the width --------------------------------------------------------------------------------
 
@@ -223,7 +137,7 @@ template <Side kSide>
 GSVE_INLINE __m512i halved(size_t i, __m512i low, __m512i high, const HorizontalPlan& plan) {
     const int16_t* fractions = plan.weight + i;
     return _mm512_permutex2var_epi8(between<kSide>(low, _mm512_loadu_si512(fractions)),
-                                    _mm512_load_si512(kLowerBytes.data()),
+                                    load_table(kLowerBytes.data()),
                                     between<kSide>(high, _mm512_loadu_si512(fractions + 32)));
 }
 

@@ -20,6 +20,7 @@
 using Vector = __m128i;
 inline constexpr size_t kLanes = 16;
 inline constexpr bool kBlendsTwoVectors = false;
+inline constexpr bool kBlendHoldsLines = true;
 namespace narrower = one_by_one;
 
 GSVE_INLINE Vector load(const uint8_t* p) { return _mm_loadu_si128(reinterpret_cast<const Vector*>(p)); }
@@ -31,15 +32,7 @@ GSVE_INLINE void store(uint8_t* p, Vector v) { _mm_storeu_si128(reinterpret_cast
 // ---- Blends -------------------------------------------------------------------------------------------
 
 /// floor((a + b) / 2); pavgb rounds up, which shows where the lowest bits differ.
-GSVE_INLINE Vector average(Vector a, Vector b) {
-    return sub8(_mm_avg_epu8(a, b), _mm_and_si128(_mm_xor_si128(a, b), _mm_set1_epi8(1)));
-}
-
-/// Keeps the compiler from loading a vector once for each half.
-GSVE_INLINE Vector at_hand(Vector v) {
-    __asm__("" : "+x"(v));
-    return v;
-}
+GSVE_INLINE Vector average(Vector a, Vector b) { return sub8(average_up(a, b), (a ^ b) & splat8(1)); }
 
 /// The upper bytes of words, as the samples lay that pairs_low() and pairs_high() took.
 GSVE_INLINE Vector upper_bytes(Vector low, Vector high) {
@@ -62,98 +55,29 @@ inline constexpr GatherShape kDense = {.outputs = 16, .window = 16, .groups = 1,
 inline constexpr GatherShape kSparse = {
     .outputs = 8, .window = 16, .groups = 2, .position = {0, 1}, .bias = 0x70};
 
-/// The pairs of a group's samples. pshufb gives 0 for an index with its top bit set and goes by the lowest
-/// four bits of the others: biased by 0x70, offsets below 16 find their sample in the first window, and with
-/// their top bit turned, the others find theirs in the second.
 template <Spread kSpread>
-GSVE_INLINE __m128i gather(const uint8_t* window, __m128i pair) {
-    const __m128i near = _mm_shuffle_epi8(load(window), pair);
-    if constexpr (kSpread != Spread::kTwo) return near;
-    const __m128i far_pair = _mm_xor_si128(pair, _mm_set1_epi8(static_cast<int8_t>(0x80)));
-    return _mm_or_si128(near, _mm_shuffle_epi8(load(window + 16), far_pair));
+inline constexpr bool kTwoRowsHoldTables = false;
+
+/// The window of half a round.
+template <Spread kSpread>
+GSVE_INLINE Vector windows(const uint8_t* row, const uint32_t* window, unsigned half) {
+    return load(row + window[kSpread == Spread::kDense ? 0 : half]);
 }
 
-/// base + floor((base - other) * weight / 65536) in 16-bit lanes.
-GSVE_INLINE __m128i weigh(__m128i pairs, __m128i weight) {
-    const __m128i difference = _mm_maddubs_epi16(pairs, _mm_set1_epi16(static_cast<int16_t>(0xff01)));
-    return _mm_add_epi16(_mm_and_si128(pairs, _mm_set1_epi16(0xff)), _mm_mulhi_epi16(difference, weight));
+/// The samples of a round out of its halves.
+template <Spread kSpread>
+GSVE_INLINE Vector pack(Vector first, Vector second) {
+    return _mm_packus_epi16(first, second);
 }
 
-/// Fetches what the next rows want from around the first window of the round from output `i` on.
 /// Into the second level: the lines of two rows of 4K are too much for the first, and cost more there.
 template <Spread kSpread>
-GSVE_INLINE void fetch(NextLines next, size_t i, const HorizontalPlan& plan) {
-    const uint32_t column = plan.window[i / (kSpread == Spread::kDense ? kDense.outputs : kSparse.outputs)];
-    _mm_prefetch(reinterpret_cast<const char*>(next.a + column), _MM_HINT_T1);
-    _mm_prefetch(reinterpret_cast<const char*>(next.b + column), _MM_HINT_T1);
+GSVE_INLINE void fetch_windows(const uint8_t* line, const uint32_t* window) {
+    fetch_far(line + window[0]);
 }
 
-/// A round of 16 samples, from output `i` of the plan on.
-template <Spread kSpread>
-GSVE_INLINE __m128i round(const uint8_t* row, size_t i, const HorizontalPlan& plan) {
-    constexpr bool kIsDense = kSpread == Spread::kDense;
-    const uint32_t* window = plan.window + i / (kIsDense ? kDense.outputs : kSparse.outputs);
-    const uint8_t* left = row + window[0];
-    const uint8_t* right = kIsDense ? left : row + window[1];
-    const auto* pair = reinterpret_cast<const uint8_t*>(plan.pair + i);
-    const auto* weight = reinterpret_cast<const __m128i*>(plan.weight + i);
-    return _mm_packus_epi16(weigh(gather<kSpread>(left, load(pair)), _mm_load_si128(weight)),
-                            weigh(gather<kSpread>(right, load(pair + 16)), _mm_load_si128(weight + 1)));
-}
-
-/// Stores the first `n` samples of a round.
-GSVE_INLINE void store_rest(uint8_t* out, size_t i, size_t n, __m128i samples) {
-    uint8_t rest[kLanes];
-    store(rest, samples);
-    std::memcpy(out + i, rest, n);
-}
-
-template <Spread kSpread>
-GSVE_KERNEL void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
-                                 NextLines next) {
-    const size_t whole = n / kLanes * kLanes;
-    for (size_t i = 0; i < whole; i += kLanes) {
-        fetch<kSpread>(next, i, plan);
-        store(out + i, round<kSpread>(row, i, plan));
-    }
-    if (whole < n) store_rest(out, whole, n - whole, round<kSpread>(row, whole, plan));
-}
-
-template <Spread kSpread>
-GSVE_KERNEL void interpolate_two_rows(const RowPair& rows, size_t n, const HorizontalPlan& plan) {
-    const auto [upper_out, lower_out] = rows.out;
-    const auto [upper_row, lower_row] = rows.row;
-    const auto [upper_next, lower_next] = rows.next;
-    const size_t whole = n / kLanes * kLanes;
-    for (size_t i = 0; i < whole; i += kLanes) {
-        fetch<kSpread>(upper_next, i, plan);
-        fetch<kSpread>(lower_next, i, plan);
-        const __m128i upper = round<kSpread>(upper_row, i, plan), lower = round<kSpread>(lower_row, i, plan);
-        store(upper_out + i, upper);
-        store(lower_out + i, lower);
-    }
-    if (whole == n) return;
-    store_rest(upper_out, whole, n - whole, round<kSpread>(upper_row, whole, plan));
-    store_rest(lower_out, whole, n - whole, round<kSpread>(lower_row, whole, plan));
-}
-
-// One form per Spread up to kFar, in its order; pairs that were brought together lie as those of kOne do.
-inline constexpr decltype(RowKernels::interpolate) kInterpolateRows[] = {
-    interpolate_row<Spread::kDense>, interpolate_row<Spread::kOne>, interpolate_row<Spread::kTwo>,
-    interpolate_row<Spread::kOne>};
-
-inline constexpr decltype(RowKernels::interpolate_two) kInterpolateTwoRows[] = {
-    interpolate_two_rows<Spread::kDense>, interpolate_two_rows<Spread::kOne>,
-    interpolate_two_rows<Spread::kTwo>, interpolate_two_rows<Spread::kOne>};
-
-inline void interpolate(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
-                        NextLines next) {
-    kInterpolateRows[static_cast<size_t>(plan.spread)](out, row, n, plan, next);
-}
-
-inline void interpolate_two(const RowPair& rows, size_t n, const HorizontalPlan& plan) {
-    kInterpolateTwoRows[static_cast<size_t>(plan.spread)](rows, n, plan);
-}
+#include "generic/in_lanes.h"
+#include "generic/interpolate.h"
 
 // ---- Motion map ---------------------------------------------------------------------------------------
 

@@ -1,4 +1,15 @@
-// Arithmetic of which the sets' intrinsics differ in nothing but the width in their names.
+// What the sets' intrinsics give under the same names but for the width in them.
+
+/// Keeps a vector in a register where the compiler would load it again for its next use.
+GSVE_INLINE Vector in_register(Vector v) {
+    __asm__("" : "+v"(v));
+    return v;
+}
+
+/// A vector of a plan's tables, which are aligned.
+GSVE_INLINE Vector load_table(const void* table) { return *static_cast<const Vector*>(table); }
+
+GSVE_INLINE Vector splat8(int value) { return GSVE_SCALE_INTRINSIC(set1_epi8)(static_cast<int8_t>(value)); }
 
 GSVE_INLINE Vector splat16(int value) {
     return GSVE_SCALE_INTRINSIC(set1_epi16)(static_cast<int16_t>(value));
@@ -8,6 +19,9 @@ GSVE_INLINE Vector add8(Vector a, Vector b) { return GSVE_SCALE_INTRINSIC(add_ep
 GSVE_INLINE Vector add16(Vector a, Vector b) { return GSVE_SCALE_INTRINSIC(add_epi16)(a, b); }
 GSVE_INLINE Vector add64(Vector a, Vector b) { return GSVE_SCALE_INTRINSIC(add_epi64)(a, b); }
 GSVE_INLINE Vector sub8(Vector a, Vector b) { return GSVE_SCALE_INTRINSIC(sub_epi8)(a, b); }
+
+/// (a + b + 1) / 2 of each two samples.
+GSVE_INLINE Vector average_up(Vector a, Vector b) { return GSVE_SCALE_INTRINSIC(avg_epu8)(a, b); }
 
 /// The smaller and the larger of each two samples.
 GSVE_INLINE Vector min8(Vector a, Vector b) { return GSVE_SCALE_INTRINSIC(min_epu8)(a, b); }
@@ -27,3 +41,17 @@ GSVE_INLINE Vector multiply_high(Vector a, Vector b) { return GSVE_SCALE_INTRINS
 /// The samples of two vectors in turn, in the lower and in the upper halves of their 128-bit lanes.
 GSVE_INLINE Vector pairs_low(Vector a, Vector b) { return GSVE_SCALE_INTRINSIC(unpacklo_epi8)(a, b); }
 GSVE_INLINE Vector pairs_high(Vector a, Vector b) { return GSVE_SCALE_INTRINSIC(unpackhi_epi8)(a, b); }
+
+/// Samples by their offsets within 128-bit lanes.
+GSVE_INLINE Vector shuffle(Vector samples, Vector offsets) {
+    return GSVE_SCALE_INTRINSIC(shuffle_epi8)(samples, offsets);
+}
+
+/// The sample pairs of the two halves of a round of outputs.
+struct Pairs {
+    Vector first, second;
+};
+
+/// Brings the cache line of a source line's sample into the first level, or into the second alone.
+GSVE_INLINE void fetch_near(const uint8_t* sample) { __builtin_prefetch(sample, 0, 3); }
+GSVE_INLINE void fetch_far(const uint8_t* sample) { __builtin_prefetch(sample, 0, 2); }

@@ -1,11 +1,12 @@
-// Rows out of two or three lines. The set gives average(), upper_bytes(), at_hand() and select().
+// Rows out of two or three lines. The set gives kBlendsTwoVectors, kBlendHoldsLines, average(), upper_bytes()
+// and select().
 
 /// a + floor((b - a) * weight / 256) by pair_weights(weight).
 template <Weighting kWeighting>
 GSVE_INLINE Vector blend(Vector a, Vector b, Vector weights) {
     if constexpr (kWeighting == Weighting::kNone) return a;
     if constexpr (kWeighting == Weighting::kHalf) return average(a, b);
-    b = at_hand(b);
+    if constexpr (kBlendHoldsLines) b = in_register(b);  // else loaded once for each half
     const Vector low = multiply_pairs(pairs_low(a, b), weights);
     const Vector high = multiply_pairs(pairs_high(a, b), weights);
     return add8(kWeighting == Weighting::kNear ? a : b, upper_bytes(low, high));
