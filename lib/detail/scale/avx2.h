@@ -68,14 +68,16 @@ inline constexpr GatherShape kSparse = {
 template <Spread kSpread>
 inline constexpr bool kTwoRowsHoldTables = kSpread != Spread::kDense;
 
+GSVE_INLINE __m128i load_lane(const uint8_t* p) {
+    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+}
+
 /// The windows of half a round, one in each 128-bit lane.
 template <Spread kSpread>
 GSVE_INLINE Vector windows(const uint8_t* row, const uint32_t* window, unsigned half) {
-    const auto lane = [&](unsigned n) {
-        return _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + window[n]));
-    };
-    if constexpr (kSpread == Spread::kDense) return _mm256_broadcastsi128_si256(lane(half));
-    return _mm256_inserti128_si256(_mm256_castsi128_si256(lane(half)), lane(half + 2), 1);
+    const __m128i low = load_lane(row + window[half]);
+    if constexpr (kSpread == Spread::kDense) return _mm256_broadcastsi128_si256(low);
+    return _mm256_inserti128_si256(_mm256_castsi128_si256(low), load_lane(row + window[half + 2]), 1);
 }
 
 /// The samples of a round out of its halves.
@@ -105,68 +107,25 @@ alignas(kLanes) inline constexpr auto kBaseFactors = [] {
     return factors;
 }();
 
+GSVE_INLINE Vector load_words(const void* p) { return load(static_cast<const uint8_t*>(p)); }
+
 /// 16 samples, in 16-bit lanes, out of 16 pairs: left + floor((right - left) * fraction / 65536). The product
 /// takes fractions from 0x8000 on for less by 65536, which is one difference too few: the right-hand sample
 /// as base, in place of the left-hand one, makes up for it.
-GSVE_INLINE __m256i between(__m256i pairs, const uint16_t* base, const int16_t* fraction) {
-    const __m256i difference = _mm256_maddubs_epi16(pairs, _mm256_set1_epi16(0x01ff));
-    const __m256i part =
-        _mm256_mulhi_epi16(difference, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(fraction)));
-    return _mm256_add_epi16(
-        _mm256_maddubs_epi16(pairs, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(base))), part);
+GSVE_INLINE Vector between(Vector pairs, const uint16_t* base, const int16_t* fraction) {
+    const Vector difference = multiply_pairs(pairs, splat16(0x01ff));
+    const Vector part = multiply_high(difference, load_words(fraction));
+    return add16(multiply_pairs(pairs, load_words(base)), part);
 }
 
-/// The 16 pairs at byte `at` of the blend of two lines.
-template <Weighting kWeighting>
-GSVE_INLINE __m256i pairs_at(size_t at, const uint8_t* a, const uint8_t* b, __m256i weights) {
-    return blend<kWeighting>(load(a + at), load(b + at), weights);
-}
-
-/// Outputs [i, i + 32), whose bases stand at `base`, out of their pairs.
-GSVE_INLINE __m256i halved(size_t i, __m256i low, __m256i high, uint32_t base, const HorizontalPlan& plan) {
+/// 32 outputs, whose bases stand at `base`, out of their pairs.
+GSVE_INLINE Vector halved(const Pairs& pairs, uint32_t base, const int16_t* fractions) {
     const uint16_t* bases = kBaseFactors.data() + base;
-    const int16_t* fractions = plan.weight + i;
-    const __m256i samples =
-        _mm256_packus_epi16(between(low, bases, fractions), between(high, bases + 16, fractions + 16));
-    return _mm256_permute4x64_epi64(samples, _MM_SHUFFLE(3, 1, 2, 0));
+    return pack<Spread::kDense>(between(pairs.first, bases, fractions),
+                                between(pairs.second, bases + 16, fractions + 16));
 }
 
-template <Weighting kWeighting>
-GSVE_KERNEL void halve_row(uint8_t* out, const uint8_t* a, const uint8_t* b, unsigned weight, size_t n,
-                           const HorizontalPlan& plan, const NextLines& next) {
-    const auto [next_a, next_b] = next;
-    const __m256i weights = _mm256_set1_epi16(pair_weights(weight));
-    const uint32_t* base = plan.window;
-    // Pairs are blended one round ahead: what waits for them is then ready when its turn comes.
-    __m256i low = pairs_at<kWeighting>(0, a, b, weights);
-    __m256i high = pairs_at<kWeighting>(kLanes, a, b, weights);
-    size_t i = 0;
-#pragma GCC unroll 2
-    for (; i + 2 * kLanes <= n; i += kLanes) {
-        _mm_prefetch(reinterpret_cast<const char*>(next_a + 2 * i), _MM_HINT_T0);
-        _mm_prefetch(reinterpret_cast<const char*>(next_b + 2 * i), _MM_HINT_T0);
-        const __m256i next_low = pairs_at<kWeighting>(2 * (i + kLanes), a, b, weights);
-        const __m256i next_high = pairs_at<kWeighting>(2 * (i + kLanes) + kLanes, a, b, weights);
-        store(out + i, halved(i, low, high, *base++, plan));
-        low = next_low;
-        high = next_high;
-    }
-    store(out + i, halved(i, low, high, *base++, plan));
-    if (i + kLanes == n) return;
-    i = n - kLanes;
-    low = pairs_at<kWeighting>(2 * i, a, b, weights);
-    high = pairs_at<kWeighting>(2 * i + kLanes, a, b, weights);
-    store(out + i, halved(i, low, high, *base, plan));
-}
-
-inline constexpr decltype(RowKernels::halve) kHalveRows[] = {
-    halve_row<Weighting::kNone>, halve_row<Weighting::kNear>, halve_row<Weighting::kHalf>};
-
-inline void halve(uint8_t* out, const uint8_t* a, const uint8_t* b, unsigned weight, size_t n,
-                  const HorizontalPlan& plan, const NextLines& next) {
-    nearer_first(a, b, weight);
-    kHalveRows[index_of(weight)](out, a, b, weight, n, plan, next);
-}
+#include "generic/halve.h"
 
 // ---- Motion map ---------------------------------------------------------------------------------------
 

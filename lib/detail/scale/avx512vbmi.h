@@ -124,53 +124,30 @@ constexpr Side side_of(uint32_t base) {
 /// 32 samples, in the lower bytes of 16-bit lanes, out of 32 pairs: left + floor((right - left) * fraction /
 /// 65536). The product takes fractions from 0x8000 on for less by 65536, which is one difference too few.
 template <Side kSide>
-GSVE_INLINE __m512i between(__m512i pairs, __m512i fraction) {
-    const __m512i difference = _mm512_maddubs_epi16(pairs, _mm512_set1_epi16(0x01ff));
-    const __m512i sample = _mm512_add_epi16(pairs, _mm512_mulhi_epi16(difference, fraction));
+GSVE_INLINE Vector between(Vector pairs, Vector fraction) {
+    const Vector difference = multiply_pairs(pairs, splat16(0x01ff));
+    const Vector sample = add16(pairs, multiply_high(difference, fraction));
     if constexpr (kSide == Side::kLeft) return sample;
-    if constexpr (kSide == Side::kRight) return _mm512_add_epi16(sample, difference);
+    if constexpr (kSide == Side::kRight) return add16(sample, difference);
     return _mm512_mask_add_epi16(sample, _mm512_movepi16_mask(fraction), sample, difference);
 }
 
-/// Outputs [i, i + 64) out of their pairs.
 template <Side kSide>
-GSVE_INLINE __m512i halved(size_t i, __m512i low, __m512i high, const HorizontalPlan& plan) {
-    const int16_t* fractions = plan.weight + i;
-    return _mm512_permutex2var_epi8(between<kSide>(low, _mm512_loadu_si512(fractions)),
-                                    load_table(kLowerBytes.data()),
-                                    between<kSide>(high, _mm512_loadu_si512(fractions + 32)));
+GSVE_INLINE Vector halved_to(const Pairs& pairs, const int16_t* fractions) {
+    return pack<Spread::kDense>(between<kSide>(pairs.first, _mm512_loadu_si512(fractions)),
+                                between<kSide>(pairs.second, _mm512_loadu_si512(fractions + 32)));
 }
 
-template <Weighting kWeighting>
-GSVE_KERNEL void halve_row(uint8_t* out, const uint8_t* a, const uint8_t* b, unsigned weight, size_t n,
-                           const HorizontalPlan& plan, const NextLines& next) {
-    const auto [next_a, next_b] = next;
-    const __m512i weights = _mm512_set1_epi16(pair_weights(weight));
-    const uint32_t* base = plan.window;
-    for (size_t from = 0; from < n; from += kLanes) {
-        const size_t i = last_vector(from, n), low_at = 2 * i, high_at = 2 * i + kLanes;
-        for (const size_t at : {low_at, high_at}) {
-            _mm_prefetch(reinterpret_cast<const char*>(next_a + at), _MM_HINT_T0);
-            _mm_prefetch(reinterpret_cast<const char*>(next_b + at), _MM_HINT_T0);
-        }
-        const __m512i low = blend<kWeighting>(load(a + low_at), load(b + low_at), weights);
-        const __m512i high = blend<kWeighting>(load(a + high_at), load(b + high_at), weights);
-        switch (side_of(*base++)) {
-            case Side::kLeft: store(out + i, halved<Side::kLeft>(i, low, high, plan)); break;
-            case Side::kRight: store(out + i, halved<Side::kRight>(i, low, high, plan)); break;
-            case Side::kEither: store(out + i, halved<Side::kEither>(i, low, high, plan)); break;
-        }
+/// 64 outputs out of their pairs.
+GSVE_INLINE Vector halved(const Pairs& pairs, uint32_t base, const int16_t* fractions) {
+    switch (side_of(base)) {
+        case Side::kLeft: return halved_to<Side::kLeft>(pairs, fractions);
+        case Side::kRight: return halved_to<Side::kRight>(pairs, fractions);
+        default: return halved_to<Side::kEither>(pairs, fractions);
     }
 }
 
-inline constexpr decltype(RowKernels::halve) kHalveRows[] = {
-    halve_row<Weighting::kNone>, halve_row<Weighting::kNear>, halve_row<Weighting::kHalf>};
-
-inline void halve(uint8_t* out, const uint8_t* a, const uint8_t* b, unsigned weight, size_t n,
-                  const HorizontalPlan& plan, const NextLines& next) {
-    nearer_first(a, b, weight);
-    kHalveRows[index_of(weight)](out, a, b, weight, n, plan, next);
-}
+#include "generic/halve.h"
 
 inline constexpr RowKernels kRowKernels = {
     .name = "avx512vbmi",
