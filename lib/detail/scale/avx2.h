@@ -129,55 +129,38 @@ GSVE_INLINE Vector halved(const Pairs& pairs, uint32_t base, const int16_t* frac
 
 // ---- Motion map ---------------------------------------------------------------------------------------
 
+inline constexpr size_t kMotions = 1;
+inline constexpr unsigned kMotionUnroll = 2;
+inline constexpr decltype(RowKernels::motion_row) kFewerBlocks = sse41::motion_row;
+
 /// Adds the halves of each 128-bit lane into its lower half.
-GSVE_INLINE __m256i fold_sum(__m256i v) { return _mm256_add_epi64(v, _mm256_srli_si256(v, 8)); }
+GSVE_INLINE Vector fold_sum(Vector v) { return add64(v, _mm256_srli_si256(v, 8)); }
 
 /// Largest minus smallest sample of each 128-bit lane, in its lower half. The smallest and the complement of
 /// the largest are searched for side by side.
-GSVE_INLINE __m256i range_of(__m256i smallest, __m256i largest) {
-    const __m256i inverse = _mm256_xor_si256(largest, _mm256_set1_epi8(-1));
-    __m256i both =
-        _mm256_min_epu8(_mm256_unpacklo_epi64(smallest, inverse), _mm256_unpackhi_epi64(smallest, inverse));
-    both = _mm256_min_epu8(both, _mm256_srli_epi64(both, 32));
-    both = _mm256_min_epu8(both, _mm256_srli_epi64(both, 16));
-    both = _mm256_and_si256(_mm256_min_epu8(both, _mm256_srli_epi64(both, 8)), _mm256_set1_epi64x(0xff));
+GSVE_INLINE Vector range_of(Vector smallest, Vector largest) {
+    const Vector inverse = largest ^ splat8(-1);
+    Vector both = min8(_mm256_unpacklo_epi64(smallest, inverse), _mm256_unpackhi_epi64(smallest, inverse));
+    both = min8(both, _mm256_srli_epi64(both, 32));
+    both = min8(both, _mm256_srli_epi64(both, 16));
+    both = min8(both, _mm256_srli_epi64(both, 8)) & _mm256_set1_epi64x(0xff);
     return _mm256_sub_epi64(_mm256_set1_epi64x(255), fold_sum(both));
 }
 
-/// Two macroblocks, one in each 128-bit lane, while the lines of those further on are fetched: the processor
-/// does not foresee the reads of so many lines.
-GSVE_KERNEL inline void motion_row(uint8_t* flags, const uint8_t* const (&lines)[plain::kMotionLines],
-                                   size_t blocks) {
-    const size_t pairs = blocks & ~size_t{1};
-    for (size_t block = 0; block < pairs; block += 2) {
-        const size_t x = block * kMacroblock;
-        __m256i line = load(lines[0] + x), below = load(lines[1] + x);
-        __m256i smallest = line, largest = line;
-        __m256i frame = _mm256_setzero_si256(), field[2] = {frame, frame};
-        for (unsigned y = 0; y < kMacroblock; ++y) {
-            const __m256i after = load(lines[y + 2] + x);
-            _mm_prefetch(reinterpret_cast<const char*>(lines[y + 2] + x + 4 * kLanes), _MM_HINT_T0);
-            smallest = _mm256_min_epu8(smallest, line);
-            largest = _mm256_max_epu8(largest, line);
-            frame = _mm256_add_epi64(frame, _mm256_sad_epu8(line, below));
-            field[y % 2] = _mm256_add_epi64(field[y % 2], _mm256_sad_epu8(line, after));
-            line = below;
-            below = after;
-        }
-        const __m256i range = range_of(smallest, largest);
-        const __m256i steady = _mm256_add_epi32(_mm256_min_epu32(fold_sum(field[0]), fold_sum(field[1])),
-                                                _mm256_mullo_epi16(range, _mm256_set1_epi64x(10)));
-        const __m256i combed = _mm256_and_si256(_mm256_cmpgt_epi32(range, _mm256_set1_epi32(17)),
-                                                _mm256_cmpgt_epi32(fold_sum(frame), steady));
-        const int bits = _mm256_movemask_epi8(combed);
-        flags[block] = bits & 1;
-        flags[block + 1] = (bits >> 16) & 1;
-    }
-    if (pairs == blocks) return;
-    const uint8_t* last[plain::kMotionLines];
-    for (unsigned y = 0; y < plain::kMotionLines; ++y) last[y] = lines[y] + pairs * kMacroblock;
-    sse41::motion_row(flags + pairs, last, 1);
+/// The flags of two macroblocks.
+GSVE_INLINE void set_flags(uint8_t* flags, const Motion (&motions)[1]) {
+    const auto& [smallest, largest, frame, field] = motions[0];
+    const Vector range = range_of(smallest, largest);
+    const Vector steady = add64(_mm256_min_epu32(fold_sum(field[0]), fold_sum(field[1])),
+                                _mm256_mullo_epi16(range, _mm256_set1_epi64x(10)));
+    const Vector combed =
+        _mm256_cmpgt_epi32(range, _mm256_set1_epi32(17)) & _mm256_cmpgt_epi32(fold_sum(frame), steady);
+    const int bits = _mm256_movemask_epi8(combed);
+    flags[0] = bits & 1;
+    flags[1] = (bits >> 16) & 1;
 }
+
+#include "generic/motion.h"
 
 inline constexpr RowKernels kRowKernels = {
     .name = "avx2",

@@ -81,42 +81,32 @@ GSVE_INLINE void fetch_windows(const uint8_t* line, const uint32_t* window) {
 
 // ---- Motion map ---------------------------------------------------------------------------------------
 
+inline constexpr size_t kMotions = 1;
+inline constexpr unsigned kMotionUnroll = 8;                               // all lines
+inline constexpr decltype(RowKernels::motion_row) kFewerBlocks = nullptr;  // a vector holds one
+
 /// Largest minus smallest of 16 samples of each, in the lowest 16 bits. phminposuw finds the smallest of
 /// eight words; the largest is the complement of the complements' smallest.
-GSVE_INLINE __m128i range_of(__m128i smallest, __m128i largest) {
-    const __m128i inverse = _mm_xor_si128(largest, _mm_set1_epi8(-1));
-    const __m128i low = _mm_minpos_epu16(
-        _mm_min_epu8(_mm_and_si128(smallest, _mm_set1_epi16(0xff)), _mm_srli_epi16(smallest, 8)));
-    const __m128i high = _mm_minpos_epu16(
-        _mm_min_epu8(_mm_and_si128(inverse, _mm_set1_epi16(0xff)), _mm_srli_epi16(inverse, 8)));
-    return _mm_sub_epi16(_mm_sub_epi16(_mm_set1_epi16(255), high), low);
+GSVE_INLINE Vector range_of(Vector smallest, Vector largest) {
+    const Vector inverse = largest ^ splat8(-1);
+    const Vector low = _mm_minpos_epu16(min8(smallest & splat16(0xff), _mm_srli_epi16(smallest, 8)));
+    const Vector high = _mm_minpos_epu16(min8(inverse & splat16(0xff), _mm_srli_epi16(inverse, 8)));
+    return _mm_sub_epi16(_mm_sub_epi16(splat16(255), high), low);
 }
 
-GSVE_INLINE uint32_t sum_of(__m128i sums) {
+GSVE_INLINE uint32_t sum_of(Vector sums) {
     return static_cast<uint32_t>(_mm_cvtsi128_si32(_mm_add_epi32(sums, _mm_srli_si128(sums, 8))));
 }
 
-GSVE_KERNEL inline void motion_row(uint8_t* flags, const uint8_t* const (&lines)[plain::kMotionLines],
-                                   size_t blocks) {
-    for (size_t block = 0; block < blocks; ++block) {
-        const size_t x = block * kMacroblock;
-        __m128i line = load(lines[0] + x), below = load(lines[1] + x);
-        __m128i smallest = line, largest = line;
-        __m128i frame = _mm_setzero_si128(), field[2] = {frame, frame};
-        for (unsigned y = 0; y < kMacroblock; ++y) {
-            const __m128i after = load(lines[y + 2] + x);
-            smallest = _mm_min_epu8(smallest, line);
-            largest = _mm_max_epu8(largest, line);
-            frame = _mm_add_epi32(frame, _mm_sad_epu8(line, below));
-            field[y % 2] = _mm_add_epi32(field[y % 2], _mm_sad_epu8(line, after));
-            line = below;
-            below = after;
-        }
-        const auto range = static_cast<uint32_t>(_mm_cvtsi128_si32(range_of(smallest, largest)) & 0xff);
-        const uint32_t steady = std::min(sum_of(field[0]), sum_of(field[1])) + 10 * range;
-        flags[block] = range > 17 && steady < sum_of(frame) ? 1 : 0;
-    }
+/// The flag of one macroblock.
+GSVE_INLINE void set_flags(uint8_t* flags, const Motion (&motions)[1]) {
+    const auto& [smallest, largest, frame, field] = motions[0];
+    const auto range = static_cast<uint32_t>(_mm_cvtsi128_si32(range_of(smallest, largest)) & 0xff);
+    const uint32_t steady = std::min(sum_of(field[0]), sum_of(field[1])) + 10 * range;
+    flags[0] = range > 17 && steady < sum_of(frame) ? 1 : 0;
 }
+
+#include "generic/motion.h"
 
 inline constexpr RowKernels kRowKernels = {
     .name = "sse4.1",

@@ -52,6 +52,12 @@ struct Pairs {
     Vector first, second;
 };
 
+/// What is known of the macroblocks of a vector: each has its parts in a 128-bit lane.
+struct Motion {
+    Vector smallest, largest;  ///< samples, column by column
+    Vector frame, field[2];    ///< sums of differences between neighbours and within each field
+};
+
 /// Brings the cache line of a source line's sample into the first level, or into the second alone.
 GSVE_INLINE void fetch_near(const uint8_t* sample) { __builtin_prefetch(sample, 0, 3); }
 GSVE_INLINE void fetch_far(const uint8_t* sample) { __builtin_prefetch(sample, 0, 2); }
