@@ -19,6 +19,7 @@
 #define GSVE_SCALE_INTRINSIC(name) _mm256_##name
 #include "generic/begin.h"
 
+inline constexpr const char* kName = "avx2";
 using Vector = __m256i;
 inline constexpr size_t kLanes = 32;
 inline constexpr bool kBlendsTwoVectors = true;
@@ -32,9 +33,6 @@ GSVE_INLINE void store(uint8_t* p, Vector v) { _mm256_storeu_si256(reinterpret_c
 #include "generic/arithmetic.h"
 
 // ---- Blends -------------------------------------------------------------------------------------------
-
-/// floor((a + b) / 2); vpavgb rounds up, which shows where the lowest bits differ.
-GSVE_INLINE Vector average(Vector a, Vector b) { return sub8(average_up(a, b), (a ^ b) & splat8(1)); }
 
 /// The upper bytes of words, as the samples lay that pairs_low() and pairs_high() took. One half is shifted,
 /// the other one multiplied: the shifters have more to do than the multipliers.
@@ -96,35 +94,6 @@ GSVE_INLINE void fetch_windows(const uint8_t* line, const uint32_t* window) {
 
 #include "generic/in_lanes.h"
 #include "generic/interpolate.h"
-
-// ---- Half of the width --------------------------------------------------------------------------------
-
-/// The factors of the left and the right sample of a pair that pick its base: a vector of outputs finds its
-/// own at the offset that the plan gives.
-alignas(kLanes) inline constexpr auto kBaseFactors = [] {
-    std::array<uint16_t, 3 * kLanes> factors{};
-    for (size_t i = 0; i < factors.size(); ++i) factors[i] = i / kLanes == 1 ? 0x100 : 0x001;
-    return factors;
-}();
-
-GSVE_INLINE Vector load_words(const void* p) { return load(static_cast<const uint8_t*>(p)); }
-
-/// 16 samples, in 16-bit lanes, out of 16 pairs: left + floor((right - left) * fraction / 65536). The product
-/// takes fractions from 0x8000 on for less by 65536, which is one difference too few: the right-hand sample
-/// as base, in place of the left-hand one, makes up for it.
-GSVE_INLINE Vector between(Vector pairs, const uint16_t* base, const int16_t* fraction) {
-    const Vector difference = multiply_pairs(pairs, splat16(0x01ff));
-    const Vector part = multiply_high(difference, load_words(fraction));
-    return add16(multiply_pairs(pairs, load_words(base)), part);
-}
-
-/// 32 outputs, whose bases stand at `base`, out of their pairs.
-GSVE_INLINE Vector halved(const Pairs& pairs, uint32_t base, const int16_t* fractions) {
-    const uint16_t* bases = kBaseFactors.data() + base;
-    return pack<Spread::kDense>(between(pairs.first, bases, fractions),
-                                between(pairs.second, bases + 16, fractions + 16));
-}
-
 #include "generic/halve.h"
 
 // ---- Motion map ---------------------------------------------------------------------------------------
@@ -161,20 +130,7 @@ GSVE_INLINE void set_flags(uint8_t* flags, const Motion (&motions)[1]) {
 }
 
 #include "generic/motion.h"
-
-inline constexpr RowKernels kRowKernels = {
-    .name = "avx2",
-    .dense = kDense,
-    .sparse = kSparse,
-    .blend = blend,
-    .blend_three = blend_three,
-    .blend_adaptive = blend_adaptive,
-    .interpolate = interpolate,
-    .interpolate_two = interpolate_two,
-    .halve = halve,
-    .halved = kLanes,
-    .motion_row = motion_row,
-};
+#include "generic/kernels.h"
 
 #include "generic/end.h"
 

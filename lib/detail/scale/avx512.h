@@ -19,6 +19,7 @@
 #define GSVE_SCALE_INTRINSIC(name) _mm512_##name
 #include "generic/begin.h"
 
+inline constexpr const char* kName = "avx512";
 using Vector = __m512i;
 inline constexpr size_t kLanes = 64;
 inline constexpr bool kBlendsTwoVectors = false;
@@ -33,13 +34,6 @@ GSVE_INLINE void store(uint8_t* p, Vector v) { _mm512_storeu_si512(p, v); }
 
 // ---- Blends -------------------------------------------------------------------------------------------
 
-/// floor((a + b) / 2); vpavgb rounds up, which shows where the lowest bits differ: (a ^ b) & 1.
-GSVE_INLINE Vector average(Vector a, Vector b) {
-    constexpr int kXorThenAnd = 0x28;
-    const Vector odd = _mm512_ternarylogic_epi32(a, b, splat8(1), kXorThenAnd);
-    return sub8(average_up(a, b), odd);
-}
-
 /// The upper bytes of words, as the samples lay that pairs_low() and pairs_high() took.
 GSVE_INLINE Vector upper_bytes(Vector low, Vector high) {
     return _mm512_packs_epi16(_mm512_srai_epi16(low, 8), _mm512_srai_epi16(high, 8));
@@ -53,6 +47,16 @@ GSVE_INLINE Vector select(Vector still, Vector combed, const uint8_t* group_flag
 }
 
 #include "generic/blend.h"
+
+// ---- Horizontal interpolation -------------------------------------------------------------------------
+
+// Four windows to a vector cost what two vectors save.
+using avx2::halve;
+using avx2::interpolate;
+using avx2::interpolate_two;
+using avx2::kDense;
+using avx2::kHalved;
+using avx2::kSparse;
 
 // ---- Motion map ---------------------------------------------------------------------------------------
 
@@ -98,20 +102,7 @@ GSVE_INLINE void set_flags(uint8_t* flags, const Motion (&motions)[2]) {
 }
 
 #include "generic/motion.h"
-
-inline constexpr RowKernels kRowKernels = {
-    .name = "avx512",
-    .dense = avx2::kDense,
-    .sparse = avx2::kSparse,
-    .blend = blend,
-    .blend_three = blend_three,
-    .blend_adaptive = blend_adaptive,
-    .interpolate = avx2::interpolate,  // four windows to a vector cost what two vectors save
-    .interpolate_two = avx2::interpolate_two,
-    .halve = avx2::halve,
-    .halved = avx2::kLanes,
-    .motion_row = motion_row,
-};
+#include "generic/kernels.h"
 
 #include "generic/end.h"
 

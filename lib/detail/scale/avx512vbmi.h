@@ -21,13 +21,13 @@
 #define GSVE_SCALE_INTRINSIC(name) _mm512_##name
 #include "generic/begin.h"
 
+inline constexpr const char* kName = "avx512vbmi";
 using Vector = __m512i;
 inline constexpr size_t kLanes = 64;
 inline constexpr bool kBlendsTwoVectors = false;
 inline constexpr bool kBlendHoldsLines = true;
 namespace narrower = avx2;
 
-using avx512::average;
 using avx512::load;
 using avx512::select;
 using avx512::store;
@@ -149,19 +149,9 @@ GSVE_INLINE Vector halved(const Pairs& pairs, uint32_t base, const int16_t* frac
 
 #include "generic/halve.h"
 
-inline constexpr RowKernels kRowKernels = {
-    .name = "avx512vbmi",
-    .dense = kDense,
-    .sparse = kSparse,
-    .blend = blend,
-    .blend_three = blend_three,
-    .blend_adaptive = blend_adaptive,
-    .interpolate = interpolate,
-    .interpolate_two = interpolate_two,
-    .halve = halve,
-    .halved = kLanes,
-    .motion_row = avx512::motion_row,
-};
+using avx512::motion_row;
+
+#include "generic/kernels.h"
 
 #include "generic/end.h"
 

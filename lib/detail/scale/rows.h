@@ -92,7 +92,7 @@ struct RowKernels {
     /// interpolate() for two rows in one pass over the plan's tables.
     void (*interpolate_two)(const RowPair& rows, size_t n, const HorizontalPlan& plan);
     /// All samples of a plan of Spread::kHalf, out of the blend of two lines, weight 0 to 255; all lines from
-    /// the plan's first sample on. Null where a set has no such kernel.
+    /// the plan's first sample on.
     void (*halve)(uint8_t* out, const uint8_t* a, const uint8_t* b, unsigned weight, size_t n,
                   const HorizontalPlan& plan, const NextLines& next);
     unsigned halved;  ///< samples that halve() makes at a time, and takes at least
@@ -212,7 +212,7 @@ inline bool are_side_by_side(const Outputs& outputs) {
 }
 
 inline Spread spread_of(const Outputs& outputs, const RowKernels& kernels) {
-    if (kernels.halve != nullptr && outputs.count >= kernels.halved && are_side_by_side(outputs)) {
+    if (outputs.count >= kernels.halved && are_side_by_side(outputs)) {
         return Spread::kHalf;
     }
     const GatherShape &dense = kernels.dense, &sparse = kernels.sparse;

@@ -6,6 +6,7 @@
 
 #include <immintrin.h>
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -17,6 +18,7 @@
 #define GSVE_SCALE_INTRINSIC(name) _mm_##name
 #include "generic/begin.h"
 
+inline constexpr const char* kName = "sse4.1";
 using Vector = __m128i;
 inline constexpr size_t kLanes = 16;
 inline constexpr bool kBlendsTwoVectors = false;
@@ -30,9 +32,6 @@ GSVE_INLINE void store(uint8_t* p, Vector v) { _mm_storeu_si128(reinterpret_cast
 #include "generic/arithmetic.h"
 
 // ---- Blends -------------------------------------------------------------------------------------------
-
-/// floor((a + b) / 2); pavgb rounds up, which shows where the lowest bits differ.
-GSVE_INLINE Vector average(Vector a, Vector b) { return sub8(average_up(a, b), (a ^ b) & splat8(1)); }
 
 /// The upper bytes of words, as the samples lay that pairs_low() and pairs_high() took.
 GSVE_INLINE Vector upper_bytes(Vector low, Vector high) {
@@ -78,6 +77,7 @@ GSVE_INLINE void fetch_windows(const uint8_t* line, const uint32_t* window) {
 
 #include "generic/in_lanes.h"
 #include "generic/interpolate.h"
+#include "generic/halve.h"
 
 // ---- Motion map ---------------------------------------------------------------------------------------
 
@@ -107,20 +107,7 @@ GSVE_INLINE void set_flags(uint8_t* flags, const Motion (&motions)[1]) {
 }
 
 #include "generic/motion.h"
-
-inline constexpr RowKernels kRowKernels = {
-    .name = "sse4.1",
-    .dense = kDense,
-    .sparse = kSparse,
-    .blend = blend,
-    .blend_three = blend_three,
-    .blend_adaptive = blend_adaptive,
-    .interpolate = interpolate,
-    .interpolate_two = interpolate_two,
-    .halve = nullptr,
-    .halved = 0,
-    .motion_row = motion_row,
-};
+#include "generic/kernels.h"
 
 #include "generic/end.h"
 

@@ -20,8 +20,10 @@ GSVE_INLINE Vector add16(Vector a, Vector b) { return GSVE_SCALE_INTRINSIC(add_e
 GSVE_INLINE Vector add64(Vector a, Vector b) { return GSVE_SCALE_INTRINSIC(add_epi64)(a, b); }
 GSVE_INLINE Vector sub8(Vector a, Vector b) { return GSVE_SCALE_INTRINSIC(sub_epi8)(a, b); }
 
-/// (a + b + 1) / 2 of each two samples.
-GSVE_INLINE Vector average_up(Vector a, Vector b) { return GSVE_SCALE_INTRINSIC(avg_epu8)(a, b); }
+/// floor((a + b) / 2) of each two samples; pavgb rounds up, which shows where the lowest bits differ.
+GSVE_INLINE Vector average(Vector a, Vector b) {
+    return sub8(GSVE_SCALE_INTRINSIC(avg_epu8)(a, b), (a ^ b) & splat8(1));
+}
 
 /// The smaller and the larger of each two samples.
 GSVE_INLINE Vector min8(Vector a, Vector b) { return GSVE_SCALE_INTRINSIC(min_epu8)(a, b); }

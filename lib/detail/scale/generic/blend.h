@@ -1,5 +1,5 @@
-// Rows out of two or three lines. The set gives kBlendsTwoVectors, kBlendHoldsLines, average(), upper_bytes()
-// and select().
+// Rows out of two or three lines. The set gives kBlendsTwoVectors, kBlendHoldsLines, upper_bytes() and
+// select().
 
 /// a + floor((b - a) * weight / 256) by pair_weights(weight).
 template <Weighting kWeighting>

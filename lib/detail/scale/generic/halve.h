@@ -28,6 +28,8 @@ GSVE_KERNEL void halve_row(uint8_t* out, const uint8_t* a, const uint8_t* b, uns
     }
 }
 
+inline constexpr unsigned kHalved = kLanes;
+
 inline constexpr decltype(RowKernels::halve) kHalveRows[] = {
     halve_row<Weighting::kNone>, halve_row<Weighting::kNear>, halve_row<Weighting::kHalf>};
 
