@@ -39,18 +39,18 @@ inline constexpr RowKernels kCounted = {
             kKernels.blend_adaptive(a...);
         },
     .interpolate =
-        [](uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan, NextLines next) {
+        [](uint8_t* out, const uint8_t* row, size_t n, const GatherPlan& plan, NextLines next) {
             ++entries.interpolate;
             kKernels.interpolate(out, row, n, plan, next);
         },
     .interpolate_two =
-        [](const RowPair& rows, size_t n, const HorizontalPlan& plan) {
+        [](const RowPair& rows, size_t n, const GatherPlan& plan) {
             ++entries.interpolate_two;
             kKernels.interpolate_two(rows, n, plan);
         },
     .halve =
         [](uint8_t* out, const uint8_t* a, const uint8_t* b, unsigned weight, size_t n,
-           const HorizontalPlan& plan, const NextLines& next) {
+           const HalvingPlan& plan, const NextLines& next) {
             ++entries.halve;
             kKernels.halve(out, a, b, weight, n, plan, next);
         },
@@ -393,16 +393,22 @@ TEST_P(VectorForm, ReadsOverlappingSourceRowsNoFurtherThanThePlainOne) {
 
 TEST_P(VectorForm, TellsPairsSideBySideFromPairsThatFitAWindow) {
     static HorizontalPlan plan;
-    const auto spread = [&](unsigned count, unsigned x_step, unsigned src_width) {
+    const auto lay_out = [&](unsigned count, unsigned x_step, unsigned src_width) -> const HorizontalPlan& {
         SampleWalk walk;
         rows::lay_out(plan, *kernels_, walk, count, x_step, src_width);
-        return plan.spread;
+        return plan;
     };
-    EXPECT_EQ(spread(960, 131072, 1920), Spread::kHalf);
-    EXPECT_EQ(spread(960, (1919 << 16) / 959, 1920), Spread::kHalf);  // falls short of the last sample
-    EXPECT_EQ(spread(960, 131072, 1919), Spread::kOne);               // the last pair has no right sample
-    EXPECT_EQ(spread(960, 131071, 1920), Spread::kOne);               // all but the first lie one to the left
-    EXPECT_NE(spread(960, 98304, 1920), Spread::kHalf);
+    const auto halves = [&](unsigned count, unsigned x_step, unsigned src_width) {
+        return std::holds_alternative<HalvingPlan>(lay_out(count, x_step, src_width));
+    };
+    const auto spread = [&](unsigned count, unsigned x_step, unsigned src_width) {
+        return std::get<GatherPlan>(lay_out(count, x_step, src_width)).spread;
+    };
+    EXPECT_TRUE(halves(960, 131072, 1920));
+    EXPECT_TRUE(halves(960, (1919 << 16) / 959, 1920));  // falls short of the last sample
+    EXPECT_EQ(spread(960, 131072, 1919), Spread::kOne);  // the last pair has no right sample
+    EXPECT_EQ(spread(960, 131071, 1920), Spread::kOne);  // all but the first lie one to the left
+    EXPECT_FALSE(halves(960, 98304, 1920));
 }
 
 INSTANTIATE_TEST_SUITE_P(PlaneKernels, VectorForm, testing::ValuesIn(kForms + 1, std::end(kForms)),

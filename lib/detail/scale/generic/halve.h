@@ -16,15 +16,15 @@ GSVE_INLINE void fetch_pairs(const uint8_t* line, size_t i) {
 
 template <Weighting kWeighting>
 GSVE_KERNEL void halve_row(uint8_t* out, const uint8_t* a, const uint8_t* b, unsigned weight, size_t n,
-                           const HorizontalPlan& plan, const NextLines& next) {
+                           const HalvingPlan& plan, const NextLines& next) {
     const auto [next_a, next_b] = next;
     const Vector weights = splat16(pair_weights(weight));
-    const uint32_t* base = plan.window;
+    const uint32_t* base = plan.base;
     for (size_t from = 0; from < n; from += kLanes) {
         const size_t i = last_vector(from, n);
         fetch_pairs(next_a, i);
         fetch_pairs(next_b, i);
-        store(out + i, halved(pairs_from<kWeighting>(i, a, b, weights), *base++, plan.weight + i));
+        store(out + i, halved(pairs_from<kWeighting>(i, a, b, weights), *base++, plan.fraction + i));
     }
 }
 
@@ -34,7 +34,7 @@ inline constexpr decltype(RowKernels::halve) kHalveRows[] = {
     halve_row<Weighting::kNone>, halve_row<Weighting::kNear>, halve_row<Weighting::kHalf>};
 
 inline void halve(uint8_t* out, const uint8_t* a, const uint8_t* b, unsigned weight, size_t n,
-                  const HorizontalPlan& plan, const NextLines& next) {
+                  const HalvingPlan& plan, const NextLines& next) {
     nearer_first(a, b, weight);
     kHalveRows[index_of(weight)](out, a, b, weight, n, plan, next);
 }

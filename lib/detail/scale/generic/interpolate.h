@@ -19,7 +19,7 @@ GSVE_INLINE Vector weigh(Vector pairs, Vector weight) {
 }
 
 /// The round from output `i` of the plan on, whose windows stand at `window`.
-GSVE_INLINE Round round_at(size_t i, const uint32_t* window, const HorizontalPlan& plan) {
+GSVE_INLINE Round round_at(size_t i, const uint32_t* window, const GatherPlan& plan) {
     const size_t j = i + kLanes / 2;
     return {window,
             {load_table(plan.pair + i), load_table(plan.pair + j)},
@@ -50,7 +50,7 @@ GSVE_INLINE void fetch(NextLines next, const uint32_t* window) {
 }
 
 template <Spread kSpread>
-GSVE_KERNEL void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
+GSVE_KERNEL void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, const GatherPlan& plan,
                                  NextLines next) {
     const size_t whole = n / kLanes * kLanes;
     const uint32_t* window = plan.window;
@@ -63,7 +63,7 @@ GSVE_KERNEL void interpolate_row(uint8_t* out, const uint8_t* row, size_t n, con
 }
 
 template <Spread kSpread>
-GSVE_KERNEL void interpolate_two_rows(const RowPair& rows, size_t n, const HorizontalPlan& plan) {
+GSVE_KERNEL void interpolate_two_rows(const RowPair& rows, size_t n, const GatherPlan& plan) {
     const auto [upper_out, lower_out] = rows.out;
     const auto [upper_row, lower_row] = rows.row;
     const auto [upper_next, lower_next] = rows.next;
@@ -84,20 +84,18 @@ GSVE_KERNEL void interpolate_two_rows(const RowPair& rows, size_t n, const Horiz
     store_first(lower_out + whole, n - whole, samples_of<kSpread>(lower_row, round));
 }
 
-// One form per Spread up to kFar, in its order; pairs that were brought together lie as those of kOne do.
+// One form of each kernel per Spread, in its order.
 inline constexpr decltype(RowKernels::interpolate) kInterpolateRows[] = {
-    interpolate_row<Spread::kDense>, interpolate_row<Spread::kOne>, interpolate_row<Spread::kTwo>,
-    interpolate_row<Spread::kOne>};
+    interpolate_row<Spread::kDense>, interpolate_row<Spread::kOne>, interpolate_row<Spread::kTwo>};
 
 inline constexpr decltype(RowKernels::interpolate_two) kInterpolateTwoRows[] = {
     interpolate_two_rows<Spread::kDense>, interpolate_two_rows<Spread::kOne>,
-    interpolate_two_rows<Spread::kTwo>, interpolate_two_rows<Spread::kOne>};
+    interpolate_two_rows<Spread::kTwo>};
 
-inline void interpolate(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
-                        NextLines next) {
+inline void interpolate(uint8_t* out, const uint8_t* row, size_t n, const GatherPlan& plan, NextLines next) {
     kInterpolateRows[static_cast<size_t>(plan.spread)](out, row, n, plan, next);
 }
 
-inline void interpolate_two(const RowPair& rows, size_t n, const HorizontalPlan& plan) {
+inline void interpolate_two(const RowPair& rows, size_t n, const GatherPlan& plan) {
     kInterpolateTwoRows[static_cast<size_t>(plan.spread)](rows, n, plan);
 }
