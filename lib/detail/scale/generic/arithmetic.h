@@ -6,7 +6,7 @@ GSVE_INLINE Vector in_register(Vector v) {
     return v;
 }
 
-/// A vector of a plan's tables, which are aligned.
+/// A vector of a table, which is aligned.
 GSVE_INLINE Vector load_table(const void* table) { return *static_cast<const Vector*>(table); }
 
 GSVE_INLINE Vector splat8(int value) { return GSVE_SCALE_INTRINSIC(set1_epi8)(static_cast<int8_t>(value)); }

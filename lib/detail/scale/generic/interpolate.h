@@ -20,10 +20,9 @@ GSVE_INLINE Vector weigh(Vector pairs, Vector weight) {
 
 /// The round from output `i` of the plan on, whose windows stand at `window`.
 GSVE_INLINE Round round_at(size_t i, const uint32_t* window, const GatherPlan& plan) {
-    const size_t j = i + kLanes / 2;
-    return {window,
-            {load_table(plan.pair + i), load_table(plan.pair + j)},
-            {load_table(plan.weight + i), load_table(plan.weight + j)}};
+    const auto* pair = reinterpret_cast<const Vector*>(plan.pair + i);
+    const auto* weight = reinterpret_cast<const Vector*>(plan.weight + i);
+    return {window, {pair[0], pair[1]}, {weight[0], weight[1]}};
 }
 
 /// Keeps the tables of a round in registers for a second row, where the compiler would load them again.
@@ -79,7 +78,8 @@ GSVE_KERNEL void interpolate_two_rows(const RowPair& rows, size_t n, const Gathe
         store(lower_out + i, lower);
     }
     if (whole == n) return;
-    const Round round = round_at(whole, window, plan);
+    // Counted anew: with the loop's own pointer, GCC steps one for each row as well.
+    const Round round = round_at(whole, plan.window + whole / kLanes * kWindows<kSpread>, plan);
     store_first(upper_out + whole, n - whole, samples_of<kSpread>(upper_row, round));
     store_first(lower_out + whole, n - whole, samples_of<kSpread>(lower_row, round));
 }
