@@ -14,6 +14,11 @@
 #include "avx2.h"
 #include "rows.h"
 
+// The compiler's own headers build these intrinsics on a deliberately undefined vector, which GCC 12 reports.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#pragma GCC diagnostic ignored "-Wuninitialized"
+
 #define GSVE_SCALE_SET avx512
 #define GSVE_SCALE_TARGET "avx512f,avx512bw,avx512dq,avx512vl"
 #define GSVE_SCALE_INTRINSIC(name) _mm512_##name
@@ -105,5 +110,7 @@ GSVE_INLINE void set_flags(uint8_t* flags, const Motion (&motions)[2]) {
 #include "generic/kernels.h"
 
 #include "generic/end.h"
+
+#pragma GCC diagnostic pop
 
 #endif

@@ -16,6 +16,11 @@
 #include "avx512.h"
 #include "rows.h"
 
+// The compiler's own headers build these intrinsics on a deliberately undefined vector, which GCC 12 reports.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#pragma GCC diagnostic ignored "-Wuninitialized"
+
 #define GSVE_SCALE_SET vbmi
 #define GSVE_SCALE_TARGET "avx512f,avx512bw,avx512dq,avx512vl,avx512vbmi"
 #define GSVE_SCALE_INTRINSIC(name) _mm512_##name
@@ -154,5 +159,7 @@ using avx512::motion_row;
 #include "generic/kernels.h"
 
 #include "generic/end.h"
+
+#pragma GCC diagnostic pop
 
 #endif

@@ -82,8 +82,10 @@ GSVE_INLINE void fetch_windows(const uint8_t* line, const uint32_t* window) {
 // ---- Motion map ---------------------------------------------------------------------------------------
 
 inline constexpr size_t kMotions = 1;
-inline constexpr unsigned kMotionUnroll = 8;                               // all lines
-inline constexpr decltype(RowKernels::motion_row) kFewerBlocks = nullptr;  // a vector holds one
+inline constexpr unsigned kMotionUnroll = 8;  // all lines
+
+/// A vector holds one macroblock: none are fewer.
+inline constexpr decltype(RowKernels::motion_row) kFewerBlocks = nullptr;
 
 /// Largest minus smallest of 16 samples of each, in the lowest 16 bits. phminposuw finds the smallest of
 /// eight words; the largest is the complement of the complements' smallest.

@@ -12,10 +12,4 @@
 #define GSVE_KERNEL __attribute__((target(GSVE_SCALE_TARGET)))
 #define GSVE_INLINE __attribute__((target(GSVE_SCALE_TARGET), always_inline)) inline
 
-// The compiler's own headers build AVX-512's intrinsics on a deliberately undefined vector, which GCC 12
-// reports.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#pragma GCC diagnostic ignored "-Wuninitialized"
-
 namespace gsve::detail::GSVE_SCALE_SET {

@@ -2,8 +2,6 @@
 
 }  // namespace gsve::detail::GSVE_SCALE_SET
 
-#pragma GCC diagnostic pop
-
 #undef GSVE_KERNEL
 #undef GSVE_INLINE
 #undef GSVE_SCALE_SET
