@@ -9,7 +9,7 @@
 #endif
 
 // Function by function, the library stays one unit that runs on every x86-64 processor.
-#define GSVE_KERNEL __attribute__((target(GSVE_SCALE_TARGET)))
-#define GSVE_INLINE __attribute__((target(GSVE_SCALE_TARGET), always_inline)) inline
+#define GSVE_KERNEL __attribute__((target(GSVE_SCALE_TARGET), nothrow))
+#define GSVE_INLINE __attribute__((target(GSVE_SCALE_TARGET), nothrow, always_inline)) inline
 
 namespace gsve::detail::GSVE_SCALE_SET {
