@@ -30,7 +30,7 @@ extern "C" {
 #include <vector>
 
 #include "detail/ffmpeg_compat.h"
-#include "detail/plane_scaler.h"
+#include "detail/scale/plane_scaler.h"
 #include "stopwatch.h"
 
 namespace {

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <memory>
 
-#include "detail/plane_scaler.h"
+#include "detail/scale/plane_scaler.h"
 #include "input.h"
 
 namespace {

@@ -25,8 +25,8 @@
 #include "detail/ffmpeg_compat.h"
 #include "detail/frame_rate.h"
 #include "detail/gop_timecode.h"
-#include "detail/plane_scaler.h"
 #include "detail/rate_adaptation.h"
+#include "detail/scale/plane_scaler.h"
 #include "detail/setting_syntax.h"
 #include "detail/start_code.h"
 

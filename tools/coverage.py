@@ -54,7 +54,7 @@ def main():
     known = set()
     missed, partial = [], []
     totals = collections.Counter()
-    print(f"{'':32}{'lines':>8}{'run':>8}{'explained':>11}{'branches':>10}{'taken':>8}")
+    print(f"{'':44}{'lines':>8}{'run':>8}{'explained':>11}{'branches':>10}{'taken':>8}")
     for file in sorted(measure(options.directory), key=lambda f: f["file"]):
         source = (ROOT / file["file"]).read_text().splitlines()
         counts = collections.Counter()
@@ -95,7 +95,7 @@ def main():
 
 
 def row(name, counts):
-    print(f"{name:32}{counts['lines']:>8}{counts['run']:>8}{counts['explained']:>11}"
+    print(f"{name:44}{counts['lines']:>8}{counts['run']:>8}{counts['explained']:>11}"
           f"{counts['branches']:>10}{counts['taken']:>8}")
 
 

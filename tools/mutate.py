@@ -93,6 +93,7 @@ class Sources:
         self.found = []
         self.texts = {}
         self.keys = collections.Counter()
+        self.places = set()
         parsed = cindex.Index.create().parse(str(root / unit), args=arguments)
         errors = [str(d) for d in parsed.diagnostics if d.severity >= cindex.Diagnostic.Error]
         if errors:
@@ -165,6 +166,10 @@ class Sources:
         return cursor in bodies
 
     def add(self, file, function, begin, end, replacement):
+        place = (file, begin, end, replacement)
+        if place in self.places:  # of a header that is included several times
+            return
+        self.places.add(place)
         text = self.texts[file]
         old = text[begin:end].decode()
         first = text.rfind(b"\n", 0, begin) + 1
@@ -414,10 +419,10 @@ def report(mutants, knowledge, explained):
         if outcome == "survived":
             survivors.append(mutant.key)
     columns = ("killed", "survived", "equivalent", "does not compile")
-    print(f"\n{'':32}{'places':>8}" + "".join(f"{c:>18}" for c in columns))
+    print(f"\n{'':44}{'places':>8}" + "".join(f"{c:>18}" for c in columns))
     total = sum(table.values(), collections.Counter())
     for file, counts in sorted(table.items()) + [("all", total)]:
-        print(f"{file:32}{sum(counts.values()):>8}" + "".join(f"{counts[c]:>18}" for c in columns))
+        print(f"{file:44}{sum(counts.values()):>8}" + "".join(f"{counts[c]:>18}" for c in columns))
     if survivors:
         print("\nSurvivors:\n" + "\n".join(sorted(survivors)))
     tried = total["killed"] + total["survived"]

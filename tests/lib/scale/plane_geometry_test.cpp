@@ -1,6 +1,6 @@
 // Steps, sizes, source lines: the arithmetic of the scaler without a sample.
 
-#include "detail/plane_geometry.h"
+#include "detail/scale/geometry.h"
 
 #include <gtest/gtest.h>
 

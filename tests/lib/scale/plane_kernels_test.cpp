@@ -40,22 +40,21 @@ inline constexpr RowKernels kCounted = {
             kKernels.blend_adaptive(a...);
         },
     .interpolate =
-        [](uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan, NextLines next) {
+        [](uint8_t* out, const uint8_t* row, size_t n, const GatherPlan& plan, NextLines next) {
             ++entries.interpolate;
             kKernels.interpolate(out, row, n, plan, next);
         },
     .interpolate_two =
-        [](const RowPair& rows, size_t n, const HorizontalPlan& plan) {
+        [](const RowPair& rows, size_t n, const GatherPlan& plan) {
             ++entries.interpolate_two;
             kKernels.interpolate_two(rows, n, plan);
         },
-    .halve = kKernels.halved == 0
-                 ? nullptr
-                 : +[](uint8_t* out, const uint8_t* a, const uint8_t* b, unsigned weight, size_t n,
-                       const HorizontalPlan& plan, const NextLines& next) {
-                       ++entries.halve;
-                       kKernels.halve(out, a, b, weight, n, plan, next);
-                   },
+    .halve =
+        [](uint8_t* out, const uint8_t* a, const uint8_t* b, unsigned weight, size_t n,
+           const HalvingPlan& plan, const NextLines& next) {
+            ++entries.halve;
+            kKernels.halve(out, a, b, weight, n, plan, next);
+        },
     .halved = kKernels.halved,
     .motion_row =
         [](uint8_t* flags, const uint8_t* const (&lines)[plain::kMotionLines], size_t blocks) {
@@ -321,7 +320,6 @@ TEST_P(VectorForm, InterpolatesEveryFraction) {
 }
 
 TEST_P(VectorForm, HalvesTheWidthWithEveryWeightAndFraction) {
-    if (kernels_->halve == nullptr) GTEST_SKIP() << "no kernel of its own";
     Random random(3);
     entries = {};
     // Row r lies r/256 behind its line; a step 1/65536 off two samples lets fractions rise or fall by one.
@@ -402,17 +400,22 @@ TEST_P(VectorForm, ReadsOverlappingSourceRowsNoFurtherThanThePlainOne) {
 
 TEST_P(VectorForm, TellsPairsSideBySideFromPairsThatFitAWindow) {
     static HorizontalPlan plan;
-    const auto spread = [&](unsigned count, unsigned x_step, unsigned src_width) {
+    const auto lay_out = [&](unsigned count, unsigned x_step, unsigned src_width) -> const HorizontalPlan& {
         SampleWalk walk;
         rows::lay_out(plan, *kernels_, walk, count, x_step, src_width);
-        return plan.spread;
+        return plan;
     };
-    const Spread half = kernels_->halve != nullptr ? Spread::kHalf : Spread::kOne;
-    EXPECT_EQ(spread(960, 131072, 1920), half);
-    EXPECT_EQ(spread(960, (1919 << 16) / 959, 1920), half);  // falls short of the last sample
-    EXPECT_EQ(spread(960, 131072, 1919), Spread::kOne);      // the last pair has no right sample
-    EXPECT_EQ(spread(960, 131071, 1920), Spread::kOne);      // all but the first lie one to the left
-    EXPECT_NE(spread(960, 98304, 1920), Spread::kHalf);
+    const auto halves = [&](unsigned count, unsigned x_step, unsigned src_width) {
+        return std::holds_alternative<HalvingPlan>(lay_out(count, x_step, src_width));
+    };
+    const auto spread = [&](unsigned count, unsigned x_step, unsigned src_width) {
+        return std::get<GatherPlan>(lay_out(count, x_step, src_width)).spread;
+    };
+    EXPECT_TRUE(halves(960, 131072, 1920));
+    EXPECT_TRUE(halves(960, (1919 << 16) / 959, 1920));  // falls short of the last sample
+    EXPECT_EQ(spread(960, 131072, 1919), Spread::kOne);  // the last pair has no right sample
+    EXPECT_EQ(spread(960, 131071, 1920), Spread::kOne);  // all but the first lie one to the left
+    EXPECT_FALSE(halves(960, 98304, 1920));
 }
 
 INSTANTIATE_TEST_SUITE_P(PlaneKernels, VectorForm, testing::ValuesIn(kForms + 1, std::end(kForms)),
@@ -423,6 +426,7 @@ TEST(PlaneKernels, AreDistinctPerInstructionSet) {
     std::set<decltype(RowKernels::blend_three)> triples;
     std::set<decltype(RowKernels::blend_adaptive)> adaptive;
     std::set<decltype(RowKernels::interpolate)> gathers;
+    std::set<decltype(RowKernels::halve)> halvings;
     std::set<decltype(RowKernels::motion_row)> maps;
     for (const RowKernels* set :
          {&sse41::kRowKernels, &avx2::kRowKernels, &avx512::kRowKernels, &vbmi::kRowKernels}) {
@@ -430,13 +434,15 @@ TEST(PlaneKernels, AreDistinctPerInstructionSet) {
         triples.insert(set->blend_three);
         adaptive.insert(set->blend_adaptive);
         gathers.insert(set->interpolate);
+        halvings.insert(set->halve);
         maps.insert(set->motion_row);
     }
     EXPECT_EQ(blends.size(), 4u);
     EXPECT_EQ(triples.size(), 4u);
     EXPECT_EQ(adaptive.size(), 4u);
     EXPECT_EQ(gathers.size(), 3u);  // AVX-512 gains nothing over AVX2's before VBMI
-    EXPECT_EQ(maps.size(), 3u);     // VBMI has nothing to add to AVX-512's
+    EXPECT_EQ(halvings.size(), 3u);
+    EXPECT_EQ(maps.size(), 3u);  // VBMI has nothing to add to AVX-512's
 }
 
 }  // namespace

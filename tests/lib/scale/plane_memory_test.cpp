@@ -14,7 +14,7 @@
 
 #include <gsve.h>
 
-#include "detail/plane_scaler.h"
+#include "detail/scale/plane_scaler.h"
 
 namespace gsve::test {
 namespace {

@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "detail/plane_scaler.h"
+#include "detail/scale/plane_scaler.h"
 
 namespace plane_test {
 

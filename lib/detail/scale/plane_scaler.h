@@ -1,7 +1,7 @@
 #pragma once
 
 // The plane scaler, the deinterlacing resizers and the motion map, in the form that the processor runs
-// fastest. All forms give the same bytes. Whole-picture sizes and steps stand in plane_geometry.h.
+// fastest. All forms give the same bytes. Whole-picture sizes and steps stand in geometry.h.
 
 #include <array>
 #include <atomic>
@@ -9,14 +9,14 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "cpu_features.h"
-#include "plane_avx2.h"
-#include "plane_avx512.h"
-#include "plane_avx512vbmi.h"
-#include "plane_geometry.h"
-#include "plane_plain.h"
-#include "plane_rows.h"
-#include "plane_sse41.h"
+#include "../cpu_features.h"
+#include "avx2.h"
+#include "avx512.h"
+#include "avx512vbmi.h"
+#include "geometry.h"
+#include "plain.h"
+#include "rows.h"
+#include "sse41.h"
 
 namespace gsve::detail {
 

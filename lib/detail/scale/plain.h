@@ -7,8 +7,8 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "assertion.h"
-#include "plane_geometry.h"
+#include "../assertion.h"
+#include "geometry.h"
 
 namespace gsve::detail {
 

@@ -9,9 +9,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <optional>
+#include <variant>
 
-#include "plane_geometry.h"
-#include "plane_plain.h"
+#include "geometry.h"
+#include "plain.h"
 
 namespace gsve::detail {
 
@@ -25,38 +27,60 @@ struct GatherShape {
     uint8_t bias = 0;                 ///< added to the offsets in two windows, Spread::kTwo
 };
 
+/// Output columns that a plan is laid out for at most.
+inline constexpr unsigned kPlanColumns = 2048;
+
 /// How far the source samples of a group lie apart.
 enum class Spread {
     kDense,  ///< a group of the kernels' larger, dense shape fits one window
     kOne,    ///< a group fits one window
     kTwo,    ///< a group fits two windows side by side
-    kFar,    ///< none of these: the pairs are brought together first, and a group of pairs fits one window
-    kHalf,   ///< each pair follows the one before, as in a picture of half the width: nothing to gather
 };
 
-/// The horizontal interpolation of up to kColumns output samples, laid out for a gather kernel.
+// The horizontal interpolation of a strip of outputs is laid out in one of three plans. None of them fills
+// its tables beforehand: laying out fills what is read.
+
+/// Outputs that a gather kernel makes out of windows of a row.
 ///
 /// An output is base + floor((base - other) * weight / 65536), a product of signed 16-bit numbers: for
 /// fractions below 0x8000 the left sample is the base and the weight is -fraction, from there on the right
 /// one is the base and the weight is fraction - 65536. Both equal left + floor((right - left) * fraction /
 /// 65536).
-///
-/// Spread::kHalf takes no offsets, and its weights are the fractions, read as signed numbers. They rise or
-/// fall all along: the base changes from one sample to the other once at most. For each vector of outputs,
-/// `window` tells where its bases begin in a vector of left ones, one of right ones and one of left ones.
-struct HorizontalPlan {
-    static constexpr unsigned kColumns = 2048;
+struct GatherPlan {
+    GatherPlan() {}
 
-    alignas(64) uint16_t pair[kColumns];  ///< offsets in the group's window: base, in the low byte, and other
-    alignas(64) int16_t weight[kColumns];
-    uint32_t window[kColumns / 8];  ///< first source sample of each group's window
-    uint32_t left[kColumns];        ///< Spread::kFar: the sample on the left of each output
-    unsigned src_width;
+    alignas(
+        64) uint16_t pair[kPlanColumns];  ///< offsets in the group's window: base, in the low byte, and other
+    alignas(64) int16_t weight[kPlanColumns];
+    uint32_t window[kPlanColumns / 8];  ///< where each group's window starts in the row
     Spread spread;
-    unsigned reach;  ///< bytes that are read from a window's start on; of no meaning for Spread::kHalf
-    unsigned first;  ///< the strip's source samples: [first, end)
-    unsigned end;
+    unsigned reach;      ///< bytes that are read from a window's start on
+    unsigned row_width;  ///< bytes of the row
 };
+
+/// Outputs whose samples lie too far apart for that: their pairs are brought together first, and gathered
+/// from a row of pairs.
+struct ScatteredPlan {
+    ScatteredPlan() {}
+
+    uint32_t left[kPlanColumns];  ///< the source sample on the left of each output
+    unsigned src_width;
+    GatherPlan pairs;  ///< along the row of pairs
+};
+
+/// Outputs each of whose pairs follows the one before, as in a picture of half the width: nothing to gather.
+/// The fractions rise or fall all along: the base changes from one sample to the other once at most.
+struct HalvingPlan {
+    HalvingPlan() {}
+
+    alignas(64) int16_t fraction[kPlanColumns];  ///< read as signed numbers
+    /// For each vector of outputs, where its bases begin in a vector of left ones, one of right ones and one
+    /// of left ones.
+    uint32_t base[kPlanColumns / 8];
+    unsigned first;  ///< the source sample on the left of the first output
+};
+
+using HorizontalPlan = std::variant<GatherPlan, ScatteredPlan, HalvingPlan>;
 
 /// Source lines to fetch into the cache during a horizontal pass. Where none is to come, one at hand stands
 /// in: it costs less than a question in a loop.
@@ -86,15 +110,14 @@ struct RowKernels {
     /// blend() of a and b where it is 0. Weight 0 to 255.
     void (*blend_adaptive)(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
                            unsigned weight, const uint8_t* group_flags);
-    /// The plan's first `n` samples of a row; of a row of pairs where the plan's spread is kFar.
-    void (*interpolate)(uint8_t* out, const uint8_t* row, size_t n, const HorizontalPlan& plan,
-                        NextLines next);
+    /// The plan's first `n` samples of a row.
+    void (*interpolate)(uint8_t* out, const uint8_t* row, size_t n, const GatherPlan& plan, NextLines next);
     /// interpolate() for two rows in one pass over the plan's tables.
-    void (*interpolate_two)(const RowPair& rows, size_t n, const HorizontalPlan& plan);
-    /// All samples of a plan of Spread::kHalf, out of the blend of two lines, weight 0 to 255; all lines from
-    /// the plan's first sample on. Null where a set has no such kernel.
+    void (*interpolate_two)(const RowPair& rows, size_t n, const GatherPlan& plan);
+    /// All samples of the plan, out of the blend of two lines, weight 0 to 255; all lines from the plan's
+    /// first sample on.
     void (*halve)(uint8_t* out, const uint8_t* a, const uint8_t* b, unsigned weight, size_t n,
-                  const HorizontalPlan& plan, const NextLines& next);
+                  const HalvingPlan& plan, const NextLines& next);
     unsigned halved;  ///< samples that halve() makes at a time, and takes at least
     /// Flags, 0 or 1, of `blocks` macroblocks side by side, the first one at lines[0] to lines[17].
     void (*motion_row)(uint8_t* flags, const uint8_t* const (&lines)[plain::kMotionLines], size_t blocks);
@@ -128,30 +151,34 @@ constexpr int16_t pair_weights(unsigned weight) {
     return static_cast<int16_t>((b * 256) | (-b & 0xff));
 }
 
-namespace rows {
-
 // ---- Rows too short for a vector ----------------------------------------------------------------------
 
-inline void blend_short(uint8_t* out, const uint8_t* a, const uint8_t* b, size_t n, unsigned weight) {
+namespace one_by_one {
+
+inline void blend(uint8_t* out, const uint8_t* a, const uint8_t* b, size_t n, unsigned weight) {
     for (size_t i = 0; i < n; ++i) out[i] = plain::blend_lines(a[i], b[i], static_cast<int>(weight));
 }
 
-inline void blend_three_short(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
-                              unsigned weight) {
+inline void blend_three(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
+                        unsigned weight) {
     for (size_t i = 0; i < n; ++i) {
         out[i] = plain::blend_three_lines(a[i], b[i], c[i], static_cast<int>(weight));
     }
 }
 
-inline void blend_adaptive_short(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
-                                 unsigned weight, const uint8_t* group_flags) {
+inline void blend_adaptive(uint8_t* out, const uint8_t* a, const uint8_t* b, const uint8_t* c, size_t n,
+                           unsigned weight, const uint8_t* group_flags) {
     for (size_t i = 0; i < n; i += 8) {
         if (group_flags[i / 8] != 0)
-            blend_three_short(out + i, a + i, b + i, c + i, 8, weight);
+            blend_three(out + i, a + i, b + i, c + i, 8, weight);
         else
-            blend_short(out + i, a + i, b + i, 8, weight);
+            blend(out + i, a + i, b + i, 8, weight);
     }
 }
+
+}  // namespace one_by_one
+
+namespace rows {
 
 // ---- The horizontal plan ------------------------------------------------------------------------------
 
@@ -160,8 +187,8 @@ inline void blend_adaptive_short(uint8_t* out, const uint8_t* a, const uint8_t* 
 struct Outputs {
     unsigned count;
     unsigned last;  ///< the row's last sample
-    uint32_t left[HorizontalPlan::kColumns];
-    uint16_t fraction[HorizontalPlan::kColumns];
+    uint32_t left[kPlanColumns];
+    uint16_t fraction[kPlanColumns];
 
     uint32_t right(unsigned i) const { return std::min(left[i] + 1, last); }
 };
@@ -207,31 +234,31 @@ inline bool are_side_by_side(const Outputs& outputs) {
     return strays == 0 && outputs.left[count - 1] < outputs.last;
 }
 
-inline Spread spread_of(const Outputs& outputs, const RowKernels& kernels) {
-    if (kernels.halve != nullptr && outputs.count >= kernels.halved && are_side_by_side(outputs)) {
-        return Spread::kHalf;
-    }
+/// The spread of groups that a kernel can gather; none where they lie too far apart.
+inline std::optional<Spread> spread_of(const Outputs& outputs, const RowKernels& kernels) {
     const GatherShape &dense = kernels.dense, &sparse = kernels.sparse;
     if (fits(outputs, dense.outputs, dense.window)) return Spread::kDense;
     if (fits(outputs, sparse.outputs, sparse.window)) return Spread::kOne;
-    return fits(outputs, sparse.outputs, 2 * sparse.window) ? Spread::kTwo : Spread::kFar;
+    if (fits(outputs, sparse.outputs, 2 * sparse.window)) return Spread::kTwo;
+    return std::nullopt;
 }
 
 /// Enters outputs whose pairs lie side by side, for a kernel that makes `lanes` of them at a time, the last
 /// ones overlapping those before.
-inline void fill_half(HorizontalPlan& plan, const Outputs& outputs, unsigned lanes) {
+inline void lay_out(HalvingPlan& plan, const Outputs& outputs, unsigned lanes) {
+    plan.first = outputs.left[0];
     const unsigned count = outputs.count;
     unsigned right = 0;
     for (unsigned i = 0; i < count; ++i) right += outputs.fraction[i] >> 15;
     const bool rises = outputs.fraction[0] <= outputs.fraction[count - 1];
     const unsigned turn = rises ? count - right : right;
 
-    std::memcpy(plan.weight, outputs.fraction, count * sizeof(plan.weight[0]));
-    uint32_t* window = plan.window;
+    std::memcpy(plan.fraction, outputs.fraction, count * sizeof(plan.fraction[0]));
+    uint32_t* base = plan.base;
     for (unsigned next = 0; next < count; next += lanes) {
         const unsigned first = std::min(next, count - lanes);
         const unsigned before_turn = std::clamp(turn, first, first + lanes) - first;
-        *window++ = (rises ? lanes : 2 * lanes) - before_turn;
+        *base++ = (rises ? lanes : 2 * lanes) - before_turn;
     }
 }
 
@@ -241,18 +268,27 @@ inline void enter_offsets(uint16_t* __restrict to, const uint16_t* __restrict fr
     for (unsigned i = 0; i < 8; ++i) to[i] = static_cast<uint16_t>(from[i] - origin);
 }
 
-/// Groups the outputs for a kernel.
-inline void fill_tables(HorizontalPlan& plan, const GatherShape& shape, Outputs& outputs) {
-    // A round is made whole with copies of the last output, which widen no window.
+/// Outputs that the kernels make for `count`, in whole rounds.
+constexpr unsigned whole_rounds(const GatherShape& shape, unsigned count) {
     const unsigned round = shape.outputs * shape.groups;
-    const unsigned filled = (outputs.count + round - 1) / round * round;
+    return (count + round - 1) / round * round;
+}
+
+/// Groups the outputs, along a row of `row_width` bytes, for a kernel.
+inline void lay_out(GatherPlan& plan, Spread spread, const GatherShape& shape, Outputs& outputs,
+                    unsigned row_width) {
+    plan.spread = spread;
+    plan.reach = spread == Spread::kTwo ? 2 * shape.window : shape.window;
+    plan.row_width = row_width;
+    // A round is made whole with copies of the last output, which widen no window.
+    const unsigned round = shape.outputs * shape.groups, filled = whole_rounds(shape, outputs.count);
     std::fill(outputs.left + outputs.count, outputs.left + filled, outputs.left[outputs.count - 1]);
     std::fill(outputs.fraction + outputs.count, outputs.fraction + filled,
               outputs.fraction[outputs.count - 1]);
 
     // Counted from the row's start, offsets overflow their bytes; counted from a window's, they fit again.
-    uint16_t pair[HorizontalPlan::kColumns];
-    int16_t weight[HorizontalPlan::kColumns];
+    uint16_t pair[kPlanColumns];
+    int16_t weight[kPlanColumns];
     for (unsigned i = 0; i < filled; ++i) {
         // Read as a signed number, a fraction of 0x8000 or more is less by 65536, as its weight is. The
         // others change their sign.
@@ -267,9 +303,8 @@ inline void fill_tables(HorizontalPlan& plan, const GatherShape& shape, Outputs&
     }
 
     // No window reads past the row's end: the last ones start earlier.
-    const unsigned row_end = plan.spread == Spread::kFar ? 2 * filled : plan.src_width;
-    const unsigned last_window = row_end > plan.reach ? row_end - plan.reach : 0;
-    const unsigned bias = plan.spread == Spread::kTwo ? shape.bias : 0;
+    const unsigned last_window = row_width > plan.reach ? row_width - plan.reach : 0;
+    const unsigned bias = spread == Spread::kTwo ? shape.bias : 0;
     uint32_t* window = plan.window;
     for (unsigned first = 0; first < filled; first += round) {
         for (unsigned group = 0; group < shape.groups; ++group) {
@@ -286,33 +321,46 @@ inline void fill_tables(HorizontalPlan& plan, const GatherShape& shape, Outputs&
     }
 }
 
+/// Groups the outputs' pairs, side by side in a row of their own, for a kernel.
+inline void lay_out(ScatteredPlan& plan, const GatherShape& shape, Outputs& outputs, unsigned src_width) {
+    const unsigned count = outputs.count;
+    std::copy(outputs.left, outputs.left + count, plan.left);
+    plan.src_width = src_width;
+    for (unsigned i = 0; i < count; ++i) outputs.left[i] = 2 * i;
+    outputs.last = ~0u;
+    lay_out(plan.pairs, Spread::kOne, shape, outputs, 2 * whole_rounds(shape, count));
+}
+
+/// The columns [first, end) of a row.
+struct Columns {
+    unsigned first;
+    unsigned end;
+};
+
 /// Lays out `count` outputs, 1 or more, of a row of `src_width` samples from `walk` on, and takes `walk` past
-/// them.
-inline void lay_out(HorizontalPlan& plan, const RowKernels& kernels, SampleWalk& walk, unsigned count,
-                    uint32_t x_step, unsigned src_width) {
+/// them. Returns the source samples that they take.
+inline Columns lay_out(HorizontalPlan& plan, const RowKernels& kernels, SampleWalk& walk, unsigned count,
+                       uint32_t x_step, unsigned src_width) {
     Outputs outputs;
     take_outputs(outputs, walk, count, x_step, src_width);
-    plan.src_width = src_width;
-    plan.first = outputs.left[0];
-    plan.end = outputs.right(count - 1) + 1;
-    plan.spread = spread_of(outputs, kernels);
-    if (plan.spread == Spread::kHalf) return fill_half(plan, outputs, kernels.halved);
-    const GatherShape& shape = plan.spread == Spread::kDense ? kernels.dense : kernels.sparse;
-    plan.reach = plan.spread == Spread::kTwo ? 2 * shape.window : shape.window;
-    if (plan.spread == Spread::kFar) {
-        std::copy(outputs.left, outputs.left + count, plan.left);
-        for (unsigned i = 0; i < count; ++i) outputs.left[i] = 2 * i;
-        outputs.last = ~0u;
+    const Columns taken = {outputs.left[0], outputs.right(count - 1) + 1};
+    if (count >= kernels.halved && are_side_by_side(outputs)) {
+        lay_out(plan.emplace<HalvingPlan>(), outputs, kernels.halved);
+    } else if (const auto spread = spread_of(outputs, kernels)) {
+        const GatherShape& shape = *spread == Spread::kDense ? kernels.dense : kernels.sparse;
+        lay_out(plan.emplace<GatherPlan>(), *spread, shape, outputs, src_width);
+    } else {
+        lay_out(plan.emplace<ScatteredPlan>(), kernels.sparse, outputs, src_width);
     }
-    fill_tables(plan, shape, outputs);
+    return taken;
 }
 
 /// Bytes to have behind a buffered row, so that a window of any kernel can be read from a row of one sample.
 inline constexpr unsigned kWindowRoom = 128;
 
 /// Brings the plan's first `n` pairs of samples of `row` together.
-inline void bring_together(uint8_t* __restrict pairs, const uint8_t* row, size_t n,
-                           const HorizontalPlan& plan, NextLines next) {
+inline void bring_together(uint8_t* __restrict pairs, const uint8_t* row, size_t n, const ScatteredPlan& plan,
+                           NextLines next) {
     const uint32_t* __restrict left = plan.left;
     const unsigned last = plan.src_width - 1;
     size_t inside = n;
@@ -329,28 +377,37 @@ inline void bring_together(uint8_t* __restrict pairs, const uint8_t* row, size_t
 }
 
 inline void interpolate(const RowKernels& kernels, uint8_t* out, const uint8_t* row, size_t n,
+                        const GatherPlan& plan, NextLines next) {
+    if (plan.row_width >= plan.reach) return kernels.interpolate(out, row, n, plan, next);
+    uint8_t short_row[kWindowRoom] = {};
+    std::memcpy(short_row, row, plan.row_width);
+    kernels.interpolate(out, short_row, n, plan, {short_row, short_row});
+}
+
+inline void interpolate(const RowKernels& kernels, uint8_t* out, const uint8_t* row, size_t n,
+                        const ScatteredPlan& plan, NextLines next) {
+    uint8_t pairs[2 * kPlanColumns + kWindowRoom];
+    bring_together(pairs, row, n, plan, next);
+    std::memset(pairs + 2 * n, 0, kWindowRoom);
+    kernels.interpolate(out, pairs, n, plan.pairs, {pairs, pairs});
+}
+
+inline void interpolate(const RowKernels& kernels, uint8_t* out, const uint8_t* row, size_t n,
+                        const HalvingPlan& plan, NextLines next) {
+    const uint8_t* first = row + plan.first;
+    kernels.halve(out, first, first, 0, n, plan, {next.a + plan.first, next.b + plan.first});
+}
+
+inline void interpolate(const RowKernels& kernels, uint8_t* out, const uint8_t* row, size_t n,
                         const HorizontalPlan& plan, NextLines next) {
-    if (plan.spread == Spread::kHalf) {
-        const uint8_t* first = row + plan.first;
-        kernels.halve(out, first, first, 0, n, plan, {next.a + plan.first, next.b + plan.first});
-    } else if (plan.spread == Spread::kFar) {
-        uint8_t pairs[2 * HorizontalPlan::kColumns + kWindowRoom];
-        bring_together(pairs, row, n, plan, next);
-        std::memset(pairs + 2 * n, 0, kWindowRoom);
-        kernels.interpolate(out, pairs, n, plan, {pairs, pairs});
-    } else if (plan.src_width < plan.reach) {
-        uint8_t short_row[kWindowRoom] = {};
-        std::memcpy(short_row, row, plan.src_width);
-        kernels.interpolate(out, short_row, n, plan, {short_row, short_row});
-    } else {
-        kernels.interpolate(out, row, n, plan, next);
-    }
+    std::visit([&](const auto& kind) { interpolate(kernels, out, row, n, kind, next); }, plan);
 }
 
 inline void interpolate_two(const RowKernels& kernels, const RowPair& pair, size_t n,
                             const HorizontalPlan& plan) {
-    if (plan.spread < Spread::kFar && plan.src_width >= plan.reach) {
-        return kernels.interpolate_two(pair, n, plan);
+    const auto* gather = std::get_if<GatherPlan>(&plan);
+    if (gather != nullptr && gather->row_width >= gather->reach) {
+        return kernels.interpolate_two(pair, n, *gather);
     }
     interpolate(kernels, pair.out[0], pair.row[0], n, plan, pair.next[0]);
     interpolate(kernels, pair.out[1], pair.row[1], n, plan, pair.next[1]);
@@ -366,6 +423,7 @@ struct Strip {
     size_t column;
     unsigned count;
     bool straight;
+    Columns source;  ///< what it takes of a source row
 };
 
 /// Calls body(strip, plan) for all columns of an output plane of `width` samples, from left to right. Columns
@@ -380,15 +438,15 @@ void for_each_strip(const PlaneScaling& plane, uint64_t width, const RowKernels&
         const uint64_t straight = both == width ? width : both & ~uint64_t{7};
         for (; column < straight; column += std::min<uint64_t>(straight - column, Strip::kStraightColumns)) {
             const auto count = std::min<uint64_t>(straight - column, Strip::kStraightColumns);
-            body(Strip{column, static_cast<unsigned>(count), true}, plan);
+            const auto first = static_cast<unsigned>(column), end = static_cast<unsigned>(column + count);
+            body(Strip{column, end - first, true, {first, end}}, plan);
         }
         walk.position = column << 16;
     }
     while (column < width) {
-        const auto count =
-            static_cast<unsigned>(std::min<uint64_t>(width - column, HorizontalPlan::kColumns));
-        lay_out(plan, kernels, walk, count, plane.x_step, plane.src_width);
-        body(Strip{column, count, false}, plan);
+        const auto count = static_cast<unsigned>(std::min<uint64_t>(width - column, kPlanColumns));
+        const Columns source = lay_out(plan, kernels, walk, count, plane.x_step, plane.src_width);
+        body(Strip{column, count, false, source}, plan);
         column += count;
     }
 }
@@ -436,19 +494,19 @@ inline unsigned scale_straight(const RowKernels& kernels, const PlaneScaling& pl
     return rows;
 }
 
-/// The samples of a source row that the plan reads: a line of the plane, or the blend of two in `buffer`.
-inline const uint8_t* source_row(const RowKernels& kernels, const PlaneScaling& plane,
-                                 const HorizontalPlan& plan, const BlendedRow& source, uint8_t* buffer) {
+/// The samples of a source row that a strip takes: a line of the plane, or the blend of two in `buffer`.
+inline const uint8_t* source_row(const RowKernels& kernels, const PlaneScaling& plane, const Columns& taken,
+                                 const BlendedRow& source, uint8_t* buffer) {
     const uint8_t* a = line_of(plane, source.a);
     if (source.weight == 0) return a;
-    kernels.blend(buffer + plan.first, a + plan.first, line_of(plane, source.b) + plan.first,
-                  plan.end - plan.first, source.weight);
+    kernels.blend(buffer + taken.first, a + taken.first, line_of(plane, source.b) + taken.first,
+                  taken.end - taken.first, source.weight);
     return buffer;
 }
 
-/// Makes the strip's part of all rows along a plan of Spread::kHalf, straight from the lines.
+/// Makes the strip's part of all rows in half of the width, straight from the lines.
 inline void scale_in_half(const RowKernels& kernels, const PlaneScaling& plane, const RowScheme& scheme,
-                          const Strip& strip, const HorizontalPlan& plan, const char* function) {
+                          const Strip& strip, const HalvingPlan& plan, const char* function) {
     BlendedRow source = blended_row(plane, scheme, 0);
     for (unsigned row = 0; row < plane.to_height; ++row) {
         if (source.weight != 0) require_source_line(plane, source.b, function);
@@ -470,7 +528,7 @@ inline void scale_along_plan(const RowKernels& kernels, const PlaneScaling& plan
     const auto samples = [&](unsigned row, const BlendedRow& source, uint8_t* into) {
         if (source.weight != 0) require_source_line(plane, source.b, function);
         require_output_row(plane, row, function);
-        return source_row(kernels, plane, plan, source, into);
+        return source_row(kernels, plane, strip.source, source, into);
     };
 
     BlendedRow first = source_of(0), second = source_of(1);
@@ -495,8 +553,9 @@ inline void scale(const RowKernels& kernels, const PlaneScaling& plane, int mode
     const RowScheme scheme = row_scheme(mode, field);
     for_each_strip(plane, plane.to_width, kernels, [&](const Strip& strip, const HorizontalPlan& plan) {
         if (!strip.straight) {
-            const auto make_rows = plan.spread == Spread::kHalf ? scale_in_half : scale_along_plan;
-            return make_rows(kernels, plane, scheme, strip, plan, function);
+            const auto* half = std::get_if<HalvingPlan>(&plan);
+            if (half != nullptr) return scale_in_half(kernels, plane, scheme, strip, *half, function);
+            return scale_along_plan(kernels, plane, scheme, strip, plan, function);
         }
         for (unsigned row = 0; row < plane.to_height;) {
             const BlendedRow source = blended_row(plane, scheme, row);
@@ -535,7 +594,7 @@ private:
     const Strip& strip_;
     const HorizontalPlan& plan_;
     int64_t held_[3] = {-1, -1, -1};
-    alignas(64) uint8_t samples_[3][HorizontalPlan::kColumns];
+    alignas(64) uint8_t samples_[3][kPlanColumns];
 };
 
 inline void deinterlace_basic(const RowKernels& kernels, const PlaneScaling& plane) {
