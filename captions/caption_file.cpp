@@ -87,7 +87,8 @@ Schedule load_cues(std::vector<Cue> (*read)(const std::string&, Report&), const 
                    const CaptionFileOptions& options, Report& report) {
     const std::int64_t start = start_milliseconds(options.start, options.source);
     const std::vector<Cue> cues = from_start(read(path, report), start, path, report);
-    return encode_pop_on(cues, path, {options.output, options.rows, options.field}, report);
+    return encode_pop_on(cues, path, {options.output, options.rows, options.field, options.line_rate},
+                         report);
 }
 
 Schedule load(const std::string& path, const CaptionFileOptions& options, Report& report) {
@@ -95,10 +96,12 @@ Schedule load(const std::string& path, const CaptionFileOptions& options, Report
         case CaptionFormat::kScc: {
             const SccReadOptions reading{options.field, kRate29_97, start_timecode(options.start)};
             const Schedule pairs = read_scc(path, reading, report);
-            return retime(to_field(pairs, options.field, path, report), options.output, report);
+            return retime(to_field(pairs, options.field, path, report), options.output, report,
+                          options.line_rate);
         }
         case CaptionFormat::kMcc:
-            return retime(read_mcc(path, {start_timecode(options.start)}, report), options.output, report);
+            return retime(read_mcc(path, {start_timecode(options.start)}, report), options.output, report,
+                          options.line_rate);
         case CaptionFormat::kSubRip: return load_cues(read_srt, path, options, report);
         case CaptionFormat::kWebVtt: return load_cues(read_webvtt, path, options, report);
     }

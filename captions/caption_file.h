@@ -27,9 +27,11 @@ struct CaptionFileOptions {
     std::string start{};            ///< the file's time for the video's first picture; "" is zero
     int rows = 2;                   ///< SRT, WebVTT: the most rows of a caption
     FrameRate source = kRate29_97;  ///< of the source; SRT, WebVTT: at which `start` counts frames
+    LineRate line_rate = LineRate::kPairOfEachField;  ///< of the encoded pictures
 };
 
-/// Reads a caption file into a schedule at the output rate that passes a Repacer(output, output) unchanged.
+/// Reads a caption file into a schedule at the output rate that passes a Repacer(output, output, line_rate)
+/// unchanged.
 /// Pairs and constructs of SCC and MCC files are brought to the output rate (retime()), cues become pop-on
 /// captions. Control codes of an SCC file that belong to the other field become those of `field`. `start` is
 /// a time code, for SRT and WebVTT also HH:MM:SS or HH:MM:SS.mmm. Reported, beside what the readers report:

@@ -67,7 +67,11 @@ void Eia608Decoder::feed(std::int64_t frame, int index, Word word) {
 }
 
 void Eia608Decoder::feed(const Schedule& schedule) {
-    for (const Eia608Event& event : schedule.eia608) feed(event.frame, event.field, event.word);
+    for (const Eia608Event& event : schedule.eia608) {
+        if (event.idle_before) feed(event.frame, event.field, kNullPair);
+        feed(event.frame, event.field, event.word);
+        if (event.idle_after) feed(event.frame, event.field, kNullPair);
+    }
 }
 
 std::vector<TimedText> Eia608Decoder::finish(std::int64_t end_frame) {

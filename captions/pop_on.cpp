@@ -342,7 +342,10 @@ struct TimedCue {
 class Timeline {
 public:
     Timeline(const std::string& name, const PopOnOptions& options, Report& report)
-        : name_(name), options_(options), report_(report), slots_(options.rate, options.field) {}
+        : name_(name),
+          options_(options),
+          report_(report),
+          slots_(options.rate, options.field, options.line_rate) {}
 
     // A cue's captions, which share its time by the number of their characters, follow each other as late as
     // they must. `latest_end`: the frame on which the next cue is to appear.
@@ -376,9 +379,25 @@ public:
     Schedule take() {
         if (const std::optional<Block> erasure = erasure_block())
             put_control(kEraseDisplayedMemory, erasure->begin);
-        std::sort(schedule_.eia608.begin(), schedule_.eia608.end(),
-                  [](const Eia608Event& a, const Eia608Event& b) { return a.frame < b.frame; });
-        return std::move(schedule_);
+        std::sort(pairs_.begin(), pairs_.end(), [](const Pair& a, const Pair& b) { return a.slot < b.slot; });
+        Schedule schedule{options_.rate, {}, {}};
+        for (auto pair = pairs_.begin(); pair != pairs_.end();) {
+            const std::int64_t picture = slots_.picture_of(pair->slot);
+            PictureCaptions captions;
+            const std::size_t first = schedule.eia608.size();
+            std::vector<std::int64_t> late;
+            for (std::int64_t slot = slots_.first_slot_not_before(picture);
+                 slots_.picture_of(slot) == picture; ++slot) {
+                const bool idle = pair == pairs_.end() || pair->slot != slot;
+                captions.fields[options_.field].push_back(idle ? kNullPair : pair->word);
+                if (idle) continue;
+                late.push_back(picture - slots_.picture_of(slot - pair->slots_late));
+                ++pair;
+            }
+            append(schedule, picture, captions);
+            for (std::size_t n = 0; n < late.size(); ++n) schedule.eia608[first + n].late = late[n];
+        }
+        return schedule;
     }
 
 private:
@@ -445,18 +464,20 @@ private:
     }
 
     void put(const std::vector<Word>& unit, std::int64_t slot, std::int64_t slots_late = 0) {
-        for (const Word word : unit) {
-            const std::int64_t picture = slots_.picture_of(slot++);
-            schedule_.eia608.push_back(
-                {picture, static_cast<std::uint8_t>(options_.field), word, slots_late * slots_.step()});
-        }
+        for (const Word word : unit) pairs_.push_back({slot++, word, slots_late});
     }
+
+    struct Pair {
+        std::int64_t slot;
+        Word word;
+        std::int64_t slots_late;
+    };
 
     const std::string& name_;
     const PopOnOptions& options_;
     Report& report_;
     FieldSlots slots_;
-    Schedule schedule_{options_.rate, {}, {}};
+    std::vector<Pair> pairs_;
     std::int64_t free_slot_ = 0;
     std::optional<std::int64_t> erase_at_;
 };

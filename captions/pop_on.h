@@ -29,6 +29,7 @@ struct PopOnOptions {
     FrameRate rate = kRate29_97;  ///< of the pictures that will carry the captions
     int rows = 2;                 ///< the most rows of one caption, 1 to 15
     int field = 0;                ///< 0: CC1, 1: CC3
+    LineRate line_rate = LineRate::kPairOfEachField;
 };
 
 /// A word with only characters that have a glyph.

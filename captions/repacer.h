@@ -16,6 +16,12 @@
 /// A picture that is shown for longer than a frame (film in 60 Hz video) holds several pairs of a field. They
 /// belong to the frames from its own on, one each.
 ///
+/// At 23.976 and 24 pictures per second a source may bring one pair of each field with a picture, or two and
+/// three pairs in turn, which are those of the fields of 60 Hz that begin while the picture is shown. The
+/// output does either, as `line_rate` says. At the full rate every pair goes with the picture during which
+/// its field is shown, and where the source is such a stream, too, the pictures that have three pairs are the
+/// same.
+///
 /// What is displayed as it arrives is never early. Text that is loaded out of sight (pop-on) is sent earlier
 /// where the output has fewer slots per second than the source, so that the caption still appears on its
 /// picture: as far as what follows has been pushed already. A pair is late only where the slots do not
@@ -41,6 +47,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <optional>
 #include <vector>
 
 #include "report.h"
@@ -55,7 +62,19 @@ struct PictureWrites {
     std::int64_t due[2] = {0, 0};  ///< the first picture that could have taken the word
     std::int64_t cea708_due = 0;   ///< and the first of the constructs
 
-    bool empty() const { return words[0] == 0 && words[1] == 0 && cea708.empty(); }
+    /// The field whose turn comes first on the picture: 0 but at the full rate.
+    std::uint8_t first_field = 0;
+
+    /// At the full rate, on every second picture: that field has another turn, and this word.
+    bool has_third = false;
+    Word third = 0;
+    std::int64_t third_due = 0;
+
+    bool empty() const { return words[0] == 0 && words[1] == 0 && third == 0 && cea708.empty(); }
+
+    /// The two or three pairs of a picture that carries both fields, in their order, as compose_cc_data()
+    /// takes them; null pairs where a field is idle.
+    std::vector<FieldPair> pairs() const;
 };
 
 /// Follows which channel of a field is being written, and whether out of sight.
@@ -70,12 +89,14 @@ private:
 };
 
 /// For how many seconds captions have to be pushed ahead of the pulls, lest a pop-on caption of full size be
-/// late because the output has fewer slots per second than the source; 0 where it has not.
-double useful_foresight(FrameRate source, FrameRate output);
+/// late because the output has fewer slots per second than the source; 0 where it has not. Where source and
+/// output may both run at the full rate, it suffices to see which pictures of the source have three pairs.
+double useful_foresight(FrameRate source, FrameRate output, LineRate line_rate = LineRate::kPairOfEachField);
 
 class Repacer {
 public:
-    Repacer(FrameRate source, FrameRate output);
+    /// `line_rate` is that of the output.
+    Repacer(FrameRate source, FrameRate output, LineRate line_rate = LineRate::kPairOfEachField);
 
     /// Takes in what source picture `frame` carries, the second pair of a field for the frame after it, and
     /// so on. Pictures without captions are pushed too (or left out, when a later one is pushed before the
@@ -109,8 +130,8 @@ private:
         int length;             // 1 or 2 slots
         int idle_before;        // idle slots needed after the unit before
         bool displays_at_once;  // must not be early
-        std::int64_t frame;     // from which on it may be seen
-        std::int64_t late;      // source pictures by which that is after the time asked
+        std::int64_t time;      // tick of the source from which on it may be seen
+        std::int64_t late;      // ticks by which that is after the time asked
         bool begun = false;     // the first transmission has gone
     };
 
@@ -127,22 +148,46 @@ private:
 
     struct TimedConstruct {
         Cea708Construct construct;
-        std::int64_t frame;
+        std::int64_t time;
     };
 
+    struct TimedWord {
+        Word word = 0;
+        std::int64_t due = 0;
+    };
+
+    // From `picture` of the source on, its pictures with three pairs are those of another phase.
+    struct PhaseChange {
+        std::int64_t picture;
+        int phase;
+    };
+
+    FieldSlots source_slots(int field) const;
+    FieldSlots output_slots(int field) const { return {output_, field, line_rate_, phase_}; }
+    void note_phase(std::int64_t frame, std::size_t pairs_of_field_1, std::size_t pairs_of_field_2);
+    void follow_phase(std::int64_t picture);
     void push_construct(std::int64_t frame, const Cea708Construct& construct);
-    void push_pair(int field, std::int64_t frame, Word word, std::int64_t late);
-    void take_pair(int field, std::int64_t picture, PictureWrites& writes);
+    std::int64_t time_of(int field, std::int64_t frame, int nth) const;
+    void push_pair(int field, std::int64_t frame, int nth, Word word, std::int64_t late);
+    void push_full_rate(const std::vector<Eia608Event>& events);
+    TimedWord take_pair(int field, std::int64_t slot, std::int64_t picture);
     bool may_begin(int field, std::int64_t slot) const;
     bool repeats(int field, std::int64_t slot) const;
     bool repetition_may_follow(int field) const;
     std::int64_t repetition_frame(int field) const;
-    std::int64_t due_slot(int field, std::int64_t frame) const;
+    std::int64_t due_slot(int field, std::int64_t time) const;
     std::int64_t latest_slot(int field, std::size_t first, std::int64_t longest_load) const;
 
     FrameRate source_;
     FrameRate output_;
+    LineRate line_rate_;
     PictureBudget budget_;
+    bool source_may_be_full_;
+    bool keeps_fields_;  // film's pairs go by the times of their fields, not of their pictures
+    std::optional<int> source_phase_;
+    std::deque<PhaseChange> phase_changes_;
+    int phase_ = 0;  // of the output
+    bool had_third_ = false;
     FieldQueue fields_[2];
     std::deque<TimedConstruct> cea708_;
     std::int64_t pushed_frame_ = -1;
@@ -152,7 +197,9 @@ private:
 
 /// Brings a known programme to another rate, with full foresight. What comes later than asked says so in its
 /// event, and is added to the report as one warning for a field. The result, at rate `output`, obeys the
-/// picture budget and passes a Repacer(output, output) unchanged.
-Schedule retime(const Schedule& schedule, FrameRate output, Report& report);
+/// picture budget and passes a Repacer(output, output, line_rate) unchanged. (Film at the full rate whose
+/// pictures with three pairs change their place, at a splice, may be a picture or two later for a moment.)
+Schedule retime(const Schedule& schedule, FrameRate output, Report& report,
+                LineRate line_rate = LineRate::kPairOfEachField);
 
 }  // namespace gsve::captions

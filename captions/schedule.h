@@ -53,6 +53,11 @@ struct Eia608Event {
     Word word;
     std::int64_t late = 0;  ///< frames after the first that could have carried it at the time asked
 
+    /// At 23.976 and 24 frames per second some frames have two places for a field's pairs: the first is idle
+    /// here, or the second. (A pair that comes after an idle place is no repetition.)
+    bool idle_before = false;
+    bool idle_after = false;
+
     friend bool operator==(const Eia608Event&, const Eia608Event&) = default;
 };
 
@@ -79,38 +84,75 @@ void append(Schedule& schedule, std::int64_t frame, const PictureCaptions& capti
 /// frames `a` comes first. Throws std::invalid_argument when the rates differ.
 Schedule merge(const Schedule& a, const Schedule& b);
 
+/// How much of the 59.94 (60) fields a second of EIA-608 a stream of 23.976 (24) pictures per second carries.
+/// At other rates there is nothing to choose.
+enum class LineRate {
+    kPairOfEachField,  ///< one with every picture: 48 a second
+    kFull,             ///< all: two and three in turn, the fields by turns, as A/53 has it
+};
+
+/// Whether a stream of this rate carries pairs at the full rate, beyond one of each field with a picture.
+bool runs_at_full_rate(FrameRate rate, LineRate line_rate);
+
 /// What one encoded picture can take. Up to 39 pictures per second each takes a byte pair of both fields;
 /// above that field 1 goes with even pictures and field 2 with odd ones, as in A/53 at 50 and 60 Hz.
 struct PictureBudget {
     bool alternating_fields;
     int cea708_constructs;
+    bool full_rate = false;  ///< every second picture takes a third byte pair, and one construct less
+
+    int constructs_beside(int pairs) const { return cea708_constructs - (pairs > 2 ? pairs - 2 : 0); }
 };
 
 /// Constructs in each picture's cc_data at a rate: the caption channel has 9600 bit/s.
 int cc_count(FrameRate rate);
 
 /// The budget at an effective rate, which is the source rate over the frame-rate divider.
-PictureBudget picture_budget(FrameRate rate);
+PictureBudget picture_budget(FrameRate rate, LineRate line_rate = LineRate::kPairOfEachField);
 
 /// Byte-pair slots of a field: slot n of a field lies on picture n, or on every second picture when the
-/// fields alternate.
+/// fields alternate. At the full rate the fields follow each other without a break over pictures of three
+/// slots and of two. Each picture has those of the fields that begin while it is shown:
+///
+///     picture       0         1      2         3      4 ...
+///     field         1 2 1     2 1    2 1 2     1 2    1 2 1
+///     slot          0 0 1     1 2    2 3 3     4 4    5 5 6
+///
+/// A stream may begin anywhere in this cycle of four: its picture 0 stands where picture `phase` stands here.
 class FieldSlots {
 public:
-    FieldSlots(FrameRate rate, int field)
-        : step_(picture_budget(rate).alternating_fields ? 2 : 1), offset_(step_ == 2 ? field : 0) {}
+    FieldSlots(FrameRate rate, int field, LineRate line_rate = LineRate::kPairOfEachField, int phase = 0);
 
-    int step() const { return step_; }
-    bool on_picture(std::int64_t picture) const { return (picture - offset_) % step_ == 0; }
-    std::int64_t picture_of(std::int64_t slot) const { return slot * step_ + offset_; }
+    /// Pictures to the next slot at most.
+    int step() const { return static_cast<int>((spacing_ + per_picture_ - 1) / per_picture_); }
+    bool on_picture(std::int64_t picture) const {
+        return picture_of(first_slot_not_before(picture)) == picture;
+    }
+    std::int64_t picture_of(std::int64_t slot) const;
 
-    /// The first slot whose picture is `picture` or a later one; never below 0.
+    /// The first slot whose picture is `picture` or a later one; never one before picture 0.
     std::int64_t first_slot_not_before(std::int64_t picture) const {
-        return picture <= offset_ ? 0 : (picture - offset_ + step_ - 1) / step_;
+        return first_slot_from(picture * per_picture_);
     }
 
+    /// Slots begin on ticks of this clock: pictures, or at the full rate fifths of pictures.
+    FrameRate clock() const { return clock_; }
+    std::int64_t ticks_per_picture() const { return per_picture_; }
+    std::int64_t ticks_per_slot() const { return spacing_; }
+
+    /// The tick on which the frame begins that the slot is in: a slot of field 1 and the next one of field 2
+    /// are one frame.
+    std::int64_t frame_of(std::int64_t slot) const { return slot * spacing_ + frame_offset_; }
+
+    /// The first slot that begins on `tick` or later; never one before picture 0.
+    std::int64_t first_slot_from(std::int64_t tick) const;
+
 private:
-    int step_;
-    int offset_;
+    FrameRate clock_;
+    std::int64_t per_picture_ = 1;  // in ticks
+    std::int64_t spacing_ = 1;
+    std::int64_t frame_offset_ = 0;
+    std::int64_t field_offset_ = 0;
 };
 
 }  // namespace gsve::captions
