@@ -32,8 +32,14 @@ CaptionForms caption_forms(PictureEncoder& encoder, bool scte20) {
     const FrameRate rate = caption_rate(encoder.encoded_rate());
     const bool cc =
         encoder.codec_id == kMpeg2 && encoder.enabled_eia608() && rate.num / rate.den <= kFastestCc;
-    return {cc, (encoder.codec_id == kMpeg2 || encoder.codec_id == kH264) && encoder.enabled_cea708(),
-            scte20};
+    CaptionForms forms;
+    forms.cc = cc;
+    forms.cc_data = (encoder.codec_id == kMpeg2 || encoder.codec_id == kH264) && encoder.enabled_cea708();
+    forms.scte20 = scte20;
+    const bool alone = forms.cc_data && !cc && !scte20 && !drops_pictures(encoder);
+    if (alone && captions::runs_at_full_rate(rate, captions::LineRate::kFull))
+        forms.line_rate = captions::LineRate::kFull;
+    return forms;
 }
 
 void check_caption_settings(PictureEncoder& encoder, const CaptionForms& forms) {

@@ -11,6 +11,10 @@ struct CaptionForms {
     bool cc = false;       ///< MPEG-2 "CC" user data
     bool cc_data = false;  ///< A/53 cc_data
     bool scte20 = false;
+    /// How many byte pairs film carries: all of EIA-608's, unless a form goes out that has one of each field
+    /// with a picture and is to say the same, or pictures may be dropped, and their pairs have to find room
+    /// elsewhere.
+    captions::LineRate line_rate = captions::LineRate::kPairOfEachField;
 
     bool pairs() const { return cc || cc_data || scte20; }
 };

@@ -18,7 +18,8 @@ using captions::Word;
 constexpr double kFastestFilm = 24;
 
 CaptionCount count(const PictureWrites& writes) {
-    return {static_cast<uint64_t>(writes.words[0] != 0) + (writes.words[1] != 0), writes.cea708.size()};
+    return {static_cast<uint64_t>(writes.words[0] != 0) + (writes.words[1] != 0) + (writes.third != 0),
+            writes.cea708.size()};
 }
 
 CaptionCount count(const PictureCaptions& captions) {
@@ -85,21 +86,23 @@ CaptionTrack::CaptionTrack(CaptionForms forms, FrameRate source_rate, FrameRate 
     : forms_(forms),
       output_rate_(encoded_rate),
       asked_{source_rate, {}, {}},
-      repacer_(source_rate, encoded_rate),
+      repacer_(source_rate, encoded_rate, forms.line_rate),
       line_(encoded_rate) {}
 
 void CaptionTrack::load(const Schedule& schedule) {
     asked_ = schedule;
-    repacer_ = captions::Repacer(schedule.rate, output_rate_);
+    repacer_ = captions::Repacer(schedule.rate, output_rate_, forms_.line_rate);
     repacer_.push(schedule);
 }
 
 double CaptionTrack::foresight() const {
     if (!forms_.pairs()) return 0;
-    // Film may have been coded at its own rate with the pairs of 60 Hz video.
+    // Film may have been coded at its own rate with the pairs of 60 Hz video, of which less than all go out.
     const FrameRate rate = asked_.rate;
-    const FrameRate pair_rate = rate.per_second() <= kFastestFilm ? captions::kRate29_97 : rate;
-    return captions::useful_foresight(pair_rate, output_rate_);
+    const bool all_go_out = forms_.line_rate == captions::LineRate::kFull;
+    const FrameRate pair_rate =
+        rate.per_second() <= kFastestFilm && !all_go_out ? captions::kRate29_97 : rate;
+    return captions::useful_foresight(pair_rate, output_rate_, forms_.line_rate);
 }
 
 CaptionCount CaptionTrack::push(int64_t frame, PictureCaptions captions) {
@@ -120,7 +123,9 @@ CaptionCount CaptionTrack::push(int64_t frame, PictureCaptions captions) {
 
 PictureWrites CaptionTrack::next(uint64_t number, uint64_t encoded) {
     newest_ = number;
-    PictureWrites writes = line_.next(encoded, repacer_.pull(static_cast<int64_t>(encoded)));
+    PictureWrites writes = repacer_.pull(static_cast<int64_t>(encoded));
+    // At the full rate no picture is dropped.
+    if (forms_.line_rate == captions::LineRate::kPairOfEachField) writes = line_.next(encoded, writes);
     if (!writes.empty()) in_codec_[number] = given(writes, static_cast<int64_t>(encoded));
     return writes;
 }
@@ -131,11 +136,13 @@ std::vector<uint8_t> scte20_body(const PictureWrites& writes, bool top_field_fir
 
 CaptionTrack::Given CaptionTrack::given(const PictureWrites& writes, int64_t picture) {
     Given given{count(writes)};
-    for (int field = 0; field < 2; field++) {
-        if (writes.words[field] == 0) continue;
-        given.delayed_pairs += picture > writes.due[field];
-        given.largest_delay = std::max(given.largest_delay, picture - writes.due[field]);
-    }
+    const auto pair = [&](Word word, int64_t due) {
+        if (word == 0) return;
+        given.delayed_pairs += picture > due;
+        given.largest_delay = std::max(given.largest_delay, picture - due);
+    };
+    for (int field = 0; field < 2; field++) pair(writes.words[field], writes.due[field]);
+    pair(writes.third, writes.third_due);
     if (!writes.cea708.empty())
         given.largest_delay = std::max(given.largest_delay, picture - writes.cea708_due);
     return given;

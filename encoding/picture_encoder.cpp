@@ -9,6 +9,7 @@ extern "C" {
 #include <orb_utils_v4/io.h>
 
 #include "encoding/error.h"
+#include "encoding/film_captions.h"
 
 namespace gsve::encoding {
 namespace {
@@ -21,6 +22,9 @@ constexpr double kNoLoad = -600;
 
 /// More than lie between a GOP header and the picture that it is written for.
 constexpr uint64_t kTimecodesKept = 256;
+
+/// More than any codec holds back.
+constexpr size_t kMostFilmCaptions = 1024;
 
 std::span<const uint8_t> unit_in(const sliding_window_v4& window) { return {window.data, window.end}; }
 
@@ -99,6 +103,10 @@ void PictureEncoder::signal(const Ancillary& ancillary, uint64_t number) {
 
 /// Hands over what the encoder keeps with the picture until its unit comes.
 void PictureEncoder::queue(const Ancillary& ancillary, uint64_t number) {
+    if (line_rate_ == captions::LineRate::kFull) {
+        film_captions_[number] = ancillary.captions;
+        if (film_captions_.size() > kMostFilmCaptions) film_captions_.erase(film_captions_.begin());
+    }
     for (uint8_t field = 0; field < 2; field++)
         if (ancillary.captions.words[field] != 0) write_eia608(field, ancillary.captions.words[field]);
     std::vector<zeph_cea708_word> words;
@@ -146,7 +154,7 @@ void PictureEncoder::complete_unit(AVPacket& unit) {
     if (aux_data_map.empty()) return;
     const uint64_t key = record_key(unit.pts);
     if (codec_id == kMpeg2) complete_mpeg2_unit(unit, key);
-    if (codec_id == kH264 && enabled_cea708()) Encoder::h264_insert_cea708_cc(key);
+    if (codec_id == kH264 && enabled_cea708()) insert_cc_data(key);
 }
 
 void PictureEncoder::complete_mpeg2_unit(AVPacket& unit, uint64_t key) {
@@ -160,10 +168,36 @@ void PictureEncoder::complete_mpeg2_unit(AVPacket& unit, uint64_t key) {
         unit.dts = dts;
     }
     Encoder::mpeg_insert_scte20(key);
-    if (enabled_cea708()) Encoder::mpeg_insert_cea708_cc(key);
+    if (enabled_cea708()) insert_cc_data(key);
     const auto record = aux_data_map.find(key);
     if (type == 'I' && record != aux_data_map.end())
         insert_timecode(header->temporal_reference, record->second.gop_timecode);
+}
+
+void PictureEncoder::insert_cc_data(uint64_t key) {
+    if (line_rate_ == captions::LineRate::kFull)
+        insert_film_captions(key);
+    else if (codec_id == kMpeg2)
+        Encoder::mpeg_insert_cea708_cc(key);
+    else
+        Encoder::h264_insert_cea708_cc(key);
+}
+
+void PictureEncoder::insert_film_captions(uint64_t key) {
+    const auto record = aux_data_map.find(key);
+    const auto found = record == aux_data_map.end() ? film_captions_.end()
+                                                    : film_captions_.find(record->second.host_frame_tag);
+    const captions::PictureWrites writes =
+        found == film_captions_.end() ? captions::PictureWrites() : std::move(found->second);
+    if (found != film_captions_.end()) film_captions_.erase(found);
+
+    const std::span<uint8_t> unit = {output_window->data, output_window->end};
+    const bool mpeg2 = codec_id == kMpeg2;
+    const auto position = mpeg2 ? user_data_position(unit) : caption_sei_position(unit);
+    if (position == unit.end()) return;
+    const std::vector<uint8_t> bytes = mpeg2 ? film_user_data(writes) : film_caption_sei(writes);
+    uint8_t* gap = &*position;
+    if (mpeg_insert_output(gap, bytes.size())) std::copy(bytes.begin(), bytes.end(), gap);
 }
 
 /// The GOP header's time code is that of the picture displayed first (ISO/IEC 13818-2, 6.3.8): in an open GOP

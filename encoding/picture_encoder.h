@@ -89,6 +89,11 @@ public:
     /// Off, the same pictures give the same bytes on the same number of threads, however busy the machine is.
     void adapt_to_load(bool on) { adapts_to_load_ = on; }
 
+    /// At the full rate A/53 cc_data of film holds all that Ancillary::captions has, two and three byte pairs
+    /// in turn; else, and at all other rates, it is the encoder's own, with one pair of each field. To be
+    /// called between open() and push().
+    void carry_line_rate(captions::LineRate line_rate) { line_rate_ = line_rate; }
+
     /// Opens the encoder. `first` is what goes with the first picture: the codec starts with its aspect ratio
     /// and field order. False: last_error tells why, or "enable" is off.
     bool open(const Ancillary& first);
@@ -127,6 +132,8 @@ private:
     void queue(const Ancillary& ancillary, uint64_t number);
     void complete_unit(AVPacket& unit);
     void complete_mpeg2_unit(AVPacket& unit, uint64_t key);
+    void insert_cc_data(uint64_t key);
+    void insert_film_captions(uint64_t key);
     void insert_timecode(int pictures_before, const mpeg2_gop_timecode_t& of_picture);
     uint64_t record_key(int64_t emitted_time) const;
     int reorder_depth() const;
@@ -138,6 +145,8 @@ private:
     std::optional<UnitTimes> times_;
     std::optional<PictureTypeReader> types_;
     std::map<uint64_t, captions::GopTimecode> timecodes_;  ///< of the latest pictures, by encoded number
+    captions::LineRate line_rate_ = captions::LineRate::kPairOfEachField;
+    std::map<uint64_t, captions::PictureWrites> film_captions_;  ///< at the full rate, by picture number
     std::exception_ptr failure_;
     bool adapts_to_load_ = true;
     bool draining_ = false;

@@ -62,13 +62,14 @@ void check_caption_choice(const CaptionChoice& choice, const std::string& codec)
 }
 
 captions::Schedule load_caption_files(const CaptionChoice& choice, FrameRate source, FrameRate encoded,
-                                      captions::Report& report) try {
+                                      captions::LineRate line_rate, captions::Report& report) try {
     captions::Schedule all{encoded, {}, {}};
     int field = std::max(choice.field, 1) - 1;
     for (const std::string& file : choice.files) {
         captions::CaptionFileOptions reading{.output = encoded, .field = field, .start = choice.start};
         reading.rows = choice.rows.value_or(reading.rows);
         reading.source = source;
+        reading.line_rate = line_rate;
         all = merge(all, load_captions(file, reading, report));
         field = 1 - field;
     }

@@ -164,6 +164,7 @@ void ProgrammeEncoding::open_encoder() {
 
 void ProgrammeEncoding::open_captions() {
     forms_ = caption_forms(encoder_, job_.captions.scte20);
+    encoder_.carry_line_rate(forms_.line_rate);
     const captions::FrameRate source = encoding::caption_rate(input_.own_rate());
     const captions::FrameRate encoded = encoding::caption_rate(encoder_.encoded_rate());
     captions_.emplace(forms_, source, encoded);
@@ -175,7 +176,7 @@ void ProgrammeEncoding::open_captions() {
         if (!forms_.pairs())
             throw UsageError("--captions: the settings \"enable cea-708\" and \"enable eia-608\" are off");
         captions_->load(load_caption_files(job_.captions, {encoder_.frame_rate_num, encoder_.frame_rate_den},
-                                           encoded, caption_report_));
+                                           encoded, forms_.line_rate, caption_report_));
     } else if (caption_source_ == "input" && forms_.pairs()) {
         input_.read_ahead(input_.captions_behind() / source.per_second() + captions_->foresight());
     }
