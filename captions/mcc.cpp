@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <iterator>
+#include <map>
 #include <span>
 #include <stdexcept>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -52,20 +54,40 @@ int hex_value(char c) {
     return c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
 }
 
-// User data words of an ancillary packet (SMPTE ST 291: DID, SDID, count, words, checksum).
-std::span<const std::uint8_t> ancillary_data(std::span<const std::uint8_t> packet) {
-    constexpr std::size_t kAround = 4;
+enum class AncillaryFault { kNone, kCount, kNoChecksum, kChecksum };
+
+// User data words of an ancillary packet (SMPTE ST 291: DID, SDID, count, words, checksum), and what is wrong
+// with it.
+struct Ancillary {
+    std::span<const std::uint8_t> data;
+    AncillaryFault fault = AncillaryFault::kNone;
+    std::string text;
+};
+
+Ancillary ancillary_data(std::span<const std::uint8_t> packet) {
+    constexpr std::size_t kHeader = 3, kAround = kHeader + 1;
     if (packet.size() < kAround)
         throw std::invalid_argument("the line ends within the ancillary packet's header");
-    if (packet.size() != packet[2] + kAround)
-        throw std::invalid_argument(
-            fmt::format("the ancillary packet's count byte says {} bytes, {} are given", packet[2],
-                        static_cast<int>(packet.size()) - 4));
+    const std::size_t count = packet[2];
+    if (packet.size() == kHeader + count)
+        return {packet.subspan(kHeader), AncillaryFault::kNoChecksum,
+                "the ancillary packet's checksum is missing"};
+    if (packet.size() != count + kAround) {
+        // The caption packet knows its own length.
+        const std::span<const std::uint8_t> rest = packet.subspan(kHeader);
+        const std::size_t own = rest.size() > 2 ? std::min<std::size_t>(rest[2], rest.size()) : rest.size();
+        return {rest.first(own), AncillaryFault::kCount,
+                fmt::format("the ancillary packet's count byte says {} bytes, {} are given", count,
+                            packet.size() - kAround)};
+    }
+    Ancillary whole{packet.subspan(kHeader, count), AncillaryFault::kNone, ""};
     const auto expected = static_cast<std::uint8_t>(-zero_sum_checksum(packet.first(packet.size() - 1)));
-    if (packet.back() != expected)
-        throw std::invalid_argument(fmt::format(
-            "the ancillary packet's checksum is 0x{:02X}, its bytes need 0x{:02X}", packet.back(), expected));
-    return packet.subspan(3, packet[2]);
+    if (packet.back() != expected) {
+        whole.fault = AncillaryFault::kChecksum;
+        whole.text = fmt::format("the ancillary packet's checksum is 0x{:02X}, its bytes need 0x{:02X}",
+                                 packet.back(), expected);
+    }
+    return whole;
 }
 
 class MccParser {
@@ -135,17 +157,39 @@ private:
     void parse_line(const TimedLine& line) try {
         if (line.data.empty()) throw std::invalid_argument("the line has a time code but no data");
         const std::vector<std::uint8_t> packet = expand_mcc_bytes(line.data);
-        const std::span<const std::uint8_t> data = ancillary_data(packet);
-        if (packet[0] == kCaptionDid && packet[1] == kCaptionSdid) {
-            const Cdp cdp = parse_cdp(data);
-            take_rate(cdp);
-            add(cdp, line.frame);
-        } else {
+        const Ancillary ancillary = ancillary_data(packet);
+        if (packet[0] == kCaptionDid && packet[1] == kCaptionSdid)
+            take_packet(ancillary, line);
+        else
             ++ignored_packets_;
-        }
         ++packets_;
     } catch (const std::invalid_argument& error) {
         leave_out(line.number, error.what());
+    }
+
+    void take_packet(const Ancillary& ancillary, const TimedLine& line) {
+        const Cdp cdp = packet_in(ancillary);
+        take_rate(cdp);
+        add(cdp, line.frame);
+        if (ancillary.fault != AncillaryFault::kNone)
+            note_fault({true, static_cast<int>(ancillary.fault)}, ancillary.text, line.number);
+        for (const CdpDamage& damage : cdp.damage)
+            note_fault({false, static_cast<int>(damage.fault)}, damage.text, line.number);
+    }
+
+    // Where nothing of it can be used, the outermost fault is the one to name.
+    static Cdp packet_in(const Ancillary& ancillary) try {
+        return parse_cdp(ancillary.data);
+    } catch (const std::invalid_argument&) {
+        if (ancillary.fault == AncillaryFault::kNone) throw;
+        throw std::invalid_argument(ancillary.text);
+    }
+
+    void note_fault(std::pair<bool, int> kind, const std::string& text, int number) {
+        Fault& fault = faults_[kind];
+        if (fault.lines++ > 0 && fault.first <= number) return;
+        fault.first = number;
+        fault.text = text;
     }
 
     void leave_out(int number, std::string_view why) {
@@ -179,6 +223,12 @@ private:
     }
 
     void report_totals() {
+        for (const auto& [kind, fault] : faults_)
+            report_.add(WarningKind::kFaultyLine, name_, fault.first,
+                        fmt::format("{}; what is whole of the line is kept{}", fault.text,
+                                    fault.lines > 1 ? fmt::format(", and of {} with the same fault",
+                                                                  counted(fault.lines - 1, "other line"))
+                                                    : ""));
         if (ignored_packets_ > 0)
             report_.add(WarningKind::kIgnoredData, name_, 0,
                         fmt::format("left out: {} with ancillary data other than captions",
@@ -192,10 +242,18 @@ private:
                         fmt::format("wrong parity of {} is put right", counted(wrong_parity_, "byte pair")));
     }
 
+    // Lines of which a part could be used.
+    struct Fault {
+        std::size_t lines = 0;
+        int first = 0;
+        std::string text;  // of the first one
+    };
+
     const std::string& name_;
     const MccReadOptions& options_;
     Report& report_;
     Report left_out_;
+    std::map<std::pair<bool, int>, Fault> faults_;  // those of ancillary packets last
     Schedule schedule_;
     const TimecodeRate* rate_ = nullptr;
     bool rate_is_exact_ = false;

@@ -32,10 +32,11 @@ struct MccReadOptions {
 /// Reads a file's text; `name` stands for it in errors and warnings. The schedule's rate is the one in the
 /// packets, where it agrees with "Time Code Rate", else the nearest broadcast rate (24 to 23.976, 30 and 60
 /// to 29.97 and 59.94). Time codes that begin again go on after midnight. Left out and reported: lines that
-/// cannot be read, with a wrong checksum for example, captions before the start, and ancillary data of other
-/// kinds. Put right and reported: wrong parity, and the order of the lines. Throws FileError for another kind
-/// of file and when the faults leave nothing, and std::invalid_argument for a start time code that the file's
-/// counting does not have.
+/// cannot be read, captions before the start, and ancillary data of other kinds. Of lines whose packet is
+/// damaged, by a wrong checksum or a missing footer for example, what is whole is kept, and each fault is
+/// reported once. Put right and reported: wrong parity, and the order of the lines. Throws FileError for
+/// another kind of file and when the faults leave nothing, and std::invalid_argument for a start time code
+/// that the file's counting does not have.
 Schedule parse_mcc(std::string_view text, const std::string& name, const MccReadOptions& options,
                    Report& report);
 

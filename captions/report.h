@@ -32,7 +32,7 @@ enum class WarningKind {
     kOtherField,         ///< commands of one field were made those of the other
     kRewrappedCues,      ///< cues of several rows were wrapped to fewer
     kNoCaptions,         ///< a file has no captions
-    kFaultyLine,         ///< a line of a file, or a byte pair in it, cannot be read and is left out
+    kFaultyLine,         ///< what cannot be read of a line of a file is left out
     kUnknownReference,   ///< a character reference of an unknown name is shown as it is written
 };
 

@@ -271,6 +271,8 @@ void read_cdp(Input& input, uint8_t options) {
     try {
         const Cdp cdp = parse_cdp(packet);
         GSVE_FUZZ_REQUIRE(cdp.cc_data.size() % 3 == 0 && cdp.cc_data.size() < packet.size());
+        GSVE_FUZZ_REQUIRE(cdp.damage.empty() || !cdp.cc_data.empty());
+        for (const CdpDamage& damage : cdp.damage) GSVE_FUZZ_REQUIRE(!damage.text.empty());
         Schedule schedule{cdp.rate.value_or(kRate25), {}, {}};
         append(schedule, 0, parse_cc_data(cdp.cc_data).captions);
         use(schedule, kRates[options >> 3 & 7]);
