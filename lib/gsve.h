@@ -108,7 +108,8 @@ public:
 /// *open* after init_encoder() succeeded with a client attached. After flush_delayed_video() has returned
 /// false the codec is at the end of its stream: it takes pictures again only once closed and reopened.
 ///
-/// The order of the virtual operations is part of the binary contract. Do not reorder.
+/// The order of the virtual operations is part of the binary contract. Do not reorder. docs/contract.md lists
+/// what else is fixed, however odd it looks.
 class GSVE_EXPORT GeneralStreamingVideoEncoder {
 public:
     GeneralStreamingVideoEncoder();
