@@ -48,8 +48,8 @@ public:
 
     const std::vector<ServiceText>& texts() const { return texts_; }
 
-    /// Packets that ended before their length, and service blocks that left their packet or whose extended
-    /// number is one of those that need none.
+    /// Packets shorter than their length says, service blocks longer than their packet, and extended service
+    /// numbers below 7, which are not allowed.
     int damaged_packets() const { return damaged_packets_; }
 
 private:

@@ -4,7 +4,7 @@
 /// to CC4 and the rows of T1 to T4 out.
 ///
 /// Pop-on, roll-up (2, 3, 4 rows) and paint-on captions are decoded. Of the text services T1 to T4 the rows
-/// are collected as they were written; how long a receiver shows them is its own affair. Extended data
+/// are collected as they were written; how long they are shown is up to the receiver. Extended data
 /// services are noticed, not decoded. Pop-on and paint-on captions come out as they stood on
 /// the screen when they were taken away. Roll-up captions come out row by row: each row once, from its
 /// first character until it leaves the screen.

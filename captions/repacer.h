@@ -24,7 +24,7 @@
 ///
 /// What is displayed as it arrives is never early. Text that is loaded out of sight (pop-on) is sent earlier
 /// where the output has fewer slots per second than the source, so that the caption still appears on its
-/// picture: as far as what follows has been pushed already. A pair is late only where the slots do not
+/// picture. This works as far ahead as captions have been pushed. A pair is late only where the slots do not
 /// suffice. Then the repetitions of control pairs are left out until the delay is made up for: they are
 /// there against errors of transmission and say nothing new.
 ///

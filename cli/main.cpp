@@ -109,13 +109,19 @@ void add_inspect(CLI::App& app, Command& command) {
 }
 
 void add_settings(CLI::App& app, Command& command) {
-    auto json = std::make_shared<bool>(false);
+    using List = std::string (*)();
+    auto list = std::make_shared<List>(report::settings_text);
     CLI::App* settings_app =
         app.add_subcommand("settings", "List all settings: key, default, syntax, meaning");
-    settings_app->add_flag("--json", *json, "As JSON");
-    settings_app->callback([json, &command] {
-        command = [json] {
-            fmt::print("{}", *json ? report::settings_json() : report::settings_text());
+    const auto add_form = [&](const char* name, List form, const char* description) {
+        return settings_app->add_flag_callback(
+            name, [list, form] { *list = form; }, description);
+    };
+    CLI::Option* json = add_form("--json", report::settings_json, "As JSON");
+    add_form("--markdown", report::settings_markdown, "As tables in Markdown")->excludes(json);
+    settings_app->callback([list, &command] {
+        command = [list] {
+            fmt::print("{}", (*list)());
             return 0;
         };
     });

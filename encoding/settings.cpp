@@ -53,9 +53,10 @@ constexpr std::array kSettings = {
     Setting{"Bit rate", "maximum quant", "0", whole(-1, 63), "Highest quantiser; 0 or -1: 63.", kAllCodecs,
             "-1"},
     Setting{"Bit rate", "constant bitrate per frame", "-1", kOnOffAuto,
-            "Count pictures instead of following their times, so that each gets its share; -1: MPEG-2 only."},
-    Setting{"Bit rate", "drop frame for bitrate limit", "off", one_of("on off auto"),
-            "Leave pictures out when the rate runs over; auto: below 750000 bits/s."},
+            "Control the rate by counting pictures instead of following their times; -1: for MPEG-2 only."},
+    Setting{
+        "Bit rate", "drop frame for bitrate limit", "off", one_of("on off auto"),
+        "Drop pictures while the stream exceeds its bit rate; auto: only for targets below 750000 bits/s."},
     Setting{"Bit rate", "remove trailing zeros", "0", kOnOff,
             "Cut the stuffing at the end of pictures. Works on an open encoder.", kMpeg2},
 
@@ -63,7 +64,7 @@ constexpr std::array kSettings = {
             "Highest frame rate to encode; a faster source is divided down. 0 or -1: no limit.", kAllCodecs,
             "-1"},
     Setting{"Pictures", "gop size", "-1", whole(-1, 1000),
-            "Pictures from one I-picture to the next; 0 or -1: about 15, to fit the B-pictures."},
+            "Pictures from one I-picture to the next; 0 or -1: about 15, in whole runs of B-pictures."},
     Setting{"Pictures", "closed gop", "", kOnOff, "1: GOPs that can be decoded on their own; default open."},
     Setting{
         "Pictures", "gop synchronization", "0", kOnOff,
@@ -79,7 +80,7 @@ constexpr std::array kSettings = {
     Setting{"Pictures", "resize", "", {kSize}, "Size to encode; default the source's."},
     Setting{"Pictures", "resize deinterlace", "-1", whole(-1, 4),
             "-1: keep interlaced; 0, 1: from the even or odd field alone; 2: as a progressive picture; "
-            "3: three-line blend; 4: blend only where the picture combs."},
+            "3: three-line blend; 4: the blend only where there is combing."},
 
     Setting{"Quality", "noise reduction", "5", whole(0), "Strength of the codec's noise reduction; 0: none.",
             kMpeg2 | kH264, "15"},
@@ -88,25 +89,25 @@ constexpr std::array kSettings = {
     Setting{"Quality", "interlaced motion estimation", "-1", kOnOffAuto,
             "Search motion field by field in interlaced pictures; only 1 turns it on.", kMpeg2},
     Setting{"Quality", "temporal complexity masking", "0.005", real(0),
-            "Coarser quantisation where much moves.", kMpeg2},
+            "Coarser quantisation where there is much motion.", kMpeg2},
     Setting{"Quality", "spatial complexity masking", "0.02", real(0),
-            "Coarser quantisation where there is much detail; the floor of its adaptation to load and rate.",
+            "Coarser quantisation where there is much detail; adaptation to load and rate starts from here.",
             kMpeg2},
     Setting{"Quality", "p masking", "0.8", real(0), "Coarser quantisation in inter blocks.", kMpeg2},
     Setting{"Quality", "s_tune_cpu", "1.0", real(0, 10000),
-            "Adaptation: how fast masking grows with processor load.", kMpeg2},
+            "Adaptation to load: how fast masking grows while encoding takes too long.", kMpeg2},
     Setting{"Quality", "s_tune_bitrate", "1.0", real(0, 10000),
-            "Adaptation: how fast masking grows with the bit rate.", kMpeg2},
-    Setting{"Quality", "s_tune_recovery", "1.0", real(0, 10000), "Adaptation: how fast masking falls back.",
+            "Adaptation to rate: how fast masking grows while the stream exceeds its bit rate.", kMpeg2},
+    Setting{"Quality", "s_tune_recovery", "1.0", real(0, 10000), "Adaptation: how fast masking falls again.",
             kMpeg2},
     Setting{"Quality", "cpu threshhold", "0.6", real(0.1, 0.95),
-            "Adaptation: share of the frame time that encoding may take.", kMpeg2},
+            "Adaptation to load: share of a frame's duration that encoding may take.", kMpeg2},
     Setting{"Quality", "maximum threads", "0", whole(0),
-            "Encoder threads; 0: by processors and picture size."},
+            "Most encoder threads; 0: chosen by codec, picture size and number of processors."},
 
     Setting{"H.264 and H.265", "h.264 profile", "", one_of("baseline main high high10 high422 high444"),
-            "Limits the chroma format; default baseline or main. H.265 takes main alone, and without "
-            "B-pictures has to be told so.",
+            "Limits the chroma format; default baseline or main. H.265 takes only main, which has to be "
+            "given when there are no B-pictures.",
             kH264 | kH265},
     Setting{"H.264 and H.265", "h.264 preset", "",
             one_of("ultrafast ultrafast+deblock superfast veryfast faster fast medium slow slower veryslow "
@@ -122,17 +123,16 @@ constexpr std::array kSettings = {
     Setting{"H.264 and H.265", "h.264 b-slice multithreading", "0", kOnOff,
             "Use threads within a picture, for less delay.", kH264},
 
-    Setting{
-        "Captions", "enable eia-608", "-1", kOnOffAuto,
-        "\"CC\" user data; -1: for standard definition at 24, 30 and 60 pictures/s. gsve turns it off beside "
-        "A/53 data.",
-        kMpeg2},
+    Setting{"Captions", "enable eia-608", "-1", kOnOffAuto,
+            "\"CC\" user data; -1: for standard definition at 24, 30 and 60 pictures/s. gsve turns it off "
+            "where it sends A/53 data.",
+            kMpeg2},
     Setting{"Captions", "enable eia-608 gop delay", "-1", whole(-1), "Reserved for the host."},
     Setting{"Captions", "eia-608 on p-frames", "-1", kOnOffAuto,
             "\"CC\" user data on P-pictures too; only 0 turns it off.", kMpeg2},
     Setting{"Captions", "enable cea-708", "-1", kOnOffAuto,
-            "ATSC A/53 caption data; -1: at 24, 30 and 60 pictures/s. H.265 carries no captions, and still "
-            "sets their 14512 bits/s aside.",
+            "ATSC A/53 caption data; -1: at 24, 30 and 60 pictures/s. H.265 carries no captions, but "
+            "their 14512 bits/s are still set aside.",
             kMpeg2 | kH264},
 };
 

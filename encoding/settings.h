@@ -1,7 +1,7 @@
 #pragma once
 
-// The encoder's settings as a user meets them: by topic, with syntax and meaning. The encoder itself ignores
-// unknown keys and makes something of every number, so that what is refused is refused here.
+// The encoder's settings as a user meets them: by topic, with syntax and meaning. The library never refuses a
+// setting: it ignores unknown keys and brings every number into range. Mistakes are refused here instead.
 
 #include <cstdint>
 #include <limits>

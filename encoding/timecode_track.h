@@ -31,13 +31,13 @@ public:
     /// `first`: the time code of the first picture, at the counting rate.
     TimecodeTrack(const captions::Timecode& first, const TimecodeRates& rates);
 
-    /// Takes note of what came with picture `number` of those that the encoder is offered, or of its coming
-    /// without one. Numbers ascend. The time code is counted on until a picture has another one.
+    /// Notes the time code of picture `number` of those that the encoder is offered, or that it has none.
+    /// Numbers ascend. The time code is counted on until a picture has another one.
     void follow(int64_t number, const std::optional<PictureTimecode>& found);
 
-    /// The time code of the `encoded`-th picture that is encoded, at the encoded rate. Each one's is taken
-    /// from the input's: to count on at the encoded rate would leave the input's codes where the two count in
-    /// different ways, drop-frame and not for example.
+    /// The time code of the `encoded`-th picture that is encoded, at the encoded rate. It is made
+    /// from the input's for each picture: counting on at the encoded rate would drift away from the input's
+    /// codes where, for example, only one of the two counts drop-frame.
     captions::Timecode at(int64_t encoded) const;
 
 private:

@@ -34,15 +34,15 @@ inline double hardest_picture(const GeneralStreamingVideoEncoder& encoder) {
     return (luma + chroma) * hardest_bits_per_sample(encoder.maximum_quant);
 }
 
-/// What lets noise pass, where the settings do not.
+/// Either of these lets any picture pass, where the settings do not.
 struct VbvDelayAdvice {
     bool needed = false;
     int64_t bitrate = 0;      ///< bits/s from which on a picture fits
     int64_t buffer_size = 0;  ///< bits from which on libavcodec leaves vbv_delay out
 };
 
-/// For an encoder that is described and set, and not opened yet: as yet nobody knows how much of the bit rate
-/// captions will take, so that rates that far apart count as equal.
+/// For an encoder that is described and set, and not opened yet. How much of the bit rate captions will take
+/// is not known then, so rates count as equal when they differ by no more than that.
 inline VbvDelayAdvice vbv_delay_advice(const GeneralStreamingVideoEncoder& encoder) {
     constexpr int kCodecMpeg2 = 2, kDefaultBuffer = 1835008, kMostCaptionRate = 16016;
     const int64_t lowest = encoder.min_bitrate >= 0 ? encoder.min_bitrate : encoder.bitrate;

@@ -79,6 +79,7 @@ Encoder::GeneralStreamingVideoEncoder() { Encoder::default_config(); }
 
 Encoder::~GeneralStreamingVideoEncoder() {
     Encoder::free_encoder();
+    // docs/contract.md, "Texts"
     if (refcount != 0) std::fprintf(stderr, "GVSE: encoder refcount %d on destruct\n", refcount);
 }
 
@@ -221,7 +222,7 @@ bool Encoder::write_video(const uint8_t* y, size_t y_stride, const uint8_t* u, s
     if (!is_usable(*this)) return false;
     current_output_tag = kNoTag;
     if (!make_output_window(*this)) return false;
-    rewind_output(*this, 706, __PRETTY_FUNCTION__);
+    rewind_output(*this, 706, __PRETTY_FUNCTION__);  // docs/contract.md, "Assertions"
     if (first_timestamp == kNoTimestamp) first_timestamp = timestamp;
     av_packet_unref(mpeg_packet);
     if (frame_rate_limit != 0 && next_due_timestamp > timestamp) return true;
@@ -404,7 +405,8 @@ uint16_t take_word(std::deque<uint16_t>& queue) {
 
 /// Moves one picture's share of the caption queues into its record.
 void take_captions(Encoder& e, AuxData& record) {
-    // At exactly 40 pictures per second the fields alternate here, while insertion still writes both.
+    // At exactly 40 pictures per second the fields alternate here, while insertion still writes both:
+    // docs/contract.md, "Asymmetries".
     constexpr int64_t kSlowestAlternatingRate = 40;
     if (source_rate(e).divided_whole(e.frame_rate_divider) < kSlowestAlternatingRate) {
         record.eia608_word_field1 = take_word(e.eia608_field1_queue);
@@ -561,6 +563,7 @@ void count_codec_delay(Encoder& e) {
     const int64_t scaled_ms =
         static_cast<int64_t>(e.codec_delay_count) * e.frame_rate_divider * e.frame_rate_den * 1000;
     e.codec_delay_ms = e.frame_rate_num == 0 ? 0 : static_cast<uint64_t>(scaled_ms / e.frame_rate_num);
+    // docs/contract.md, "Texts"
     std::fprintf(stderr, "avcodec_send frame/receieve packet() codec delay %d (%lu ms)\n",
                  static_cast<int>(e.codec_delay_count), static_cast<unsigned long>(e.codec_delay_ms));
     e.output_frame_count++;
@@ -693,6 +696,8 @@ bool Encoder::flush_delayed_video() try {
 
     last_key_flag = static_cast<uint8_t>(mpeg_packet->flags % 2);
     if (codec_id == kCodecMpeg2 && remove_trailing_zeros) trim_output(*this);
+    // Times of units from write_video() are multiplied by the divider, these are not: docs/contract.md,
+    // "Asymmetries".
     if (per_frame_rate_control) map_packet_timestamps(*this);
     emit_data_out(output_window->data, static_cast<size_t>(output_window->end - output_window->data),
                   mpeg_packet);
@@ -892,6 +897,7 @@ void negotiate_format(Encoder& e, const detail::ChromaFormat& source) {
 
 bool allocate_codec_objects(Encoder& e, AVCodecID id) {
     e.mpeg_codec = avcodec_find_encoder(id);
+    // docs/contract.md, "Texts"
     if (!e.mpeg_codec) return fail(e, "Unable to find any MPEG-2 encoder\n", "Unable to find encoder");
     e.mpeg_context = avcodec_alloc_context3(e.mpeg_codec);
     if (!e.mpeg_context) return fail(e, "Unable to allocate FFMPEG context\n", "Unable to allocate encoder");
@@ -997,6 +1003,7 @@ void configure_time_base(Encoder& e) {
 
 /// Takes the room for caption data off the video's bit rate. Returns how much was taken, bits/s.
 int64_t reserve_caption_bitrate(Encoder& e) {
+    // For H.265, too: docs/contract.md, "Values".
     constexpr int64_t kEia608Bitrate = 1504;
     constexpr int64_t kCea708Bitrate = 14512;
     int64_t reserve = 0;
@@ -1078,6 +1085,7 @@ void set_tuned_parameters(const Encoder& e, CodecOptions& options) {
 void set_h26x_options(Encoder& e, CodecOptions& options) {
     AVCodecContext& context = *e.mpeg_context;
     if (e.h264_profile == "baseline" && e.b_frames == 2) {
+        // docs/contract.md, "Texts"
         print("H.264 baseline does not support H.264, defaulting to zero B-frames\n");
         context.max_b_frames = 0;
     }
@@ -1409,6 +1417,7 @@ Effect set_resize(Encoder& e, const char* value) {
     return Effect::closes_encoder;
 }
 
+// Why each key has the syntax that it has: docs/contract.md, "Settings".
 // clang-format off
 constexpr Setting kSettings[] = {
     {"encoder",                       select_codec},
@@ -1687,7 +1696,8 @@ void Encoder::mpeg_insert_gop_timecode(const mpeg2_gop_timecode_t& tc) {
 
 namespace {
 
-/// Source rates at which captions are on unless set otherwise. 24.1 itself is out.
+/// Source rates at which captions are on unless set otherwise. 24.1 itself is out: docs/contract.md,
+/// "Asymmetries".
 bool is_caption_rate(double rate) {
     return (rate >= 23.0 && rate < 24.1) || (rate >= 29.0 && rate <= 30.5) || (rate >= 59.0 && rate <= 60.5);
 }

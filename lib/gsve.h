@@ -31,9 +31,9 @@
 // No operation that a host calls throws; only the constructor may (std::bad_alloc). Where the library finds
 // no memory inside an operation, what the call was given is lost and nothing else: it returns false, where it
 // returns anything, and the next call works. (A codec that finds none refuses the picture, as it refuses
-// others, and mode 4 of "resize deinterlace" shows the picture before once more.) An exception that a hook of
-// the host throws derived from std::exception ends the operation in the same way; hooks had better throw
-// nothing. Only host_emit_data_out() may close or reopen the encoder.
+// others, and mode 4 of "resize deinterlace" shows the previous picture again.) Hooks of the host should
+// throw nothing; an exception derived from std::exception that one throws ends the operation in the same way.
+// Only host_emit_data_out() may close or reopen the encoder.
 //
 // MPEG-2 at a constant rate (equal bounds, which is the default) has a limit that the host must know:
 // vbv_delay (ISO/IEC 13818-2, 6.3.9) has room for 65535 / 90000 = 0.728 s, and libavcodec ends the process by
@@ -45,7 +45,7 @@
 //     width * height * 1.5 * 3.8 / 0.728 bits/s
 //
 // on in 4:2:0, captions aside (at most 16016): 16.2 Mbit/s at 1920x1080, 3.2 Mbit/s at 720x576. Below that,
-// where nobody vouches for the content, choose one: "min bitrate" 0, with which the stream no longer claims a
+// where the content may be anything, choose one: "min bitrate" 0, with which the stream no longer claims a
 // constant rate and carries no vbv_delay; or a "buffer size" of more than 0.728 s of the rate (rate * 65535 /
 // 90000 + 2 bits), with which libavcodec leaves vbv_delay out, too. The first stops stuffing, and both give
 // the rate control more room; the second asks for a larger buffer than Main Level decoders have.
@@ -114,7 +114,8 @@ public:
 /// *open* after init_encoder() succeeded with a client attached. After flush_delayed_video() has returned
 /// false the codec is at the end of its stream: it takes pictures again only once closed and reopened.
 ///
-/// The order of the virtual operations is part of the binary contract. Do not reorder.
+/// The order of the virtual operations is part of the binary contract. Do not reorder. docs/contract.md lists
+/// what else is fixed, however odd it looks.
 class GSVE_EXPORT GeneralStreamingVideoEncoder {
 public:
     GeneralStreamingVideoEncoder();

@@ -1,7 +1,8 @@
 #pragma once
 
 // Broken invariants end the process, in every build type: a window or a plane whose arithmetic has gone
-// wrong must not go on air. The line printed is the C library's own for a failed assert().
+// wrong must not go on air. The line printed is the C library's own for a failed assert(), and fixed:
+// docs/contract.md, "Assertions".
 
 // The C library's handler, which <assert.h> does not declare under NDEBUG.
 extern "C" [[noreturn]] void __assert_fail(const char* expression, const char* file, unsigned line,

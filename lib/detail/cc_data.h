@@ -81,7 +81,7 @@ struct PictureCaptions {
 /// with the words that a picture was given then:
 enum class Eia608Anomaly { none, both_fields, field1_on_odd, field2_on_even };
 
-/// The line printed for each anomaly.
+/// The line printed for each anomaly: docs/contract.md, "Texts".
 inline constexpr const char* kEia608AnomalyTexts[] = {
     nullptr,
     "[gsve] BUG: EIA-608 at 60fps (even/odd mode) and both CC words contain data. "
@@ -119,7 +119,7 @@ inline CcDataOutcome write_atsc1_data(uint8_t* p, const PictureCaptions& caption
     p += sizeof(kUserIdentifier);
     *p++ = kCcDataTypeCode;
     *p++ = static_cast<uint8_t>(kProcessCcDataFlag | cc_count);
-    *p++ = 0x00;
+    *p++ = 0x00;  // docs/contract.md, "Values"
     const uint8_t* const constructs = p;
     const auto written = [&] { return static_cast<unsigned>(p - constructs) / kCcConstructSize; };
 

@@ -61,7 +61,8 @@ struct FormatLimit {
     }
 };
 
-/// Applied in this order, so that 4:4:4 may fall through to 4:2:0.
+/// Applied in this order, so that 4:4:4 may fall through to 4:2:0. The texts stay as they are:
+/// docs/contract.md, "Texts".
 inline constexpr FormatLimit kFormatLimits[] = {
     {true,
      AV_PIX_FMT_YUV444P,

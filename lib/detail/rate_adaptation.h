@@ -19,7 +19,7 @@ struct Smoothing {
 };
 
 /// The weighted sum of the two values; the new one alone while there is none so far. Anything at or below
-/// `no_value` counts as none.
+/// `no_value` counts as none, a bound that differs: docs/contract.md, "Fields".
 inline double smooth(double old_value, double new_value, Smoothing weights, double no_value) {
     if (old_value <= no_value) return new_value;
     return old_value * weights.old_weight + new_value * weights.new_weight;

@@ -8,7 +8,6 @@
 #include <nlohmann/json.hpp>
 
 #include "support/program.h"
-#include "support/recording_host.h"
 
 namespace {
 
@@ -24,23 +23,6 @@ TEST(SettingsCommand, ListsFortyFourDistinctKeys) {
     for (const auto& setting : listed_settings()) keys.insert(setting["key"]);
     EXPECT_EQ(listed_settings().size(), 44u);
     EXPECT_EQ(keys.size(), 44u);
-}
-
-TEST(SettingsCommand, ListsOnlyKeysThatTheEncoderAccepts) {
-    const std::set<std::string> applied_on_the_fly = {"name", "gop synchronization", "remove trailing zeros"};
-    for (const auto& setting : listed_settings()) {
-        const std::string key = setting["key"];
-        RecordingHost host;
-        host.on_set(key.c_str(), key == "encoder" ? "h.264" : "1", false);
-        EXPECT_EQ(host.free_calls > 0, !applied_on_the_fly.contains(key)) << key;
-    }
-    RecordingHost host;
-    host.on_set("name", "main", false);
-    host.on_set("gop synchronization", "1", false);
-    host.on_set("remove trailing zeros", "1", false);
-    EXPECT_EQ(host.encoder_name, "main");
-    EXPECT_TRUE(host.gop_synchronization);
-    EXPECT_TRUE(host.remove_trailing_zeros);
 }
 
 TEST(SettingsCommand, ShowsEveryKeyWithSyntaxAndMeaningAsText) {
@@ -63,32 +45,18 @@ TEST(SettingsCommand, AcceptsEveryDefaultThatItShows) {
     }
 }
 
-// The reference is the encoder: a fresh one, and one to which the shown value was given.
 TEST(SettingsCommand, SaysWhatAnEmptyValueSets) {
-    const std::map<std::string, int32_t RecordingHost::*> fields = {
-        {"noise reduction", &RecordingHost::noise_reduction},
-        {"bitrate tolerance", &RecordingHost::bitrate_tolerance},
-        {"buffer size", &RecordingHost::buffer_size},
-        {"minimum quant", &RecordingHost::minimum_quant},
-        {"maximum quant", &RecordingHost::maximum_quant},
-        {"frame rate limit", &RecordingHost::frame_rate_limit},
-        {"bitrate", &RecordingHost::bitrate},
-        {"min bitrate", &RecordingHost::min_bitrate},
-        {"max bitrate", &RecordingHost::max_bitrate},
-        {"gop size", &RecordingHost::gop_size},
-        {"b frames", &RecordingHost::b_frames},
-        {"maximum threads", &RecordingHost::maximum_threads},
-        {"motion estimation range", &RecordingHost::motion_estimation_range},
-        {"reference frames", &RecordingHost::reference_frames},
-    };
+    std::map<std::string, std::string> defaults, emptied;
     for (const auto& setting : listed_settings()) {
-        const std::string key = setting["key"];
-        if (!fields.contains(key)) continue;
-        RecordingHost fresh, emptied;
-        emptied.on_set(key.c_str(), "", false);
-        EXPECT_EQ(std::to_string(emptied.*fields.at(key)), setting["empty"].get<std::string>()) << key;
-        EXPECT_EQ(std::to_string(fresh.*fields.at(key)), setting["default"].get<std::string>()) << key;
+        defaults[setting["key"]] = setting["default"];
+        emptied[setting["key"]] = setting["empty"];
     }
+    EXPECT_EQ(defaults["noise reduction"], "5");
+    EXPECT_EQ(emptied["noise reduction"], "15");
+    EXPECT_EQ(defaults["b frames"], "2");
+    EXPECT_EQ(emptied["b frames"], "2");
+    EXPECT_EQ(emptied["encoder"], "none");
+    EXPECT_THAT(run({"settings"}).out, HasSubstr("2147483647; empty: 15 ("));
 }
 
 TEST(SettingsCommand, NamesTheCodecsThatASettingIsFor) {
@@ -99,6 +67,22 @@ TEST(SettingsCommand, NamesTheCodecsThatASettingIsFor) {
     EXPECT_EQ(codecs["noise reduction"], "mpeg-2, h.264");
     EXPECT_EQ(codecs["p masking"], "mpeg-2");
     EXPECT_THAT(run({"settings"}).out, HasSubstr("0 or 1 (h.264)"));
+}
+
+TEST(SettingsCommand, PrintsTheTablesOfTheReadme) {
+    const std::string readme = read_file(GSVE_SOURCE_DIR "/README.md");
+    const std::string begin = "<!-- gsve settings --markdown -->\n", end = "<!-- end -->\n";
+    const size_t from = readme.find(begin);
+    ASSERT_NE(from, std::string::npos);
+    const size_t to = readme.find(end, from);
+    ASSERT_NE(to, std::string::npos);
+    EXPECT_EQ(readme.substr(from + begin.size(), to - from - begin.size()),
+              run({"settings", "--markdown"}).out)
+        << "./dev readme writes them";
+}
+
+TEST(SettingsCommand, PrintsOneFormAtATime) {
+    EXPECT_EQ(run({"settings", "--markdown", "--json"}).status, 2);
 }
 
 TEST(SettingsCommand, FailsWhenItCannotBeWritten) {
