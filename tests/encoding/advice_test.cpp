@@ -42,10 +42,14 @@ TEST(OpeningAdvice, NamesTheSettingToChange) {
         // H.265 and its one profile
         {[](auto& e) { e.apply("encoder", "h.265"), e.apply("b frames", "0"); },
          "H.265 has the main profile: --set \"h.264 profile=main\""},
-        {[](auto& e) { e.apply("encoder", "h.265"), e.apply("b frames", "0"), e.apply("h.264 profile", "main"); },
+        {[](auto& e) {
+             e.apply("encoder", "h.265"), e.apply("b frames", "0"), e.apply("h.264 profile", "main");
+         },
          kNothingKnown},
         {[](auto& e) { e.apply("encoder", "h.265"), e.apply("b frames", "1"); }, kNothingKnown},
-        {[](auto& e) { e.apply("encoder", "h.265"), e.apply("b frames", "2"), e.apply("h.264 profile", "high"); },
+        {[](auto& e) {
+             e.apply("encoder", "h.265"), e.apply("b frames", "2"), e.apply("h.264 profile", "high");
+         },
          "H.265 has the main profile"},
         {[](auto& e) { e.apply("encoder", "h.264"), e.apply("h.264 profile", "high"); }, kNothingKnown},
         // B-pictures
@@ -62,20 +66,23 @@ TEST(OpeningAdvice, NamesTheSettingToChange) {
          "interlaced pictures need a height in multiples of 4"},
         {[](auto& e) { e.input_interlaced = 1, e.apply("resize", "352x288"); }, kNothingKnown},
         {[](auto& e) { e.apply("resize", "352x290"); }, kNothingKnown},
-        {[](auto& e) { e.input_interlaced = 1, e.apply("resize", "352x290"), e.resize_deinterlace = 0; }, kNothingKnown},
+        {[](auto& e) { e.input_interlaced = 1, e.apply("resize", "352x290"), e.resize_deinterlace = 0; },
+         kNothingKnown},
         // Chroma
         {[](auto& e) { e.output_pixel_format = AV_PIX_FMT_YUV411P; }, "no codec has 4:1:1"},
         // Buffers: a picture at 25/s
         {[](auto& e) { e.apply("bitrate", "2500000"), e.apply("buffer size", "100000"); }, kNothingKnown},
         {[](auto& e) { e.apply("bitrate", "2500000"), e.apply("buffer size", "99999"); },
-         "MPEG-2 needs room for a picture in its buffer: --set \"buffer size=100000\" --set \"min bitrate=0\""},
+         "MPEG-2 needs room for a picture in its buffer: --set \"buffer size=100000\" --set \"min "
+         "bitrate=0\""},
         {[](auto& e) { e.apply("bitrate", "2500001"), e.apply("buffer size", "1"); },
          "MPEG-2 needs room for a picture in its buffer: --set \"buffer size=100001\""},
         {[](auto& e) { e.apply("encoder", "h.264"), e.apply("buffer size", "1"); }, kNothingKnown},
         {[](auto& e) { e.apply("bitrate", "45000000"); }, kNothingKnown},
         {[](auto& e) { e.apply("bitrate", "45875200"); }, kNothingKnown},  // a picture of 1835008 bits
         {[](auto& e) { e.apply("bitrate", "45875225"); }, "MPEG-2 needs room for a picture in its buffer"},
-        {[](auto& e) { e.frame_rate_num = 24, e.frame_rate_divider = 6; }, kNothingKnown},  // a quarter second
+        {[](auto& e) { e.frame_rate_num = 24, e.frame_rate_divider = 6; },
+         kNothingKnown},  // a quarter second
         {[](auto& e) { e.frame_rate_num = 24, e.frame_rate_divider = 7; },
          "MPEG-2 needs room for a picture in its buffer"},
         // Rates
@@ -87,12 +94,15 @@ TEST(OpeningAdvice, NamesTheSettingToChange) {
         {[](auto& e) { e.apply("max bitrate", "6000000"); }, kNothingKnown},
         {[](auto& e) { e.apply("max bitrate", "7000000"), e.apply("min bitrate", "7000001"); },
          "\"max bitrate\" is below"},
-        {[](auto& e) { e.apply("max bitrate", "7000000"), e.apply("min bitrate", "7000000"); }, kNothingKnown},
+        {[](auto& e) { e.apply("max bitrate", "7000000"), e.apply("min bitrate", "7000000"); },
+         kNothingKnown},
         {[](auto& e) { e.max_bitrate = 0; }, "\"max bitrate\" is below"},
         // Bounds of the quantiser
-        {[](auto& e) { e.apply("maximum quant", "4"), e.apply("minimum quant", "5"); }, "\"minimum quant\" is above"},
+        {[](auto& e) { e.apply("maximum quant", "4"), e.apply("minimum quant", "5"); },
+         "\"minimum quant\" is above"},
         {[](auto& e) { e.apply("maximum quant", "5"), e.apply("minimum quant", "5"); }, kNothingKnown},
-        {[](auto& e) { e.apply("maximum quant", "1"), e.apply("minimum quant", "2"); }, "\"minimum quant\" is above"},
+        {[](auto& e) { e.apply("maximum quant", "1"), e.apply("minimum quant", "2"); },
+         "\"minimum quant\" is above"},
         {[](auto& e) { e.apply("minimum quant", "5"); }, kNothingKnown},
     };
     int number = 0;
@@ -161,8 +171,8 @@ TEST(VbvDelayAdvice, IsNeededWhereOnePictureCanTakeTooLong) {
         {{{"bitrate", "3000000"}, {"buffer size", "2184501"}}, true},
         {{{"bitrate", "3000000"}, {"buffer size", "2184502"}}, false},
         {{{"bitrate", "3000000"}, {"buffer size", "1"}}, true},
-        {{{"bitrate", "16000"}, {"min bitrate", "0"}, {"max bitrate", "0"}}, false},
-        {{{"bitrate", "16000"}, {"min bitrate", "0"}, {"max bitrate", "1"}}, true},
+        {{{"bitrate", "16000"}, {"min bitrate", "0"}, {"max bitrate", "0"}, {"buffer size", "1"}}, false},
+        {{{"bitrate", "16000"}, {"min bitrate", "0"}, {"max bitrate", "1"}, {"buffer size", "1"}}, true},
         {{{"bitrate", "6000000"}, {"maximum quant", "8"}}, true},
     };
     int number = 0;
@@ -177,7 +187,8 @@ TEST(VbvDelayAdvice, IsNeededWhereOnePictureCanTakeTooLong) {
 }
 
 TEST(VbvDelayAdvice, HasNoNeedWithALargeBufferByDefault) {
-    // A quarter second, up to 1835008 bits, is above 0.728 s of the highest rate only where that is low; no rate is.
+    // A quarter second, up to 1835008 bits, is above 0.728 s of the highest rate only where that is low; no
+    // rate is.
     PictureEncoder encoder("vbv");
     set_up(encoder);
     for (int rate = 100000; rate < 3200000; rate += 100000) {
@@ -194,8 +205,10 @@ TEST(VbvDelayAdvice, TellsWhatWouldDo) {
     EXPECT_EQ(advice.bitrate, 3262394);
     EXPECT_EQ(advice.buffer_size, 2184502);
     EXPECT_EQ(long_picture_warning(encoder),
-              "at a constant 3000000 bits/s a noisy picture can take more than the 0.73 s that MPEG-2 has for it, and "
-              "libavcodec then ends the program: --set \"min bitrate=0\", or --set \"buffer size=2184502\", or give "
+              "at a constant 3000000 bits/s a noisy picture can take more than the 0.73 s that MPEG-2 has "
+              "for it, and "
+              "libavcodec then ends the program: --set \"min bitrate=0\", or --set \"buffer size=2184502\", "
+              "or give "
               "3262394 bits/s");
 }
 

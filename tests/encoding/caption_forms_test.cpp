@@ -30,7 +30,8 @@ std::string forms_at(AVRational rate, int divider, const Settings& settings, boo
     for (const auto& [key, value] : settings) encoder.apply(key, value);
     const CaptionForms forms = caption_forms(encoder, scte20);
     EXPECT_EQ(forms.pairs(), forms.cc || forms.cc_data || forms.scte20);
-    return std::string(forms.cc ? "CC " : "") + (forms.cc_data ? "A/53 " : "") + (forms.scte20 ? "SCTE 20 " : "");
+    return std::string(forms.cc ? "CC " : "") + (forms.cc_data ? "A/53 " : "") +
+           (forms.scte20 ? "SCTE 20 " : "");
 }
 
 TEST(CaptionForms, FollowCodecSettingsAndRate) {
@@ -52,9 +53,12 @@ TEST(CaptionForms, FollowCodecSettingsAndRate) {
     EXPECT_EQ(forms_at({60, 1}, 1, with("mpeg-2")), "A/53 ");
     EXPECT_EQ(forms_at({60, 1}, 2, with("mpeg-2")), "CC A/53 ");
     // As set.
-    EXPECT_EQ(forms_at({30, 1}, 1, {{"encoder", "mpeg-2"}, {"enable eia-608", "0"}, {"enable cea-708", "0"}}), "");
-    EXPECT_EQ(forms_at({30, 1}, 1, {{"encoder", "mpeg-2"}, {"enable eia-608", "1"}, {"enable cea-708", "0"}}), "CC ");
-    EXPECT_EQ(forms_at({30, 1}, 1, {{"encoder", "mpeg-2"}, {"enable eia-608", "0"}, {"enable cea-708", "1"}}), "A/53 ");
+    EXPECT_EQ(forms_at({30, 1}, 1, {{"encoder", "mpeg-2"}, {"enable eia-608", "0"}, {"enable cea-708", "0"}}),
+              "");
+    EXPECT_EQ(forms_at({30, 1}, 1, {{"encoder", "mpeg-2"}, {"enable eia-608", "1"}, {"enable cea-708", "0"}}),
+              "CC ");
+    EXPECT_EQ(forms_at({30, 1}, 1, {{"encoder", "mpeg-2"}, {"enable eia-608", "0"}, {"enable cea-708", "1"}}),
+              "A/53 ");
 }
 
 TEST(ChooseCaptionForms, PutsThemIntoA53AloneUnlessDecidedOtherwise) {
@@ -97,7 +101,8 @@ TEST(ChooseCaptionForms, PutsThemIntoA53AloneUnlessDecidedOtherwise) {
         }
         choose_caption_forms(encoder, row.wish, decided);
         const CaptionForms forms = caption_forms(encoder, row.wish.scte20);
-        EXPECT_EQ(std::string(forms.cc ? "CC " : "") + (forms.cc_data ? "A/53 " : "") + (forms.scte20 ? "SCTE 20 " : ""),
+        EXPECT_EQ(std::string(forms.cc ? "CC " : "") + (forms.cc_data ? "A/53 " : "") +
+                      (forms.scte20 ? "SCTE 20 " : ""),
                   row.forms)
             << "row " << number;
         number++;
@@ -108,8 +113,11 @@ class OpenedForCaptions : public testing::Test {
 protected:
     void open(AVRational rate, const Settings& settings) {
         encoder.describe_source({.width = 64, .height = 48, .frame_rate = rate});
-        for (const auto& [key, value] : Settings{{"encoder", "mpeg-2"}, {"bitrate", "1000000"}, {"enable", "1"},
-                                                 {"maximum threads", "1"}, {"min bitrate", "0"}})
+        for (const auto& [key, value] : Settings{{"encoder", "mpeg-2"},
+                                                 {"bitrate", "1000000"},
+                                                 {"enable", "1"},
+                                                 {"maximum threads", "1"},
+                                                 {"min bitrate", "0"}})
             encoder.apply(key, value);
         for (const auto& [key, value] : settings) encoder.apply(key, value);
         bool opened = false;
@@ -142,7 +150,8 @@ TEST_F(OpenedForCaptions, CcUserDataMayReachBackAsFarAsRecordsAreKept) {
         EXPECT_EQ(refusal(), row.gop <= row.allowed
                                  ? ""
                                  : "\"CC\" captions would come only every " + std::to_string(row.gop) +
-                                       " pictures, and reach back " + allowed + ": set \"gop size\" to " + allowed +
+                                       " pictures, and reach back " + allowed + ": set \"gop size\" to " +
+                                       allowed +
                                        " or less, \"eia-608 on p-frames\" to 1, or \"enable eia-608\" to 0");
     }
     encoder.mpeg_context->max_b_frames = 2;  // as it was opened

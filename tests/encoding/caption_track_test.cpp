@@ -22,7 +22,9 @@ using testing::ElementsAre;
 constexpr CaptionForms kA53 = {.cc_data = true};
 constexpr CaptionForms kCcAlone = {.cc = true};
 
-Word text(const char* two) { return with_parity(make_word(static_cast<unsigned>(two[0]), static_cast<unsigned>(two[1]))); }
+Word text(const char* two) {
+    return with_parity(make_word(static_cast<unsigned>(two[0]), static_cast<unsigned>(two[1])));
+}
 Word command(Command command, int field = 0) { return with_parity(command_word(command, field)); }
 Cea708Construct construct(int n) {
     return {kHeaderDtvccData, static_cast<uint8_t>(n), static_cast<uint8_t>(n >> 8)};
@@ -256,7 +258,8 @@ TEST(CaptionTrack, TellsWhatHasNoForm) {
 }
 
 TEST(CaptionTrack, MeasuresDelays) {
-    // Three pairs of field 1 and one of field 2 on one picture: the second and third are a picture and two late.
+    // Three pairs of field 1 and one of field 2 on one picture: the second and third are a picture and two
+    // late.
     CaptionTrack track(kA53, kRate25, kRate25);
     Schedule schedule{kRate25, {}, {}};
     for (const char* pair : {"ab", "cd", "ef"}) schedule.eia608.push_back({0, 0, text(pair)});
@@ -318,8 +321,9 @@ TEST(CaptionTrack, CountsRepetitionsThatMadeWay) {
     Schedule schedule{kRate25, {}, {}};
     for (const int field : {0, 1}) {
         for (int n = 0; n < 4; n++) schedule.eia608.push_back({0, static_cast<uint8_t>(field), text("ab")});
-        for (int n = 0; n < 2; n++)
+        for (int n = 1; n < 3; n++)
             schedule.eia608.push_back({n, static_cast<uint8_t>(field), command(kCarriageReturn, field)});
+        schedule.eia608.push_back({3, static_cast<uint8_t>(field), text("cd")});
     }
     track.load(schedule);
     for (uint64_t n = 0; n < 10; n++) track.next(n, n);
@@ -336,7 +340,8 @@ TEST(CaptionTrack, WantsForesightWhereTheEncoderHasFewerSlots) {
     EXPECT_DOUBLE_EQ(CaptionTrack(kA53, kRate24, kRate24).foresight(), film);
     EXPECT_DOUBLE_EQ(CaptionTrack(kA53, kRate23_976, kRate23_976).foresight(),
                      useful_foresight(kRate29_97, kRate23_976));
-    EXPECT_DOUBLE_EQ(CaptionTrack(kCcAlone, kRate25, kRate24).foresight(), useful_foresight(kRate25, kRate24));
+    EXPECT_DOUBLE_EQ(CaptionTrack(kCcAlone, kRate25, kRate24).foresight(),
+                     useful_foresight(kRate25, kRate24));
 }
 
 /// A paint-on caption "ABCD" of a channel, of which each pair comes with a frame of its own; then an erase.
@@ -367,8 +372,9 @@ TEST(CaptionTrack, NamesTheCaptionsThatTheEndCutOff) {
         uint64_t pictures;
         std::optional<Reason> reason;
     } rows[] = {
-        {31, std::nullopt}, {20, std::nullopt}, {14, std::nullopt},       {13, Reason::kCutShort},
-        {12, Reason::kAfterTheEnd}, {5, Reason::kAfterTheEnd}, {0, Reason::kAfterTheEnd},
+        {31, std::nullopt},        {20, std::nullopt},         {14, std::nullopt},
+        {13, Reason::kCutShort},   {12, Reason::kAfterTheEnd}, {5, Reason::kAfterTheEnd},
+        {0, Reason::kAfterTheEnd},
     };
     for (int field = 0; field < 2; field++)
         for (const auto& row : rows) {
@@ -387,7 +393,8 @@ TEST(CaptionTrack, SaysWhenALateCaptionWasAskedFor) {
         const CaptionAccount account = after_pictures(painted(field, 5), 12);
         ASSERT_EQ(account.lost.size(), 1u);
         EXPECT_DOUBLE_EQ(account.lost[0].time, 7 / 25.0);
-        EXPECT_EQ(account.lost[0].reason, LostCaption::Reason::kDidNotFit);  // it was to be seen before the end
+        EXPECT_EQ(account.lost[0].reason,
+                  LostCaption::Reason::kDidNotFit);  // it was to be seen before the end
     }
 }
 

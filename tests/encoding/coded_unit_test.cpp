@@ -44,8 +44,9 @@ TEST(IsMpegVideo, IsTrueOfMpeg1AndMpeg2) {
 }
 
 TEST(ReadUnit, ReadsTheGroupHeaderOfMpegVideo) {
-    for (const Timecode timecode : {Timecode{0, 0, 0, 0, false}, Timecode{23, 59, 58, 29, true}, Timecode{21, 42, 21, 42, false},
-                                    Timecode{10, 21, 42, 21, true}, Timecode{31, 63, 63, 63, true}})
+    for (const Timecode timecode :
+         {Timecode{0, 0, 0, 0, false}, Timecode{23, 59, 58, 29, true}, Timecode{21, 42, 21, 42, false},
+          Timecode{10, 21, 42, 21, true}, Timecode{31, 63, 63, 63, true}})
         for (const bool closed : {false, true})
             for (const bool broken : {false, true}) {
                 const UnitContents contents = mpeg2(gop_unit(gop_word(timecode, closed, broken)));
@@ -80,8 +81,8 @@ TEST(ReadUnit, TakesIdrPicturesForClosedGroups) {
         {AV_CODEC_ID_H264, "00 00 01 41 9A", false},
         {AV_CODEC_ID_H264, "00 00 01 28 01", false},  // as H.265's 20
         {AV_CODEC_ID_H264, "00 00 01 67 42", false},
-        {AV_CODEC_ID_HEVC, "00 00 01 26 01", true},   // 19
-        {AV_CODEC_ID_HEVC, "00 00 01 28 01", true},   // 20
+        {AV_CODEC_ID_HEVC, "00 00 01 26 01", true},  // 19
+        {AV_CODEC_ID_HEVC, "00 00 01 28 01", true},  // 20
         {AV_CODEC_ID_HEVC, "00 00 01 40 01 00 00 01 28 01", true},
         {AV_CODEC_ID_HEVC, "00 00 01 24 01", false},  // 18
         {AV_CODEC_ID_HEVC, "00 00 01 2A 01", false},  // 21, a CRA
@@ -149,8 +150,9 @@ TEST(ReadUnit, LeavesOutCcDataThatIsNotToBeProcessed) {
 
 TEST(ReadUnit, JoinsTheCcDataOfAUnit) {
     const Bytes first = from_hex("FC 94 2C"), second = from_hex("FD 80 80");
-    const Bytes unit = picture_header(2) + kUserDataCode + kGa94 + from_hex("41 FF") + first + from_hex("FF") +
-                       kUserDataCode + kGa94 + from_hex("41 FF") + second + from_hex("FF") + kFirstSlice;
+    const Bytes unit = picture_header(2) + kUserDataCode + kGa94 + from_hex("41 FF") + first +
+                       from_hex("FF") + kUserDataCode + kGa94 + from_hex("41 FF") + second + from_hex("FF") +
+                       kFirstSlice;
     EXPECT_EQ(mpeg2(unit).captions.cc_data, first + second);
 }
 
@@ -199,10 +201,11 @@ TEST(ReadUnit, ReadsAllPairsThatTheNumberOfCcUserDataAllows) {
 
 TEST(ReadUnit, ReadsScte20AndJoinsIt) {
     const std::vector<Scte20Construct> first = {{.field_number = 1, .word = 0x942C}};
-    const std::vector<Scte20Construct> second = {{.field_number = 2, .word = 0x9120}, {.field_number = 1, .word = 0x4142}};
+    const std::vector<Scte20Construct> second = {{.field_number = 2, .word = 0x9120},
+                                                 {.field_number = 1, .word = 0x4142}};
     const Bytes type = {0x03};
-    const Bytes unit = picture_header(2) + kUserDataCode + type + compose_scte20(first) + kUserDataCode + type +
-                       compose_scte20(second) + kFirstSlice;
+    const Bytes unit = picture_header(2) + kUserDataCode + type + compose_scte20(first) + kUserDataCode +
+                       type + compose_scte20(second) + kFirstSlice;
     const UnitContents contents = mpeg2(unit);
     ASSERT_TRUE(contents.captions.scte20);
     EXPECT_EQ(*contents.captions.scte20, (std::vector<Scte20Construct>{first[0], second[0], second[1]}));
@@ -219,14 +222,14 @@ TEST(ReadUnit, CountsDamagedScte20) {
 }
 
 TEST(ReadUnit, AddsUpTheDamage) {
-    const Bytes unit = picture_header(2) + kUserDataCode + kGa94 + kUserDataCode + kCc + kUserDataCode + Bytes{0x03} +
-                       kUserDataCode + kGa94 + from_hex("42 FF FC 94 2C") + kFirstSlice;
+    const Bytes unit = picture_header(2) + kUserDataCode + kGa94 + kUserDataCode + kCc + kUserDataCode +
+                       Bytes{0x03} + kUserDataCode + kGa94 + from_hex("42 FF FC 94 2C") + kFirstSlice;
     EXPECT_EQ(mpeg2(unit).captions.damaged, 4);
 }
 
 TEST(ReadUnit, PassesOverOtherUserData) {
-    for (const char* body : {"", "47 41 39 34", "47 41 39 34 06 41 FF FC 94 2C FF", "44 54 47 31 41 F8", "43 43 01",
-                             "43 43 02 F8 82", "04 81"}) {
+    for (const char* body : {"", "47 41 39 34", "47 41 39 34 06 41 FF FC 94 2C FF", "44 54 47 31 41 F8",
+                             "43 43 01", "43 43 02 F8 82", "04 81"}) {
         const UnitContents contents = with_user_data(from_hex(body));
         EXPECT_EQ(contents.captions.damaged, 0) << body;
         EXPECT_FALSE(contents.captions.cc || contents.captions.cc_data || contents.captions.scte20) << body;
@@ -235,13 +238,15 @@ TEST(ReadUnit, PassesOverOtherUserData) {
 
 TEST(ReadUnit, SurvivesAnyBytes) {
     std::mt19937 random(3);
-    const Bytes seeds[] = {gop_unit(kOpenGop) + kUserDataCode + kGa94 + from_hex("43 FF") + filler(9),
-                           picture_header(2) + kUserDataCode + kCc + from_hex("84 FF 94 2C FE 80 80 FF 01 02 FE 03 04"),
-                           picture_header(3) + kUserDataCode + from_hex("03 81 0D FC 94 2C")};
+    const Bytes seeds[] = {
+        gop_unit(kOpenGop) + kUserDataCode + kGa94 + from_hex("43 FF") + filler(9),
+        picture_header(2) + kUserDataCode + kCc + from_hex("84 FF 94 2C FE 80 80 FF 01 02 FE 03 04"),
+        picture_header(3) + kUserDataCode + from_hex("03 81 0D FC 94 2C")};
     for (const Bytes& seed : seeds)
         for (int round = 0; round < 200; round++) {
             Bytes unit = seed;
-            for (int change = 0; change < 3; change++) unit[random() % unit.size()] = static_cast<uint8_t>(random());
+            for (int change = 0; change < 3; change++)
+                unit[random() % unit.size()] = static_cast<uint8_t>(random());
             unit.resize(random() % (unit.size() + 1));
             for (const AVCodecID codec : {AV_CODEC_ID_MPEG2VIDEO, AV_CODEC_ID_H264, AV_CODEC_ID_HEVC}) {
                 const UnitContents contents = read_unit(codec, unit, false);

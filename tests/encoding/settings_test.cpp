@@ -81,7 +81,8 @@ const std::vector<Taken> kTaken = {
     {"b frames", {"0", "100"}, {"-1", "101"}},
     {"reference frames", {"0", "16"}, {"-1", "17"}},
     {"chroma format", {"4:2:0", "4:2:2", "4:4:4"}, {"4:1:1", "420"}},
-    {"resize", {"2x2", "1920x1080", "16384x16384", "1x9", "10000x2"},
+    {"resize",
+     {"2x2", "1920x1080", "16384x16384", "1x9", "10000x2"},
      {"0x2", "2x0", "16385x2", "2x16385", "720", "720x", "x576", "720X576", "720x576x1", "0720x576", "-2x2",
       "123456x2", "2x123456"}},
     {"resize deinterlace", {"-1", "0", "4"}, {"-2", "5"}},
@@ -128,9 +129,9 @@ TEST(ParseSetting, RefusesWhatIsBehindTheBoundsWithTheSyntax) {
     for (const Taken& row : kTaken)
         for (const std::string& value : row.refused) {
             if (value.empty() || value.ends_with(' ')) continue;  // trimmed away
-            EXPECT_EQ(refusal_of(row.key + "=" + value), "\"" + row.key + "\" takes: " +
-                                                             syntax_text(setting(row.key).values) + "; not \"" +
-                                                             value + "\"");
+            EXPECT_EQ(refusal_of(row.key + "=" + value),
+                      "\"" + row.key + "\" takes: " + syntax_text(setting(row.key).values) + "; not \"" +
+                          value + "\"");
         }
 }
 
@@ -190,7 +191,8 @@ TEST(ParseSetting, NamesTheKeyThatIsTheFewestEditsAway) {
         while (key.ends_with(' ')) key.pop_back();
         const Setting* nearest = nullptr;
         for (const Setting& s : settings())
-            if (!nearest || edits(key, std::string(s.key)) < edits(key, std::string(nearest->key))) nearest = &s;
+            if (!nearest || edits(key, std::string(s.key)) < edits(key, std::string(nearest->key)))
+                nearest = &s;
         if (nearest->key == key) continue;
         EXPECT_EQ(refusal_of(key + "=1"), "--set: there is no setting \"" + key + "\"; did you mean \"" +
                                               std::string(nearest->key) + "\"? (gsve settings lists all)");
@@ -230,8 +232,9 @@ TEST(Settings, NameTheCodecsForWhichTheyDoSomething) {
         const char* key;
         const char* codecs;
     } rows[] = {
-        {"bitrate", "mpeg-2, h.264, h.265"}, {"p masking", "mpeg-2"},        {"h.264 preset", "h.264, h.265"},
-        {"h.264 aud", "h.264"},              {"noise reduction", "mpeg-2, h.264"}, {"enable eia-608", "mpeg-2"},
+        {"bitrate", "mpeg-2, h.264, h.265"},  {"p masking", "mpeg-2"},
+        {"h.264 preset", "h.264, h.265"},     {"h.264 aud", "h.264"},
+        {"noise reduction", "mpeg-2, h.264"}, {"enable eia-608", "mpeg-2"},
         {"enable cea-708", "mpeg-2, h.264"},
     };
     for (const auto& row : rows) EXPECT_EQ(codecs_text(setting(row.key).codecs), row.codecs) << row.key;

@@ -31,15 +31,29 @@ TEST(BroadcastRate, IsTheLowestThatLosesNoPictures) {
         AVRational rate;
         const char* expected;
     } rows[] = {
-        {{1, 1}, "24000/1001"},         {{10, 1}, "24000/1001"},       {{24000, 1001}, "24000/1001"},
-        {{2398, 100}, "24000/1001"},    {{24, 1}, "24/1"},             {{2401, 100}, "24/1"},
-        {{2402, 100}, "25/1"},          {{25, 1}, "25/1"},             {{251, 10}, "30000/1001"},
-        {{30000, 1001}, "30000/1001"},  {{2997, 100}, "30000/1001"},   {{30, 1}, "30/1"},
-        {{31, 1}, "50/1"},              {{50, 1}, "50/1"},             {{51, 1}, "60000/1001"},
-        {{60000, 1001}, "60000/1001"},  {{60, 1}, "60/1"},             {{120, 1}, "60/1"},
-        {{5994, 100}, "60000/1001"},    {{29999, 1000}, "30/1"},
+        {{1, 1}, "24000/1001"},
+        {{10, 1}, "24000/1001"},
+        {{24000, 1001}, "24000/1001"},
+        {{2398, 100}, "24000/1001"},
+        {{24, 1}, "24/1"},
+        {{2401, 100}, "24/1"},
+        {{2402, 100}, "25/1"},
+        {{25, 1}, "25/1"},
+        {{251, 10}, "30000/1001"},
+        {{30000, 1001}, "30000/1001"},
+        {{2997, 100}, "30000/1001"},
+        {{30, 1}, "30/1"},
+        {{31, 1}, "50/1"},
+        {{50, 1}, "50/1"},
+        {{51, 1}, "60000/1001"},
+        {{60000, 1001}, "60000/1001"},
+        {{60, 1}, "60/1"},
+        {{120, 1}, "60/1"},
+        {{5994, 100}, "60000/1001"},
+        {{29999, 1000}, "30/1"},
     };
-    for (const auto& row : rows) EXPECT_EQ(fraction(broadcast_rate(row.rate)), row.expected) << fraction(row.rate);
+    for (const auto& row : rows)
+        EXPECT_EQ(fraction(broadcast_rate(row.rate)), row.expected) << fraction(row.rate);
 }
 
 TEST(CaptionRate, IsTheSameFraction) {
@@ -57,7 +71,8 @@ TEST(FieldOrder, IsThatOfTheDecodedPicture) {
     const gsve::FramePtr frame(av_frame_alloc());
     const auto flag = [&](bool interlaced, bool top_first) {
 #if LIBAVUTIL_VERSION_INT >= AV_VERSION_INT(58, 7, 100)
-        frame->flags = (interlaced ? AV_FRAME_FLAG_INTERLACED : 0) | (top_first ? AV_FRAME_FLAG_TOP_FIELD_FIRST : 0);
+        frame->flags =
+            (interlaced ? AV_FRAME_FLAG_INTERLACED : 0) | (top_first ? AV_FRAME_FLAG_TOP_FIELD_FIRST : 0);
 #else
         frame->interlaced_frame = interlaced;
         frame->top_field_first = top_first;
@@ -98,7 +113,8 @@ TEST(StatusPairs, CarryTheReportNameAndTheEncodersState) {
     PictureEncoder encoder("name");
     const auto pairs = gsve::encoding::status_pairs(encoder, "channel, 1");
     ASSERT_FALSE(pairs.empty());
-    for (const auto& [name, value] : pairs) EXPECT_TRUE(name.starts_with("channel, 1")) << name;
+    for (const auto& [name, value] : pairs) EXPECT_THAT(name, testing::HasSubstr("channel, 1, "));
+    EXPECT_THAT(pairs, testing::Contains(testing::Pair("*channel, 1, active", testing::_)));
 }
 
 TEST(Mpeg2PictureHeader, TellsTypeAndTemporalReference) {
@@ -119,12 +135,9 @@ TEST(Mpeg2PictureHeader, TellsTypeAndTemporalReference) {
 
 TEST(PictureTypeReader, SaysSoWhereTheUnitDoesNotTell) {
     const gsve::CodecContextPtr context(avcodec_alloc_context3(nullptr));
-    for (const AVCodecID codec : {AV_CODEC_ID_MPEG2VIDEO, AV_CODEC_ID_H264, AV_CODEC_ID_HEVC}) {
-        context->codec_id = codec;
-        context->codec_type = AVMEDIA_TYPE_VIDEO;
-        PictureTypeReader reader(*context);
-        EXPECT_EQ(reader.type(from_hex("00 00 01 BC 12 34")), '?');
-    }
+    context->codec_id = AV_CODEC_ID_MPEG2VIDEO;
+    PictureTypeReader reader(*context);
+    EXPECT_EQ(reader.type(from_hex("00 00 01 BC 12 34")), '?');
 }
 
 TEST(PictureTypeReader, ReadsMpeg2) {

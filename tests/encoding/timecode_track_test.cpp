@@ -75,7 +75,8 @@ TEST(TimecodeTrack, CarriesCodesToTheEncodedRate) {
     for (const auto& row : rows) {
         SCOPED_TRACE("row " + std::to_string(number++));
         // A code past the last of its second is that last one.
-        const std::string expected = std::string(row.expected) == "01:00:00:25" ? "01:00:00:24" : row.expected;
+        const std::string expected =
+            std::string(row.expected) == "01:00:00:25" ? "01:00:00:24" : row.expected;
         EXPECT_EQ(at(TimecodeTrack(code(row.first, row.rates.counting), row.rates), row.picture), expected);
     }
 }
