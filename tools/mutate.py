@@ -1,13 +1,14 @@
 #!/usr/bin/python3
-"""Changes the library in one place at a time and sees whether a test notices.
+"""Changes one room in one place at a time and sees whether a test notices.
 
-A mutant is the library with one comparison, operator, constant or statement changed. A test suite that passes on
+A mutant is the room with one comparison, operator, constant or statement changed. A test suite that passes on
 a mutant leaves a behaviour unchecked, unless the change makes no difference that anybody could see: those are
 listed with their reason in equivalent-mutants.txt, by their text, so that the list outlives edits elsewhere.
 
-The tests are built once. A mutant is compiled by itself and put in front of the library by LD_PRELOAD; tests that
-include the changed header are compiled again. Which tests are tried first is learned from earlier mutants of the
-same file. What is known is kept in the build directory and not tried again, but for survivors.
+The tests are built once. Of a mutant, the objects that include the changed file are compiled again, and linked in
+front of the room's archive into the tests and the program that the tests run; the encoder's library is put in front
+of the built one by LD_PRELOAD. Which tests are tried first is learned from earlier mutants of the same file. What
+is known is kept in the build directory and not tried again, but for survivors.
 """
 
 import argparse
@@ -33,10 +34,31 @@ from clang import cindex
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 EQUIVALENT = ROOT / "tools/equivalent-mutants.txt"
 GOAL = 95  # per cent
-FOREIGN = ("captions_", "host_", "install_")  # tests of other parts, or of a library that they build themselves
-# For mutants that pass all others: they take long.
-LATE = ("cli_", "third_party_", "streams_", "caption_streams_", "state_grid_", "fault_", "threads_", "nothing_lost_")
-COMPILING = 10  # seconds
+PROGRAM = "cli/gsve"  # what the tests of cli/ run
+
+
+@dataclasses.dataclass(frozen=True)
+class Room:
+    """What is changed, and the folders of tests that could notice."""
+
+    units: tuple  # patterns of the sources that are parsed
+    files: tuple  # patterns of the files that are changed
+    early: tuple  # folders of tests/
+    late: tuple = ()  # for mutants that pass all others: they take long
+    late_tests: tuple = ()  # beginnings of the names of early folders' tests that take long, too
+    library: str = ""  # part of the link command of a shared library that stands in front of the built one
+
+
+ROOMS = {
+    "lib": Room(("lib/gsve.cpp",), ("lib/gsve.cpp", "lib/detail/*.h"), ("lib", "lib/scale"), ("encoding", "cli"),
+                ("streams_", "caption_streams_", "state_grid_", "fault_", "threads_", "nothing_lost_"),
+                "--version-script"),
+    "captions": Room(("captions/*.cpp",), ("captions/*.cpp", "captions/*.h"), ("captions",)),
+    "encoding": Room(("encoding/*.cpp",), ("encoding/*.cpp", "encoding/*.h"), ("encoding",), ("programme", "cli")),
+    "programme": Room(("programme/*.cpp",), ("programme/*.cpp", "programme/*.h"), ("programme",), ("cli",)),
+}  # fmt: skip
+ONE_PROGRAM = {"captions": "captions_test", "encoding": "encoding_test", "programme": "programme_test"}
+COMPILING = 10  # seconds, of an object
 MEMORY = 6 << 30
 
 
@@ -86,31 +108,37 @@ def changed_real(literal):
 
 
 class Sources:
-    """The mutants of a translation unit's own files."""
+    """The mutants of a room's files."""
 
-    def __init__(self, root, unit, arguments):
+    def __init__(self, root, room, arguments_of):
         self.root = root
+        self.files = {str(path.relative_to(root)) for pattern in room.files for path in root.glob(pattern)}
         self.found = []
         self.texts = {}
+        self.names = {}  # from the root, of the files as clang calls them
         self.keys = collections.Counter()
         self.places = set()
-        parsed = cindex.Index.create().parse(str(root / unit), args=arguments)
-        errors = [str(d) for d in parsed.diagnostics if d.severity >= cindex.Diagnostic.Error]
-        if errors:
-            fail("clang does not understand the library:\n" + "\n".join(errors))
-        for child in parsed.cursor.get_children():
-            self.visit(child, None, "")
+        self.done = set()  # files that an earlier unit showed
+        for unit in sorted(str(path.relative_to(root)) for pattern in room.units for path in root.glob(pattern)):
+            parsed = cindex.Index.create().parse(str(root / unit), args=arguments_of(unit))
+            errors = [str(d) for d in parsed.diagnostics if d.severity >= cindex.Diagnostic.Error]
+            if errors:
+                fail(f"clang does not understand {unit}:\n" + "\n".join(errors))
+            self.seen = set()
+            for child in parsed.cursor.get_children():
+                self.visit(child, None, "")
+            self.done |= self.seen
 
     def file_of(self, cursor):
         file = cursor.location.file
         if file is None:
             return None
-        try:
-            name = str(pathlib.Path(file.name).resolve().relative_to(self.root))
-        except ValueError:
+        if file.name not in self.names:
+            self.names[file.name] = os.path.relpath(os.path.realpath(file.name), self.root)
+        name = self.names[file.name]
+        if name not in self.files or name in self.done:
             return None
-        if name != "lib/gsve.cpp" and not name.startswith("lib/detail/"):
-            return None
+        self.seen.add(name)
         if name not in self.texts:
             self.texts[name] = (self.root / name).read_bytes()
         return name
@@ -199,7 +227,7 @@ class Explained:
     """Lines at the margin are mutants, one that ends in " *" all those that begin so; the indented lines below them
     give the reason."""
 
-    def __init__(self, path):
+    def __init__(self, path, room):
         self.reasons = {}
         waiting, reason = [], []
         for line in path.read_text().splitlines() + ["end"]:
@@ -209,7 +237,7 @@ class Explained:
                 reason.append(line.strip())
                 continue
             if reason:
-                self.reasons.update((key, " ".join(reason)) for key in waiting)
+                self.reasons.update((key, " ".join(reason)) for key in waiting if key.startswith(f"{room}/"))
                 waiting, reason = [], []
             waiting.append(line.strip())
         if waiting != ["end"]:
@@ -260,7 +288,7 @@ def update_copy(source):
 class Bench:
     """The built tests, and how to run them on a mutant."""
 
-    def __init__(self, directory, jobs, left_out, frozen):
+    def __init__(self, directory, room, jobs, left_out, frozen):
         self.source = directory / "source"
         self.build = directory / "build"
         if not frozen:
@@ -269,74 +297,99 @@ class Bench:
         flags += ["-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O1"]
         run(["cmake", "-G", "Ninja", "-S", self.source, "-B", self.build, *flags])
         self.commands = run(["ninja", "-C", self.build, "-t", "commands"]).splitlines()
-        link = next(c for c in self.commands if "--version-script" in c)
-        self.library = re.search(r" -o (\S+)", link).group(1)
+        self.compiling = {}  # the command that makes each object
+        self.linking = {}  # or program, or shared library
+        self.members = {}  # objects of each archive
+        for command in self.commands:
+            output = re.search(r" -o (\S+)", command)
+            archive = re.search(r" qc (\S+\.a) ", command)
+            if archive:
+                self.members[archive.group(1)] = re.findall(r"\S+\.cpp\.o", command)
+            elif output and " -c " in command:
+                self.compiling[output.group(1)] = command
+            elif output:
+                self.linking[output.group(1)] = command
+        self.library = next((t for t, c in self.linking.items() if room.library in c), "") if room.library else ""
         self.jobs = jobs
         self.includes = {}
-        sources = sorted((self.source / "tests").glob("*_test.cpp"))
-        names = [path.stem for path in sources if not path.stem.startswith(FOREIGN) and path.stem not in left_out]
         self.frozen = frozen
         self.durations = directory / "durations.json"
-        self.early = [Test(name, f"tests/{name}") for name in names if not name.startswith(LATE)]
-        self.late = [Test(name, f"tests/{name}") for name in names if name.startswith(LATE)]
+        early = [test for folder in room.early for test in self.tests_in(folder)]
+        late = [test for test in early if test.name.startswith(room.late_tests)] if room.late_tests else []
+        self.early = [test for test in early if test not in late and test.name not in left_out]
+        late += [test for folder in room.late for test in self.tests_in(folder)]
+        self.late = [test for test in late if test.name not in left_out]
+
+    def tests_in(self, folder):
+        names = sorted(path.stem for path in (self.source / "tests" / folder).glob("*_test.cpp"))
+        if folder in ONE_PROGRAM:
+            names = [ONE_PROGRAM[folder]]
+        return [Test(name, f"tests/{folder}/{name}") for name in names]
+
+    def tree_of_worker(self, tree):
+        """Sources of the worker's own, as they are."""
+        if tree.exists():
+            shutil.rmtree(tree)
+        shutil.copytree(self.source, tree / "source", symlinks=True)
 
     def prepare(self, tests, tree):
         """Builds the tests and runs each on the library as it is, compiled the way that mutants are."""
-        programs = [test.program for test in tests]
+        programs = [test.program for test in tests] + [PROGRAM] * any(runs_the_program(test) for test in tests)
         subprocess.run(["ninja", "-C", self.build, f"-j{self.jobs}", *programs], check=True, stdout=sys.stderr)
         self.includes = self.read_includes()
-        known = json.loads(self.durations.read_text()) if self.frozen and self.durations.exists() else {}
-        library = None
+        known = json.loads(self.durations.read_text()) if self.durations.exists() else {}
         for test in tests:
-            if test.name not in known:
-                library = library or self.make(self.library, tree)
+            # A frozen test takes as long as it took; otherwise it has to pass first.
+            if not self.frozen or test.name not in known:
                 begin = time.monotonic()
-                if not self.passes(self.build / test.program, library, 600):
-                    fail(f"{test.name} fails on the library as it is")
+                if not self.passes(test, Made(self, None, tree), 900):
+                    fail(f"{test.name} fails on the sources as they are")
                 known[test.name] = time.monotonic() - begin
             test.seconds = known[test.name]
         self.durations.write_text(json.dumps(known, indent=1))
 
     def read_includes(self):
-        """The library's files that each test program includes."""
-        includes = {}
-        target = None
+        """The project's files that each object is made from."""
+        includes = collections.defaultdict(set)
+        target, prefix = None, f"{self.source}/"
         for line in run(["ninja", "-C", self.build, "-t", "deps"]).splitlines():
             if line and not line[0].isspace():
-                match = re.match(r"tests/CMakeFiles/(\w+)\.dir/\1\.cpp\.o:", line)
-                target = match and f"tests/{match.group(1)}"
-            elif target and line.strip().startswith(f"{self.source}/lib/detail/"):
-                includes.setdefault(target, set()).add(os.path.relpath(line.strip(), self.source))
+                target = line.split(":")[0]
+            elif line.strip():
+                path = os.path.normpath(self.build / line.strip())
+                if path.startswith(prefix):
+                    includes[target].add(path.removeprefix(prefix))
         return includes
 
-    def clang_arguments(self):
-        command = next(c for c in self.commands if c.endswith("lib/gsve.cpp"))
-        return [a for a in shlex.split(command) if a.startswith(("-I", "-D", "-std="))] + run(
-            ["pkg-config", "--cflags", "libavcodec"]).split()
+    def clang_arguments(self, unit):
+        words = shlex.split(next(c for c in self.compiling.values() if c.endswith(f" {self.source / unit}")))
+        arguments = [word for word in words if word.startswith(("-I", "-D", "-std="))]
+        for flag, path in zip(words, words[1:]):
+            if flag == "-isystem":
+                arguments += [flag, path]
+        return arguments + run(["pkg-config", "--cflags", "libavcodec"]).split()
 
-    def make(self, target, tree, timeout=600):
-        """Builds one program or library from the sources in `tree`; None where it does not compile."""
-        link = next(c for c in self.commands if f" -o {target} " in c)
-        object_ = re.search(r"\S+\.dir/\w+\.cpp\.o", link).group(0)
-        compile_ = next(c for c in self.commands if f" -o {object_} -c " in c)
-        made, made_object = tree / pathlib.Path(target).name, tree / pathlib.Path(object_).name
-        compile_ = re.sub(r" -MD -MT \S+ -MF \S+", "", compile_).removeprefix("ccache ")
-        compile_ = compile_.replace(f"{self.source}/lib", f"{tree}/lib").replace(object_, str(made_object))
-        link = link.replace(object_, str(made_object)).replace(f" -o {target} ", f" -o {made} ")
-        link = link.replace(f"-Wl,--dependency-file={target}.d", "")
-        for command in (compile_, link):
-            if subprocess.run(command, shell=True, cwd=self.build, capture_output=True, timeout=timeout).returncode:
-                return None
-        return made
+    def objects(self, target, file):
+        """The target's objects that are made from the file: its own, and its archives'."""
+        command = self.linking[target]
+        own = re.findall(r"\S+\.cpp\.o", command)
+        of_archives = [o for a, members in self.members.items() if f" {a}" in command for o in members]
+        return [o for o in own + of_archives if file in self.includes[o]]
 
-    def passes(self, program, library, timeout):
+    def passes(self, test, made, timeout):
+        environment = os.environ | {"GTEST_FAIL_FAST": "1", "GTEST_BRIEF": "1"}
+        if self.library:
+            environment["LD_PRELOAD"] = str(made.target(self.library))
+        if runs_the_program(test):
+            environment["GSVE_PROGRAM"] = str(made.target(PROGRAM))
+        program = made.target(test.program)
+
         def limit():
             os.setsid()
             resource.setrlimit(resource.RLIMIT_AS, (MEMORY, MEMORY))
             resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
             resource.setrlimit(resource.RLIMIT_FSIZE, (1 << 30, 1 << 30))
 
-        environment = os.environ | {"LD_PRELOAD": str(library), "GTEST_FAIL_FAST": "1", "GTEST_BRIEF": "1"}
         process = subprocess.Popen([program], cwd=self.build / "tests", env=environment, preexec_fn=limit,
                                    stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         try:
@@ -351,6 +404,61 @@ class Bench:
             process.wait()
 
 
+class DoesNotCompile(Exception):
+    pass
+
+
+class Made:
+    """What one mutant is made into, each thing once; what does not include the changed file is taken as built."""
+
+    def __init__(self, bench, file, tree):
+        self.bench, self.file, self.tree = bench, file, tree
+        self.made = {}
+
+    def target(self, target):
+        """A program or library."""
+        if target not in self.made:
+            self.made[target] = self.link(target)
+        return self.made[target]
+
+    def changes(self, target):
+        return len(self.bench.objects(target, self.file))
+
+    def link(self, target):
+        objects = self.bench.objects(target, self.file)
+        if not objects:
+            return self.bench.build / target
+        program = self.tree / pathlib.Path(target).name
+        command = self.bench.linking[target]
+        command = command.replace(f"-Wl,--dependency-file={target}.d", "")
+        in_archives = []
+        for object_ in objects:
+            made = self.object(object_)
+            if f" {object_} " in command:
+                command = command.replace(f" {object_} ", f" {made} ")
+            else:
+                in_archives.append(str(made))  # what stands here already is not taken from the archive
+        command = command.replace(f" -o {target} ", f" {' '.join(in_archives)} -o {program} ")
+        self.run(command)
+        return program
+
+    def object(self, object_):
+        if object_ not in self.made:
+            self.made[object_] = self.tree / object_.replace("/", "_")
+            command = re.sub(r" -MD -MT \S+ -MF \S+", "", self.bench.compiling[object_]).removeprefix("ccache ")
+            command = command.replace(f"{self.bench.source}/", f"{self.tree}/source/")
+            self.run(command.replace(f" -o {object_} ", f" -o {self.made[object_]} "))
+        return self.made[object_]
+
+    def run(self, command):
+        if subprocess.run(command, shell=True, cwd=self.bench.build, capture_output=True, timeout=600).returncode:
+            raise DoesNotCompile()
+
+
+def runs_the_program(test):
+    return test.program.startswith("tests/cli/")
+
+
 class Trial:
     """One mutant before the tests."""
 
@@ -359,28 +467,24 @@ class Trial:
         self.knowledge = knowledge
 
     def __call__(self, mutant, tests, tree):
-        shutil.rmtree(tree, ignore_errors=True)
-        shutil.copytree(self.bench.source / "lib", tree / "lib")
-        text = (tree / mutant.file).read_bytes()
-        (tree / mutant.file).write_bytes(text[: mutant.begin] + mutant.text.encode() + text[mutant.end :])
-        library = self.bench.make(self.bench.library, tree)
-        if library is None:
+        changed = tree / "source" / mutant.file
+        text = changed.read_bytes()
+        changed.write_bytes(text[: mutant.begin] + mutant.text.encode() + text[mutant.end :])
+        try:
+            return self.outcome(mutant, tests, Made(self.bench, mutant.file, tree))
+        except DoesNotCompile:
             return "does not compile", ""
+        finally:
+            changed.write_bytes(text)
+
+    def outcome(self, mutant, tests, made):
         kills = self.knowledge.kills(mutant.file)
 
-        def includes(test):
-            return mutant.file in self.bench.includes.get(test.program, ())
-
         def promise(test):
-            return (kills[test.name] + 0.1) / (test.seconds + (COMPILING if includes(test) else 0))
+            return (kills[test.name] + 0.1) / (test.seconds + COMPILING * made.changes(test.program))
 
         for test in sorted(tests, key=promise, reverse=True):
-            program = self.bench.build / test.program
-            if includes(test):
-                program = self.bench.make(test.program, tree)
-                if program is None:
-                    return "does not compile", ""
-            if not self.bench.passes(program, library, 10 + 8 * test.seconds):
+            if not self.bench.passes(test, made, 10 + 8 * test.seconds):
                 return "killed", test.name
         return "survived", ""
 
@@ -427,27 +531,32 @@ def report(mutants, knowledge, explained):
         print("\nSurvivors:\n" + "\n".join(sorted(survivors)))
     tried = total["killed"] + total["survived"]
     rate = 100 * total["killed"] / tried if tried else 100
-    print(f"\n{total['killed']} of {tried} mutants killed, {rate:.1f} %; the goal is {GOAL} %")
+    explained_ = total["equivalent"] + total["does not compile"]
+    print(f"\n{total['killed']} of {tried} mutants killed, {rate:.1f} %, of {sum(total.values()) - explained_} places; "
+          f"the goal is {GOAL} %")
     return rate >= GOAL
 
 
 def main():
-    parser = argparse.ArgumentParser(description="mutation testing of the library")
+    parser = argparse.ArgumentParser(description="mutation testing, room by room")
     parser.add_argument("directory", type=pathlib.Path, help="where to build and to keep what is known")
-    parser.add_argument("--minutes", type=float, default=10, help="how long to try mutants (default 10)")
+    parser.add_argument("room", choices=ROOMS)
+    parser.add_argument("--minutes", type=float, default=10,
+                        help="how long to try mutants, and then again those that passed, on the late tests (default 10)")
     parser.add_argument("--seed", default="1", help="picks the order in which mutants are tried")
     parser.add_argument("--jobs", type=int, default=os.cpu_count())
     parser.add_argument("--only", default="", metavar="REGEX", help="try only the mutants that match this")
     parser.add_argument("--without", action="append", default=[], metavar="TEST", help="leave a test out")
     parser.add_argument("--frozen", action="store_true", help="keep to the sources of the last run")
+    parser.add_argument("--new", action="store_true", help="leave alone what survived already")
     parser.add_argument("--list", action="store_true", help="print the mutants in order and end")
     options = parser.parse_args()
 
-    directory = options.directory.resolve()
+    directory, room = options.directory.resolve(), ROOMS[options.room]
     directory.mkdir(exist_ok=True)
-    bench = Bench(directory, options.jobs, options.without, options.frozen)
-    mutants = Sources(bench.source, "lib/gsve.cpp", bench.clang_arguments()).found
-    explained = Explained(EQUIVALENT)
+    bench = Bench(directory, room, options.jobs, options.without, options.frozen)
+    mutants = Sources(bench.source, room, bench.clang_arguments).found
+    explained = Explained(EQUIVALENT, options.room)
     explained.check(mutants)
     ordered = [m for m in shuffled(mutants, options.seed) if re.search(options.only, m.key)]
     if options.list:
@@ -457,15 +566,17 @@ def main():
     trial = Trial(bench, knowledge)
     trees = [directory / f"worker{n}" for n in range(options.jobs)]
 
-    def try_all(mutants, tests, deadline, passed):
-        if not mutants:
+    def try_all(mutants, tests, passed):
+        if not mutants or not tests:
             return
-        shutil.copytree(bench.source / "lib", trees[0] / "lib", dirs_exist_ok=True)
+        for tree in trees:
+            bench.tree_of_worker(tree)
         bench.prepare(tests, trees[0])
         waiting = collections.deque(mutants)
+        deadline = time.monotonic() + 60 * options.minutes
 
         def work(tree):
-            while time.monotonic() < deadline():
+            while time.monotonic() < deadline:
                 try:
                     mutant = waiting.popleft()
                 except IndexError:
@@ -480,17 +591,10 @@ def main():
                 future.result()
 
     open_ = [m for m in ordered if not explained.pattern(m.key)]
-    again = [m for m in open_ if knowledge.outcome(m) == "survived"]
+    again = [] if options.new else [m for m in open_ if knowledge.outcome(m) == "survived"]
     new = [m for m in open_ if knowledge.outcome(m) is None]
-    end = None
-
-    def deadline():
-        nonlocal end
-        end = end or time.monotonic() + 60 * options.minutes
-        return end
-
-    try_all(again + new, bench.early, deadline, "suspect")
-    try_all([m for m in open_ if knowledge.outcome(m) == "suspect"], bench.late, lambda: float("inf"), "survived")
+    try_all(again + new, bench.early, "suspect" if bench.late else "survived")
+    try_all([m for m in open_ if knowledge.outcome(m) == "suspect"], bench.late, "survived")
     return 0 if report(mutants, knowledge, explained) else 1
 
 

@@ -441,7 +441,7 @@ TEST_F(EncodeCommand, ShowsProgressOnATerminal) {
     int terminal = -1;
     const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
     if (child == 0) {
-        execl(GSVE_PROGRAM, GSVE_PROGRAM, "encode", in.c_str(), out.c_str(), nullptr);
+        execl(gsve_program(), gsve_program(), "encode", in.c_str(), out.c_str(), nullptr);
         _exit(127);
     }
     std::string shown;

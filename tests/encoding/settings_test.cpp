@@ -1,219 +1,277 @@
-// The table of settings in words, held against the library: the keys, what the shown defaults and empty
-// values set, and what becomes of the values at the shown bounds and beyond them.
+// The settings as a user writes them: what each takes, and what the refusals say.
 
-#include <cmath>
+#include <algorithm>
+#include <functional>
 #include <map>
-#include <regex>
-#include <set>
-#include <sstream>
+#include <random>
 #include <string>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "encoding/error.h"
 #include "encoding/settings.h"
-#include "support/recording_host.h"
-#include "support/scratch.h"
-#include "support/setting_fields.h"
 
 namespace {
 
-using namespace gsve::test;
+using gsve::UsageError;
+using gsve::encoding::check_together;
+using gsve::encoding::codecs_text;
+using gsve::encoding::KeyValue;
+using gsve::encoding::parse_setting;
 using gsve::encoding::Setting;
+using gsve::encoding::settings;
 using gsve::encoding::Syntax;
+using gsve::encoding::syntax_text;
+using testing::HasSubstr;
 
-std::set<std::string> keys_in_words() {
-    std::set<std::string> keys;
-    for (const Setting& setting : gsve::encoding::settings()) keys.emplace(setting.key);
-    return keys;
-}
-
-/// The keys of the library's own table, which it does not export: read where they are written.
-std::multiset<std::string> keys_in_library() {
-    const std::string source = read_file(GSVE_SOURCE_DIR "/lib/gsve.cpp");
-    const size_t begin = source.find("kSettings[] = {");
-    const std::string table = source.substr(begin, source.find("};", begin) - begin);
-    static const std::regex entry("\\n *\\{\"([^\"]+)\", ");
-    std::multiset<std::string> keys;
-    for (std::sregex_iterator match(table.begin(), table.end(), entry), end; match != end; ++match)
-        keys.insert((*match)[1]);
-    return keys;
-}
-
-/// The fields of an encoder after one call, over foreign values.
-FieldTexts fields_after(const std::string& key, const std::string& value, int pattern = 0) {
-    RecordingHost host;
-    soil_settings(host, pattern);
-    host.on_set(key.c_str(), value.c_str(), false);
-    return setting_values(host);
-}
-
-std::string first_value(const Setting& setting) {
-    if (setting.values.syntax == Syntax::kSize) return "640x480";
-    const std::string_view choices = setting.values.choices;
-    return choices.empty() ? "1" : std::string(choices.substr(0, choices.find(' ')));
-}
-
-/// The fields that a setting writes. Over two patterns of foreign values, each written field differs from at
-/// least one.
-std::set<std::string> fields_of(const Setting& setting) {
-    std::set<std::string> names;
-    for (const int pattern : {0, 1}) {
-        RecordingHost untouched;
-        soil_settings(untouched, pattern);
-        const FieldTexts before = setting_values(untouched);
-        for (const auto& [name, text] : fields_after(std::string(setting.key), first_value(setting), pattern))
-            if (text != before.at(name)) names.insert(name);
+/// What a refusal says; empty where there is none.
+template <class Body>
+std::string refusal(Body body) {
+    try {
+        body();
+    } catch (const UsageError& error) {
+        return error.what();
     }
-    return names;
+    return "";
 }
 
-FieldTexts only(const std::set<std::string>& names, const FieldTexts& fields) {
-    FieldTexts some;
-    for (const std::string& name : names) some[name] = fields.at(name);
-    return some;
+std::string refusal_of(const std::string& text) {
+    return refusal([&] { parse_setting(text); });
 }
 
-/// The number in the one field of a setting.
-double number_after(const Setting& setting, const std::string& value) {
-    const std::set<std::string> names = fields_of(setting);
-    EXPECT_EQ(names.size(), 1u) << setting.key;
-    return std::stod(fields_after(std::string(setting.key), value).at(*names.begin()));
+const Setting& setting(std::string_view key) {
+    const auto all = settings();
+    const auto found = std::find_if(all.begin(), all.end(), [&](const Setting& s) { return s.key == key; });
+    if (found == all.end()) throw std::out_of_range(std::string(key));
+    return *found;
 }
 
-bool is_number(const Setting& setting) {
-    return setting.values.syntax == Syntax::kWhole || setting.values.syntax == Syntax::kReal;
-}
+const std::vector<std::string> kOnOff = {"0", "1"};
+const std::vector<std::string> kNotOnOff = {"-1", "2", "on", "00", "1.0"};
+const std::vector<std::string> kOnOffAuto = {"0", "1", "-1"};
+const std::vector<std::string> kNotOnOffAuto = {"-2", "2", "auto", "+1"};
 
-std::string written(double number) {
-    std::ostringstream text;
-    text.precision(12);
-    text << number;
-    return text.str();
-}
-
-/// Values that the program refuses although the library keeps them, and why.
-const std::map<std::string, const char*> kRefusedBelow = {
-    {"bitrate", "opening refuses it"},
-    {"gop size", "all below 1 mean the same"},
-    {"enable eia-608 gop delay", "nothing reads it"},
-    {"temporal complexity masking", "masking has no negative strength"},
-    {"spatial complexity masking", "masking has no negative strength"},
-    {"p masking", "masking has no negative strength"},
-};
-const std::map<std::string, const char*> kRefusedAbove = {
-    {"minimum quant", "quantisers end at 63"},
-    {"maximum quant", "quantisers end at 63"},
-    {"reference frames", "H.264 has 16"},
-    {"resize deinterlace", "there are no more modes"},
+struct Taken {
+    std::string key;
+    std::vector<std::string> taken;
+    std::vector<std::string> refused;
 };
 
-TEST(Settings, HaveTheKeysOfTheLibrary) {
-    const std::multiset<std::string> own = keys_in_library();
-    EXPECT_EQ(own.size(), 44u);
-    EXPECT_THAT(keys_in_words(), testing::ContainerEq(std::set<std::string>(own.begin(), own.end())));
-    EXPECT_EQ(gsve::encoding::settings().size(), own.size()) << "a key stands twice";
+const std::vector<Taken> kTaken = {
+    {"encoder", {"mpeg-2", "h.264", "h.265", "none"}, {"h264", "mpeg-2 h.264", "MPEG-2", "h.26"}},
+    {"enable", kOnOff, kNotOnOff},
+    {"name", {"x", "two words", "0"}, {}},
+    {"debug file", kOnOff, kNotOnOff},
+    {"bitrate", {"10000", "2147483647"}, {"9999", "2147483648", "-10000", "1e6", "10000.5", "6M"}},
+    {"min bitrate", {"-1", "0", "2147483647"}, {"-2", "2147483648", "-0x1"}},
+    {"max bitrate", {"-1", "0", "2147483647"}, {"-2", "2147483648"}},
+    {"bitrate tolerance", {"-1", "2147483647"}, {"-2", "2147483648"}},
+    {"buffer size", {"-1", "0", "2147483647"}, {"-2", "2147483648"}},
+    {"minimum quant", {"-1", "0", "63"}, {"-2", "64"}},
+    {"maximum quant", {"-1", "0", "63"}, {"-2", "64"}},
+    {"constant bitrate per frame", kOnOffAuto, kNotOnOffAuto},
+    {"drop frame for bitrate limit", {"on", "off", "auto"}, {"0", "1", "On", ""}},
+    {"remove trailing zeros", kOnOff, kNotOnOff},
+    {"frame rate limit", {"-1", "0", "30", "2147483647"}, {"-2", "29.97"}},
+    {"gop size", {"-1", "0", "1000"}, {"-2", "1001"}},
+    {"closed gop", kOnOff, kNotOnOff},
+    {"gop synchronization", kOnOff, kNotOnOff},
+    {"b frames", {"0", "100"}, {"-1", "101"}},
+    {"reference frames", {"0", "16"}, {"-1", "17"}},
+    {"chroma format", {"4:2:0", "4:2:2", "4:4:4"}, {"4:1:1", "420"}},
+    {"resize",
+     {"2x2", "1920x1080", "16384x16384", "1x9", "10000x2"},
+     {"0x2", "2x0", "16385x2", "2x16385", "720", "720x", "x576", "720X576", "720x576x1", "0720x576", "-2x2",
+      "123456x2", "2x123456"}},
+    {"resize deinterlace", {"-1", "0", "4"}, {"-2", "5"}},
+    {"noise reduction", {"0", "2147483647"}, {"-1"}},
+    {"motion estimation range", {"1", "256"}, {"0", "257"}},
+    {"interlaced motion estimation", kOnOffAuto, kNotOnOffAuto},
+    {"temporal complexity masking", {"0", "0.005", "1.", "1000000"}, {"-0.001", "-1", ".5", "1e3", "00.5"}},
+    {"spatial complexity masking", {"0", "0.02"}, {"-0.001", "-1", "nan"}},
+    {"p masking", {"0", "0.8", "2"}, {"-0.001", "-1", "inf"}},
+    {"s_tune_cpu", {"0", "10000"}, {"-0.001", "10000.1", "-1", "10001"}},
+    {"s_tune_bitrate", {"0", "10000"}, {"-0.001", "10000.1", "-1", "10001"}},
+    {"s_tune_recovery", {"0", "10000"}, {"-0.001", "10000.1", "-1", "10001"}},
+    {"cpu threshhold", {"0.1", "0.6", "0.95"}, {"0", "0.0999", "0.9501", "1"}},
+    {"maximum threads", {"0", "64", "2147483647"}, {"-1"}},
+    {"h.264 profile", {"baseline", "main", "high", "high10", "high422", "high444"}, {"extended", "high "}},
+    {"h.264 preset",
+     {"ultrafast", "ultrafast+deblock", "superfast", "veryfast", "faster", "fast", "medium", "slow", "slower",
+      "veryslow", "placebo"},
+     {"fastest", "+deblock"}},
+    {"h.264 level", {"4.1", "anything"}, {}},
+    {"h.264 aud", kOnOff, kNotOnOff},
+    {"enable h.264 nal hrd", kOnOff, kNotOnOff},
+    {"h.264 b-slice multithreading", kOnOff, kNotOnOff},
+    {"enable eia-608", kOnOffAuto, kNotOnOffAuto},
+    {"enable eia-608 gop delay", {"-1", "0", "2147483647"}, {"-2"}},
+    {"eia-608 on p-frames", kOnOffAuto, kNotOnOffAuto},
+    {"enable cea-708", kOnOffAuto, kNotOnOffAuto},
+};
+
+TEST(Settings, OfTheTestAreAllThereAre) {
+    std::vector<std::string> tested, all;
+    for (const Taken& row : kTaken) tested.push_back(row.key);
+    for (const Setting& s : settings()) all.emplace_back(s.key);
+    EXPECT_EQ(tested, all);
 }
 
-TEST(Settings, ReachEachFieldByOneKey) {
-    std::map<std::string, std::string> key_of;
-    for (const Setting& setting : gsve::encoding::settings()) {
-        EXPECT_FALSE(fields_of(setting).empty()) << setting.key << " does nothing";
-        for (const std::string& field : fields_of(setting))
-            EXPECT_TRUE(key_of.emplace(field, setting.key).second)
-                << field << " is written by " << key_of[field] << " and " << setting.key;
-    }
-    for (const SettingField& field : setting_fields())
-        EXPECT_TRUE(key_of.contains(field.name)) << field.name << " is written by no key";
+TEST(ParseSetting, TakesEachValueUpToItsBounds) {
+    for (const Taken& row : kTaken)
+        for (const std::string& value : row.taken)
+            EXPECT_EQ(parse_setting(row.key + "=" + value), KeyValue(row.key, value));
 }
 
-TEST(Settings, CloseTheEncoderUnlessTheySayOtherwise) {
-    const std::set<std::string> apply_at_once = {"name", "gop synchronization", "remove trailing zeros"};
-    for (const Setting& setting : gsve::encoding::settings()) {
-        RecordingHost host;
-        host.on_set(std::string(setting.key).c_str(), first_value(setting).c_str(), false);
-        EXPECT_EQ(host.free_calls == 0, apply_at_once.contains(std::string(setting.key))) << setting.key;
-    }
-}
-
-// The maskings are given in single precision and default in double. Four settings store a given 0 as -1; both
-// leave the choice to the opening.
-TEST(Settings, ShowTheDefaultsOfTheLibrary) {
-    const std::set<std::string> store_zero_as_not_given = {"bitrate tolerance", "buffer size",
-                                                           "minimum quant", "maximum quant"};
-    const FieldTexts fresh = setting_values(RecordingHost());
-    for (const Setting& setting : gsve::encoding::settings()) {
-        const std::string key(setting.key), shown(setting.default_value);
-        const std::set<std::string> names = fields_of(setting);
-        const std::string& own = fresh.at(*names.begin());
-        if (setting.values.syntax == Syntax::kWhole) {
-            EXPECT_EQ(own, shown) << key;
+TEST(ParseSetting, RefusesWhatIsBehindTheBoundsWithTheSyntax) {
+    for (const Taken& row : kTaken)
+        for (const std::string& value : row.refused) {
+            if (value.empty() || value.ends_with(' ')) continue;  // trimmed away
+            EXPECT_EQ(refusal_of(row.key + "=" + value),
+                      "\"" + row.key + "\" takes: " + syntax_text(setting(row.key).values) + "; not \"" +
+                          value + "\"");
         }
-        if (setting.values.syntax == Syntax::kReal) {
-            EXPECT_FLOAT_EQ(number_after(setting, shown), std::stod(own)) << key;
-        } else if (store_zero_as_not_given.contains(key)) {
-            EXPECT_EQ(number_after(setting, shown), -1) << key;
-        } else {
-            EXPECT_EQ(only(names, fields_after(key, shown)), only(names, fresh)) << key;
+}
+
+TEST(ParseSetting, TakesAnEmptyValueForEveryKey) {
+    for (const Setting& s : settings())
+        EXPECT_EQ(parse_setting(std::string(s.key) + "="), KeyValue(s.key, ""));
+}
+
+TEST(ParseSetting, TrimsSpacesAroundKeyAndValue) {
+    const struct {
+        const char* text;
+        KeyValue expected;
+    } rows[] = {
+        {" bitrate = 10000 ", {"bitrate", "10000"}},
+        {"   gop size   =   -1", {"gop size", "-1"}},
+        {"name=  two  words  ", {"name", "two  words"}},
+        {"name=   ", {"name", ""}},
+        {"name=x=y", {"name", "x=y"}},
+    };
+    for (const auto& row : rows) EXPECT_EQ(parse_setting(row.text), row.expected) << row.text;
+}
+
+TEST(ParseSetting, AsksForAnEqualsSign) {
+    EXPECT_EQ(refusal_of("bitrate 10000"), "--set takes \"KEY=VALUE\", not \"bitrate 10000\"");
+}
+
+/// Levenshtein's distance by its definition.
+size_t edits(const std::string& a, const std::string& b) {
+    std::map<std::pair<size_t, size_t>, size_t> known;
+    const std::function<size_t(size_t, size_t)> from = [&](size_t i, size_t j) -> size_t {
+        if (i == a.size()) return b.size() - j;
+        if (j == b.size()) return a.size() - i;
+        const auto at = std::pair(i, j);
+        if (const auto found = known.find(at); found != known.end()) return found->second;
+        const size_t least =
+            std::min({from(i + 1, j) + 1, from(i, j + 1) + 1, from(i + 1, j + 1) + (a[i] != b[j])});
+        return known[at] = least;
+    };
+    return from(0, 0);
+}
+
+TEST(ParseSetting, NamesTheKeyThatIsTheFewestEditsAway) {
+    std::mt19937 random(7);
+    const auto any = [&](size_t count) { return static_cast<size_t>(random() % count); };
+    const std::string letters = "abemnrst -.2";
+    for (int round = 0; round < 400; round++) {
+        std::string key(settings()[any(settings().size())].key);
+        for (size_t edit = 0; edit <= any(6); edit++) {
+            const size_t at = any(key.size() + 1);
+            switch (any(3)) {
+                case 0: key.insert(at, 1, letters[any(letters.size())]); break;
+                case 1: key.erase(std::min(at, key.size()), 1 + any(3)); break;
+                default: key.replace(std::min(at, key.size()), 1, 1, letters[any(letters.size())]);
+            }
         }
+        while (key.starts_with(' ')) key.erase(0, 1);
+        while (key.ends_with(' ')) key.pop_back();
+        const Setting* nearest = nullptr;
+        for (const Setting& s : settings())
+            if (!nearest || edits(key, std::string(s.key)) < edits(key, std::string(nearest->key)))
+                nearest = &s;
+        if (nearest->key == key) continue;
+        EXPECT_EQ(refusal_of(key + "=1"), "--set: there is no setting \"" + key + "\"; did you mean \"" +
+                                              std::string(nearest->key) + "\"? (gsve settings lists all)");
     }
 }
 
-TEST(Settings, ShowWhatAnEmptyValueSets) {
-    const FieldTexts fresh = setting_values(RecordingHost());
-    for (const Setting& setting : gsve::encoding::settings()) {
-        const std::string key(setting.key), shown(setting.empty_value);
-        const std::set<std::string> names = fields_of(setting);
-        const FieldTexts emptied = only(names, fields_after(key, ""));
-        if (shown == "default") {
-            EXPECT_EQ(emptied, only(names, fresh)) << key;
+TEST(SyntaxText, TellsHowAValueIsWritten) {
+    const struct {
+        const char* key;
+        const char* text;
+    } rows[] = {
+        {"enable", "0 or 1"},
+        {"enable cea-708", "0, 1 or -1 (automatic)"},
+        {"gop size", "whole number from -1 to 1000"},
+        {"bitrate", "whole number from 10000 to 2147483647"},
+        {"cpu threshhold", "number from 0.1 to 0.95"},
+        {"p masking", "number from 0"},
+        {"resize", "WIDTHxHEIGHT, even and up to 16384x16384"},
+        {"drop frame for bitrate limit", "on, off, auto"},
+        {"encoder", "mpeg-2, h.264, h.265, none"},
+        {"name", "text"},
+    };
+    for (const auto& row : rows) EXPECT_EQ(syntax_text(setting(row.key).values), row.text);
+}
+
+TEST(CodecsText, ListsTheNamesOfASet) {
+    EXPECT_EQ(codecs_text(2), "mpeg-2");
+    EXPECT_EQ(codecs_text(4), "h.264");
+    EXPECT_EQ(codecs_text(8), "h.265");
+    EXPECT_EQ(codecs_text(2 | 8), "mpeg-2, h.265");
+    EXPECT_EQ(codecs_text(gsve::encoding::kAllCodecs), "mpeg-2, h.264, h.265");
+    EXPECT_EQ(codecs_text(0), "");
+}
+
+TEST(Settings, NameTheCodecsForWhichTheyDoSomething) {
+    const struct {
+        const char* key;
+        const char* codecs;
+    } rows[] = {
+        {"bitrate", "mpeg-2, h.264, h.265"},  {"p masking", "mpeg-2"},
+        {"h.264 preset", "h.264, h.265"},     {"h.264 aud", "h.264"},
+        {"noise reduction", "mpeg-2, h.264"}, {"enable eia-608", "mpeg-2"},
+        {"enable cea-708", "mpeg-2, h.264"},
+    };
+    for (const auto& row : rows) EXPECT_EQ(codecs_text(setting(row.key).codecs), row.codecs) << row.key;
+}
+
+TEST(CheckTogether, RefusesOddSizesThatTheChromaCannotHave) {
+    struct Row {
+        std::vector<KeyValue> given;
+        const char* chroma;  ///< that the refusal names; null: accepted
+    };
+    const Row rows[] = {
+        {{}, nullptr},
+        {{{"resize", ""}}, nullptr},
+        {{{"resize", "720x576"}}, nullptr},
+        {{{"resize", "721x576"}}, "4:2:0"},
+        {{{"resize", "720x577"}}, "4:2:0"},
+        {{{"resize", "721x577"}, {"chroma format", "4:2:0"}}, "4:2:0"},
+        {{{"resize", "720x577"}, {"chroma format", "4:2:2"}}, nullptr},
+        {{{"resize", "721x576"}, {"chroma format", "4:2:2"}}, "4:2:2"},
+        {{{"resize", "721x577"}, {"chroma format", "4:4:4"}}, nullptr},
+        {{{"encoder", "h.264"}, {"resize", "721x577"}, {"chroma format", "4:4:4"}}, nullptr},
+        {{{"encoder", "mpeg-2"}, {"resize", "720x577"}, {"chroma format", "4:4:4"}}, nullptr},
+        {{{"encoder", "mpeg-2"}, {"resize", "721x576"}, {"chroma format", "4:4:4"}}, "4:2:2"},
+        {{{"encoder", "mpeg-2"}, {"resize", "721x576"}, {"chroma format", "4:2:0"}}, "4:2:0"},
+        // The last of a key counts.
+        {{{"resize", "721x576"}, {"resize", "720x576"}}, nullptr},
+        {{{"resize", "720x576"}, {"resize", "721x576"}}, "4:2:0"},
+    };
+    for (const Row& row : rows) {
+        const std::string said = refusal([&] { check_together(row.given); });
+        if (!row.chroma) {
+            EXPECT_EQ(said, "") << testing::PrintToString(row.given);
             continue;
         }
-        EXPECT_EQ(emptied, only(names, fields_after(key, shown))) << key;
-        EXPECT_NE(shown, setting.default_value) << key;
-        if (setting.values.syntax == Syntax::kWhole) {
-            EXPECT_EQ(emptied.at(*names.begin()), shown) << key;
-        }
-    }
-}
-
-TEST(Settings, KeepTheValuesAtTheirBounds) {
-    for (const Setting& setting : gsve::encoding::settings()) {
-        if (!is_number(setting)) continue;
-        for (const double bound : {setting.values.lowest, setting.values.highest})
-            if (std::isfinite(bound)) {
-                EXPECT_DOUBLE_EQ(number_after(setting, written(bound)), bound) << setting.key;
-            }
-    }
-}
-
-TEST(Settings, HaveTheBoundsOfTheLibraryOrStricterOnes) {
-    for (const Setting& setting : gsve::encoding::settings()) {
-        if (!is_number(setting)) continue;
-        const std::string key(setting.key);
-        const auto& [syntax, lowest, highest, choices] = setting.values;
-        EXPECT_EQ(number_after(setting, written(lowest - 1)) < lowest, kRefusedBelow.contains(key)) << key;
-        if (highest < std::numeric_limits<int32_t>::max()) {
-            EXPECT_EQ(number_after(setting, written(highest + 1)) > highest, kRefusedAbove.contains(key))
-                << key;
-        }
-    }
-}
-
-TEST(Settings, GiveEachOfTheirChoicesAMeaningOfItsOwn) {
-    for (const Setting& setting : gsve::encoding::settings()) {
-        std::vector<std::string> values;
-        if (setting.values.syntax == Syntax::kSwitch) values = {"0", "1"};
-        if (setting.values.syntax == Syntax::kAutomatic) values = {"-1", "0", "1"};
-        if (setting.values.syntax == Syntax::kChoice) {
-            std::istringstream list{std::string(setting.values.choices)};
-            for (std::string choice; list >> choice;) values.push_back(choice);
-        }
-        std::set<FieldTexts> meanings;
-        for (const std::string& value : values)
-            meanings.insert(only(fields_of(setting), fields_after(std::string(setting.key), value)));
-        EXPECT_EQ(meanings.size(), values.size()) << setting.key;
+        EXPECT_THAT(said, HasSubstr("\"resize\" takes even sizes, as " + std::string(row.chroma) +
+                                    " chroma needs them; not \"72"))
+            << testing::PrintToString(row.given);
     }
 }
 

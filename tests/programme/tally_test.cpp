@@ -6,9 +6,9 @@
 
 namespace {
 
-using gsve::programme::check_complete;
 using gsve::Failure;
 using gsve::encoding::PictureFate;
+using gsve::programme::check_complete;
 using gsve::programme::Tally;
 
 Tally offered(std::initializer_list<PictureFate> fates) {
@@ -25,7 +25,8 @@ TEST(Tally, IsCompleteWhenEveryPictureCameOutOrWasLeftOut) {
 }
 
 TEST(Tally, FailsWhenTheCodecKeptPictures) {
-    Tally tally = offered({PictureFate::kEncoded, PictureFate::kEncoded, PictureFate::kEncoded, PictureFate::kDropped});
+    Tally tally =
+        offered({PictureFate::kEncoded, PictureFate::kEncoded, PictureFate::kEncoded, PictureFate::kDropped});
     tally.unit({});
     EXPECT_EQ(tally.lost(), 2);
     try {

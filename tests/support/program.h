@@ -7,6 +7,7 @@
 #include <spawn.h>
 #include <sys/wait.h>
 
+#include <cstdlib>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -23,12 +24,18 @@ struct ProgramResult {
     std::string err;
 };
 
+/// The program under test: the built one, or another that the environment names.
+inline const char* gsve_program() {
+    const char* other = std::getenv("GSVE_PROGRAM");
+    return other ? other : GSVE_PROGRAM;
+}
+
 /// A running gsve.
 class Program {
 public:
     /// `standard_output`: a file for it in place of the one that wait() returns.
     explicit Program(const std::vector<std::string>& arguments, const std::string& standard_output = {}) {
-        std::vector<char*> argv = {const_cast<char*>(GSVE_PROGRAM)};
+        std::vector<char*> argv = {const_cast<char*>(gsve_program())};
         for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
         argv.push_back(nullptr);
         posix_spawn_file_actions_t files;
@@ -46,10 +53,10 @@ public:
         for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, signal);
         posix_spawnattr_setsigdefault(&attributes, &signals);
         posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
-        const int error = posix_spawn(&pid_, GSVE_PROGRAM, &files, &attributes, argv.data(), environ);
+        const int error = posix_spawn(&pid_, gsve_program(), &files, &attributes, argv.data(), environ);
         posix_spawnattr_destroy(&attributes);
         posix_spawn_file_actions_destroy(&files);
-        if (error) throw std::runtime_error("cannot start " GSVE_PROGRAM);
+        if (error) throw std::runtime_error(std::string("cannot start ") + gsve_program());
     }
 
     void send(int signal) const { kill(pid_, signal); }

@@ -1,0 +1,152 @@
+// The rates of broadcast, FFmpeg's words, and the texts of the status report.
+
+#include <cerrno>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "encoding/av.h"
+#include "encoding/frame_rate.h"
+#include "encoding/picture_encoder.h"
+#include "encoding/picture_type.h"
+#include "encoding/status.h"
+#include "encoding/status_text.h"
+#include "support/mpeg2_units.h"
+
+namespace {
+
+using namespace gsve::test;
+using gsve::encoding::broadcast_rate;
+using gsve::encoding::caption_rate;
+using gsve::encoding::mpeg2_picture_header;
+using gsve::encoding::one_line;
+using gsve::encoding::pair_subject;
+using gsve::encoding::PictureEncoder;
+using gsve::encoding::PictureTypeReader;
+
+std::string fraction(AVRational rate) { return std::to_string(rate.num) + "/" + std::to_string(rate.den); }
+
+TEST(BroadcastRate, IsTheLowestThatLosesNoPictures) {
+    const struct {
+        AVRational rate;
+        const char* expected;
+    } rows[] = {
+        {{1, 1}, "24000/1001"},
+        {{10, 1}, "24000/1001"},
+        {{24000, 1001}, "24000/1001"},
+        {{2398, 100}, "24000/1001"},
+        {{24, 1}, "24/1"},
+        {{2401, 100}, "24/1"},
+        {{2402, 100}, "25/1"},
+        {{25, 1}, "25/1"},
+        {{251, 10}, "30000/1001"},
+        {{30000, 1001}, "30000/1001"},
+        {{2997, 100}, "30000/1001"},
+        {{30, 1}, "30/1"},
+        {{31, 1}, "50/1"},
+        {{50, 1}, "50/1"},
+        {{51, 1}, "60000/1001"},
+        {{60000, 1001}, "60000/1001"},
+        {{60, 1}, "60/1"},
+        {{120, 1}, "60/1"},
+        {{5994, 100}, "60000/1001"},
+        {{29999, 1000}, "30/1"},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(fraction(broadcast_rate(row.rate)), row.expected) << fraction(row.rate);
+}
+
+TEST(CaptionRate, IsTheSameFraction) {
+    const gsve::captions::FrameRate rate = caption_rate({30000, 1001});
+    EXPECT_EQ(rate.num, 30000);
+    EXPECT_EQ(rate.den, 1001);
+}
+
+TEST(AvErrorText, UsesTheWordsOfFFmpeg) {
+    EXPECT_EQ(gsve::av_error_text(AVERROR_EOF), "End of file");
+    EXPECT_EQ(gsve::av_error_text(AVERROR(ENOENT)), "No such file or directory");
+}
+
+TEST(FieldOrder, IsThatOfTheDecodedPicture) {
+    const gsve::FramePtr frame(av_frame_alloc());
+    const auto flag = [&](bool interlaced, bool top_first) {
+#if LIBAVUTIL_VERSION_INT >= AV_VERSION_INT(58, 7, 100)
+        frame->flags =
+            (interlaced ? AV_FRAME_FLAG_INTERLACED : 0) | (top_first ? AV_FRAME_FLAG_TOP_FIELD_FIRST : 0);
+#else
+        frame->interlaced_frame = interlaced;
+        frame->top_field_first = top_first;
+#endif
+        return gsve::field_order(*frame);
+    };
+    EXPECT_EQ(flag(false, false), 0);
+    EXPECT_EQ(flag(false, true), 0);
+    EXPECT_EQ(flag(true, true), 1);
+    EXPECT_EQ(flag(true, false), 2);
+}
+
+TEST(BytesOf, AreThePacketsData) {
+    const gsve::PacketPtr packet(av_packet_alloc());
+    ASSERT_EQ(av_new_packet(packet.get(), 5), 0);
+    EXPECT_EQ(gsve::bytes_of(*packet).data(), packet->data);
+    EXPECT_EQ(gsve::bytes_of(*packet).size(), 5u);
+}
+
+TEST(PairSubject, IsTheNameWithoutTheReport) {
+    EXPECT_EQ(pair_subject("channel 1, bitrate"), "bitrate");
+    EXPECT_EQ(pair_subject("a, b, c, state"), "state");
+    EXPECT_EQ(pair_subject("state"), "state");
+    EXPECT_EQ(pair_subject("a,b"), "a,b");
+    EXPECT_EQ(pair_subject("a, "), "");
+}
+
+TEST(OneLine, PutsCommasBetweenLines) {
+    EXPECT_EQ(one_line(""), "");
+    EXPECT_EQ(one_line("a"), "a");
+    EXPECT_EQ(one_line("a\n"), "a");
+    EXPECT_EQ(one_line("a\nb\nc\n\n"), "a, b, c");
+    EXPECT_EQ(one_line("\nb"), ", b");
+    EXPECT_EQ(one_line("\n\n"), "");
+}
+
+TEST(StatusPairs, CarryTheReportNameAndTheEncodersState) {
+    PictureEncoder encoder("name");
+    const auto pairs = gsve::encoding::status_pairs(encoder, "channel, 1");
+    ASSERT_FALSE(pairs.empty());
+    for (const auto& [name, value] : pairs) EXPECT_THAT(name, testing::HasSubstr("channel, 1, "));
+    EXPECT_THAT(pairs, testing::Contains(testing::Pair("*channel, 1, active", testing::_)));
+}
+
+TEST(Mpeg2PictureHeader, TellsTypeAndTemporalReference) {
+    const char letters[] = {'?', 'I', 'P', 'B'};
+    for (int type = 1; type <= 3; type++)
+        for (const int reference : {0, 1, 3, 4, 511, 1020, 1023}) {
+            Bytes unit = picture_unit(type);
+            unit[4] = static_cast<uint8_t>(reference >> 2);
+            unit[5] = static_cast<uint8_t>((reference & 3) << 6 | type << 3);
+            const auto header = mpeg2_picture_header(unit);
+            ASSERT_TRUE(header);
+            EXPECT_EQ(header->type, letters[type]);
+            EXPECT_EQ(header->temporal_reference, reference);
+        }
+    EXPECT_FALSE(mpeg2_picture_header({}));
+    EXPECT_FALSE(mpeg2_picture_header(kSequenceHeader));
+}
+
+TEST(PictureTypeReader, SaysSoWhereTheUnitDoesNotTell) {
+    const gsve::CodecContextPtr context(avcodec_alloc_context3(nullptr));
+    context->codec_id = AV_CODEC_ID_MPEG2VIDEO;
+    PictureTypeReader reader(*context);
+    EXPECT_EQ(reader.type(from_hex("00 00 01 BC 12 34")), '?');
+}
+
+TEST(PictureTypeReader, ReadsMpeg2) {
+    const gsve::CodecContextPtr context(avcodec_alloc_context3(nullptr));
+    context->codec_id = AV_CODEC_ID_MPEG2VIDEO;
+    PictureTypeReader reader(*context);
+    EXPECT_EQ(reader.type(gop_unit(kOpenGop)), 'I');
+    EXPECT_EQ(reader.type(picture_unit(2)), 'P');
+    EXPECT_EQ(reader.type(picture_unit(3)), 'B');
+}
+
+}  // namespace

@@ -1,0 +1,341 @@
+// Whole programmes, as a job and in the process of whoever gives it: what the observer hears, and what the
+// result tells.
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+extern "C" {
+#include <libavutil/log.h>
+}
+
+#include "encoding/error.h"
+#include "programme/caption_inventory.h"
+#include "programme/encode_programme.h"
+#include "programme/stream_inspection.h"
+#include "support/clip.h"
+#include "support/scratch.h"
+#include "support/stderr_capture.h"
+
+namespace {
+
+using namespace gsve::programme;
+using namespace gsve::test;
+using gsve::Failure;
+using gsve::UsageError;
+using testing::HasSubstr;
+
+class Listener : public Observer {
+public:
+    void note(std::string_view lines) override { notes += lines; }
+    void warn(std::string_view line) override { warnings += line; }
+    void begin(std::optional<uint64_t> pictures) override {
+        begun++;
+        expected = pictures;
+    }
+    void progress(const Tally& tally) override { seen = tally.pictures; }
+    int stop_reason() override { return stop_after > 0 && seen >= stop_after ? 15 : 0; }
+
+    std::string notes, warnings;
+    int begun = 0;
+    std::optional<uint64_t> expected;
+    uint64_t seen = 0, stop_after = 0;
+};
+
+class Programme : public testing::Test {
+protected:
+    Programme() { av_log_set_level(AV_LOG_QUIET); }
+
+    EncodeJob job(const std::string& codec, const std::string& output, const ClipFormat& format,
+                  unsigned pictures) {
+        EncodeJob job;
+        job.input = directory / "in.y4m";
+        job.output = directory / output;
+        job.settings = {{"encoder", codec},
+                        {"enable", "1"},
+                        {"bitrate", "1000000"},
+                        {"min bitrate", "0"},
+                        {"h.264 preset", "ultrafast"}};
+        job.threads = 1;
+        write_y4m(job.input, format, pictures);
+        return job;
+    }
+
+    EncodeResult encode(const EncodeJob& job) {
+        std::optional<EncodeResult> result;
+        stderr_of([&] { result = encode_programme(job, listener); });
+        return *result;
+    }
+
+    template <class Error>
+    std::string refusal(const EncodeJob& job) {
+        std::string said;
+        stderr_of([&] {
+            try {
+                encode_programme(job, listener);
+            } catch (const Error& error) {
+                said = error.what();
+            }
+        });
+        return said;
+    }
+
+    ScratchDirectory directory;
+    Listener listener;
+};
+
+std::string sample_file(const char* name) {
+    return std::string(GSVE_SOURCE_DIR "/tests/captions/data/") + name;
+}
+
+TEST_F(Programme, IsEncodedWhole) {
+    const ClipFormat format = {.sample_aspect = {4, 3}};
+    for (const char* codec : {"mpeg-2", "h.264"}) {
+        listener = Listener();
+        const EncodeResult result = encode(job(codec, "out.ts", format, 30));
+        EXPECT_EQ(result.codec, codec);
+        EXPECT_EQ(result.width, 128);
+        EXPECT_EQ(result.height, 96);
+        EXPECT_TRUE(result.frame_rate == gsve::captions::kRate25);
+        EXPECT_EQ(result.tally.pictures, 30u);
+        EXPECT_EQ(result.tally.units, 30u);
+        EXPECT_GT(result.tally.held_back, 0u);
+        EXPECT_FALSE(result.source_pictures);
+        EXPECT_FALSE(result.adapts_to_load);
+        EXPECT_TRUE(result.repeatable);
+        EXPECT_EQ(result.stopped_by, 0);
+        EXPECT_EQ(result.problem, "");
+        EXPECT_EQ(result.timecode, "");
+        EXPECT_EQ(result.captions.source, "none");
+        EXPECT_FALSE(result.status.empty());
+        EXPECT_EQ(result.job.threads, 1);
+        EXPECT_EQ(listener.begun, 1);
+        EXPECT_EQ(listener.seen, 30u);
+        const DecodedClip clip = decode_clip(directory / "out.ts");
+        ASSERT_EQ(clip.pictures.size(), 30u);
+        EXPECT_EQ(clip.errors, 0);
+        for (unsigned n = 0; n < 30; n++) {
+            EXPECT_EQ(recognise(clip.pictures[n], format, 30), n);
+            EXPECT_NEAR(clip.pictures[n].seconds - clip.pictures[0].seconds, n / 25.0, 0.001);
+            EXPECT_EQ(av_cmp_q(clip.pictures[n].sample_aspect, {4, 3}), 0);
+        }
+    }
+}
+
+TEST_F(Programme, GoesIntoEveryKindOfFile) {
+    const struct {
+        const char* name;
+        const char* codec;
+        AVCodecID id;
+    } rows[] = {{"out.m2v", "mpeg-2", AV_CODEC_ID_MPEG2VIDEO},
+                {"out.h264", "h.264", AV_CODEC_ID_H264},
+                {"out.mkv", "mpeg-2", AV_CODEC_ID_MPEG2VIDEO},
+                {"out.mp4", "h.264", AV_CODEC_ID_H264},
+                {"out.hevc", "h.265", AV_CODEC_ID_HEVC}};
+    for (const auto& row : rows) {
+        const EncodeResult result = encode(job(row.codec, row.name, {}, 20));
+        EXPECT_EQ(result.tally.units, 20u) << row.name;
+        const DecodedClip clip = decode_clip(directory / row.name);
+        EXPECT_EQ(clip.codec, row.id) << row.name;
+        EXPECT_EQ(clip.pictures.size(), 20u) << row.name;
+        EXPECT_EQ(clip.errors, 0) << row.name;
+    }
+}
+
+TEST_F(Programme, TakesAnotherRateAndALimit) {
+    EncodeJob faster = job("mpeg-2", "out.ts", {}, 20);
+    faster.frame_rate = "50";
+    EncodeResult result = encode(faster);
+    EXPECT_TRUE(result.frame_rate == gsve::captions::kRate50);
+    EXPECT_EQ(result.tally.pictures, 40u);
+    EXPECT_EQ(result.source_pictures, 20u);
+    EncodeJob limited = job("mpeg-2", "out.ts", {.rate = {50, 1}}, 20);
+    limited.settings.emplace_back("frame rate limit", "25");
+    result = encode(limited);
+    EXPECT_TRUE(result.frame_rate == gsve::captions::kRate25);
+    EXPECT_EQ(result.tally.pictures, 20u);
+    EXPECT_EQ(result.tally.skipped, 10u);
+    EXPECT_EQ(result.tally.units, 10u);
+}
+
+TEST_F(Programme, EndsWhereItsObserverAsks) {
+    listener.stop_after = 12;
+    const EncodeResult result = encode(job("mpeg-2", "out.ts", {}, 60));
+    EXPECT_EQ(result.stopped_by, 15);
+    EXPECT_EQ(result.tally.pictures, 12u);
+    EXPECT_EQ(result.tally.units, 12u);
+    EXPECT_FALSE(result.source_pictures);
+    EXPECT_EQ(decode_clip(directory / "out.ts").pictures.size(), 12u);
+}
+
+TEST_F(Programme, CarriesCaptionFilesAndTimeCodes) {
+    EncodeJob captioned = job("mpeg-2", "out.m2v", {}, 150);
+    captioned.captions.files = {sample_file("sample.srt")};
+    captioned.captions.scte20 = true;
+    captioned.timecode = "10:00:00:00";
+    const EncodeResult result = encode(captioned);
+    EXPECT_EQ(result.captions.source, "file");
+    EXPECT_GT(result.captions.carried.pairs, 50u);
+    EXPECT_EQ(result.captions.without_form.all(), 0u);
+    EXPECT_EQ(result.captions.expired.all(), 0u);
+    EXPECT_EQ(result.timecode, "10:00:00:00");
+
+    const InspectedStream stream = read_stream(directory / "out.m2v");
+    ASSERT_EQ(stream.pictures.size(), 150u);
+    EXPECT_EQ(stream.codec, "mpeg2video");
+    EXPECT_TRUE(stream.mpeg_video);
+    EXPECT_EQ(stream.width, 128);
+    EXPECT_EQ(stream.height, 96);
+    ASSERT_FALSE(stream.gops.empty());
+    EXPECT_EQ(stream.gops[0].start.timecode, (gsve::captions::Timecode{10, 0, 0, 0, false}));
+    const CaptionInventory inventory = take_inventory(stream);
+    ASSERT_EQ(inventory.carriages.size(), 2u);
+    EXPECT_EQ(inventory.carriages[0].name, "A/53");
+    EXPECT_EQ(inventory.carriages[1].name, "SCTE-20");
+    EXPECT_EQ(static_cast<uint64_t>(inventory.carriages[0].pairs), result.captions.carried.pairs);
+    EXPECT_EQ(inventory.carriages[0].gaps, 0);
+    EXPECT_FALSE(inventory.carriages[1].gaps);
+    ASSERT_GE(inventory.carriages[0].texts.size(), 2u);
+    EXPECT_EQ(inventory.carriages[0].texts[0].text(), "A captioned programme,\nre-encoded.");
+    EXPECT_EQ(inventory.carriages[0].texts[0].begin, 50);
+    EXPECT_TRUE(same_texts(inventory.carriages[0], inventory.carriages[1]));
+
+    // Once more, from what was encoded.
+    EncodeJob again = captioned;
+    again.input = captioned.output;
+    again.output = directory / "again.m2v";
+    again.captions = {};
+    again.timecode = kSourceTimecode;
+    const EncodeResult second = encode(again);
+    EXPECT_EQ(second.captions.source, "input");
+    EXPECT_EQ(second.captions.carried.pairs, result.captions.carried.pairs);
+    EXPECT_EQ(second.timecode, "10:00:00:00");
+    const CaptionInventory carried = take_inventory(read_stream(again.output));
+    ASSERT_EQ(carried.carriages.size(), 1u);
+    EXPECT_EQ(carried.carriages[0].texts, inventory.carriages[0].texts);
+
+    again.captions.carry_over = false;
+    const EncodeResult none = encode(again);
+    EXPECT_EQ(none.captions.source, "none");
+    EXPECT_TRUE(take_inventory(read_stream(again.output)).carriages.empty());
+}
+
+TEST_F(Programme, RefusesWhatCannotBeDone) {
+    const EncodeJob good = job("mpeg-2", "out.ts", {}, 10);
+    EncodeJob bad = good;
+    bad.input = directory / "absent.ts";
+    EXPECT_THAT(refusal<Failure>(bad), HasSubstr("check the name"));
+    bad = good;
+    bad.timecode = "25:00:00:00";
+    EXPECT_THAT(refusal<UsageError>(bad), testing::StartsWith("--timecode: "));
+    bad.timecode = kSourceTimecode;
+    EXPECT_THAT(refusal<UsageError>(bad), HasSubstr("the input has no time code"));
+    bad = good;
+    bad.settings.emplace_back("enable", "0");
+    EXPECT_THAT(refusal<UsageError>(bad), HasSubstr("\"enable\" is off"));
+    bad = good;
+    bad.frame_rate = "26";
+    EXPECT_THAT(refusal<Failure>(bad), HasSubstr("MPEG-2 may not have 26.000 pictures/s: --rate 30000/1001"));
+    bad = good;
+    bad.captions.files = {sample_file("sample.srt")};
+    bad.settings.emplace_back("enable cea-708", "0");
+    bad.decided = {"enable cea-708"};
+    bad.settings.emplace_back("enable eia-608", "0");
+    bad.decided.emplace_back("enable eia-608");
+    EXPECT_THAT(refusal<UsageError>(bad), HasSubstr("\"enable cea-708\" and \"enable eia-608\" are off"));
+}
+
+TEST_F(Programme, WarnsOfPicturesThatWouldTakeTooLong) {
+    EncodeJob constant = job("mpeg-2", "out.ts", {}, 5);
+    constant.settings = {{"encoder", "mpeg-2"}, {"enable", "1"}, {"bitrate", "60000"}};
+    try {
+        encode(constant);
+    } catch (const Failure&) {  // whether it opens is another matter
+    }
+    EXPECT_THAT(listener.warnings, HasSubstr("a noisy picture can take more than the 0.73 s"));
+    listener = Listener();
+    encode(job("mpeg-2", "out.ts", {}, 5));
+    EXPECT_EQ(listener.warnings, "");
+}
+
+TEST_F(Programme, AdaptsToTheLoadWhereAsked) {
+    EncodeJob adapting = job("mpeg-2", "out.ts", {}, 5);
+    adapting.adapt = true;
+    EncodeResult result = encode(adapting);
+    EXPECT_TRUE(result.adapts_to_load);
+    EXPECT_FALSE(result.repeatable);
+    adapting = job("h.264", "out.ts", {}, 5);
+    adapting.adapt = true;
+    EXPECT_FALSE(encode(adapting).adapts_to_load);
+}
+
+TEST(ServiceNames, ListTheServicesInUse) {
+    gsve::captions::Line21Services services;
+    EXPECT_TRUE(service_names(services).empty());
+    services.captions = {true, false, true, false};
+    services.text = {false, true, false, true};
+    services.extended_data = true;
+    EXPECT_EQ(service_names(services), (std::vector<std::string>{"CC1", "CC3", "T2", "T4", "XDS"}));
+}
+
+TEST(TakeInventory, ReadsTheOrderOfScte20FieldsAndOfCc) {
+    InspectedStream stream;
+    stream.mpeg_video = true;
+    for (int64_t n = 0; n < 4; n++) {
+        InspectedPicture picture;
+        picture.unit = std::vector<int64_t>{0, 2, 3, 1}[static_cast<size_t>(n)];
+        picture.top_field_first = n % 2 == 0;
+        picture.captions.scte20 = {{.field_number = 1, .word = 0x9420}, {.field_number = 2, .word = 0x152C}};
+        if (n == 1) picture.captions.damaged = 2;
+        stream.pictures.push_back(picture);
+    }
+    stream.pictures[3].captions.cc = {{0x4142, 0x8080}, {0x4344, 0x8080}};  // second in coding order
+    stream.pictures[0].captions.cc = {{0x9420, 0x8080}};
+    stream.pictures[2].captions.cc_data = std::vector<uint8_t>{0xFC, 0x14, 0x20};
+    const CaptionInventory inventory = take_inventory(stream);
+    EXPECT_EQ(inventory.damaged_user_data, 2);
+    ASSERT_EQ(inventory.carriages.size(), 3u);
+    const CaptionCarriage &a53 = inventory.carriages[0], &scte20 = inventory.carriages[1],
+                          &cc = inventory.carriages[2];
+    EXPECT_EQ(a53.where, "picture user data");
+    EXPECT_EQ(a53.units, 1);
+    EXPECT_EQ(a53.first, 2);
+    EXPECT_EQ(a53.last, 2);
+    EXPECT_EQ(a53.pairs, 1);
+    EXPECT_EQ(a53.parity_errors, 1);
+    EXPECT_EQ(scte20.units, 4);
+    EXPECT_EQ(scte20.pairs, 8);
+    std::vector<int> fields;
+    for (const auto& event : scte20.schedule.eia608)
+        if (event.word == 0x9420) fields.push_back(event.field);
+    EXPECT_EQ(fields, (std::vector<int>{0, 1, 0, 1}));
+    EXPECT_EQ(cc.units, 2);
+    EXPECT_EQ(cc.first, 0);
+    EXPECT_EQ(cc.last, 3);
+    std::vector<std::pair<int64_t, unsigned>> pairs;
+    for (const auto& event : cc.schedule.eia608) pairs.emplace_back(event.frame, event.word & 0x7F7F);
+    EXPECT_EQ(pairs, (std::vector<std::pair<int64_t, unsigned>>{{0, 0x1420}, {1, 0x4142}, {2, 0x4344}}));
+}
+
+TEST(TakeInventory, CountsTheGapsOfA53) {
+    const struct {
+        std::string present;
+        int64_t gaps;
+    } rows[] = {{"xxxxx", 0}, {"x.xxx", 1}, {"x..x.", 1}, {"..xx.", 0}, {"x.x.x", 2}};
+    for (const auto& row : rows) {
+        InspectedStream stream;
+        for (const char c : row.present) {
+            stream.pictures.emplace_back();
+            if (c == 'x') stream.pictures.back().captions.cc_data.emplace();
+        }
+        const CaptionInventory inventory = take_inventory(stream);
+        ASSERT_EQ(inventory.carriages.size(), 1u);
+        EXPECT_EQ(inventory.carriages[0].gaps, row.gaps) << row.present;
+        EXPECT_EQ(inventory.carriages[0].where, "SEI");
+    }
+}
+
+}  // namespace
