@@ -33,6 +33,7 @@ cmake --build "$work/host/build" >/dev/null
 
 export PKG_CONFIG_PATH=$libdir/pkgconfig
 host_libraries=(-lorb_utils_v4_comm -lorb_utils_v4_io -lorb_utils_v4_h264 -lorb_utils_v4_mpeg12_video -lorb_utils_v4_misc)
+# shellcheck disable=SC2046 # several flags
 g++ -std=c++20 "$work/host/host.cpp" -o "$work/host/pkg" $(pkg-config --cflags --libs gsve libavcodec) \
     "${host_libraries[@]}" -Wl,-rpath,"$libdir"
 (cd "$work/host" && ./pkg >units.txt 2>diagnostics.txt) || fail "the README's host (pkg-config)"

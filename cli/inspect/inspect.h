@@ -9,8 +9,8 @@ namespace gsve::cli {
 struct InspectOptions {
     std::string input;
     bool json = false;
-    std::string scc;        ///< file to write; empty: none
-    int scc_field = 1;      ///< 1 or 2
+    std::string scc;    ///< file to write; empty: none
+    int scc_field = 1;  ///< 1 or 2
     bool overwrite = false;
     bool pictures = false;  ///< list every picture and every GOP
 };

@@ -80,7 +80,8 @@ TEST(JobJson, NamesAMemberOfAnotherKind) {
 }
 
 TEST(JobJson, NamesAMemberThatNobodyKnows) {
-    EXPECT_EQ(error_after([](nlohmann::json& job) { job["bitrate"] = 1; }), "the job has an unknown \"bitrate\"");
+    EXPECT_EQ(error_after([](nlohmann::json& job) { job["bitrate"] = 1; }),
+              "the job has an unknown \"bitrate\"");
     EXPECT_EQ(error_after([](nlohmann::json& job) { job["captions"]["file"] = 1; }),
               "\"captions\" has an unknown \"file\"");
 }
