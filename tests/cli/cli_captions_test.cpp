@@ -164,6 +164,8 @@ std::string scc(const std::vector<Asked>& pairs) {
 
 /// The first picture of the encoded rate that carries the pair's field and begins no earlier than the pair.
 int due_picture(const Asked& pair, AVRational rate) {
+    // Film carries the fields of 60 Hz that begin while each of its pictures is shown: three and two in turn.
+    if (av_q2d(rate) < 24.5) return static_cast<int>((2 * pair.frame + pair.field) / 2.5);
     const int picture = static_cast<int>(std::ceil(pair.frame * av_q2d(rate) / av_q2d(k29_97) - 1e-6));
     const bool alternating = av_q2d(rate) > 39;
     return alternating && picture % 2 != pair.field ? picture + 1 : picture;
@@ -214,7 +216,7 @@ protected:
     /// Runs gsve encode; it must succeed. Above 39 pictures/s the encoder complains of a field on the wrong
     /// picture; it must not.
     json encode(const std::string& in, const std::string& out, std::vector<std::string> more = {}) {
-        more.insert(more.begin(), {"encode", in, out, "-y", "--report", "json"});
+        more.insert(more.begin(), {"encode", in, out, "-y", "--report", "json", "--verbose"});
         const ProgramResult result = run(more);
         EXPECT_EQ(result.status, 0) << result.err;
         EXPECT_THAT(result.err, Not(HasSubstr("BUG")));
@@ -238,6 +240,73 @@ const std::vector<std::string> kNoCc = {"--set", "enable eia-608=0"};
 std::vector<std::string> operator+(std::vector<std::string> a, const std::vector<std::string>& b) {
     a.insert(a.end(), b.begin(), b.end());
     return a;
+}
+
+class FilmCaptions : public CaptionCommand {
+protected:
+    /// A pair of each field in every frame of 29.97, for as long as 96 pictures of film last.
+    static constexpr int kFrames = 118;
+    static constexpr unsigned kPictures = 96;
+    const std::vector<Asked> field_1 = text_pairs(0, 0, kFrames, 1), field_2 = text_pairs(1, 0, kFrames, 1);
+
+    /// The most pairs of a field that a picture has.
+    static std::ptrdiff_t most_in_a_picture(const ReadBack& found) {
+        std::ptrdiff_t most = 0;
+        for (const Found& pair : found.pairs)
+            most = std::max(most, std::count_if(found.pairs.begin(), found.pairs.end(), [&](const Found& p) {
+                                return p.picture == pair.picture && p.field == pair.field;
+                            }));
+        return most;
+    }
+};
+
+TEST_F(FilmCaptions, AreOnTimeWhereEveryFieldOf60HzHasAPair) {
+    for (const char* extension : {".m2v", ".h264"})
+        for (const AVRational rate : {k23_976, AVRational{24, 1}}) {
+            SCOPED_TRACE(fmt::format("{} at {}/{}", extension, rate.num, rate.den));
+            const std::string out = directory / (std::string("out") + extension);
+            const json account = encode(y4m(rate, kPictures), out, two_files(field_1, field_2));
+            const ReadBack found = read_back(out);
+            EXPECT_EQ(words_of(found.pairs, 0), words_of(field_1));
+            EXPECT_EQ(words_of(found.pairs, 1), words_of(field_2));
+            EXPECT_EQ(account["delayed_pairs"], 0);
+            EXPECT_EQ(account["left_over"], 0);
+            EXPECT_EQ(most_in_a_picture(found), 2);
+        }
+}
+
+TEST_F(FilmCaptions, AreCarriedOverUnchanged) {
+    const std::string in = directory / "in.ts", out = directory / "out.mp4";
+    encode(y4m(k23_976, kPictures), in,
+           two_files(field_1, field_2) + std::vector<std::string>{"--codec", "mpeg-2"});
+    const json account = encode(in, out);
+    EXPECT_EQ(read_back(out).pairs, read_back(in).pairs);
+    EXPECT_EQ(account["delayed_pairs"], 0);
+    EXPECT_EQ(account["left_over"], 0);
+}
+
+TEST_F(FilmCaptions, HaveOnePairOfEachFieldWhereAnotherFormSaysTheSame) {
+    const std::string out = directory / "out.m2v";
+    encode(
+        y4m(k23_976, kPictures), out,
+        two_files(text_pairs(0, 0, 30, 3), text_pairs(1, 1, 30, 3)) + std::vector<std::string>{"--scte20"});
+    const std::string cc = directory / "cc.m2v";
+    encode(y4m(k23_976, kPictures), cc,
+           two_files(text_pairs(0, 0, 30, 1), {}) + std::vector<std::string>{"--set", "enable eia-608=1"});
+    const std::vector<Word> words = cc_pairs(read_file(cc));
+    EXPECT_EQ(words, words_of(text_pairs(0, 0, 30, 1))) << "\"CC\" lacks pairs";
+}
+
+TEST_F(FilmCaptions, HaveTheReservedBitsOfA53AndOtherRatesThoseOfTheEncoder) {
+    const auto header_after = [&](AVRational rate) {
+        const std::string out = directory / "out.m2v";
+        encode(y4m(rate, 10), out, {"--set", "enable cea-708=1"});
+        const std::string bytes = read_file(out);
+        const size_t at = ends_of(bytes, kCcData).at(0);
+        return std::pair(byte_at(bytes, at), byte_at(bytes, at + 1));
+    };
+    EXPECT_EQ(header_after({24, 1}), std::pair(0xC0u | 25, 0xFFu));
+    EXPECT_EQ(header_after(k25), std::pair(0x40u | 24, 0x00u));
 }
 
 class CaptionGrid : public CaptionCommand,

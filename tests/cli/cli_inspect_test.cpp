@@ -388,95 +388,95 @@ TEST_F(InspectCommand, OverwritesAnSccFileOnlyOnRequest) {
     EXPECT_EQ(read_file(scc), "old");
     EXPECT_EQ(run({"inspect", path, "--scc", scc, "-y"}).status, 0);
     EXPECT_TRUE(read_file(scc).starts_with("Scenarist_SCC V1.0\n"));
-    /// Pictures that the decoder leaves out without an error. That of FFmpeg 9 does so with an H.265 picture
-    /// whose references are missing; older ones show it, and complain.
-    int left_out(const char* codec, const std::string& bytes, int shown) {
-        if (LIBAVCODEC_VERSION_MAJOR < 62 || codec != std::string("h.265")) return 0;
-        const std::string start_code("\0\0\1", 3);
-        int coded = 0;
-        for (size_t at = 0; (at = bytes.find(start_code, at)) != bytes.npos && at + 5 < bytes.size();
-             at += 3) {
-            const bool slice = static_cast<uint8_t>(bytes[at + 3]) < 32 << 1;
-            coded += slice && (bytes[at + 5] & 0x80);  // first_slice_segment_in_pic_flag
-        }
-        return coded - shown;
-    }
+}
 
-    TEST_F(InspectCommand, ReportsDamagedPicturesOrFailsInOneLine) {
-        for (const char* codec : {"mpeg-2", "h.264", "h.265"}) {
-            CaptionedStreamOptions options;
-            options.codec = codec;
-            options.schedule = pop_on({cue(1000, 1500, "Damaged")}, 0);
-            const std::string path = write(options);
-            const std::string whole = read_file(path);
-            unsigned seed = 1;
-            for (int round = 0; round < 6; round++) {
-                SCOPED_TRACE(std::string(codec) + " round " + std::to_string(round));
-                std::string bytes = whole;
-                for (int hit = 0; hit < 10 << round; hit++) {
-                    seed = seed * 1103515245u + 12345u;
-                    bytes[(seed >> 4) % bytes.size()] = static_cast<char>(seed >> 20);
+/// Pictures that the decoder leaves out without an error. That of FFmpeg 9 does so with an H.265 picture
+/// whose references are missing; older ones show it, and complain.
+int left_out(const char* codec, const std::string& bytes, int shown) {
+    if (LIBAVCODEC_VERSION_MAJOR < 62 || codec != std::string("h.265")) return 0;
+    const std::string start_code("\0\0\1", 3);
+    int coded = 0;
+    for (size_t at = 0; (at = bytes.find(start_code, at)) != bytes.npos && at + 5 < bytes.size(); at += 3) {
+        const bool slice = static_cast<uint8_t>(bytes[at + 3]) < 32 << 1;
+        coded += slice && (bytes[at + 5] & 0x80);  // first_slice_segment_in_pic_flag
+    }
+    return coded - shown;
+}
+
+TEST_F(InspectCommand, ReportsDamagedPicturesOrFailsInOneLine) {
+    for (const char* codec : {"mpeg-2", "h.264", "h.265"}) {
+        CaptionedStreamOptions options;
+        options.codec = codec;
+        options.schedule = pop_on({cue(1000, 1500, "Damaged")}, 0);
+        const std::string path = write(options);
+        const std::string whole = read_file(path);
+        unsigned seed = 1;
+        for (int round = 0; round < 6; round++) {
+            SCOPED_TRACE(std::string(codec) + " round " + std::to_string(round));
+            std::string bytes = whole;
+            for (int hit = 0; hit < 10 << round; hit++) {
+                seed = seed * 1103515245u + 12345u;
+                bytes[(seed >> 4) % bytes.size()] = static_cast<char>(seed >> 20);
+            }
+            if (round % 2) bytes.erase(0, bytes.size() / 5);
+            write_bytes(path, bytes);
+            const ProgramResult result = run({"inspect", path, "--json"});
+            if (result.status == 0) {
+                EXPECT_EQ(result.err, "");
+                const json pictures = json::parse(result.out)["pictures"];
+                // A few wrong bytes may decode to wrong pictures without a fault of syntax.
+                if (round >= 2) {
+                    EXPECT_GT(pictures["damaged"].get<int>() + pictures["lost"].get<int>() +
+                                  left_out(codec, bytes, pictures["total"].get<int>()),
+                              0);
                 }
-                if (round % 2) bytes.erase(0, bytes.size() / 5);
-                write_bytes(path, bytes);
-                const ProgramResult result = run({"inspect", path, "--json"});
-                if (result.status == 0) {
-                    EXPECT_EQ(result.err, "");
-                    const json pictures = json::parse(result.out)["pictures"];
-                    // A few wrong bytes may decode to wrong pictures without a fault of syntax.
-                    if (round >= 2) {
-                        EXPECT_GT(pictures["damaged"].get<int>() + pictures["lost"].get<int>() +
-                                      left_out(codec, bytes, pictures["total"].get<int>()),
-                                  0);
-                    }
-                } else {
-                    EXPECT_EQ(result.status, 1);
-                    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
-                }
+            } else {
+                EXPECT_EQ(result.status, 1);
+                EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
             }
         }
     }
+}
 
-    TEST_F(InspectCommand, RefusesWhatIsNoVideo) {
-        const std::string text = directory / "notes.txt";
-        write_bytes(text, "These are notes, not pictures.\n");
-        const std::string empty = directory / "empty.m2v";
-        write_bytes(empty, "");
-        // A second of silence: RIFF with 16-bit samples at 8 kHz.
-        const std::string sound = directory / "sound.wav";
-        Bytes wav = from_hex(
-            "52494646 A43E0000 57415645 666D7420 10000000 0100 0100 401F0000 803E0000 0200 1000"
-            "64617461 803E0000");
-        wav.resize(wav.size() + 16000);
-        write_bytes(sound, std::string(wav.begin(), wav.end()));
-        for (const std::string& path : {text, empty, sound, directory / "missing.ts"}) {
-            SCOPED_TRACE(path);
-            const ProgramResult result = run({"inspect", path});
-            EXPECT_EQ(result.status, 1);
-            EXPECT_EQ(result.out, "");
-            EXPECT_THAT(result.err, testing::StartsWith("gsve: "));
-            EXPECT_THAT(result.err, HasSubstr(path));
-            EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
-        }
-        EXPECT_THAT(run({"inspect", sound}).err, HasSubstr("has no video stream"));
+TEST_F(InspectCommand, RefusesWhatIsNoVideo) {
+    const std::string text = directory / "notes.txt";
+    write_bytes(text, "These are notes, not pictures.\n");
+    const std::string empty = directory / "empty.m2v";
+    write_bytes(empty, "");
+    // A second of silence: RIFF with 16-bit samples at 8 kHz.
+    const std::string sound = directory / "sound.wav";
+    Bytes wav = from_hex(
+        "52494646 A43E0000 57415645 666D7420 10000000 0100 0100 401F0000 803E0000 0200 1000"
+        "64617461 803E0000");
+    wav.resize(wav.size() + 16000);
+    write_bytes(sound, std::string(wav.begin(), wav.end()));
+    for (const std::string& path : {text, empty, sound, directory / "missing.ts"}) {
+        SCOPED_TRACE(path);
+        const ProgramResult result = run({"inspect", path});
+        EXPECT_EQ(result.status, 1);
+        EXPECT_EQ(result.out, "");
+        EXPECT_THAT(result.err, testing::StartsWith("gsve: "));
+        EXPECT_THAT(result.err, HasSubstr(path));
+        EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
     }
+    EXPECT_THAT(run({"inspect", sound}).err, HasSubstr("has no video stream"));
+}
 
-    TEST_F(InspectCommand, RefusesWrongUsage) {
-        const std::string path = directory / "x.m2v";
-        write_bytes(path, "x");
-        const std::vector<std::vector<std::string>> wrong = {
-            {"inspect"},
-            {"inspect", path, "--field", "1"},
-            {"inspect", path, "--scc", "a.scc", "--field", "3"},
-            {"inspect", path, "--scc", path},
-            {"inspect", path, "--nonsense"}};
-        for (const std::vector<std::string>& arguments : wrong) {
-            const ProgramResult result = run(arguments);
-            EXPECT_EQ(result.status, 2) << testing::PrintToString(arguments);
-            EXPECT_EQ(result.out, "");
-        }
-        EXPECT_EQ(read_file(path), "x");
+TEST_F(InspectCommand, RefusesWrongUsage) {
+    const std::string path = directory / "x.m2v";
+    write_bytes(path, "x");
+    const std::vector<std::vector<std::string>> wrong = {{"inspect"},
+                                                         {"inspect", path, "--field", "1"},
+                                                         {"inspect", path, "--scc", "a.scc", "--field", "3"},
+                                                         {"inspect", path, "--scc", path},
+                                                         {"inspect", path, "--nonsense"}};
+    for (const std::vector<std::string>& arguments : wrong) {
+        const ProgramResult result = run(arguments);
+        EXPECT_EQ(result.status, 2) << testing::PrintToString(arguments);
+        EXPECT_EQ(result.out, "");
     }
+    EXPECT_EQ(read_file(path), "x");
+}
 
 }  // namespace
 }  // namespace gsve::test

@@ -244,7 +244,8 @@ TEST(LoadCaptionFiles, GivesTheFirstFileTheFieldAndTheSecondTheOther) {
     const FrameRate rate = gsve::captions::kRate25;
     const auto fields = [&](const CaptionChoice& choice) {
         gsve::captions::Report report;
-        const gsve::captions::Schedule all = load_caption_files(choice, rate, rate, report);
+        const gsve::captions::Schedule all =
+            load_caption_files(choice, rate, rate, captions::LineRate::kPairOfEachField, report);
         EXPECT_TRUE(all.rate == rate);
         std::map<int, size_t> pairs;
         for (const auto& event : all.eia608) pairs[event.field]++;
@@ -264,7 +265,9 @@ TEST(LoadCaptionFiles, GivesTheFirstFileTheFieldAndTheSecondTheOther) {
     EXPECT_THAT(fields(choice), UnorderedElementsAre(Pair(0, one.at(0)), Pair(1, one.at(0))));
     choice.start = "soon";
     gsve::captions::Report report;
-    EXPECT_THAT(refusal<UsageError>([&] { load_caption_files(choice, rate, rate, report); }),
+    EXPECT_THAT(refusal<UsageError>([&] {
+                    load_caption_files(choice, rate, rate, captions::LineRate::kPairOfEachField, report);
+                }),
                 testing::StartsWith("--captions-start: "));
 }
 
