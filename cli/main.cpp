@@ -84,6 +84,10 @@ void add_encode(CLI::App& app, Command& command) {
             "--report", [options](const std::string& kind) { options->report = kReports.at(kind); },
             "Print the encoder's status pairs as text, or everything as json")
         ->check(CLI::IsMember(kReports));
+    encode_app->add_flag(
+        "--strict", options->strict,
+        "Exit with 1 where the input is damaged or ends early; the output is complete all the "
+        "same");
     encode_app->add_flag("-y,--overwrite", options->overwrite, "Overwrite OUTPUT");
     encode_app->add_flag("-q,--quiet", options->quiet, "No notes, progress or summary; errors remain");
     encode_app->add_flag("-v,--verbose", options->verbose,

@@ -45,4 +45,19 @@ inline void describe_frames(AVBufferSrcParameters& parameters, const AVFrame& fr
 #endif
 }
 
+// A number goes with each packet through a decoder, and comes out with the picture that begins in it.
+#if LIBAVCODEC_VERSION_MAJOR >= 60
+inline void number_frames(AVCodecContext& decoder) { decoder.flags |= AV_CODEC_FLAG_COPY_OPAQUE; }
+inline void set_number(AVCodecContext&, AVPacket& packet, int64_t number) {
+    packet.opaque = reinterpret_cast<void*>(static_cast<intptr_t>(number));
+}
+inline int64_t number_of(const AVFrame& frame) { return reinterpret_cast<intptr_t>(frame.opaque); }
+#else
+inline void number_frames(AVCodecContext&) {}
+inline void set_number(AVCodecContext& decoder, AVPacket&, int64_t number) {
+    decoder.reordered_opaque = number;
+}
+inline int64_t number_of(const AVFrame& frame) { return frame.reordered_opaque; }
+#endif
+
 }  // namespace gsve

@@ -259,6 +259,7 @@ EncodeResult ProgrammeEncoding::result() {
     result.tally = tally_;
     result.elapsed = elapsed_;
     result.problem = input_.problem();
+    result.damage = input_.damage();
     return result;
 }
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "encoding/caption_account.h"
+#include "programme/damage.h"
 #include "programme/encode_job.h"
 #include "programme/tally.h"
 
@@ -25,6 +26,7 @@ struct EncodeResult {
     Tally tally{captions::kRate25};
     std::optional<uint64_t> source_pictures;  ///< decoded, where repeating or leaving out changed the number
     encoding::CaptionAccount captions;
+    Damage damage;         ///< of the input, as far as it was read
     std::string timecode;  ///< of the first picture; empty: none was written
     std::vector<std::pair<std::string, std::string>> status;  ///< the encoder's report
     double elapsed = 0;                                       ///< seconds of work

@@ -1,24 +1,26 @@
 #include "programme/frame_decoder.h"
 
+#include <cmath>
 #include <new>
 
 #include <fmt/format.h>
 
 #include "encoding/error.h"
+#include "programme/damage_witnesses.h"
 #include "programme/picture_rate.h"
 
 namespace gsve::programme {
 namespace {
 
-// What is still one clock, in seconds. Beyond, a recording has been spliced or its clock restarted.
+// What is still one clock, in seconds.
 constexpr double kLargestStepBack = 0.5;
-constexpr double kLargestGap = 10;
 
 }  // namespace
 
 FrameDecoder::FrameDecoder(PacketSource& source, const std::string& path)
     : source_(source),
       own_rate_(picture_rate(&source.format(), &source.stream())),
+      finder_(1 / av_q2d(own_rate_)),
       decoder_(avcodec_alloc_context3(&source.codec())),
       packet_(av_packet_alloc()),
       frame_(av_frame_alloc()) {
@@ -27,6 +29,7 @@ FrameDecoder::FrameDecoder(PacketSource& source, const std::string& path)
         throw std::bad_alloc();
     decoder_->pkt_timebase = source.stream().time_base;
     decoder_->thread_count = 0;
+    number_frames(*decoder_);
     if (const int error = avcodec_open2(decoder_.get(), &source.codec(), nullptr); error < 0)
         throw Failure(fmt::format("cannot decode {}: {}", path, av_error_text(error)));
 }
@@ -38,7 +41,11 @@ bool FrameDecoder::next() {
             if (!feed()) return false;
             continue;
         }
-        if (result == AVERROR_INVALIDDATA) continue;  // a damaged picture; FFmpeg has said so
+        note_complaints();
+        if (result == AVERROR_INVALIDDATA) {
+            finder_.refused();
+            continue;
+        }
         if (result < 0) {
             decoded_all_ = true;
             return false;
@@ -47,7 +54,9 @@ bool FrameDecoder::next() {
         frame.sample_aspect_ratio =
             av_guess_sample_aspect_ratio(&source_.format(), &source_.stream(), &frame);
         if (changes_shape(frame)) return false;
+        const int64_t unit = number_of(frame);
         frame.pts = continuous_time(frame);
+        note_shown(frame, unit);
         decoded_++;
         return true;
     }
@@ -57,15 +66,40 @@ bool FrameDecoder::next() {
 bool FrameDecoder::feed() {
     const int result = source_.next(*packet_);
     if (result < 0) {
+        read_all_ = true;
         if (result != AVERROR_EOF && result != AVERROR_EXIT)
             problem_ = fmt::format("the input cannot be read further: {}", av_error_text(result));
         return avcodec_send_packet(decoder_.get(), nullptr) == 0;
     }
     if (on_packet_) on_packet_(*packet_);
+    const int64_t unit = finder_.sent({.key = (packet_->flags & AV_PKT_FLAG_KEY) != 0,
+                                       .flagged = (packet_->flags & AV_PKT_FLAG_CORRUPT) != 0});
+    source_.log().expect(*decoder_, unit);
+    set_number(*decoder_, *packet_, unit);
     const int sent = avcodec_send_packet(decoder_.get(), packet_.get());
+    note_complaints();
+    if (sent == AVERROR_INVALIDDATA) finder_.refused();
     if (sent == 0 || sent == AVERROR_INVALIDDATA) return true;
     problem_ = fmt::format("the input cannot be decoded further: {}", av_error_text(sent));
     return false;
+}
+
+void FrameDecoder::note_complaints() {
+    for (const auto& [unit, complaints] : source_.log().take()) finder_.complained(unit, complaints);
+}
+
+void FrameDecoder::note_shown(const AVFrame& frame, int64_t unit) {
+    if (const unsigned complaints = complaints_of(frame)) finder_.complained(unit, complaints);
+    finder_.shown(unit, {.begin = seconds(frame.pts),
+                         .missing = std::llround(seconds(gap_) * av_q2d(own_rate_)),
+                         .damaged = (frame.flags & AV_FRAME_FLAG_CORRUPT) != 0});
+}
+
+Damage FrameDecoder::damage() {
+    Damage damage = finder_.finish();
+    if (!read_all_ || source_.stopped()) return damage;
+    damage.early_end = early_end(source_, finder_, seconds(next_time_));
+    return damage;
 }
 
 /// The picture's time in the stream's unit, from 0. Elementary streams have no times: their fields are
@@ -79,6 +113,7 @@ int64_t FrameDecoder::continuous_time(const AVFrame& frame) {
         clock_offset_ -= time - next_time_;
         time = next_time_;
     }
+    gap_ = time - next_time_;
     const AVRational field_duration = {own_rate_.den, 2 * own_rate_.num};
     next_time_ = time + av_rescale_q(2 + frame.repeat_pict, field_duration, time_base);
     return time;

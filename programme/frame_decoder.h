@@ -7,6 +7,7 @@
 #include <string>
 
 #include "programme/av.h"
+#include "programme/damage_finder.h"
 #include "programme/packet_source.h"
 
 namespace gsve::programme {
@@ -35,9 +36,17 @@ public:
     /// The time after the last picture, in the stream's unit.
     int64_t end_time() const { return next_time_; }
 
+    /// What was damaged or missing of all that has been decoded. To be asked once, at the end.
+    Damage damage();
+
 private:
     bool feed();
+    void note_complaints();
+    void note_shown(const AVFrame& frame, int64_t unit);
     int64_t continuous_time(const AVFrame& frame);
+    double seconds(int64_t time) const {
+        return static_cast<double>(time) * av_q2d(source_.stream().time_base);
+    }
     bool changes_shape(const AVFrame& frame);
 
     /// What all pictures have in common.
@@ -49,6 +58,7 @@ private:
 
     PacketSource& source_;
     AVRational own_rate_;
+    DamageFinder finder_;
     CodecContextPtr decoder_;
     PacketPtr packet_;
     FramePtr frame_;
@@ -56,6 +66,8 @@ private:
     Shape shape_;
     uint64_t decoded_ = 0;
     bool decoded_all_ = false;
+    bool read_all_ = false;     ///< there is no further packet
+    int64_t gap_ = 0;           ///< time for which no picture came, before the latest one
     int64_t next_time_ = 0;     ///< expected of the next picture
     int64_t clock_offset_ = 0;  ///< added to the container's times since its clock was restarted
     std::string problem_;

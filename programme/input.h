@@ -56,6 +56,9 @@ public:
 
     const std::string& problem() const { return problem_.empty() ? decoder_.problem() : problem_; }
 
+    /// What was damaged or missing of all that has been decoded. To be asked once, at the end.
+    Damage damage() { return decoder_.damage(); }
+
     /// What was changed or left out on the way, a line each.
     const std::string& notes() const { return notes_; }
 

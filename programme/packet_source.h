@@ -2,6 +2,7 @@
 
 // A media file as the packets of its video stream.
 
+#include <array>
 #include <deque>
 #include <functional>
 #include <optional>
@@ -9,6 +10,8 @@
 
 #include "programme/av.h"
 #include "programme/caption_packets.h"
+#include "programme/decoder_log.h"
+#include "programme/unit_joiner.h"
 
 namespace gsve::programme {
 
@@ -18,7 +21,8 @@ using StopRequest = std::function<bool()>;
 class PacketSource {
 public:
     /// Opens `path`. Throws Failure where there is no such file, or no video in it.
-    PacketSource(const std::string& path, StopRequest stop);
+    PacketSource(const std::string& path, StopRequest stop,
+                 DecoderLog::Lines lines = DecoderLog::Lines::kPrinted);
     PacketSource(const PacketSource&) = delete;
     PacketSource& operator=(const PacketSource&) = delete;
 
@@ -32,23 +36,52 @@ public:
     /// Whether reading is to end.
     bool stopped() const { return stop_ && stop_(); }
 
-    /// Makes `packet` the stream's next one. Returns 0, or FFmpeg's error, AVERROR_EOF at the end.
+    /// For who decodes the packets, too.
+    DecoderLog& log() { return log_; }
+
+    /// Makes `packet` the stream's next one, which holds the whole of a picture or field. Returns 0, or
+    /// FFmpeg's error, AVERROR_EOF at the end.
     int next(AVPacket& packet);
 
     /// The form of the first captions: anywhere in a file, which can be read twice, or in the next `seconds`
     /// of what can be read only once, which are kept for next().
     std::optional<CaptionForm> find_captions(double seconds);
 
+    /// Once next() has come to the end: by how much the container promises more, in seconds; 0: it does not.
+    double missing_at_end() const;
+
+    /// Once next() has come to the end: the data end within a packet.
+    bool ends_within_packet() const { return cut_; }
+
 private:
+    int read(AVPacket& packet);
+    int read_joined(AVPacket& packet);
+    void count_pictures_in_rate();
+    void note_extent(const AVPacket& packet);
+    void note_end(bool reader_complains);
+    double promised_after_end(bool confirmed) const;
     static int interrupted(void* source);
     std::optional<CaptionForm> captions_in_file() const;
 
     std::string path_;
     StopRequest stop_;
+    DecoderLog log_;
     InputPtr format_;
     AVStream* stream_ = nullptr;
     const AVCodec* codec_ = nullptr;
-    std::deque<PacketPtr> ahead_;  ///< read while looking for captions
+    UnitJoiner joiner_;
+    PacketPtr held_;               ///< read to see that it does not continue the one before
+    int end_ = 0;                  ///< what reading ended with
+    int joined_ = 0;               ///< packets that continued another
+    std::deque<PacketPtr> ahead_;  ///< read while looking for captions, or for the rate
+
+    // Of the packets that have been read, in the stream's unit.
+    int64_t first_time_ = AV_NOPTS_VALUE;
+    int64_t end_time_ = AV_NOPTS_VALUE;
+    std::array<int64_t, 3> positions_ = {-1, -1, -1};  ///< of the latest in the file, the last one first
+    bool last_is_short_ = false;                       ///< as the container says
+    bool reader_complained_ = false;                   ///< at the end
+    bool cut_ = false;
 };
 
 }  // namespace gsve::programme

@@ -1,6 +1,7 @@
 #include "programme/stream_inspection.h"
 
 #include <algorithm>
+#include <cmath>
 #include <map>
 #include <new>
 #include <string_view>
@@ -10,8 +11,8 @@
 
 #include "encoding/coded_unit.h"
 #include "encoding/error.h"
-#include "programme/error_counter.h"
-#include "programme/open_input.h"
+#include "programme/damage_witnesses.h"
+#include "programme/packet_source.h"
 #include "programme/picture_rate.h"
 
 namespace gsve::programme {
@@ -21,8 +22,9 @@ namespace {
 struct CodedUnit {
     int64_t pts = AV_NOPTS_VALUE;
     size_t bytes = 0;
+    DamageFinder::Sent sent;
     bool refused = false;
-    bool complained = false;
+    unsigned complaints = 0;
     bool shown = false;
     encoding::UnitContents contents;
 };
@@ -39,35 +41,38 @@ private:
     void decode(const AVPacket* unit);
     void receive_pictures();
     void note_complaints();
+    void note_refusal();
     void add_picture(const AVFrame& frame);
     void add_captions(const AVFrame& frame, CodedUnit& unit, InspectedPicture& picture) const;
-    void settle_damage();
     void set_times();
+    void find_damage();
+    DamageFinder::Shown shown(size_t number) const;
     void collect_gops();
 
     std::string path_;
-    ErrorCounter errors_;
-    uint64_t known_errors_ = 0;
-    InputPtr input_;
-    AVStream* video_ = nullptr;
+    PacketSource source_;
+    const AVStream* video_;
     BitstreamFilterPtr start_codes_;  ///< H.264 and H.265
     CodecContextPtr decoder_;
     FramePtr frame_;
     std::vector<CodedUnit> units_;
+    std::vector<int> fields_;  ///< for how many each picture is shown
+    bool timed_ = false;       ///< the container has the pictures' times
     InspectedStream stream_;
 };
 
-StreamReader::StreamReader(const std::string& path) : path_(path), frame_(av_frame_alloc()) {
+StreamReader::StreamReader(const std::string& path)
+    : path_(path),
+      source_(path, {}, DecoderLog::Lines::kSwallowed),
+      video_(&source_.stream()),
+      frame_(av_frame_alloc()) {
     if (!frame_) throw std::bad_alloc();
-    VideoInput input = open_video_input(path);
-    input_ = std::move(input.format);
-    video_ = input.stream;
-    open_decoder(*input.codec);
+    open_decoder(source_.codec());
 
-    stream_.format = input_->iformat->name;
-    stream_.codec = avcodec_get_name(input.codec->id);
-    stream_.mpeg_video = encoding::is_mpeg_video(input.codec->id);
-    const AVRational rate = picture_rate(input_.get(), video_);
+    stream_.format = source_.format().iformat->name;
+    stream_.codec = avcodec_get_name(source_.codec().id);
+    stream_.mpeg_video = encoding::is_mpeg_video(source_.codec().id);
+    const AVRational rate = picture_rate(&source_.format(), &source_.stream());
     stream_.rate = {rate.num, rate.den};
 }
 
@@ -88,31 +93,28 @@ void StreamReader::open_decoder(const AVCodec& codec) {
     }
     decoder_.reset(avcodec_alloc_context3(&codec));
     if (!decoder_ || avcodec_parameters_to_context(decoder_.get(), parameters) < 0) throw std::bad_alloc();
-    // Threads by frame would report a unit's damage while another unit is decoded.
     decoder_->thread_count = 0;
-    decoder_->thread_type = FF_THREAD_SLICE;
     if (const int error = avcodec_open2(decoder_.get(), &codec, nullptr); error < 0)
         throw Failure(fmt::format("cannot decode {}: {}", path_, av_error_text(error)));
-    errors_.watch(decoder_.get());
 }
 
 InspectedStream StreamReader::read() {
     const PacketPtr packet(av_packet_alloc());
     if (!packet) throw std::bad_alloc();
     for (;;) {
-        const int result = av_read_frame(input_.get(), packet.get());
+        const int result = source_.next(*packet);
         if (result == AVERROR_EOF) break;
         if (result < 0) {
             stream_.problem = fmt::format("the file cannot be read further: {}", av_error_text(result));
             break;
         }
-        if (packet->stream_index == video_->index) read_packet(*packet);
+        read_packet(*packet);
         av_packet_unref(packet.get());
     }
     decode(nullptr);
     if (stream_.pictures.empty()) throw Failure(fmt::format("{}: no picture could be decoded", path_));
-    settle_damage();
     set_times();
+    find_damage();
     collect_gops();
     return std::move(stream_);
 }
@@ -125,7 +127,7 @@ void StreamReader::read_packet(AVPacket& packet) {
         read_coded_unit(packet);
         av_packet_unref(&packet);
     }
-    if (result != AVERROR(EAGAIN)) stream_.lost_units++;
+    if (result != AVERROR(EAGAIN)) units_.emplace_back().refused = true;
 }
 
 void StreamReader::read_coded_unit(AVPacket& packet) {
@@ -134,41 +136,53 @@ void StreamReader::read_coded_unit(AVPacket& packet) {
     const bool key = packet.flags & AV_PKT_FLAG_KEY;
     units_.push_back({.pts = packet.pts,
                       .bytes = bytes.size(),
+                      .sent = {.key = key, .flagged = (packet.flags & AV_PKT_FLAG_CORRUPT) != 0},
                       .refused = false,
-                      .complained = false,
+                      .complaints = 0,
                       .shown = false,
                       .contents = encoding::read_unit(decoder_->codec_id, bytes, key)});
     // The decoder hands each unit's time on to its picture. The unit's number in its place leads from the
     // picture back to the unit, in streams without times too.
     packet.pts = static_cast<int64_t>(units_.size()) - 1;
     packet.dts = AV_NOPTS_VALUE;
+    source_.log().expect(*decoder_, packet.pts);
     decode(&packet);
 }
 
 void StreamReader::decode(const AVPacket* unit) {
     const int result = avcodec_send_packet(decoder_.get(), unit);
-    if (result < 0 && unit) units_.back().refused = true;
-    receive_pictures();
     note_complaints();
+    if (result == AVERROR_INVALIDDATA || (result < 0 && unit)) note_refusal();
+    receive_pictures();
 }
 
 void StreamReader::receive_pictures() {
     for (;;) {
         const int result = avcodec_receive_frame(decoder_.get(), frame_.get());
         if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) return;
+        note_complaints();
         if (result >= 0) {
             add_picture(*frame_);
         } else {
-            if (!units_.empty()) units_.back().refused = true;
+            note_refusal();
             if (result != AVERROR_INVALIDDATA) return;
         }
     }
 }
 
-/// Errors since the last unit are about the unit just decoded.
+/// A decoder with threads gives a unit up while it is given a later one.
+void StreamReader::note_refusal() {
+    if (units_.empty()) return;
+    constexpr ptrdiff_t kLate = 64;
+    const auto late = units_.end() - std::min<ptrdiff_t>(kLate, std::ssize(units_));
+    const auto refused = std::find_if(
+        late, units_.end(), [](const CodedUnit& u) { return u.complaints && !u.refused && !u.shown; });
+    (refused == units_.end() ? units_.back() : *refused).refused = true;
+}
+
 void StreamReader::note_complaints() {
-    if (errors_.errors() != known_errors_ && !units_.empty()) units_.back().complained = true;
-    known_errors_ = errors_.errors();
+    for (const auto& [unit, complaints] : source_.log().take())
+        units_[static_cast<size_t>(unit)].complaints |= complaints;
 }
 
 void StreamReader::add_picture(const AVFrame& frame) {
@@ -180,7 +194,7 @@ void StreamReader::add_picture(const AVFrame& frame) {
     picture.type = av_get_picture_type_char(frame.pict_type);
     picture.field_order = field_order(frame);
     picture.top_field_first = top_field_first(frame);
-    picture.damaged = frame.decode_error_flags != 0 || (frame.flags & AV_FRAME_FLAG_CORRUPT);
+    picture.damaged = frame.flags & AV_FRAME_FLAG_CORRUPT;
     picture.unit = frame.pts;
     if (picture.unit < 0 || picture.unit >= static_cast<int64_t>(units_.size()))
         picture.unit = static_cast<int64_t>(units_.size()) - 1;  // of a decoder that loses its times
@@ -188,6 +202,8 @@ void StreamReader::add_picture(const AVFrame& frame) {
     picture.bytes = unit.bytes;
     add_captions(frame, unit, picture);
     unit.shown = true;
+    unit.complaints |= complaints_of(frame);
+    fields_.push_back(2 + frame.repeat_pict);
     stream_.pictures.push_back(std::move(picture));
 }
 
@@ -198,28 +214,49 @@ void StreamReader::add_captions(const AVFrame& frame, CodedUnit& unit, Inspected
         picture.captions.cc_data.emplace(data->data, data->data + data->size);
 }
 
-/// Once all units are decoded, as a complaint may come after the picture.
-void StreamReader::settle_damage() {
-    for (InspectedPicture& picture : stream_.pictures) {
-        const CodedUnit& unit = units_[static_cast<size_t>(picture.unit)];
-        picture.damaged |= unit.refused || unit.complained;
-    }
-    stream_.lost_units += static_cast<uint64_t>(std::count_if(
-        units_.begin(), units_.end(), [](const CodedUnit& u) { return u.refused && !u.shown; }));
-}
-
 /// From the container where it has a rising time for every picture, else from the frame rate.
 void StreamReader::set_times() {
     std::vector<InspectedPicture>& pictures = stream_.pictures;
     const auto pts = [&](const InspectedPicture& p) { return units_[static_cast<size_t>(p.unit)].pts; };
-    bool timed = !(input_->iformat->flags & AVFMT_NOTIMESTAMPS) && pts(pictures[0]) != AV_NOPTS_VALUE;
-    for (size_t n = 1; n < pictures.size() && timed; n++)
-        timed = pts(pictures[n]) != AV_NOPTS_VALUE && pts(pictures[n]) > pts(pictures[n - 1]);
+    timed_ = source_.timed() && pts(pictures[0]) != AV_NOPTS_VALUE;
+    for (size_t n = 1; n < pictures.size() && timed_; n++)
+        timed_ = pts(pictures[n]) != AV_NOPTS_VALUE && pts(pictures[n]) > pts(pictures[n - 1]);
     for (size_t n = 0; n < pictures.size(); n++) {
         pictures[n].time =
-            timed ? static_cast<double>(pts(pictures[n]) - pts(pictures[0])) * av_q2d(video_->time_base)
-                  : static_cast<double>(n) / stream_.rate.per_second();
+            timed_ ? static_cast<double>(pts(pictures[n]) - pts(pictures[0])) * av_q2d(video_->time_base)
+                   : static_cast<double>(n) / stream_.rate.per_second();
     }
+}
+
+/// Once all units are decoded and all times are known.
+void StreamReader::find_damage() {
+    DamageFinder finder(1 / stream_.rate.per_second());
+    std::vector<bool> damaged(units_.size());
+    finder.on_damaged([&](int64_t unit) { damaged[static_cast<size_t>(unit)] = true; });
+    std::vector<InspectedPicture>& pictures = stream_.pictures;
+    size_t next = 0;
+    for (const CodedUnit& unit : units_) {
+        const int64_t number = finder.sent(unit.sent);
+        finder.complained(number, unit.complaints);
+        if (unit.refused) finder.refused(number);
+        for (; next < pictures.size() && pictures[next].unit <= number; next++)
+            finder.shown(pictures[next].unit, shown(next));
+    }
+    stream_.damage = finder.finish();
+    for (InspectedPicture& picture : pictures) picture.damaged = damaged[static_cast<size_t>(picture.unit)];
+    const double end = pictures.back().time + 1 / stream_.rate.per_second();
+    stream_.damage.early_end = early_end(source_, finder, end);
+}
+
+DamageFinder::Shown StreamReader::shown(size_t number) const {
+    const InspectedPicture& picture = stream_.pictures[number];
+    DamageFinder::Shown shown = {.begin = picture.time, .missing = 0, .damaged = picture.damaged};
+    if (!timed_ || number == 0) return shown;
+    const double rate = stream_.rate.per_second();
+    const double expected = stream_.pictures[number - 1].time + fields_[number - 1] / (2 * rate);
+    if (picture.time - expected <= kLargestGap)
+        shown.missing = std::llround((picture.time - expected) * rate);
+    return shown;
 }
 
 void StreamReader::collect_gops() {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "encoding/unit_contents.h"
+#include "programme/damage.h"
 
 namespace gsve::programme {
 
@@ -18,7 +19,7 @@ struct InspectedPicture {
     size_t bytes = 0;              ///< of its coded unit
     int field_order = 0;           ///< 0 progressive, 1 top field first, 2 bottom field first
     bool top_field_first = false;  ///< as flagged, in a progressive picture too
-    bool damaged = false;          ///< the decoder complained of it, or showed it with parts made up
+    bool damaged = false;          ///< parts of it are missing, or made up by the decoder
     encoding::UnitCaptions captions;
 };
 
@@ -37,8 +38,8 @@ struct InspectedStream {
     captions::FrameRate rate = captions::kRate25;
     std::vector<InspectedPicture> pictures;  ///< in the order of display
     std::vector<Gop> gops;                   ///< in coding order
-    uint64_t lost_units = 0;                 ///< coded units that the decoder refused
-    std::string problem;                     ///< why reading ended early; empty: it did not
+    Damage damage;
+    std::string problem;  ///< why reading ended early; empty: it did not
 };
 
 /// Reads the file's video. Throws Failure when it cannot be opened or holds no picture that can be decoded.

@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "encoding/status_text.h"
+#include "report/damage_report.h"
 
 namespace gsve::report {
 namespace {
@@ -152,6 +153,7 @@ std::string summary_text(const EncodeResult& result) {
     if (result.source_pictures)
         text += fmt::format("  source    {} pictures, before the frame rate was made constant\n",
                             *result.source_pictures);
+    if (result.damage.any()) text += fmt::format("  damage    {}\n", damage_text(result.damage));
     if (tally.lost() > 0)
         text += fmt::format("  lost      {} taken by the codec and never returned\n", tally.lost());
     if (result.stopped_by) text += "  stopped   on request; what was encoded is complete\n";
@@ -190,6 +192,7 @@ std::string encode_json(const EncodeResult& result) {
           {"held_back", tally.held_back},
           {"lost", tally.lost()},
           {"types", types}}},
+        {"damage", damage_json(result.damage)},
         {"bytes", tally.bytes},
         {"bit_rate", {{"mean", tally.mean_bit_rate()}, {"peak", tally.peak_bit_rate()}}},
         {"captions", captions_json(result.captions)},

@@ -10,6 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include "captions/timecode.h"
+#include "report/damage_report.h"
 
 namespace gsve::report {
 namespace {
@@ -43,11 +44,6 @@ std::vector<std::pair<char, int64_t>> picture_types(const InspectedStream& strea
     for (const auto& [type, count] : counts)
         if (std::string_view("IPB").find(type) == std::string_view::npos) types.emplace_back(type, count);
     return types;
-}
-
-int64_t damaged_pictures(const InspectedStream& stream) {
-    return std::count_if(stream.pictures.begin(), stream.pictures.end(),
-                         [](const InspectedPicture& p) { return p.damaged; });
 }
 
 /// When picture `number` is shown; of a number past the end, when the last picture ends.
@@ -139,13 +135,14 @@ std::string summary(const std::string& input, const InspectedStream& stream,
         fmt::format("{}: {} in {}, {}x{} at {:.3f} pictures/s, {}\n", input, stream.codec, stream.format,
                     stream.width, stream.height, stream.rate.per_second(), field_order_text(stream));
     text += fmt::format("  pictures  {} ({}), {} damaged, {} lost\n", stream.pictures.size(),
-                        fmt::join(types, ", "), damaged_pictures(stream), stream.lost_units);
+                        fmt::join(types, ", "), stream.damage.damaged(), stream.damage.undecodable());
     text += fmt::format("  GOPs      {}\n", gop_summary(stream.gops));
     std::string_view head = "  captions  ";
     for (const std::string& line : caption_lines(captions)) {
         text += fmt::format("{}{}\n", head, line);
         head = "            ";
     }
+    if (stream.damage.any()) text += fmt::format("  damage    {}\n", damage_text(stream.damage));
     if (!stream.problem.empty()) text += fmt::format("  problem   {}\n", stream.problem);
     return text;
 }
@@ -310,8 +307,9 @@ std::string inspection_json(const std::string& input, const InspectedStream& str
         {"pictures",
          {{"total", stream.pictures.size()},
           {"types", types},
-          {"damaged", damaged_pictures(stream)},
-          {"lost", stream.lost_units}}},
+          {"damaged", stream.damage.damaged()},
+          {"lost", stream.damage.undecodable()}}},
+        {"damage", damage_json(stream.damage)},
         {"gops", gops_json(stream)},
         {"line21", carriages_json(stream, captions)},
         {"cea708", cea708_json(stream, captions)},

@@ -17,6 +17,7 @@ extern "C" {
 #include "encoding/settings.h"
 #include "programme/encode_programme.h"
 #include "programme/output.h"
+#include "report/damage_report.h"
 #include "report/encode_report.h"
 
 namespace gsve::cli {
@@ -77,15 +78,22 @@ void print_results(const EncodeOptions& options, const EncodeResult& result) {
     if (options.report == Report::kText) fmt::print("{}", report::status_text(result));
 }
 
+std::string damage_note(const EncodeResult& result) {
+    return fmt::format("the input is damaged: {}", report::damage_text(result.damage));
+}
+
 /// Encodes, and tells of it.
 int encode(const programme::EncodeJob& job, const EncodeOptions& options, Terminal& terminal) {
     const EncodeResult result = encode_programme(job, terminal);
     terminal.end_progress();
     if (!result.stopped_by) terminal.note(report::caption_losses(result));
     print_results(options, result);
+    if (result.damage.any() && !options.strict)
+        terminal.warn(damage_note(result) + "; --strict makes this a failure");
 
     if (!result.problem.empty()) throw Failure(result.problem);
     check_complete(result.tally);
+    if (options.strict && result.damage.any()) throw Failure(damage_note(result));
     return result.stopped_by ? kExitSignal + result.stopped_by : 0;
 }
 

@@ -21,6 +21,7 @@ struct EncodeOptions {
     std::string timecode;  ///< of the first picture, at the encoded rate; "source": the input's; empty: none
     bool adapt = false;    ///< let the processor's load coarsen MPEG-2 pictures
     Report report = Report::kNone;
+    bool strict = false;  ///< an input that is damaged, or ends early, is a failure
     bool overwrite = false;
     bool quiet = false;
     bool verbose = false;

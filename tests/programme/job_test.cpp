@@ -245,7 +245,7 @@ TEST(LoadCaptionFiles, GivesTheFirstFileTheFieldAndTheSecondTheOther) {
     const auto fields = [&](const CaptionChoice& choice) {
         gsve::captions::Report report;
         const gsve::captions::Schedule all =
-            load_caption_files(choice, rate, rate, captions::LineRate::kPairOfEachField, report);
+            load_caption_files(choice, rate, rate, gsve::captions::LineRate::kPairOfEachField, report);
         EXPECT_TRUE(all.rate == rate);
         std::map<int, size_t> pairs;
         for (const auto& event : all.eia608) pairs[event.field]++;
@@ -266,7 +266,7 @@ TEST(LoadCaptionFiles, GivesTheFirstFileTheFieldAndTheSecondTheOther) {
     choice.start = "soon";
     gsve::captions::Report report;
     EXPECT_THAT(refusal<UsageError>([&] {
-                    load_caption_files(choice, rate, rate, captions::LineRate::kPairOfEachField, report);
+                    load_caption_files(choice, rate, rate, gsve::captions::LineRate::kPairOfEachField, report);
                 }),
                 testing::StartsWith("--captions-start: "));
 }

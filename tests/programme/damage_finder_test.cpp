@@ -1,0 +1,170 @@
+// What each witness says, and the damage that it makes.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "programme/damage_finder.h"
+
+namespace gsve::programme {
+namespace {
+
+using Kind = DamagedRange::Kind;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr double kFrame = 0.04;
+
+/// 25 pictures a second that are shown in the order of their units, a key picture every ten.
+class Stream {
+public:
+    explicit Stream(int64_t units = 100) : units_(units) {}
+
+    std::function<void(int64_t)> during = [](int64_t) {};  ///< after the unit was sent, before it is shown
+    std::function<bool(int64_t)> flagged = [](int64_t) { return false; };
+    std::function<bool(int64_t)> key = [](int64_t unit) { return unit % 10 == 0; };
+    std::function<bool(int64_t)> comes_out = [](int64_t) { return true; };
+    int64_t missing_before = -1;  ///< this one is late by two pictures
+
+    Damage run() {
+        double time = 0;
+        for (int64_t n = 0; n < units_; n++) {
+            EXPECT_EQ(finder.sent({.key = key(n), .flagged = flagged(n)}), n);
+            during(n);
+            if (!comes_out(n)) continue;
+            const int64_t missing = n == missing_before ? 2 : 0;
+            time += static_cast<double>(missing) * kFrame;
+            finder.shown(n, {.begin = time, .missing = missing, .damaged = false});
+            time += kFrame;
+        }
+        return finder.finish();
+    }
+
+    DamageFinder finder{kFrame};
+
+private:
+    int64_t units_;
+};
+
+MATCHER_P4(RangeOf, kind, begin, end, pictures, "") {
+    return arg.kind == kind && std::abs(arg.begin - begin) < 1e-9 && std::abs(arg.end - end) < 1e-9 &&
+           arg.pictures == static_cast<uint64_t>(pictures);
+}
+
+TEST(DamageFinder, FindsNothingInAWholeStream) {
+    for (const int64_t units : {0, 1, 100, 1000}) EXPECT_EQ(Stream(units).run(), Damage());
+}
+
+TEST(DamageFinder, PlacesComplaintsAtTheirPictures) {
+    Stream stream;
+    stream.during = [&](int64_t n) {
+        if (n == 20 || n == 21 || n == 50) stream.finder.complained(n, DamageFinder::kOfData);
+    };
+    EXPECT_THAT(stream.run().ranges,
+                ElementsAre(RangeOf(Kind::kDamaged, 0.8, 0.88, 2), RangeOf(Kind::kDamaged, 2.0, 2.04, 1)));
+}
+
+TEST(DamageFinder, NamesTheDamagedUnits) {
+    Stream stream(600);
+    std::vector<int64_t> heard;
+    stream.finder.on_damaged([&](int64_t unit) { heard.push_back(unit); });
+    stream.during = [&](int64_t n) {
+        if (n % 250 == 3) stream.finder.complained(n, DamageFinder::kOfData);
+    };
+    EXPECT_EQ(stream.run().damaged(), 3u);
+    EXPECT_THAT(heard, ElementsAre(3, 253, 503));
+}
+
+TEST(DamageFinder, IgnoresMissingReferencesUpToTheSecondKeyPicture) {
+    for (const auto& [unit, found] : {std::pair(2, 0u), {9, 0u}, {10, 1u}, {57, 1u}}) {
+        Stream stream;
+        stream.during = [&stream, unit = unit](int64_t n) {
+            if (n == unit) stream.finder.complained(n, DamageFinder::kOfReferences);
+        };
+        EXPECT_EQ(stream.run().damaged(), found) << unit;
+    }
+}
+
+TEST(DamageFinder, CountsRefusedUnitsOnceTheStreamHasBegun) {
+    Stream stream;
+    // Begins with units that no decoder could use, before its first key picture.
+    stream.key = [](int64_t n) { return n >= 5 && n % 10 == 5; };
+    stream.comes_out = [](int64_t n) { return n >= 5 && n != 30; };
+    stream.during = [&](int64_t n) {
+        if (!stream.comes_out(n)) stream.finder.refused(n);
+    };
+    EXPECT_THAT(stream.run().ranges, ElementsAre(RangeOf(Kind::kUndecodable, 1.0, 1.04, 1)));
+}
+
+TEST(DamageFinder, CountsAFirstKeyPictureThatIsRefused) {
+    Stream stream;
+    stream.comes_out = [](int64_t n) { return n > 0; };
+    stream.during = [&](int64_t n) {
+        if (n == 0) stream.finder.refused(n);
+    };
+    EXPECT_EQ(stream.run().undecodable(), 1u);
+}
+
+TEST(DamageFinder, TakesTheUnitThatWasComplainedOfForTheRefusedOne) {
+    Stream stream;
+    stream.comes_out = [](int64_t n) { return n != 40; };
+    stream.during = [&](int64_t n) {
+        if (n == 41) stream.finder.complained(40, DamageFinder::kOfData);
+        if (n == 44) stream.finder.refused();
+    };
+    EXPECT_THAT(stream.run().ranges, ElementsAre(RangeOf(Kind::kUndecodable, 1.6, 1.64, 1)));
+}
+
+TEST(DamageFinder, ChargesASecondFieldToItsPicture) {
+    Stream stream;
+    stream.comes_out = [](int64_t n) { return n != 41; };
+    stream.during = [&](int64_t n) {
+        if (n == 41) stream.finder.complained(41, DamageFinder::kOfData);
+    };
+    EXPECT_THAT(stream.run().ranges, ElementsAre(RangeOf(Kind::kDamaged, 1.6, 1.64, 1)));
+}
+
+TEST(DamageFinder, CallsAGapLossOnlyWithAWitness) {
+    Stream quiet;
+    quiet.missing_before = 40;
+    EXPECT_EQ(quiet.run(), Damage());
+    for (const int64_t flagged : {36, 37, 43, 44}) {
+        Stream stream;
+        stream.missing_before = 40;
+        stream.flagged = [flagged](int64_t n) { return n == flagged; };
+        const bool near = flagged == 37 || flagged == 43;  // of the units 39 and 40, three away at most
+        EXPECT_EQ(stream.run().missing(), flagged == 36 || near ? 2u : 0u) << flagged;
+    }
+}
+
+TEST(DamageFinder, TakesTheUnitAfterAFlaggedOneForIncomplete) {
+    Stream stream;
+    stream.flagged = [](int64_t n) { return n == 41; };
+    EXPECT_THAT(stream.run().ranges, ElementsAre(RangeOf(Kind::kDamaged, 1.68, 1.72, 1)));
+    EXPECT_FALSE(stream.finder.last_unit_incomplete());
+}
+
+TEST(DamageFinder, LetsAFlagPassWhereAKeyPictureFollows) {
+    Stream stream;  // 48 is flagged for 49, and 50 begins another recording
+    stream.flagged = [](int64_t n) { return n == 48; };
+    EXPECT_EQ(stream.run(), Damage());
+}
+
+TEST(DamageFinder, TellsWhetherTheLastUnitIsIncomplete) {
+    for (const int64_t flagged : {97, 98, 99}) {
+        Stream stream;
+        stream.flagged = [flagged](int64_t n) { return n == flagged; };
+        EXPECT_EQ(stream.run().damaged(), 1u);
+        EXPECT_EQ(stream.finder.last_unit_incomplete(), flagged >= 98) << flagged;
+    }
+}
+
+TEST(DamageFinder, JoinsEndlessDamage) {
+    Stream stream(20000);
+    stream.during = [&](int64_t n) {
+        if (n >= 100) stream.finder.complained(n, DamageFinder::kOfData);
+    };
+    EXPECT_THAT(stream.run().ranges, ElementsAre(RangeOf(Kind::kDamaged, 4.0, 800.0, 19900)));
+}
+
+}  // namespace
+}  // namespace gsve::programme
