@@ -210,7 +210,7 @@ TEST(SyntaxText, TellsHowAValueIsWritten) {
         {"bitrate", "whole number from 10000 to 2147483647"},
         {"cpu threshhold", "number from 0.1 to 0.95"},
         {"p masking", "number from 0"},
-        {"resize", "WIDTHxHEIGHT, even and up to 16384x16384"},
+        {"resize", "WIDTHxHEIGHT up to 16384x16384, even where chroma is subsampled"},
         {"drop frame for bitrate limit", "on, off, auto"},
         {"encoder", "mpeg-2, h.264, h.265, none"},
         {"name", "text"},

@@ -199,7 +199,7 @@ std::string shown(const std::vector<SourceCaptions>& all) {
     return text;
 }
 
-const Bytes kBoth = from_hex("FC 41 42 FD 43 44");
+const Bytes kBoth = from_hex("FC C1 C2 FD 43 C4");
 
 TEST(CaptionCollector, CountsFramesByTheirTimes) {
     CaptionCollector collector(CaptionForm::kA53, AV_CODEC_ID_MPEG2VIDEO, {25, 1}, {1, 90000});
@@ -207,7 +207,7 @@ TEST(CaptionCollector, CountsFramesByTheirTimes) {
     collector.frame(*frame_at(0, kBoth));
     collector.frame(*frame_at(3600));
     collector.frame(*frame_at(3 * 3600, kBoth));
-    EXPECT_EQ(shown(collector.take()), "0:41 42,/43 44, 1:/ 3:41 42,/43 44, ");
+    EXPECT_EQ(shown(collector.take()), "0:C1 C2,/43 C4, 1:/ 3:C1 C2,/43 C4, ");
     EXPECT_TRUE(collector.take().empty());
 }
 
@@ -219,30 +219,30 @@ TEST(CaptionCollector, SplitsThePairsOfAPictureThatBeginsInTheMiddleOfAFrame) {
     collector.frame(*frame_at(5, kBoth, 1, false));
     collector.frame(*frame_at(8, kBoth, 0, true));
     EXPECT_EQ(shown(collector.take()),
-              "0:41 42,/43 44, 1:/43 44, 2:41 42,/ 2:/43 44, 3:41 42,/ 4:41 42,/43 44, ");
+              "0:C1 C2,/43 C4, 1:/43 C4, 2:C1 C2,/ 2:/43 C4, 3:C1 C2,/ 4:C1 C2,/43 C4, ");
 }
 
 TEST(CaptionCollector, GivesCcPairsFrameByFrame) {
     CaptionCollector collector(CaptionForm::kCc, AV_CODEC_ID_MPEG2VIDEO, {30, 1}, {1, 30});
     EXPECT_EQ(collector.behind(), 67);
     const gsve::PacketPtr packet =
-        packet_of(picture_with(from_hex("00 00 01 B2 43 43 01 F8 84 FF 91 20 FE 80 80 FF 41 42 FE 43 44")));
+        packet_of(picture_with(from_hex("00 00 01 B2 43 43 01 F8 84 FF 91 20 FE 80 80 FF C1 C2 FE 43 C4")));
     collector.packet(*packet);
     collector.frame(*frame_at(0));
     collector.frame(*frame_at(1));
-    EXPECT_EQ(shown(collector.take()), "0:91 20,/80 80, 1:41 42,/43 44, ");
+    EXPECT_EQ(shown(collector.take()), "0:91 20,/80 80, 1:C1 C2,/43 C4, ");
     // A/53 that turns up is better.
     collector.frame(*frame_at(2, kBoth));
     collector.frame(*frame_at(3));
-    EXPECT_EQ(shown(collector.take()), "2:41 42,/43 44, 3:/ ");
+    EXPECT_EQ(shown(collector.take()), "2:C1 C2,/43 C4, 3:/ ");
 }
 
 TEST(CaptionCollector, GivesCcPairsOfFastPicturesForEverySecond) {
     CaptionCollector collector(CaptionForm::kCc, AV_CODEC_ID_MPEG2VIDEO, {60, 1}, {1, 60});
     const gsve::PacketPtr packet =
-        packet_of(picture_with(from_hex("00 00 01 B2 43 43 01 F8 84 FF 91 20 FE 80 80 FF 41 42 FE 43 44")));
+        packet_of(picture_with(from_hex("00 00 01 B2 43 43 01 F8 84 FF 91 20 FE 80 80 FF C1 C2 FE 43 C4")));
     collector.packet(*packet);
-    EXPECT_EQ(shown(collector.take()), "0:91 20,/80 80, 2:41 42,/43 44, ");
+    EXPECT_EQ(shown(collector.take()), "0:91 20,/80 80, 2:C1 C2,/43 C4, ");
 }
 
 TEST(CaptionCollector, LeavesPacketsOfOtherCodecsAlone) {
@@ -258,7 +258,7 @@ TEST(CaptionCollector, NeverGoesBack) {
     CaptionCollector collector(CaptionForm::kA53, AV_CODEC_ID_MPEG2VIDEO, {25, 1}, {1, 25});
     collector.frame(*frame_at(5, kBoth));
     collector.frame(*frame_at(3, kBoth));
-    EXPECT_EQ(shown(collector.take()), "5:41 42,/43 44, 5:41 42,/43 44, ");
+    EXPECT_EQ(shown(collector.take()), "5:C1 C2,/43 C4, 5:C1 C2,/43 C4, ");
 }
 
 }  // namespace

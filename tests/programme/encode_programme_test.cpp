@@ -292,7 +292,7 @@ TEST(TakeInventory, ReadsTheOrderOfScte20FieldsAndOfCc) {
         if (n == 1) picture.captions.damaged = 2;
         stream.pictures.push_back(picture);
     }
-    stream.pictures[3].captions.cc = {{0x4142, 0x8080}, {0x4344, 0x8080}};  // second in coding order
+    stream.pictures[3].captions.cc = {{0xC1C2, 0x8080}, {0x43C4, 0x8080}};  // second in coding order
     stream.pictures[0].captions.cc = {{0x9420, 0x8080}};
     stream.pictures[2].captions.cc_data = std::vector<uint8_t>{0xFC, 0x14, 0x20};
     const CaptionInventory inventory = take_inventory(stream);
