@@ -266,7 +266,8 @@ TEST(LoadCaptionFiles, GivesTheFirstFileTheFieldAndTheSecondTheOther) {
     choice.start = "soon";
     gsve::captions::Report report;
     EXPECT_THAT(refusal<UsageError>([&] {
-                    load_caption_files(choice, rate, rate, gsve::captions::LineRate::kPairOfEachField, report);
+                    load_caption_files(choice, rate, rate, gsve::captions::LineRate::kPairOfEachField,
+                                       report);
                 }),
                 testing::StartsWith("--captions-start: "));
 }
