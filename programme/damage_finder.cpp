@@ -44,6 +44,7 @@ void join(std::vector<DamagedRange>& ranges) {
 int64_t DamageFinder::sent(Sent unit) {
     if (units_.size() == kWindow) settle_first();
     keys_ += unit.key;
+    if (keys_ == 1 && first_key_ < 0) first_key_ = next_;
     if (keys_ == 2 && second_key_ < 0) second_key_ = next_;
     const bool after_flagged = !units_.empty() && units_.back().flagged;
     Unit& added = units_.emplace_back();
@@ -62,8 +63,11 @@ DamageFinder::Unit* DamageFinder::find(int64_t number) {
 void DamageFinder::complained(int64_t number, unsigned complaints) {
     Unit* unit = find(number);
     if (!unit) return;
-    // Until a second key picture, references may lie before the begin of the stream.
-    if (second_key_ < 0 || number < second_key_) complaints &= ~static_cast<unsigned>(kOfReferences);
+    // Between the first key picture and the second, references may lie before the begin of the stream: such
+    // pictures are not shown, or need them no more. Those of units before the first, if shown, are made up.
+    const bool after_first = first_key_ >= 0 && number >= first_key_;
+    if (after_first && (second_key_ < 0 || number < second_key_))
+        complaints &= ~static_cast<unsigned>(kOfReferences);
     unit->complaints |= complaints;
 }
 

@@ -79,8 +79,9 @@ private:
     std::deque<Unit> units_;  ///< the latest, in coding order
     std::deque<Gap> gaps_;    ///< not known yet to be loss
     int64_t next_ = 0;
-    int64_t keys_ = 0;           ///< of the units that were sent
-    int64_t second_key_ = -1;    ///< its number; -1: not sent yet
+    int64_t keys_ = 0;        ///< of the units that were sent
+    int64_t first_key_ = -1;  ///< its number; -1: not sent yet
+    int64_t second_key_ = -1;
     int64_t settled_shown_ = 0;  ///< pictures of units that left the window
     bool before_shown_ = false;  ///< so was the last one
     bool before_damaged_ = false;

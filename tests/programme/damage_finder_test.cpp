@@ -74,13 +74,25 @@ TEST(DamageFinder, NamesTheDamagedUnits) {
     EXPECT_THAT(heard, ElementsAre(3, 253, 503));
 }
 
-TEST(DamageFinder, IgnoresMissingReferencesUpToTheSecondKeyPicture) {
+TEST(DamageFinder, IgnoresMissingReferencesFromTheFirstToTheSecondKeyPicture) {
     for (const auto& [unit, found] : {std::pair(2, 0u), {9, 0u}, {10, 1u}, {57, 1u}}) {
         Stream stream;
         stream.during = [&stream, unit = unit](int64_t n) {
             if (n == unit) stream.finder.complained(n, DamageFinder::kOfReferences);
         };
         EXPECT_EQ(stream.run().damaged(), found) << unit;
+    }
+}
+
+TEST(DamageFinder, CountsMissingReferencesOfWhatIsShownBeforeTheFirstKeyPicture) {
+    for (const bool shown : {false, true}) {
+        Stream stream;
+        stream.key = [](int64_t n) { return n >= 5 && n % 10 == 5; };
+        stream.comes_out = [shown](int64_t n) { return n >= 5 || shown; };
+        stream.during = [&](int64_t n) {
+            if (n == 2) stream.finder.complained(n, DamageFinder::kOfReferences);
+        };
+        EXPECT_EQ(stream.run().damaged(), shown ? 1u : 0u);
     }
 }
 
