@@ -310,6 +310,7 @@ class Bench:
             elif output:
                 self.linking[output.group(1)] = command
         self.library = next((t for t, c in self.linking.items() if room.library in c), "") if room.library else ""
+        self.unit = min(str(path.relative_to(self.source)) for pattern in room.units for path in self.source.glob(pattern))
         self.jobs = jobs
         self.includes = {}
         self.frozen = frozen
@@ -338,11 +339,21 @@ class Bench:
         subprocess.run(["ninja", "-C", self.build, f"-j{self.jobs}", *programs], check=True, stdout=sys.stderr)
         self.includes = self.read_includes()
         known = json.loads(self.durations.read_text()) if self.durations.exists() else {}
+        made = Made(self, self.unit, tree)
+        try:
+            for test in tests:
+                made.target(test.program)
+            if self.library:
+                made.target(self.library)
+            if any(runs_the_program(test) for test in tests):
+                made.target(PROGRAM)
+        except DoesNotCompile:
+            fail(f"{self.unit} as it is does not compile the way that mutants do")
         for test in tests:
             # A frozen test takes as long as it took; otherwise it has to pass first.
             if not self.frozen or test.name not in known:
                 begin = time.monotonic()
-                if not self.passes(test, Made(self, None, tree), 900):
+                if not self.passes(test, made, 900):
                     fail(f"{test.name} fails on the sources as they are")
                 known[test.name] = time.monotonic() - begin
             test.seconds = known[test.name]
