@@ -25,7 +25,8 @@ using namespace gsve::cli;
 
 using Command = std::function<int()>;
 
-const std::map<std::string, Report> kReports = {{"text", Report::kText}, {"json", Report::kJson}};
+const std::map<std::string, ReportFormat> kReports = {{"text", ReportFormat::kText},
+                                                      {"json", ReportFormat::kJson}};
 
 // Each command adds its options to the parser, and itself as what is to run once they have been read.
 

@@ -20,7 +20,7 @@
 #include <orb_utils_v4/misc.h>
 
 #include "detail/assertion.h"
-#include "detail/cc_data.h"
+#include "detail/caption_payloads.h"
 #include "detail/chroma_format.h"
 #include "detail/ffmpeg_compat.h"
 #include "detail/frame_rate.h"
@@ -63,7 +63,7 @@ constexpr uint64_t kPicturesInFlight = 60;
 /// this the one with the highest timestamp has waited for over 900 pictures, longer than any codec holds one.
 constexpr size_t kMostSideData = 1024;
 
-detail::FrameRate source_rate(const Encoder& e) { return {e.frame_rate_num, e.frame_rate_den}; }
+detail::SourceRate source_rate(const Encoder& e) { return {e.frame_rate_num, e.frame_rate_den}; }
 
 void print(const char* text) { std::fputs(text, stderr); }
 
@@ -938,7 +938,7 @@ void configure_flags(Encoder& e) {
 }
 
 void configure_frame_rate(Encoder& e) {
-    const detail::FrameRate rate = source_rate(e);
+    const detail::SourceRate rate = source_rate(e);
     e.frame_rate_divider = detail::frame_rate_divider(rate, e.frame_rate_limit);
     if (e.frame_rate_limit > 0) {
         const double divided = e.frame_rate_divider == 1 ? rate.value() : rate.divided(e.frame_rate_divider);
@@ -993,7 +993,7 @@ void configure_picture(Encoder& e, CodecOptions& options) {
 }
 
 void configure_time_base(Encoder& e) {
-    const detail::FrameRate rate = source_rate(e);
+    const detail::SourceRate rate = source_rate(e);
     const detail::TimeBase time_base = detail::codec_time_base(rate, e.frame_rate_divider);
     e.mpeg_context->time_base = {time_base.num, time_base.den};
     std::fprintf(stderr, "Source frame rate %.6f (%u/%u) encoder frame rate %.6f (%u/%u)\n", rate.value(),
@@ -1569,7 +1569,7 @@ const AuxData* find_record(const Encoder& e, uint64_t pts, const char* function)
     return record == e.aux_data_map.end() ? nullptr : &record->second;
 }
 
-detail::PictureCaptions captions_of(const AuxData* record) {
+detail::PictureWords captions_of(const AuxData* record) {
     if (!record) return {};
     return {record->eia608_word_field1, record->eia608_word_field2, record->cea708_words,
             std::min<uint32_t>(record->cea708_count, AuxData::kMaxCea708Words)};
@@ -1585,7 +1585,7 @@ bool alternates_fields(const Encoder& e) {
     return source_rate(e).divided_whole(e.frame_rate_divider) > kFastestRateWithBothFields;
 }
 
-void complain(const detail::CcDataOutcome& outcome, const detail::PictureCaptions& captions) {
+void complain(const detail::PayloadOutcome& outcome, const detail::PictureWords& captions) {
     if (outcome.anomaly != detail::Eia608Anomaly::none)
         print(detail::kEia608AnomalyTexts[static_cast<size_t>(outcome.anomaly)]);
     if (outcome.cea708_examined < captions.cea708_count)
@@ -1614,7 +1614,7 @@ void Encoder::mpeg_insert_eia608_cc() {
     if (!p) return;
     p = detail::write_cc_user_data_header(p, pictures);
     for (; eia608_next_pts < static_cast<uint64_t>(dts); eia608_next_pts++) {
-        const detail::PictureCaptions captions =
+        const detail::PictureWords captions =
             captions_of(find_record(*this, eia608_next_pts, __PRETTY_FUNCTION__));
         p = detail::write_cc_user_data_words(p, captions.eia608_word_field1, captions.eia608_word_field2);
     }
@@ -1629,8 +1629,8 @@ void Encoder::mpeg_insert_cea708_cc(size_t pts) {
     if (!p) return;
     detail::require(p + size == slice, "p == pf", __LINE__, __PRETTY_FUNCTION__);
 
-    const detail::PictureCaptions captions = captions_of(find_record(*this, pts, __PRETTY_FUNCTION__));
-    const detail::CcDataOutcome outcome = detail::write_atsc1_data(
+    const detail::PictureWords captions = captions_of(find_record(*this, pts, __PRETTY_FUNCTION__));
+    const detail::PayloadOutcome outcome = detail::write_atsc1_data(
         detail::write_user_data_start_code(p), captions, count, alternates_fields(*this), pts % 2 != 0);
     complain(outcome, captions);
 }
@@ -1645,9 +1645,9 @@ void Encoder::h264_insert_cea708_cc(size_t pts) {
                     __LINE__, __PRETTY_FUNCTION__);
 
     const unsigned count = cc_count(*this);
-    const detail::PictureCaptions captions = captions_of(find_record(*this, pts, __PRETTY_FUNCTION__));
+    const detail::PictureWords captions = captions_of(find_record(*this, pts, __PRETTY_FUNCTION__));
     uint8_t sei[detail::caption_sei_size(detail::kMaxCcCount)];
-    const detail::CcDataOutcome outcome =
+    const detail::PayloadOutcome outcome =
         detail::write_caption_sei(sei, captions, count, alternates_fields(*this), pts % 2 != 0);
     complain(outcome, captions);
 

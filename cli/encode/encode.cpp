@@ -70,12 +70,12 @@ private:
 };
 
 void print_results(const EncodeOptions& options, const EncodeResult& result) {
-    if (options.report == Report::kJson) {
+    if (options.report == ReportFormat::kJson) {
         fmt::print("{}", report::encode_json(result));
         return;
     }
     if (!options.quiet) fmt::print("{}", report::summary_text(result));
-    if (options.report == Report::kText) fmt::print("{}", report::status_text(result));
+    if (options.report == ReportFormat::kText) fmt::print("{}", report::status_text(result));
 }
 
 std::string damage_note(const EncodeResult& result) {

@@ -9,7 +9,7 @@
 
 namespace gsve::cli {
 
-enum class Report { kNone, kText, kJson };
+enum class ReportFormat { kNone, kText, kJson };
 
 struct EncodeOptions {
     std::string input;
@@ -20,7 +20,7 @@ struct EncodeOptions {
     programme::CaptionChoice captions;
     std::string timecode;  ///< of the first picture, at the encoded rate; "source": the input's; empty: none
     bool adapt = false;    ///< let the processor's load coarsen MPEG-2 pictures
-    Report report = Report::kNone;
+    ReportFormat report = ReportFormat::kNone;
     bool strict = false;  ///< an input that is damaged, or ends early, is a failure
     bool overwrite = false;
     bool quiet = false;

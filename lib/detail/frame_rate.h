@@ -10,7 +10,7 @@
 namespace gsve::detail {
 
 /// Source pictures per second as a fraction.
-struct FrameRate {
+struct SourceRate {
     int32_t num, den;
 
     double value() const { return static_cast<double>(num) / den; }
@@ -38,7 +38,7 @@ inline int32_t quotient32(int32_t a, int32_t b) {
 }
 
 /// Every how many source pictures one is encoded so that the rate stays within `limit` (0 or below: none).
-inline uint32_t frame_rate_divider(FrameRate rate, int32_t limit) {
+inline uint32_t frame_rate_divider(SourceRate rate, int32_t limit) {
     if (limit <= 0 || rate.num == 0 || rate.den == 0 || limit >= rate.value()) return 1;
     // Every divider below rate / limit fails, so the search starts just in front of it.
     uint32_t divider = std::max(2u, static_cast<uint32_t>(rate.value() / limit) - 1);
@@ -47,7 +47,7 @@ inline uint32_t frame_rate_divider(FrameRate rate, int32_t limit) {
 }
 
 /// The length of one encoded picture in ticks of 90 kHz, in 32-bit arithmetic.
-inline int32_t frame_duration_90k(FrameRate rate, uint32_t divider) {
+inline int32_t frame_duration_90k(SourceRate rate, uint32_t divider) {
     return quotient32(product32(product32(rate.den, divider), 90000), rate.num);
 }
 
@@ -75,7 +75,7 @@ inline constexpr RateBand kRateBands[] = {
 };
 
 /// The time base for a source rate, snapped to the exact broadcast rate where a band holds it.
-inline TimeBase codec_time_base(FrameRate rate, uint32_t divider) {
+inline TimeBase codec_time_base(SourceRate rate, uint32_t divider) {
     for (const RateBand& band : kRateBands)
         if (band.holds(rate.value()))
             return {product32(band.factor, divider), band.rate,

@@ -143,7 +143,7 @@ TEST_P(EncodeToContainer, CarriesEveryPictureOnceAtItsTime) {
     expect_times(clip, format, every(1, kPictures));
 
     std::map<std::string, int> types;
-    for (const DecodedPicture& picture : clip.pictures) types[{picture.type}]++;
+    for (const ClipPicture& picture : clip.pictures) types[{picture.type}]++;
     EXPECT_EQ(report_of(result)["pictures"]["types"].get<decltype(types)>(), types);
     EXPECT_GT(types["B"], 0) << "nothing is reordered here";
 }
@@ -260,7 +260,7 @@ TEST_P(EncodeInterlaced, CarriesTheFieldOrder) {
     const ClipFormat format = {.interlacing = interlacing};
     const std::string out = directory / "out.mp4";
     ASSERT_EQ(run({"encode", y4m(format), out, "--codec", codec}).status, 0);
-    for (const DecodedPicture& picture : decode_clip(out).pictures) {
+    for (const ClipPicture& picture : decode_clip(out).pictures) {
         EXPECT_EQ(picture.interlaced, interlacing != 'p');
         EXPECT_EQ(picture.top_field_first, interlacing == 't');
     }

@@ -162,7 +162,7 @@ inline void write_mkv(const std::string& path, const ClipFormat& format, const s
 }
 
 /// A decoded picture, in display order.
-struct DecodedPicture {
+struct ClipPicture {
     double seconds = 0;  ///< presentation time, as the container has it
     int width = 0, height = 0;
     AVPixelFormat format = AV_PIX_FMT_NONE;
@@ -176,7 +176,7 @@ struct DecodedClip {
     AVCodecID codec = AV_CODEC_ID_NONE;
     AVFieldOrder field_order = AV_FIELD_UNKNOWN;
     AVRational time_base = {1, 1};
-    std::vector<DecodedPicture> pictures;
+    std::vector<ClipPicture> pictures;
     std::vector<int64_t> packet_pts, packet_dts;
     int errors = 0;  ///< packets or pictures that the decoder found damaged
 };
@@ -204,7 +204,7 @@ inline DecodedClip decode_clip(const std::string& path) {
     const auto take_pictures = [&] {
         int result;
         while ((result = avcodec_receive_frame(decoder, frame)) == 0) {
-            DecodedPicture picture;
+            ClipPicture picture;
             clip.errors += frame->decode_error_flags != 0;
             picture.seconds = static_cast<double>(frame->best_effort_timestamp) * av_q2d(stream->time_base);
             picture.width = frame->width;
@@ -240,7 +240,7 @@ inline DecodedClip decode_clip(const std::string& path) {
 }
 
 /// Luma PSNR of a decoded picture against picture `number` of the clip, over the decoded size.
-inline double luma_psnr(const DecodedPicture& decoded, const ClipFormat& format, unsigned number) {
+inline double luma_psnr(const ClipPicture& decoded, const ClipFormat& format, unsigned number) {
     const TestPicture source = clip_picture(format, number);
     double squares = 0;
     for (int row = 0; row < decoded.height; row++)
@@ -254,7 +254,7 @@ inline double luma_psnr(const DecodedPicture& decoded, const ClipFormat& format,
 }
 
 /// The number of the clip's picture that a decoded one shows.
-inline unsigned recognise(const DecodedPicture& decoded, const ClipFormat& format, unsigned pictures) {
+inline unsigned recognise(const ClipPicture& decoded, const ClipFormat& format, unsigned pictures) {
     unsigned best = 0;
     double best_psnr = -1;
     for (unsigned n = 0; n < pictures; n++)

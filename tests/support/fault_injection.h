@@ -316,14 +316,14 @@ inline void listened_free(void* memory) {
 }
 
 /// One call out of the encoder library. Calls of anybody else's neither count nor fail.
-struct Call {
-    Call(FaultKind kind, const char* operation, const void* caller)
+struct ListenedCall {
+    ListenedCall(FaultKind kind, const char* operation, const void* caller)
         : from_library(fault_injector().listens() && origin_of(caller) == Origin::kLibrary),
           fails(from_library && fault_injector().fails(kind, Origin::kLibrary, operation)),
           is_codec_call(from_library && kind == FaultKind::kCodecCall) {
         if (is_codec_call) fault_injector().codec_call = operation;
     }
-    ~Call() {
+    ~ListenedCall() {
         if (is_codec_call) fault_injector().codec_call = "";
     }
     const bool from_library, fails, is_codec_call;
@@ -388,9 +388,9 @@ GSVE_BEFORE_SANITIZER void free(void* memory) {
 [[gnu::noinline]] void operator delete[](void* memory, size_t) noexcept { gsve::test::listened_free(memory); }
 
 // The body of a function in front of the real one: `failure` is what it returns when it is made to fail.
-#define GSVE_FRONT(kind, name, failure, ...)                                      \
-    static const auto next = gsve::test::next_function<decltype(name)>(#name);    \
-    const gsve::test::Call call(gsve::test::FaultKind::kind, #name, GSVE_CALLER); \
+#define GSVE_FRONT(kind, name, failure, ...)                                              \
+    static const auto next = gsve::test::next_function<decltype(name)>(#name);            \
+    const gsve::test::ListenedCall call(gsve::test::FaultKind::kind, #name, GSVE_CALLER); \
     return call.fails ? failure : next(__VA_ARGS__)
 
 extern "C" {
@@ -427,7 +427,8 @@ int avcodec_send_frame(AVCodecContext* context, const AVFrame* frame) {
 int avcodec_receive_packet(AVCodecContext* context, AVPacket* packet) {
     static const auto next =
         gsve::test::next_function<decltype(avcodec_receive_packet)>("avcodec_receive_packet");
-    const gsve::test::Call call(gsve::test::FaultKind::kCodecCall, "avcodec_receive_packet", GSVE_CALLER);
+    const gsve::test::ListenedCall call(gsve::test::FaultKind::kCodecCall, "avcodec_receive_packet",
+                                        GSVE_CALLER);
     const int result = next(context, packet);
     if (!call.fails) return result;
     // libavcodec keeps no packet that it could not deliver.
@@ -452,8 +453,8 @@ bool comm_socket_v4_packet_write_nv_pairf(comm_socket_v4_packet* packet, const c
     va_end(arguments);
     static const auto next = gsve::test::next_function<decltype(comm_socket_v4_packet_write_nv_pairf)>(
         "comm_socket_v4_packet_write_nv_pairf");
-    const gsve::test::Call call(gsve::test::FaultKind::kHostCall, "comm_socket_v4_packet_write_nv_pairf",
-                                GSVE_CALLER);
+    const gsve::test::ListenedCall call(gsve::test::FaultKind::kHostCall,
+                                        "comm_socket_v4_packet_write_nv_pairf", GSVE_CALLER);
     return !call.fails && next(packet, name, "%s", value);
 }
 int h264_nal_write(uint8_t* out, unsigned long capacity, uint8_t* rbsp, unsigned long length,
@@ -478,7 +479,7 @@ int open(const char* path, int flags, ...) {
     const unsigned mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, unsigned) : 0;
     va_end(arguments);
     static const auto next = gsve::test::next_function<int(const char*, int, ...)>("open");
-    const gsve::test::Call call(gsve::test::FaultKind::kFileCall, "open", GSVE_CALLER);
+    const gsve::test::ListenedCall call(gsve::test::FaultKind::kFileCall, "open", GSVE_CALLER);
     if (call.fails) {
         errno = EMFILE;
         return -1;
@@ -493,7 +494,7 @@ int open(const char* path, int flags, ...) {
 
 ssize_t write(int fd, const void* data, size_t size) {
     static const auto next = gsve::test::next_function<ssize_t(int, const void*, size_t)>("write");
-    const gsve::test::Call call(gsve::test::FaultKind::kFileCall, "write", GSVE_CALLER);
+    const gsve::test::ListenedCall call(gsve::test::FaultKind::kFileCall, "write", GSVE_CALLER);
     if (!call.fails) return next(fd, data, size);
     errno = ENOSPC;
     return -1;
@@ -501,7 +502,7 @@ ssize_t write(int fd, const void* data, size_t size) {
 
 int close(int fd) {
     static const auto next = gsve::test::next_function<int(int)>("close");
-    const gsve::test::Call call(gsve::test::FaultKind::kFileCall, "close", GSVE_CALLER);
+    const gsve::test::ListenedCall call(gsve::test::FaultKind::kFileCall, "close", GSVE_CALLER);
     const int result = next(fd);
     if (!call.fails) return result;
     errno = EIO;  // Linux has closed the descriptor all the same

@@ -167,7 +167,7 @@ inline CleanRun clean_run(FaultSubject& host) {
 }
 
 /// What an operation brought while faults happened.
-struct Outcome {
+struct FaultOutcome {
     std::vector<bool> results;
     std::string printed;
 };
@@ -178,7 +178,8 @@ struct FaultOperation {
     std::set<FaultKind> kinds;                                   ///< what it does that can fail
     std::function<void(FaultSubject&)> prepare;                  ///< without faults
     std::function<void(FaultSubject&, std::vector<bool>&)> run;  ///< with faults; notes its results
-    std::function<void(FaultSubject&, const Outcome&, const FaultInjector&)> inspect;  ///< without faults
+    std::function<void(FaultSubject&, const FaultOutcome&, const FaultInjector&)>
+        inspect;  ///< without faults
 };
 
 inline void expect_closed(const GeneralStreamingVideoEncoder& host) {
@@ -258,7 +259,7 @@ inline const std::vector<FaultOperation>& fault_operations() {
          {kAllocation, kCodecCall, kFileCall},
          nothing,
          [](FaultSubject& host, std::vector<bool>& results) { results.push_back(host.client_addref()); },
-         [](FaultSubject& host, const Outcome& outcome, const FaultInjector& faults) {
+         [](FaultSubject& host, const FaultOutcome& outcome, const FaultInjector& faults) {
              inspect_opening(host, outcome.results.at(0), faults);
          }},
         {"Encoding",
@@ -277,7 +278,7 @@ inline const std::vector<FaultOperation>& fault_operations() {
                  results.push_back(host.write(n));
              }
          },
-         [](FaultSubject& host, const Outcome& outcome, const FaultInjector& faults) {
+         [](FaultSubject& host, const FaultOutcome& outcome, const FaultInjector& faults) {
              const auto failures = std::count(outcome.results.begin(), outcome.results.end(), false);
              // The codec's failures and the dump's are not the call's; the first host call makes the window.
              const bool no_window =
@@ -309,7 +310,7 @@ inline const std::vector<FaultOperation>& fault_operations() {
              while (results.size() < 100 && (results.empty() || results.back()))
                  results.push_back(host.flush_delayed_video());
          },
-         [](FaultSubject& host, const Outcome& outcome, const FaultInjector& faults) {
+         [](FaultSubject& host, const FaultOutcome& outcome, const FaultInjector& faults) {
              EXPECT_FALSE(outcome.results.back()) << "the drain ends";
              EXPECT_TRUE(host.encoder_open);
              EXPECT_LE(host.units.size(), size_t{kPictures});
@@ -325,7 +326,7 @@ inline const std::vector<FaultOperation>& fault_operations() {
              host.on_set("bitrate", "1000000", true);
              results.push_back(host.encoder_open);
          },
-         [](FaultSubject& host, const Outcome& outcome, const FaultInjector& faults) {
+         [](FaultSubject& host, const FaultOutcome& outcome, const FaultInjector& faults) {
              inspect_opening(host, outcome.results.at(0), faults);
          }},
         {"Settings",
@@ -337,7 +338,7 @@ inline const std::vector<FaultOperation>& fault_operations() {
              for (const char* key : {"bitrate", "gop size", "resize", "s_tune_cpu", "closed gop", "encoder"})
                  host.on_set(key, kLongText.c_str(), false);
          },
-         [](FaultSubject& host, const Outcome&, const FaultInjector&) {
+         [](FaultSubject& host, const FaultOutcome&, const FaultInjector&) {
              for (const std::string* text :
                   {&host.encoder_name, &host.chroma_format, &host.h264_level, &host.h264_preset})
                  EXPECT_TRUE(text->empty() || *text == kLongText) << *text;
@@ -349,7 +350,7 @@ inline const std::vector<FaultOperation>& fault_operations() {
              for (int i = 0; i < 24; i++) host.write_captions();
              host.write_timecode(timecode);
          },
-         [](FaultSubject& host, const Outcome&, const FaultInjector&) {
+         [](FaultSubject& host, const FaultOutcome&, const FaultInjector&) {
              EXPECT_LE(host.cea708_queue.size(), 448u);
              EXPECT_LE(host.eia608_field1_queue.size(), 33u);
              EXPECT_LE(host.eia608_field2_queue.size(), 33u);
@@ -374,7 +375,7 @@ inline const std::vector<FaultOperation>& fault_operations() {
              results.push_back(host.on_report(&packet, kLongText.c_str(), nullptr, &parsing));
              results.push_back(host.on_report(&packet, "encoder", nullptr, &parsing));
          },
-         [](FaultSubject& host, const Outcome& outcome, const FaultInjector& faults) {
+         [](FaultSubject& host, const FaultOutcome& outcome, const FaultInjector& faults) {
              constexpr long kPairs = 4;
              for (long n = 0; n < 2 && faults.kind == kHostCall; n++) {
                  const long last = kPairs * (n + 1);
@@ -424,8 +425,8 @@ inline std::vector<bool> aborts(long count, const std::function<void(long)>& wor
 }
 
 /// A picture as the encoder sent it.
-struct SentPicture {
-    explicit SentPicture(const AVFrame& sent) : frame(av_frame_alloc()) {
+struct KeptPicture {
+    explicit KeptPicture(const AVFrame& sent) : frame(av_frame_alloc()) {
         av_frame_copy_props(frame.get(), &sent);
         frame->width = sent.width;
         frame->height = sent.height;
@@ -448,7 +449,7 @@ struct SentPicture {
 /// encoder was closed.
 struct Rehearsal {
     std::vector<Fault> opportunities;
-    std::vector<SentPicture> pictures;
+    std::vector<KeptPicture> pictures;
 };
 
 inline bool is_exchange(const Fault& fault) {
@@ -541,7 +542,7 @@ protected:
         FaultSubject host(c.codec);
         stderr_of([&] {
             c.operation->prepare(host);
-            Outcome outcome;
+            FaultOutcome outcome;
             outcome.results.reserve(128);
             rehearsal.opportunities.reserve(4096);
             faults.opportunities = &rehearsal.opportunities;
@@ -565,7 +566,7 @@ protected:
         bool happened = false;
         {
             FaultSubject host(c.codec);
-            Outcome outcome;
+            FaultOutcome outcome;
             outcome.results.reserve(128);
             bool threw = false;
             stderr_of(

@@ -1,7 +1,7 @@
 #pragma once
 
-// Caption bytes: EIA-608 parity, the cc_data structure of ATSC A/53 Part 4 (6.2.3.1) in MPEG-2 picture user
-// data and in an H.264 SEI message, and "CC" picture user data.
+// Captions as a picture carries them: EIA-608 parity, the cc_data structure of ATSC A/53 Part 4 (6.2.3.1) in
+// MPEG-2 picture user data and in an H.264 SEI message, and "CC" picture user data.
 
 #include <cstddef>
 #include <cstdint>
@@ -69,8 +69,8 @@ inline uint8_t* put_construct(uint8_t* p, uint8_t header, uint16_t value) {
     return put_word(p, value);
 }
 
-/// The captions of one picture. `cea708_words` may be null when the count is 0.
-struct PictureCaptions {
+/// The caption words of one picture. `cea708_words` may be null when the count is 0.
+struct PictureWords {
     uint16_t eia608_word_field1 = kEia608NoWord;
     uint16_t eia608_word_field2 = kEia608NoWord;
     const zeph_cea708_word* cea708_words = nullptr;
@@ -98,7 +98,7 @@ inline Eia608Anomaly find_anomaly(bool field1_has_data, bool field2_has_data, bo
 }
 
 /// What composing found out beside the bytes.
-struct CcDataOutcome {
+struct PayloadOutcome {
     uint8_t* end;  ///< one past the last byte written
     Eia608Anomaly anomaly;
     unsigned cea708_examined;  ///< CEA-708 words looked at before the picture was full
@@ -109,8 +109,8 @@ struct CcDataOutcome {
 /// 8 + 3 * cc_count bytes, always the full number of constructs.
 inline constexpr size_t atsc1_data_size(unsigned cc_count) { return 8 + kCcConstructSize * cc_count; }
 
-inline CcDataOutcome write_atsc1_data(uint8_t* p, const PictureCaptions& captions, unsigned cc_count,
-                                      bool alternates_fields, bool odd_picture) {
+inline PayloadOutcome write_atsc1_data(uint8_t* p, const PictureWords& captions, unsigned cc_count,
+                                       bool alternates_fields, bool odd_picture) {
     constexpr uint8_t kUserIdentifier[] = {'G', 'A', '9', '4'};
     constexpr uint8_t kCcDataTypeCode = 0x03;
     constexpr uint8_t kProcessCcDataFlag = 0x40;
@@ -147,8 +147,8 @@ inline constexpr size_t caption_sei_size(unsigned cc_count) { return 6 + atsc1_d
 
 /// SEI RBSP with one user_data_registered_itu_t_t35 message (ITU-T H.264, D.1.6; A/53 Part 4, 6.2.1):
 ///     04  payload size  B5  00 31  ATSC1_data  80
-inline CcDataOutcome write_caption_sei(uint8_t* p, const PictureCaptions& captions, unsigned cc_count,
-                                       bool alternates_fields, bool odd_picture) {
+inline PayloadOutcome write_caption_sei(uint8_t* p, const PictureWords& captions, unsigned cc_count,
+                                        bool alternates_fields, bool odd_picture) {
     constexpr uint8_t kRegisteredUserData = 0x04;
     constexpr uint8_t kCountryUnitedStates = 0xB5;
     constexpr uint16_t kProviderAtsc = 0x0031;
@@ -158,7 +158,7 @@ inline CcDataOutcome write_caption_sei(uint8_t* p, const PictureCaptions& captio
     *p++ = static_cast<uint8_t>(3 + atsc1_data_size(cc_count));
     *p++ = kCountryUnitedStates;
     p = put_word(p, kProviderAtsc);
-    CcDataOutcome outcome = write_atsc1_data(p, captions, cc_count, alternates_fields, odd_picture);
+    PayloadOutcome outcome = write_atsc1_data(p, captions, cc_count, alternates_fields, odd_picture);
     *outcome.end++ = kRbspTrailingBits;
     return outcome;
 }
