@@ -11,33 +11,41 @@ namespace {
 
 volatile std::sig_atomic_t received = 0;
 
-void remember(int signal) { received = signal; }
-
 void clean_up_and_die(int signal) {
     programme::remove_temporary_files();
-    show_held_diagnostics();
-    std::raise(signal);  // its handler is the default one again
+    if (signal != received) show_held_diagnostics();  // a user who wants it to end at once does not ask why
+    std::raise(signal);                               // its handler is the default one again
+}
+
+void handle(int signal, void (*handler)(int), int flags) {
+    struct sigaction action = {};
+    action.sa_handler = handler;
+    action.sa_flags = flags;
+    sigaction(signal, &action, nullptr);
+}
+
+void handle_last(int signal) {
+    handle(signal, clean_up_and_die, static_cast<int>(SA_RESETHAND | SA_NODEFER));
+}
+
+void remember(int signal) {
+    received = signal;
+    handle_last(signal);
 }
 
 }  // namespace
 
 void clean_up_on_fatal_signals() {
-    struct sigaction action = {};
-    action.sa_handler = clean_up_and_die;
-    action.sa_flags = static_cast<int>(SA_RESETHAND | SA_NODEFER);
-    for (const int signal : {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL}) sigaction(signal, &action, nullptr);
+    for (const int signal : {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL}) handle_last(signal);
 }
 
 void catch_stop_signals() {
-    struct sigaction action = {};
-    action.sa_handler = remember;
-    // Not SA_RESTART: a read that waits for a pipe or a network has to come back.
-    action.sa_flags = static_cast<int>(SA_RESETHAND);
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         struct sigaction inherited = {};
         sigaction(signal, nullptr, &inherited);
         const bool outlives_terminal = signal == SIGHUP && inherited.sa_handler == SIG_IGN;  // nohup
-        if (!outlives_terminal) sigaction(signal, &action, nullptr);
+        // Not SA_RESTART: a read that waits for a pipe or a network has to come back.
+        if (!outlives_terminal) handle(signal, remember, 0);
     }
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 
 // Ctrl-C, termination and a closed terminal: the first signal asks the running command to end its stream
-// cleanly, a second one ends the process.
+// cleanly, a second one ends the process without an output.
 
 namespace gsve::cli {
 

@@ -813,6 +813,28 @@ TEST_P(EncodeStopped, LeavesACompleteFile) {
     expect_times(clip, format, every(1, static_cast<unsigned>(clip.pictures.size())));
 }
 
+TEST_P(EncodeStopped, EndsAtOnceWithoutAFileOnTheSecondSignal) {
+    // The codec holds pictures that take it a while: the first signal has them encoded, the second does not
+    // wait.
+    const int signal = GetParam();
+    const ClipFormat format{.width = 480, .height = 272};
+    const std::string in = directory / "in.y4m";
+    ASSERT_EQ(mkfifo(in.c_str(), 0600), 0);
+    const Program program({"encode", in, directory / "out.mp4", "--set", "h.264 preset=veryslow", "--set",
+                           "maximum threads=1"});
+    const PictureFeed feed(in, format, 60);
+    feed.wait_until_read();
+    for (int n = 0; n < 2; n++) {
+        program.send(signal);
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    EXPECT_EQ(program.wait().status, 128 + signal);
+    std::vector<std::string> files;
+    for (const auto& entry : std::filesystem::directory_iterator(std::filesystem::path(in).parent_path()))
+        files.push_back(entry.path().filename());
+    EXPECT_THAT(files, testing::ElementsAre("in.y4m"));
+}
+
 INSTANTIATE_TEST_SUITE_P(Signals, EncodeStopped, testing::Values(SIGINT, SIGTERM, SIGHUP));
 
 }  // namespace
