@@ -288,6 +288,57 @@ TEST(PictureEncoder, LeavesTheCodecsTimeCodeWhereNoneIsGiven) {
     EXPECT_EQ(*first.gop->timecode, Timecode{});
 }
 
+/// The units of a film of 40 pictures with captions, every second of which has a third pair.
+std::vector<KeptUnit> film_units(const char* codec, gsve::captions::LineRate line_rate) {
+    Session session({{"encoder", codec}, {"enable cea-708", "1"}, {"enable eia-608", "0"}}, {24, 1});
+    EXPECT_TRUE(session.open());
+    session.encoder.carry_line_rate(line_rate);
+    for (uint64_t n = 0; n < 40; n++) {
+        Ancillary ancillary;
+        ancillary.captions.words[0] = pair_of(n, 0);
+        ancillary.captions.words[1] = n % 3 == 0 ? 0 : pair_of(n, 1);
+        ancillary.captions.has_third = n % 2 == 1;
+        ancillary.captions.third = ancillary.captions.has_third ? pair_of(n + 2000, 0) : 0;
+        ancillary.captions.cea708 = constructs_of(n);
+        session.push(n, ancillary);
+    }
+    session.drain();
+    return session.units;
+}
+
+TEST(PictureEncoder, FullRateOfFilmChangesTheReservedBitsAndAddsTheThirdPair) {
+    constexpr size_t kCcCount = 25;
+    const Bytes kUserIdentifier = {'G', 'A', '9', '4', 0x03};
+    for (const char* codec : {"mpeg-2", "h.264"}) {
+        SCOPED_TRACE(codec);
+        const auto full = film_units(codec, gsve::captions::LineRate::kFull);
+        const auto plain = film_units(codec, gsve::captions::LineRate::kPairOfEachField);
+        ASSERT_EQ(full.size(), 40u);
+        ASSERT_EQ(plain.size(), 40u);
+        for (size_t k = 0; k < full.size(); k++) {
+            SCOPED_TRACE("picture " + std::to_string(full[k].pts));
+            Bytes bytes = full[k].bytes;
+            const auto body =
+                std::search(bytes.begin(), bytes.end(), kUserIdentifier.begin(), kUserIdentifier.end()) + 5;
+            ASSERT_GT(bytes.end() - body, static_cast<ptrdiff_t>(2 + 3 * kCcCount));
+            EXPECT_EQ(body[0], 0xC0 | kCcCount);
+            EXPECT_EQ(body[1], 0xFF);
+            body[0] = 0x40 | kCcCount;
+            body[1] = 0x00;
+            if (full[k].pts % 2 == 1) {
+                const auto third = body + 2 + 2 * 3;
+                const Word pair = pair_of(static_cast<uint64_t>(full[k].pts) + 2000, 0);
+                EXPECT_THAT(Bytes(third, third + 3), ElementsAre(0xFC, pair >> 8, pair & 0xFF));
+                // Without it, what follows moves up and one more construct is padding.
+                const auto end = body + 2 + 3 * kCcCount;
+                std::copy(third + 3, end, third);
+                std::copy_n(Bytes{0xFA, 0x00, 0x00}.begin(), 3, end - 3);
+            }
+            EXPECT_EQ(bytes, plain[k].bytes);
+        }
+    }
+}
+
 TEST(PictureEncoder, WritesCcUserDataWithThePairsOfAllPicturesUpToTheLastThatCarriesIt) {
     for (const char* on_p_frames : {"0", "1"})
         for (const char* per_frame : {"0", "1"}) {
