@@ -24,7 +24,8 @@ public:
     /// Reads units of the codec that `encoder` has open.
     explicit PictureTypeReader(const AVCodecContext& encoder);
 
-    /// 'I', 'P' or 'B'; '?' where the unit does not tell.
+    /// 'I', 'P' or 'B'. An encoder's units always tell; of others '?' where MPEG-2 has no picture header, and
+    /// 'I' where H.264 or H.265 has no slice.
     char type(std::span<const uint8_t> unit);
 
 private:
