@@ -1,5 +1,6 @@
 #include "programme/frame_decoder.h"
 
+#include <algorithm>
 #include <cmath>
 #include <new>
 
@@ -108,12 +109,15 @@ int64_t FrameDecoder::continuous_time(const AVFrame& frame) {
     const AVRational time_base = source_.stream().time_base;
     const bool known = source_.timed() && frame.best_effort_timestamp != AV_NOPTS_VALUE;
     int64_t time = known ? frame.best_effort_timestamp + clock_offset_ : next_time_;
-    const double jump = static_cast<double>(time - next_time_) * av_q2d(time_base);
-    if (decoded_ == 0 || jump < -kLargestStepBack || jump > kLargestGap) {
+    // A rate that the container guessed too low does not make the next picture come too early.
+    const bool restarted =
+        seconds(time - time_) < -kLargestStepBack || seconds(time - next_time_) > kLargestGap;
+    if (decoded_ == 0 || restarted) {
         clock_offset_ -= time - next_time_;
         time = next_time_;
     }
-    gap_ = time - next_time_;
+    gap_ = std::max<int64_t>(time - next_time_, 0);
+    time_ = time;
     const AVRational field_duration = {own_rate_.den, 2 * own_rate_.num};
     next_time_ = time + av_rescale_q(2 + frame.repeat_pict, field_duration, time_base);
     return time;

@@ -68,6 +68,7 @@ private:
     bool decoded_all_ = false;
     bool read_all_ = false;     ///< there is no further packet
     int64_t gap_ = 0;           ///< time for which no picture came, before the latest one
+    int64_t time_ = 0;          ///< of the latest picture
     int64_t next_time_ = 0;     ///< expected of the next picture
     int64_t clock_offset_ = 0;  ///< added to the container's times since its clock was restarted
     std::string problem_;

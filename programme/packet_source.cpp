@@ -29,7 +29,7 @@ PacketSource::PacketSource(const std::string& path, StopRequest stop, DecoderLog
     codec_ = video.codec;
     joiner_ = UnitJoiner(*stream_->codecpar);
     log_.watch(*format_);
-    if (joiner_.active()) count_pictures_in_rate();
+    if (joiner_.active() || !has_average_rate()) count_pictures_in_rate();
 }
 
 int PacketSource::interrupted(void* source) { return static_cast<const PacketSource*>(source)->stopped(); }
@@ -76,24 +76,29 @@ int PacketSource::read_joined(AVPacket& packet) {
     return 0;
 }
 
-/// Where samples are not whole pictures, libavformat has taken their rate for that of the pictures.
+bool PacketSource::has_average_rate() const { return !timed() || is_rate(stream_->avg_frame_rate); }
+
+/// Where samples are not whole pictures, libavformat has taken their rate for that of the pictures; where it
+/// has no average, for uneven times in some containers, it has taken the ticks' rate.
 void PacketSource::count_pictures_in_rate() {
     constexpr size_t kFew = 2, kMany = 60;
+    const bool has_average = has_average_rate();
     std::vector<int64_t> times;
-    while (ahead_.size() < (joined_ > 0 ? kMany : kFew)) {
+    while (ahead_.size() < (joined_ > 0 || !has_average ? kMany : kFew)) {
         PacketPtr packet(av_packet_alloc());
         if (!packet) throw std::bad_alloc();
-        if (read_joined(*packet) < 0) break;
+        if ((joiner_.active() ? read_joined(*packet) : read(*packet)) < 0) break;
         if (packet->pts != AV_NOPTS_VALUE) times.push_back(packet->pts);
         ahead_.push_back(std::move(packet));
     }
-    if (joined_ == 0 || times.size() < 2) return;
+    if ((joined_ == 0 && has_average) || times.size() < 2) return;
     const auto [first, last] = std::minmax_element(times.begin(), times.end());
     const double seconds = static_cast<double>(*last - *first) * av_q2d(stream_->time_base);
     const double rate = static_cast<double>(times.size() - 1) / seconds;
     constexpr double kSame = 0.1;
     if (seconds <= 0 || std::abs(av_q2d(picture_rate(format_.get(), stream_)) / rate - 1) < kSame) return;
-    stream_->avg_frame_rate = stream_->r_frame_rate = encoding::broadcast_rate(av_d2q(rate, 1001));
+    stream_->avg_frame_rate = encoding::broadcast_rate(av_d2q(rate, 1001));
+    if (joined_ > 0) stream_->r_frame_rate = stream_->avg_frame_rate;
 }
 
 void PacketSource::note_extent(const AVPacket& packet) {
@@ -137,9 +142,8 @@ double PacketSource::promised_after_end(bool confirmed) const {
     if (stream_->duration > 0)
         return static_cast<double>(stream_->duration - (end_time_ - first_time_)) * tick;
     if (format_->duration <= 0 || !(confirmed || format_->nb_streams == 1)) return 0;
-    const int64_t start = format_->start_time == AV_NOPTS_VALUE ? 0 : format_->start_time;
-    return static_cast<double>(start + format_->duration) / AV_TIME_BASE -
-           static_cast<double>(end_time_) * tick;
+    // Multiplexers count a file's duration from 0, too, whatever its first time is.
+    return static_cast<double>(format_->duration) / AV_TIME_BASE - static_cast<double>(end_time_) * tick;
 }
 
 std::optional<CaptionForm> PacketSource::find_captions(double seconds) {

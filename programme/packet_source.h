@@ -56,6 +56,7 @@ public:
 private:
     int read(AVPacket& packet);
     int read_joined(AVPacket& packet);
+    bool has_average_rate() const;
     void count_pictures_in_rate();
     void note_extent(const AVPacket& packet);
     void note_end(bool reader_complains);
