@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <new>
 #include <span>
 #include <string>
 
@@ -36,6 +37,23 @@ using PacketPtr = std::unique_ptr<AVPacket, FreeByAddress<av_packet_free>>;
 using CodecContextPtr = std::unique_ptr<AVCodecContext, FreeByAddress<avcodec_free_context>>;
 using ParametersPtr = std::unique_ptr<AVCodecParameters, FreeByAddress<avcodec_parameters_free>>;
 using ParserPtr = std::unique_ptr<AVCodecParserContext, CloseParser>;
+
+/// Throws std::bad_alloc where memory was asked for and is not `there`.
+inline void check_memory(bool there) {
+    if (!there) throw std::bad_alloc();
+}
+
+inline FramePtr new_frame() {
+    FramePtr frame(av_frame_alloc());
+    check_memory(frame != nullptr);
+    return frame;
+}
+
+inline PacketPtr new_packet() {
+    PacketPtr packet(av_packet_alloc());
+    check_memory(packet != nullptr);
+    return packet;
+}
 
 inline std::span<const uint8_t> bytes_of(const AVPacket& packet) {
     return {packet.data, static_cast<size_t>(packet.size)};

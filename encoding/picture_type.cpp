@@ -1,6 +1,5 @@
 #include "encoding/picture_type.h"
 
-#include <new>
 #include <string_view>
 
 #include <orb_utils_v4/mpeg12_video.h>
@@ -20,10 +19,10 @@ PictureTypeReader::PictureTypeReader(const AVCodecContext& encoder) : codec_(enc
     parser_.reset(av_parser_init(codec_));
     context_.reset(avcodec_alloc_context3(nullptr));
     ParametersPtr parameters(avcodec_parameters_alloc());
-    if (!parser_ || !context_ || !parameters ||
-        avcodec_parameters_from_context(parameters.get(), &encoder) < 0 ||
-        avcodec_parameters_to_context(context_.get(), parameters.get()) < 0)  // with its parameter sets
-        throw std::bad_alloc();
+    check_memory(parser_ && context_ && parameters);
+    check_memory(avcodec_parameters_from_context(parameters.get(), &encoder) >= 0);
+    check_memory(avcodec_parameters_to_context(context_.get(), parameters.get()) >=
+                 0);  // with its parameter sets
     parser_->flags |= PARSER_FLAG_COMPLETE_FRAMES;
 }
 

@@ -46,7 +46,7 @@ void disguise(AVPacket& packet, std::string_view pattern) {
     for (size_t at = 0;; at += pattern.size()) {
         at = find(text(bytes_of(packet)), pattern, at);
         if (at == std::string_view::npos) return;
-        if (av_packet_make_writable(&packet) < 0) throw std::bad_alloc();
+        check_memory(av_packet_make_writable(&packet) >= 0);
         packet.data[at + kStartCodeSize] ^= kLetterCase;
     }
 }

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <new>
 
 #include <fmt/format.h>
 
@@ -22,12 +21,8 @@ FrameDecoder::FrameDecoder(PacketSource& source, const std::string& path)
     : source_(source),
       own_rate_(picture_rate(&source.format(), &source.stream())),
       finder_(1 / av_q2d(own_rate_)),
-      decoder_(avcodec_alloc_context3(&source.codec())),
-      packet_(av_packet_alloc()),
-      frame_(av_frame_alloc()) {
-    if (!packet_ || !frame_ || !decoder_ ||
-        avcodec_parameters_to_context(decoder_.get(), source.stream().codecpar) < 0)
-        throw std::bad_alloc();
+      decoder_(avcodec_alloc_context3(&source.codec())) {
+    check_memory(decoder_ && avcodec_parameters_to_context(decoder_.get(), source.stream().codecpar) >= 0);
     decoder_->pkt_timebase = source.stream().time_base;
     decoder_->thread_count = 0;
     number_frames(*decoder_);

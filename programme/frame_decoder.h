@@ -60,8 +60,8 @@ private:
     AVRational own_rate_;
     DamageFinder finder_;
     CodecContextPtr decoder_;
-    PacketPtr packet_;
-    FramePtr frame_;
+    PacketPtr packet_ = new_packet();
+    FramePtr frame_ = new_frame();
     PacketHook on_packet_;
     Shape shape_;
     uint64_t decoded_ = 0;

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <new>
 #include <stdexcept>
 #include <utility>
 
@@ -188,8 +187,7 @@ bool Input::advance() {
 
 /// The next picture at the frame rate, or null.
 FramePtr Input::read_picture() {
-    FramePtr frame(av_frame_alloc());
-    if (!frame) throw std::bad_alloc();
+    FramePtr frame = new_frame();
     for (;;) {
         int result = converter_->receive(*frame);
         if (result >= 0) return frame;

@@ -2,7 +2,6 @@
 
 // Opening a media file for its picture.
 
-#include <new>
 #include <string>
 
 #include <fmt/format.h>
@@ -23,7 +22,7 @@ struct VideoInput {
 /// Throws Failure where there is no such file, or no video in it. `interrupt` may end a read that blocks.
 inline VideoInput open_video_input(const std::string& path, AVIOInterruptCB interrupt = {}) {
     AVFormatContext* context = avformat_alloc_context();
-    if (!context) throw std::bad_alloc();
+    check_memory(context != nullptr);
     context->interrupt_callback = interrupt;
     if (const int error = avformat_open_input(&context, input_url(path).c_str(), nullptr, nullptr); error < 0)
         throw Failure(

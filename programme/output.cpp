@@ -60,8 +60,7 @@ public:
     Container(const std::string& muxer, const std::string& path, const encoding::PictureEncoder& encoder)
         : file_(path),
           picture_duration_(encoder.frame_rate_divider),
-          source_time_base_{encoder.frame_rate_den, encoder.frame_rate_num},
-          packet_(av_packet_alloc()) {
+          source_time_base_{encoder.frame_rate_den, encoder.frame_rate_num} {
         AVFormatContext* context = nullptr;
         const std::string url = file_url(file_.written_path());
         check(avformat_alloc_output_context2(&context, nullptr, muxer.c_str(), url.c_str()));
@@ -73,7 +72,6 @@ public:
     }
 
     void write(const encoding::EncodedUnit& unit) override {
-        if (!packet_) throw std::bad_alloc();
         // Lent for the call: with a single stream, nothing is held back for interleaving.
         packet_->data = const_cast<uint8_t*>(unit.bytes.data());
         packet_->size = static_cast<int>(unit.bytes.size());
@@ -95,7 +93,7 @@ public:
 private:
     void add_stream(const encoding::PictureEncoder& encoder) {
         AVStream* stream = avformat_new_stream(output_.get(), nullptr);
-        if (!stream) throw std::bad_alloc();
+        check_memory(stream != nullptr);
         check(avcodec_parameters_from_context(stream->codecpar, encoder.mpeg_context));
         stream->codecpar->codec_tag = 0;
         const bool interlaced = encoder.input_interlaced && encoder.resize_deinterlace < 0;
@@ -116,7 +114,7 @@ private:
     OutputFile file_;
     int64_t picture_duration_;
     AVRational source_time_base_;
-    PacketPtr packet_;
+    PacketPtr packet_ = new_packet();
     OutputPtr output_;
 };
 

@@ -4,7 +4,6 @@
 #include <cmath>
 #include <filesystem>
 #include <iterator>
-#include <new>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -61,8 +60,6 @@ int PacketSource::read(AVPacket& packet) {
 }
 
 int PacketSource::read_joined(AVPacket& packet) {
-    if (!held_) held_.reset(av_packet_alloc());
-    if (!held_) throw std::bad_alloc();
     if (held_->size == 0 && end_ == 0) end_ = std::min(read(*held_), 0);
     if (held_->size == 0 && end_ < 0) return end_;
     av_packet_move_ref(&packet, held_.get());
@@ -85,8 +82,7 @@ void PacketSource::count_pictures_in_rate() {
     const bool has_average = has_average_rate();
     std::vector<int64_t> times;
     while (ahead_.size() < (joined_ > 0 || !has_average ? kMany : kFew)) {
-        PacketPtr packet(av_packet_alloc());
-        if (!packet) throw std::bad_alloc();
+        PacketPtr packet = new_packet();
         if ((joiner_.active() ? read_joined(*packet) : read(*packet)) < 0) break;
         if (packet->pts != AV_NOPTS_VALUE) times.push_back(packet->pts);
         ahead_.push_back(std::move(packet));
@@ -153,8 +149,7 @@ std::optional<CaptionForm> PacketSource::find_captions(double seconds) {
     std::optional<CaptionForm> form;
     std::deque<PacketPtr> read;
     while (pictures_left > 0 && !form) {
-        PacketPtr packet(av_packet_alloc());
-        if (!packet) throw std::bad_alloc();
+        PacketPtr packet = new_packet();
         if (next(*packet) < 0) break;  // the decoder will meet the same end
         form = caption_form(codec, bytes_of(*packet));
         pictures_left--;
@@ -171,8 +166,7 @@ std::optional<CaptionForm> PacketSource::find_captions(double seconds) {
 /// Reads the file up to its first captions.
 std::optional<CaptionForm> PacketSource::captions_in_file() const {
     PacketSource again(path_, stop_);
-    const PacketPtr packet(av_packet_alloc());
-    if (!packet) throw std::bad_alloc();
+    const PacketPtr packet = new_packet();
     std::optional<CaptionForm> form;
     while (!form && again.next(*packet) >= 0)
         form = caption_form(again.stream().codecpar->codec_id, bytes_of(*packet));

@@ -71,10 +71,10 @@ private:
     AVStream* stream_ = nullptr;
     const AVCodec* codec_ = nullptr;
     UnitJoiner joiner_;
-    PacketPtr held_;               ///< read to see that it does not continue the one before
-    int end_ = 0;                  ///< what reading ended with
-    int joined_ = 0;               ///< packets that continued another
-    std::deque<PacketPtr> ahead_;  ///< read while looking for captions, or for the rate
+    PacketPtr held_ = new_packet();  ///< read to see that it does not continue the one before
+    int end_ = 0;                    ///< what reading ended with
+    int joined_ = 0;                 ///< packets that continued another
+    std::deque<PacketPtr> ahead_;    ///< read while looking for captions, or for the rate
 
     // Of the packets that have been read, in the stream's unit.
     int64_t first_time_ = AV_NOPTS_VALUE;

@@ -1,6 +1,5 @@
 #include "programme/picture_converter.h"
 
-#include <new>
 #include <string_view>
 
 #include <fmt/format.h>
@@ -43,10 +42,10 @@ PictureConverter::PictureConverter(const AVFrame& first, AVRational time_base, A
 void PictureConverter::build(const std::string& filters, const AVFrame& first, AVRational time_base,
                              AVRational frame_rate) {
     graph_.reset(avfilter_graph_alloc());
-    if (!graph_) throw std::bad_alloc();
+    check_memory(graph_ != nullptr);
     in_ = avfilter_graph_alloc_filter(graph_.get(), avfilter_get_by_name("buffer"), "in");
     AVBufferSrcParameters* parameters = av_buffersrc_parameters_alloc();
-    if (!in_ || !parameters) throw std::bad_alloc();
+    check_memory(in_ && parameters);
     describe_frames(*parameters, first, time_base, frame_rate);
     int error = av_buffersrc_parameters_set(in_, parameters);
     av_free(parameters);
@@ -57,7 +56,7 @@ void PictureConverter::build(const std::string& filters, const AVFrame& first, A
     if (error >= 0) {
         // Seen from the description: its open input is our source's output, and the other way round.
         FilterPadsPtr outputs(avfilter_inout_alloc()), inputs(avfilter_inout_alloc());
-        if (!outputs || !inputs) throw std::bad_alloc();
+        check_memory(outputs && inputs);
         *outputs = {av_strdup("in"), in_, 0, nullptr};
         *inputs = {av_strdup("out"), out_, 0, nullptr};
         AVFilterInOut* open_outputs = outputs.release();

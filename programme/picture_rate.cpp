@@ -11,7 +11,8 @@ AVRational picture_rate(AVFormatContext* input, AVStream* stream) {
     const AVRational average = timed ? stream->avg_frame_rate : AVRational{0, 1};
     const bool counts_fields =
         is_rate(guess) && is_rate(average) && std::abs(av_q2d(guess) / av_q2d(average) - 2) < 0.002;
-    return counts_fields ? average : is_rate(guess) ? guess : AVRational{25, 1};
+    if (is_rate(guess) && !counts_fields) return guess;
+    return is_rate(average) ? average : AVRational{25, 1};
 }
 
 bool has_constant_rate(const AVStream& stream) {

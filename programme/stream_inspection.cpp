@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
-#include <new>
 #include <string_view>
 #include <utility>
 
@@ -54,7 +53,7 @@ private:
     const AVStream* video_;
     BitstreamFilterPtr start_codes_;  ///< H.264 and H.265
     CodecContextPtr decoder_;
-    FramePtr frame_;
+    FramePtr frame_ = new_frame();
     std::vector<CodedUnit> units_;
     std::vector<int> fields_;  ///< for how many each picture is shown
     bool timed_ = false;       ///< the container has the pictures' times
@@ -62,11 +61,7 @@ private:
 };
 
 StreamReader::StreamReader(const std::string& path)
-    : path_(path),
-      source_(path, {}, DecoderLog::Lines::kSwallowed),
-      video_(&source_.stream()),
-      frame_(av_frame_alloc()) {
-    if (!frame_) throw std::bad_alloc();
+    : path_(path), source_(path, {}, DecoderLog::Lines::kSwallowed), video_(&source_.stream()) {
     open_decoder(source_.codec());
 
     stream_.format = source_.format().iformat->name;
@@ -83,24 +78,23 @@ void StreamReader::open_decoder(const AVCodec& codec) {
                                                              : nullptr;
     if (filter_name) {
         AVBSFContext* filter = nullptr;
-        if (av_bsf_alloc(av_bsf_get_by_name(filter_name), &filter) < 0) throw std::bad_alloc();
+        check_memory(av_bsf_alloc(av_bsf_get_by_name(filter_name), &filter) >= 0);
         start_codes_.reset(filter);
         filter->time_base_in = video_->time_base;
-        if (avcodec_parameters_copy(filter->par_in, parameters) < 0) throw std::bad_alloc();
+        check_memory(avcodec_parameters_copy(filter->par_in, parameters) >= 0);
         if (const int error = av_bsf_init(filter); error < 0)
             throw Failure(fmt::format("cannot decode {}: {}", path_, av_error_text(error)));
         parameters = filter->par_out;
     }
     decoder_.reset(avcodec_alloc_context3(&codec));
-    if (!decoder_ || avcodec_parameters_to_context(decoder_.get(), parameters) < 0) throw std::bad_alloc();
+    check_memory(decoder_ && avcodec_parameters_to_context(decoder_.get(), parameters) >= 0);
     decoder_->thread_count = 0;
     if (const int error = avcodec_open2(decoder_.get(), &codec, nullptr); error < 0)
         throw Failure(fmt::format("cannot decode {}: {}", path_, av_error_text(error)));
 }
 
 InspectedStream StreamReader::read() {
-    const PacketPtr packet(av_packet_alloc());
-    if (!packet) throw std::bad_alloc();
+    const PacketPtr packet = new_packet();
     for (;;) {
         const int result = source_.next(*packet);
         if (result == AVERROR_EOF) break;

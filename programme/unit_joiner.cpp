@@ -83,7 +83,7 @@ bool UnitJoiner::begins_decoding(Bytes nal) const {
 
 void UnitJoiner::append(AVPacket& unit, const AVPacket& next) const {
     const int size = unit.size;
-    if (av_grow_packet(&unit, next.size) < 0) throw std::bad_alloc();
+    check_memory(av_grow_packet(&unit, next.size) >= 0);
     std::memcpy(unit.data + size, next.data, static_cast<size_t>(next.size));
     // The end of an edit list may fall within the picture, whose time is its first part's.
     const int shown_after_all = ~(unit.flags & next.flags) & AV_PKT_FLAG_DISCARD;

@@ -178,5 +178,90 @@ TEST(DamageFinder, JoinsEndlessDamage) {
     EXPECT_THAT(stream.run().ranges, ElementsAre(RangeOf(Kind::kDamaged, 4.0, 800.0, 19900)));
 }
 
+TEST(DamageFinder, TakesTheLatestUnitForTheRefusedOneWhereNoneWasComplainedOf) {
+    Stream stream;
+    stream.comes_out = [](int64_t n) { return n != 40; };
+    stream.during = [&](int64_t n) {
+        if (n == 40) stream.finder.refused();
+    };
+    EXPECT_THAT(stream.run().ranges, ElementsAre(RangeOf(Kind::kUndecodable, 1.6, 1.64, 1)));
+}
+
+TEST(DamageFinder, LooksForTheRefusedUnitAmongTheLatest64) {
+    for (const int64_t late : {63, 64}) {
+        Stream stream(400);
+        stream.comes_out = [](int64_t n) { return n != 100; };
+        stream.during = [&, late](int64_t n) {
+            if (n == 100) stream.finder.complained(100, DamageFinder::kOfData);
+            if (n == 100 + late) stream.finder.refused();
+        };
+        const Damage damage = stream.run();
+        EXPECT_EQ(damage.undecodable(), late == 63 ? 1u : 0u) << late;
+    }
+}
+
+TEST(DamageFinder, LetsUnitsPassThatItDoesNotKnow) {
+    DamageFinder finder(kFrame);
+    finder.refused();
+    finder.shown(0, {.begin = 0, .missing = 0, .damaged = true});
+    finder.complained(3, DamageFinder::kOfData);
+    EXPECT_EQ(finder.finish(), Damage());
+    Stream stream(600);
+    stream.during = [&](int64_t n) {
+        if (n != 500) return;
+        stream.finder.complained(10, DamageFinder::kOfData);  // settled long ago
+        stream.finder.complained(501, DamageFinder::kOfData);
+        stream.finder.refused(501);
+    };
+    EXPECT_EQ(stream.run(), Damage());
+}
+
+TEST(DamageFinder, ChargesThePictureOfADecoderThatLosesCountToTheLatestUnit) {
+    DamageFinder finder(kFrame);
+    for (int64_t n = 0; n < 20; n++) {
+        finder.sent({.key = n == 0, .flagged = false});
+        finder.shown(n == 15 ? -1 : n,
+                     {.begin = kFrame * static_cast<double>(n), .missing = 0, .damaged = n == 15});
+    }
+    EXPECT_THAT(finder.finish().ranges, ElementsAre(RangeOf(Kind::kDamaged, 0.6, 0.64, 1)));
+}
+
+TEST(DamageFinder, TellsAnIncompleteLastUnitByEveryWitness) {
+    for (const int witness : {0, 1, 2, 3, 4}) {
+        DamageFinder finder(kFrame);
+        for (int64_t n = 0; n < 30; n++) {
+            const bool last = n == 29;
+            finder.sent({.key = n % 10 == 0, .flagged = false});
+            if (last && witness == 1) finder.complained(n, DamageFinder::kOfData);
+            if (last && witness == 2) finder.complained(n, DamageFinder::kOfReferences);
+            if (last && witness == 3) finder.refused(n);
+            finder.shown(
+                n, {.begin = kFrame * static_cast<double>(n), .missing = 0, .damaged = last && witness == 4});
+        }
+        EXPECT_EQ(finder.finish().damaged(), witness == 0 ? 0u : 1u) << witness;
+        EXPECT_EQ(finder.last_unit_incomplete(), witness == 1 || witness == 3 || witness == 4) << witness;
+    }
+}
+
+TEST(Damage, IsEqualWhereEveryPartIs) {
+    const DamagedRange range = {Kind::kMissing, 1, 2, 25};
+    const std::vector<DamagedRange> others = {{Kind::kDamaged, 1, 2, 25},
+                                              {Kind::kMissing, 0, 2, 25},
+                                              {Kind::kMissing, 1, 3, 25},
+                                              {Kind::kMissing, 1, 2, 24}};
+    for (const DamagedRange& other : others) {
+        EXPECT_NE(range, other);
+        EXPECT_NE((Damage{{range}, {}}), (Damage{{other}, {}}));
+    }
+    EXPECT_EQ(DamagedRange().kind, Kind::kDamaged);
+    EXPECT_EQ(DamagedRange().pictures, 0u);
+    const Damage::EarlyEnd end = {3, 4.0};
+    for (const Damage::EarlyEnd& other : {Damage::EarlyEnd{3, {}}, {3, 5.0}, {2, 4.0}, {}})
+        EXPECT_NE((Damage{{}, end}), (Damage{{}, other}));
+    EXPECT_EQ((Damage{{range}, end}), (Damage{{range}, end}));
+    EXPECT_TRUE((Damage{{}, end}).any());
+    EXPECT_FALSE(Damage().any());
+}
+
 }  // namespace
 }  // namespace gsve::programme

@@ -2,6 +2,8 @@
 // result tells.
 
 #include <algorithm>
+#include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -246,6 +248,22 @@ TEST_F(Programme, RefusesWhatCannotBeDone) {
     bad.settings.emplace_back("enable eia-608", "0");
     bad.decided.emplace_back("enable eia-608");
     EXPECT_THAT(refusal<UsageError>(bad), HasSubstr("\"enable cea-708\" and \"enable eia-608\" are off"));
+}
+
+TEST_F(Programme, IsRefusedWhereTheCodecTakesAnotherNumberOfThreads) {
+    EncodeJob many = job("h.264", "out.ts", {}, 5);
+    many.threads = 60;  // more than pictures of this size are worth
+    EXPECT_THAT(refusal<Failure>(many), HasSubstr("the job is for 60 threads, and here the codec takes "));
+    EXPECT_FALSE(std::filesystem::exists(directory / "out.ts"));
+}
+
+TEST_F(Programme, NeedsNobodyWhoObservesIt) {
+    Observer nobody;
+    std::optional<EncodeResult> result;
+    const EncodeJob whole = job("mpeg-2", "out.ts", {}, 8);
+    stderr_of([&] { result = encode_programme(whole, nobody); });
+    EXPECT_EQ(result->tally.pictures, 8u);
+    EXPECT_EQ(result->stopped_by, 0);
 }
 
 TEST_F(Programme, WarnsOfPicturesThatWouldTakeTooLong) {

@@ -289,4 +289,26 @@ TEST(HasConstantRate, ComparesTheContainersTwoEstimates) {
     }
 }
 
+TEST(PictureRate, IsThatOfWholePicturesAsFarAsTheContainerTells) {
+    const struct {
+        const char* container;
+        AVRational times, average, rate;
+    } rows[] = {
+        {"matroska", {25, 1}, {25, 1}, {25, 1}}, {"matroska", {50, 1}, {25, 1}, {25, 1}},  // fields
+        {"matroska", {0, 1}, {30, 1}, {30, 1}},  {"matroska", {24, 1}, {0, 1}, {24, 1}},
+        {"matroska", {0, 0}, {0, 0}, {25, 1}},   {"matroska", {1000, 1}, {30, 1}, {30, 1}},  // ticks
+        {"rawvideo", {30, 1}, {15, 1}, {15, 1}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::string(row.container) + " " + std::to_string(av_q2d(row.times)));
+        gsve::InputPtr input(avformat_alloc_context());
+        input->iformat = av_find_input_format(row.container);
+        AVStream* stream = avformat_new_stream(input.get(), nullptr);
+        stream->r_frame_rate = row.times;
+        stream->avg_frame_rate = row.average;
+        EXPECT_EQ(av_cmp_q(picture_rate(input.get(), stream), row.rate), 0);
+        input->iformat = nullptr;  // there is nothing to close
+    }
+}
+
 }  // namespace

@@ -139,5 +139,52 @@ TEST(UnitJoiner, AppendsBytesAndDuration) {
     EXPECT_TRUE(captions->flags & AV_PKT_FLAG_KEY);
 }
 
+TEST(UnitJoiner, TakesPartitionsAndReservedUnitsAsTheStandardHasThem) {
+    // H.264: a picture's first slice data partition A, then B and C; 14 to 18 begin another access unit.
+    const Bytes unit = sample({{0x42, 0x9A}});
+    const std::vector<std::pair<int, bool>> types = {{3, true},  {4, true},   {10, true},
+                                                     {13, true}, {14, false}, {18, false},
+                                                     {19, true}, {24, true},  {9, false}};
+    for (const auto& [type, follows] : types)
+        EXPECT_EQ(h264().continues(unit, sample({{static_cast<uint8_t>(0x40 | type), 0x80}})), follows)
+            << type;
+    // H.265: 45 to 47 are reserved suffixes, 48 to 55 reserved, 56 and more belong to whoever sends them.
+    const Bytes picture = sample({{1 << 1, 1, 0x80}});
+    const std::vector<std::pair<int, bool>> h265_types = {{44, false}, {45, true}, {47, true}, {48, false},
+                                                          {55, false}, {56, true}, {63, true}};
+    for (const auto& [type, follows] : h265_types)
+        EXPECT_EQ(h265().continues(picture, sample({{static_cast<uint8_t>(type << 1), 1, 0}})), follows)
+            << type;
+    EXPECT_FALSE(h264().continues(unit, sample({{0x41}}))) << "a slice without a header";
+    EXPECT_FALSE(h265().continues(picture, sample({{1 << 1, 1}})));
+    EXPECT_FALSE(h265().continues(picture, sample({{0x02}}))) << "half a NAL unit header";
+}
+
+TEST(UnitJoiner, TakesTheTimesOfTheFirstPartThatHasThem) {
+    const auto packet = [](const Bytes& bytes, int64_t pts, int64_t dts) {
+        PacketPtr packet = new_packet();
+        EXPECT_EQ(av_new_packet(packet.get(), static_cast<int>(bytes.size())), 0);
+        std::copy(bytes.begin(), bytes.end(), packet->data);
+        packet->pts = pts;
+        packet->dts = dts;
+        return packet;
+    };
+    const PacketPtr unit = packet(sample({{0x09, 0xF0}}), AV_NOPTS_VALUE, AV_NOPTS_VALUE);
+    h264().append(*unit, *packet(sample({{0x41, 0x9A}}), 12, 11));
+    h264().append(*unit, *packet(sample({{0x41, 0x40}}), 22, 21));
+    EXPECT_EQ(unit->pts, 12);
+    EXPECT_EQ(unit->dts, 11);
+    EXPECT_FALSE(unit->flags & AV_PKT_FLAG_KEY);
+    // A recovery point, and a random access picture of H.265, are where decoding may begin.
+    const PacketPtr recovery = packet(sample({{0x09, 0xF0}}), 0, 0);
+    h264().append(*recovery, *packet(sample({{0x06, 6, 1, 0x80}}), 0, 0));
+    EXPECT_TRUE(recovery->flags & AV_PKT_FLAG_KEY);
+    for (const auto& [type, key] : {std::pair(15, false), {16, true}, {21, true}, {23, true}, {24, false}}) {
+        const PacketPtr access = packet(sample({{35 << 1, 1, 0x50}}), 0, 0);
+        h265().append(*access, *packet(sample({{static_cast<uint8_t>(type << 1), 1, 0x80}}), 0, 0));
+        EXPECT_EQ((access->flags & AV_PKT_FLAG_KEY) != 0, key) << type;
+    }
+}
+
 }  // namespace
 }  // namespace gsve::programme
