@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
@@ -336,12 +337,17 @@ TEST_F(FlushDelayedVideo, LetsSideDataGrowTooOldForItsPacket) {
         surroundings().scripted = true;
         stderr_of([&] {
             encoder.host_frame_tag = 9;
+            encoder.write_eia608(0, 0x4142);
             for (uint64_t timestamp = 0; timestamp < held; timestamp++) write_to(encoder, timestamp);
-            surroundings().outcomes = {packet(filler(20), 1, 0)};
+            surroundings().outcomes = {packet(Bytes{0, 0, 0, 1, 0x65} + filler(20), 1, 0)};
             write_to(encoder, held);
         });
         ASSERT_EQ(encoder.units.size(), 1u);
         EXPECT_EQ(encoder.units[0].tag, held == 60 ? 9u : kAllOnes) << held << " pictures held back";
+        const Bytes pair = {0xFC, 0xC1, 0xC2};  // of field 1, with parity
+        const Bytes& unit = encoder.units[0].bytes;
+        const bool captioned = std::search(unit.begin(), unit.end(), pair.begin(), pair.end()) != unit.end();
+        EXPECT_EQ(captioned, held == 60) << held << " pictures held back";
     }
 }
 

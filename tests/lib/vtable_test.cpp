@@ -327,13 +327,13 @@ TEST(VirtualTable, ReachesEveryOverrideWithItsArguments) {
 
 TEST(VirtualTable, FirstSlotDestroysAndSecondAlsoFrees) {
     destroyed = freed = 0;
-    void* first = new Distinct;
+    void* first = new (::operator new(sizeof(Distinct))) Distinct;
     slots_of(first).destroy(first);
     EXPECT_EQ(destroyed, 1);
     EXPECT_EQ(freed, 0);
     ::operator delete(first);
 
-    void* second = new Distinct;
+    void* second = new (::operator new(sizeof(Distinct))) Distinct;
     slots_of(second).destroy_and_free(second);
     EXPECT_EQ(destroyed, 2);
     EXPECT_EQ(freed, 1);

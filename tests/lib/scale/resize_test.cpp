@@ -2,6 +2,7 @@
 // and shifts, for every pair of chroma formats; and what deinterlacing does to a real film whose fields were
 // woven.
 
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 #include <new>
@@ -398,6 +399,29 @@ TEST(Resize, TakesAHostsMotionMapAsItStands) {
                 EXPECT_TRUE(out == deinterlaced_by(map, source.planes[0], call)) << call;
             }
         }
+    }
+}
+
+TEST(Resize, InterpolatesAFlatPictureVerticallyAndBlendsItsEdgesAlone) {
+    // Luma is flat: of four by four blocks, three by three stand still. Chroma rises by 4 a line, and twice
+    // as many lines are made of it: between two lines it lies at 2 a line, the blend of three lines another 2
+    // above.
+    Resizer resizer;
+    resizer.input_chroma_shift_x = resizer.input_chroma_shift_y = 1;
+    resizer.make_working_planes(64, 128, 1, 1);
+    Picture picture = random_picture(64, 64, 1, 1);
+    std::fill(picture.planes[0].begin(), picture.planes[0].end(), 100);
+    for (int plane = 1; plane < 3; plane++)
+        for (unsigned y = 0; y < 32; y++)
+            std::fill_n(picture.planes[plane].begin() + 32 * y, 32, static_cast<uint8_t>(4 * y));
+    run(resizer, kAdaptive, picture, 0);
+    EXPECT_EQ(resizer.motion_map, (Plane{0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 1, 1, 1, 1, 1}));
+    EXPECT_EQ(resizer.working_plane(0, 64, 128), Plane(64 * 128, 100));
+    for (int plane = 1; plane < 3; plane++) {
+        const Plane made = resizer.working_plane(plane, 32, 48);
+        for (unsigned row = 0; row < 48; row++)
+            for (unsigned column = 0; column < 32; column++)
+                ASSERT_EQ(made[row * 32 + column], 2 * row + (column < 24 ? 0 : 2)) << column << "," << row;
     }
 }
 
