@@ -6,7 +6,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 
 #include <fmt/format.h>
 
@@ -68,7 +67,11 @@ std::string read_file(const std::string& path) {
     if (std::filesystem::is_directory(path)) throw FileError(path, 0, "cannot be read: it is a directory");
     errno = 0;
     std::ifstream stream(path, std::ios::binary);
-    std::string text{std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+    // A stream turns an error of reading into its state, its buffer alone would throw.
+    std::string text;
+    char block[4096];
+    while (stream.read(block, sizeof block) || stream.gcount() > 0)
+        text.append(block, static_cast<std::size_t>(stream.gcount()));
     if (!stream.is_open() || stream.bad())
         throw FileError(path, 0, fmt::format("cannot be read: {}", std::strerror(errno)));
     return text;
