@@ -19,11 +19,11 @@ namespace {
 constexpr std::string_view kHeader = "Scenarist_SCC V1.0";
 constexpr std::int64_t kLongestBridgedGap = 2;
 
-// The separator before the frames tells how they are counted: ':' without drop-frame, ';' with it, and so do
-// the '.' and ',' of some writers.
+// The separator before the frames of a time code tells how they are counted: ':' without drop-frame, ';' with
+// it, and so do the '.' and ',' of some writers.
 bool says_drop_frame(std::string_view timecode) {
     constexpr std::size_t kBeforeFrames = 8;
-    return timecode.size() > kBeforeFrames && timecode[kBeforeFrames] != ':';
+    return timecode[kBeforeFrames] != ':';
 }
 
 std::string with_colons(std::string_view timecode) {
@@ -71,8 +71,8 @@ private:
         const std::string_view timecode = first_word(text);
         const std::string_view pairs = trim(text.substr(timecode.size()));
         const std::string colons = with_colons(timecode);
-        lines.push_back({parse_timecode(is_timecode(colons) ? colons : timecode, options_.rate),
-                         says_drop_frame(timecode), pairs, number});
+        const Timecode parts = parse_timecode(is_timecode(colons) ? colons : timecode, options_.rate);
+        lines.push_back({parts, says_drop_frame(timecode), pairs, number});
     } catch (const std::invalid_argument& error) {
         leave_out(number, error.what(), "the line");
     }
