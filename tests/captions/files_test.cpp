@@ -363,6 +363,72 @@ TEST(Scc, KeepsTheWordsOfA25Schedule) {
                 frame_to_seconds(at("00:01:00;02"), kRate29_97), 0.08);
 }
 
+TEST(Scc, RefusesRatesWithMoreFramesThanItsTimeCodesCount) {
+    for (const FrameRate rate : {FrameRate{40, 1}, kRate50, kRate59_94}) {
+        Report report;
+        EXPECT_THROW(parse_scc("Scenarist_SCC V1.0\n", "a.scc", {.rate = rate}, report),
+                     std::invalid_argument);
+    }
+    Report report;
+    const Schedule schedule =
+        parse_scc("Scenarist_SCC V1.0\n00:00:02:00\t9420\n", "a.scc", {.rate = kRate25}, report);
+    EXPECT_EQ(schedule.rate, kRate25);
+    EXPECT_EQ(schedule.eia608, (std::vector<Eia608Event>{{50, 0, 0x9420}}));
+}
+
+TEST(Scc, TakesFourHexadecimalDigitsForAPairAlone) {
+    for (const char* pair : {"942", "94200", "942g", "9 20", "+942", "0x94", "-942"}) {
+        Report report;
+        const Schedule schedule = parse_scc(
+            std::string("Scenarist_SCC V1.0\n00:00:00:00\t942c ") + pair + " 942f\n", "a.scc", {}, report);
+        EXPECT_EQ(schedule.eia608.front(), (Eia608Event{0, 0, 0x942C})) << pair;
+        EXPECT_EQ(schedule.eia608.back().word, 0x942F) << pair;
+        EXPECT_EQ(schedule.eia608.size(), 2U) << pair;
+        EXPECT_GE(report.count(WarningKind::kFaultyLine), 1U) << pair;
+    }
+}
+
+TEST(Scc, SaysThatAPairIsLateByOneFrameAlone) {
+    Report report;
+    const Schedule schedule =
+        parse_scc("Scenarist_SCC V1.0\n00:00:01:00\t9420 94ae\n00:00:01:01\t942c\n00:00:01:03\t942f\n",
+                  "a.scc", {}, report);
+    EXPECT_EQ(frames_of(schedule), (std::vector<std::int64_t>{30, 31, 32, 33}));
+    EXPECT_EQ(report.lines(),
+              (std::vector<std::string>{
+                  "a.scc:3: these byte pairs are sent 1 frame late, after those of the line before"}));
+    EXPECT_EQ(report.count(WarningKind::kDelayedPairs), 1U);
+}
+
+TEST(Scc, NamesTheFirstLineWithWrongParity) {
+    Report report;
+    parse_scc("Scenarist_SCC V1.0\n00:00:01:00\t9420\n00:00:02:00\t1420\n00:00:03:00\t1420 9420 142c\n",
+              "a.scc", {}, report);
+    EXPECT_EQ(report.lines(),
+              (std::vector<std::string>{
+                  "a.scc:3: wrong parity of 3 byte pairs (the first one here) is put right"}));
+}
+
+TEST(Scc, BeginsALineWhereOneShowsErasesOrRollsUp) {
+    // Neighbours each; the code behind the first of a pair of them is one more of the same line.
+    const std::tuple<Word, Word, bool> rows[] = {
+        {0x942F, 0xC1C2, true},  {0x942C, 0xC1C2, true},  {0x942F, 0x942F, false}, {0xC1C2, 0x942F, false},
+        {0xC1C2, 0x942C, true},  {0xC1C2, 0x9425, true},  {0xC1C2, 0x9426, true},  {0xC1C2, 0x94A7, true},
+        {0xC1C2, 0x94A8, false}, {0x94AE, 0x9420, false}, {0x94AD, 0xC1C2, false}, {0x9425, 0x9425, false}};
+    for (const auto& [first, second, begins] : rows) {
+        const Schedule schedule{kRate29_97, {{0, 0, first}, {1, 0, second}}, {}};
+        const std::string text = write_scc(schedule, 0, {});
+        EXPECT_EQ(std::count(text.begin(), text.end(), '\t'), begins ? 2 : 1) << text;
+    }
+}
+
+TEST(Scc, WritesFromItsStart) {
+    const Schedule schedule{kRate29_97, {{0, 0, 0x9420}, {1798, 0, 0x942F}}, {}};
+    EXPECT_EQ(write_scc(schedule, 0, {.start = Timecode{0, 0, 0, 2, true}}),
+              "Scenarist_SCC V1.0\n\n00:00:00;02\t9420\n\n00:01:00;02\t942f\n");
+    EXPECT_EQ(write_scc({kRate29_97, {}, {}}, 0, {}), "Scenarist_SCC V1.0\n");
+}
+
 // --- MCC and caption distribution packets
 
 TEST(Mcc, ExpandsTheAbbreviations) {
@@ -376,6 +442,21 @@ TEST(Mcc, ExpandsTheAbbreviations) {
     EXPECT_THROW(expand_mcc_bytes("V"), std::invalid_argument);
     EXPECT_THROW(expand_mcc_bytes("4"), std::invalid_argument);
     EXPECT_THROW(expand_mcc_bytes("4S"), std::invalid_argument);
+}
+
+TEST(Mcc, RepeatsThePaddingAsOftenAsItsLetterSays) {
+    for (std::size_t count = 1; count <= 9; ++count) {
+        std::vector<std::uint8_t> padding;
+        for (std::size_t n = 0; n < count; ++n) padding.insert(padding.end(), {0xFA, 0, 0});
+        EXPECT_EQ(expand_mcc_bytes(std::string(1, static_cast<char>('G' + count - 1))), padding) << count;
+    }
+}
+
+TEST(Mcc, ReadsHexadecimalDigitsOfBothCasesAndNothingElse) {
+    EXPECT_EQ(expand_mcc_bytes("0f1E9aA909afAFFa"),
+              (std::vector<std::uint8_t>{0x0F, 0x1E, 0x9A, 0xA9, 0x09, 0xAF, 0xAF, 0xFA}));
+    for (const char* text : {"/", ":", "@", "V", "Y", "[", "`", "g", "0/", "0:", "0@", "0G", "0`", "0g", "0"})
+        EXPECT_THROW(expand_mcc_bytes(text), std::invalid_argument) << text;
 }
 
 TEST(Mcc, ReadsTheSampleInBothCaptionForms) {
@@ -654,6 +735,118 @@ TEST(Mcc, LeavesOutAPacketOfWhichNothingIsWhole) {
     }
 }
 
+// Each rate's name; the codes of the packets of that rate, and what it makes of a rate that they tell.
+TEST(Mcc, TakesTheRateFromItsNameAndWhetherItIsARoundOneFromThePackets) {
+    const struct {
+        const char* name;
+        int nominal;
+        std::uint8_t code;
+        FrameRate rate;
+    } rows[] = {{"24", 24, 1, kRate23_976},  {"24", 24, 2, kRate24},      {"25", 25, 3, kRate25},
+                {"30", 30, 4, kRate29_97},   {"30", 30, 5, kRate30},      {"30DF", 30, 4, kRate29_97},
+                {"30DF", 30, 5, kRate29_97}, {"50", 50, 6, kRate50},      {"60", 60, 7, kRate59_94},
+                {"60", 60, 8, kRate60},      {"60DF", 60, 7, kRate59_94}, {"60DF", 60, 8, kRate59_94},
+                {"24", 24, 0, kRate23_976},  {"24", 24, 3, kRate23_976},  {"30", 30, 8, kRate29_97},
+                {"60", 60, 5, kRate59_94},   {"25", 25, 9, kRate25},      {"50", 50, 15, kRate50}};
+    for (const auto& [name, nominal, code, rate] : rows) {
+        SCOPED_TRACE(testing::Message() << name << " " << int{code});
+        const std::string line =
+            "00:00:02:01\t" + hex(ancillary(packet(code, {0x72, 0xE1, 0xFC, 0x94, 0x2C}))) + "\n";
+        Report report;
+        const Schedule schedule = parse_mcc(mcc_text(line, "1.0", name), "a.mcc", {}, report);
+        EXPECT_EQ(schedule.rate, rate);
+        EXPECT_EQ(schedule.eia608, (std::vector<Eia608Event>{{2 * nominal + 1, 0, 0x942C}}));
+        EXPECT_EQ(report.lines(), std::vector<std::string>());
+    }
+}
+
+TEST(Mcc, TakesTheRateOfItsFirstPacket) {
+    const auto line = [](std::uint8_t code) {
+        return "00:00:02:01\t" + hex(ancillary(packet(code, {0x72, 0xE1, 0xFC, 0x94, 0x2C}))) + "\n";
+    };
+    Report report;
+    EXPECT_EQ(parse_mcc(mcc_text(line(4) + line(5), "1.0", "30"), "a.mcc", {}, report).rate, kRate29_97);
+    EXPECT_EQ(parse_mcc(mcc_text(line(5) + line(4), "1.0", "30"), "a.mcc", {}, report).rate, kRate30);
+}
+
+TEST(Mcc, CountsDropFrameWhereItsRateSaysSo) {
+    const std::string line = hex(ancillary(packet(4, {0x72, 0xE1, 0xFC, 0x94, 0x2C}))) + "\n";
+    for (const auto& [rate, timecode, frame] :
+         {std::tuple("30DF", "00:01:00:02", 1800), std::tuple("30DF", "00:01:00;02", 1800),
+          std::tuple("30", "00:01:00:02", 1802), std::tuple("60DF", "00:01:00:04", 3600),
+          std::tuple("60DF", "00:01:00;04.1,9", 3600)}) {
+        Report report;
+        const std::string text = std::string(timecode) + " " + line;
+        EXPECT_EQ(parse_mcc(mcc_text(text, "2.0", rate), "a.mcc", {}, report).eia608,
+                  (std::vector<Eia608Event>{{frame, 0, 0x942C}}))
+            << rate << " " << timecode;
+    }
+}
+
+TEST(Mcc, ReportsHowManyLinesLieBeforeTheStart) {
+    const std::string body = mcc_line("00:00:01;28", 0xC8, 0xE9) + mcc_line("00:00:01;29", 0xC8, 0xE9) +
+                             mcc_line("00:00:02;00", 0x94, 0x2C);
+    Report report;
+    const Schedule schedule =
+        parse_mcc(mcc_text(body), "s.mcc", {.start = Timecode{0, 0, 2, 0, false}}, report);
+    EXPECT_EQ(schedule.eia608, (std::vector<Eia608Event>{{0, 0, 0x942C}}));
+    EXPECT_EQ(report.lines(),
+              (std::vector<std::string>{"s.mcc: left out: 2 lines before the start of the video"}));
+    EXPECT_EQ(report.count(WarningKind::kBeforeStart), 1U);
+}
+
+TEST(Mcc, PutsParityRightAndReportsIt) {
+    Report report;
+    const Schedule schedule = parse_mcc(mcc_text(mcc_line("00:00:00;01", 0x14, 0x2C)), "p.mcc", {}, report);
+    EXPECT_EQ(schedule.eia608, (std::vector<Eia608Event>{{1, 0, 0x942C}}));
+    EXPECT_EQ(report.lines(), (std::vector<std::string>{"p.mcc: wrong parity of 1 byte pair is put right"}));
+}
+
+TEST(Mcc, PassesOverCommentsAndKeysOnBothSidesOfTheRate) {
+    const std::string keys = "// 00:00:00;00\n\nUUID=1-2\nCreation Program=x\n \n";
+    Report report;
+    const Schedule schedule =
+        parse_mcc("File Format=MacCaption_MCC V1.0\nCreation\n" + keys + "Time Code Rate=30DF\n" + keys +
+                      mcc_line("00:00:00;01", 0x94, 0x2C) + keys,
+                  "k.mcc", {}, report);
+    EXPECT_EQ(schedule.eia608, (std::vector<Eia608Event>{{1, 0, 0x942C}}));
+    EXPECT_EQ(report.lines(), std::vector<std::string>());
+}
+
+TEST(Mcc, KnowsCaptionsByBothIdentifiers) {
+    const Bytes captions = ancillary(packet(4, {0x72, 0xE1, 0xFC, 0x94, 0x2C}));
+    const auto line = [](const Bytes& bytes) { return "00:00:00;01\t" + hex(bytes) + "\n"; };
+    // The identifiers count in the checksum, which is the last byte.
+    const auto other = [&](std::size_t at, int by) {
+        return line(changed(changed(captions, at, by), captions.size() - 1, by));
+    };
+    Report report;
+    const Schedule schedule =
+        parse_mcc(mcc_text(other(0, 1) + other(1, 1) + other(0, -1) + other(1, -1) + line(captions)), "i.mcc",
+                  {}, report);
+    EXPECT_EQ(schedule.eia608.size(), 1U);
+    EXPECT_EQ(report.lines(),
+              (std::vector<std::string>{"i.mcc: left out: 4 lines with ancillary data other than captions"}));
+}
+
+TEST(Mcc, NeedsTheHeaderOfAnAncillaryPacketAndAChecksum) {
+    const auto error = [](const std::string& data) {
+        Report report;
+        return error_of([&] { parse_mcc(mcc_text("00:00:00;00\t" + data + "\n"), "h.mcc", {}, report); });
+    };
+    const std::string rest = "; the line is left out (nothing else is in the file: export it again)";
+    EXPECT_EQ(error("610100"), "h.mcc:4: the line ends within the ancillary packet's header" + rest);
+    EXPECT_EQ(error("61"), "h.mcc:4: the line ends within the ancillary packet's header" + rest);
+    EXPECT_EQ(error("61010062"),
+              "h.mcc:4: the packet does not begin with the caption distribution identifier "
+              "9669" +
+                  rest);
+    EXPECT_EQ(error("61010196"), "h.mcc:4: the ancillary packet's checksum is missing" + rest);
+    EXPECT_EQ(error("610103969669"), "h.mcc:4: the ancillary packet's checksum is missing" + rest);
+    EXPECT_EQ(error("6101099669"),
+              "h.mcc:4: the ancillary packet's count byte says 9 bytes, 1 are given" + rest);
+}
+
 TEST(Mcc, CountsOnOverMidnight) {
     Report report;
     const std::string body = mcc_line("23:59:59;28", 0xC8, 0xE9) + mcc_line("00:00:00;01", 0x94, 0x2C);
@@ -711,6 +904,90 @@ std::vector<CdpFault> faults_of(const Bytes& packet) {
     std::vector<CdpFault> faults;
     for (const CdpDamage& damage : parse_cdp(packet).damage) faults.push_back(damage.fault);
     return faults;
+}
+
+TEST(Cdp, TellsTheRateByItsCode) {
+    const std::optional<FrameRate> rates[] = {std::nullopt, kRate23_976,  kRate24,      kRate25,
+                                              kRate29_97,   kRate30,      kRate50,      kRate59_94,
+                                              kRate60,      std::nullopt, std::nullopt, std::nullopt,
+                                              std::nullopt, std::nullopt, std::nullopt, std::nullopt};
+    for (std::uint8_t code = 0; code < 16; ++code)
+        EXPECT_EQ(parse_cdp(packet(code, {})).rate, rates[code]) << int{code};
+}
+
+TEST(Cdp, HasBytesThatSumUpToZero) {
+    EXPECT_EQ(zero_sum_checksum({}), 0);
+    EXPECT_EQ(zero_sum_checksum(Bytes{1}), 255);
+    EXPECT_EQ(zero_sum_checksum(Bytes{0x96, 0x69}), 1);
+    EXPECT_EQ(zero_sum_checksum(Bytes(257, 0xFF)), 1);
+}
+
+TEST(Cdp, TakesTheLengthOfASectionFromItsCount) {
+    const Bytes pair{0x72, 0xE1, 0xFC, 0x94, 0x20};
+    // Sections before and behind are found only where the one between has its right length.
+    const auto around = [&](Bytes section) {
+        section.insert(section.begin(), pair.begin(), pair.end());
+        section.insert(section.end(), pair.begin(), pair.end());
+        const Cdp cdp = parse_cdp(packet(4, section));
+        EXPECT_EQ(cdp.damage.size(), 0U);
+        return cdp;
+    };
+    for (unsigned count = 0; count < 16; ++count) {
+        SCOPED_TRACE(count);
+        const auto low = static_cast<std::uint8_t>(count);
+        Bytes triples{0x72, static_cast<std::uint8_t>(0xE0 | low)};
+        triples.resize(2 + 3 * count, 0xFA);
+        EXPECT_EQ(around(triples).cc_data.size(), 6 + 3 * count);
+        Bytes services{0x73, static_cast<std::uint8_t>(0xD0 | low)};
+        services.resize(2 + 7 * count, 0x11);
+        EXPECT_EQ(around(services).service_count, static_cast<int>(count));
+        Bytes future{0x75, low};
+        future.resize(2 + count, 0x11);
+        EXPECT_EQ(around(future).cc_data.size(), 6U);
+    }
+    Bytes most{0x72, 0xFF};
+    most.resize(2 + 3 * 31, 0xFA);
+    EXPECT_EQ(around(most).cc_data.size(), 6U + 3 * 31);
+    EXPECT_EQ(around({0x71, 1, 2, 3, 4}).cc_data.size(), 6U);
+    EXPECT_EQ(around({0x73, 0xD1, 1, 2, 3, 4, 5, 6, 7, 0x73, 0xD2, 1, 2, 3, 4, 5, 6, 7, 1, 2, 3, 4, 5, 6, 7})
+                  .service_count,
+              3);
+}
+
+TEST(Cdp, SaysWhereItIsCutOff) {
+    const Bytes whole = packet(4, {0x72, 0xE2, 0xFC, 0x94, 0x20, 0xFC, 0xC8, 0xE9});
+    const auto fault = [&](std::size_t size) -> std::string {
+        try {
+            const Cdp cdp = parse_cdp(std::span(whole).first(size));
+            return cdp.damage.empty() ? "whole" : cdp.damage[0].text;
+        } catch (const std::invalid_argument& error) {
+            return error.what();
+        }
+    };
+    for (std::size_t size = 0; size <= whole.size(); ++size)
+        EXPECT_EQ(fault(size), size < 7
+                                   ? "the packet does not begin with the caption distribution identifier 9669"
+                               : size == 7 ? "the packet's footer is missing or cut short"
+                               : size < 15 ? "a section of the packet is longer than the packet"
+                               : size < 19 ? "the packet's footer is missing or cut short"
+                                           : "whole")
+            << size;
+}
+
+TEST(Cdp, SaysWhatItsTotalsShouldBe) {
+    const Bytes whole = packet(4, {0x72, 0xE1, 0xFC, 0x94, 0x20});  // 16 bytes
+    const auto text = [](const Bytes& bytes) { return parse_cdp(bytes).damage.at(0).text; };
+    EXPECT_EQ(text(changed(changed(whole, 2, 1), 15, -1)),
+              "the packet's length byte says 17 bytes, it has 16");
+    EXPECT_EQ(text(changed(changed(whole, 6, 1), 15, -1)),
+              "the sequence counters of the packet's header and footer differ");
+    EXPECT_EQ(text(changed(changed(whole, 5, 1), 15, -1)),
+              "the sequence counters of the packet's header and footer differ");
+    EXPECT_EQ(text(changed(changed(whole, 13, 1), 15, -1)),
+              "the sequence counters of the packet's header and footer differ");
+    Bytes longer = whole;
+    longer.insert(longer.end(), {0x00, 0x00});
+    EXPECT_EQ(text(longer), "bytes follow the packet's footer");
 }
 
 TEST(Cdp, NamesItsFaults) {
