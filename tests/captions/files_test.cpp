@@ -2,6 +2,7 @@
 #include <fstream>
 #include <functional>
 #include <random>
+#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -1020,6 +1021,18 @@ std::vector<std::string> texts_of(const Cue& cue) {
     return texts;
 }
 
+/// "1000-2000 first row/second row" for each cue.
+std::vector<std::string> summary_of(const std::vector<Cue>& cues) {
+    std::vector<std::string> summary;
+    for (const Cue& cue : cues) {
+        std::string text = std::to_string(cue.begin_ms) + "-" + std::to_string(cue.end_ms);
+        const char* between = " ";
+        for (const std::string& row : texts_of(cue)) text += std::exchange(between, "/") + row;
+        summary.push_back(text);
+    }
+    return summary;
+}
+
 TEST(SubRip, ReadsTheSampleWithItsByteOrderMarkAndLineEnds) {
     Report report;
     const std::vector<Cue> cues = read_srt(data_file("sample.srt"), report);
@@ -1063,6 +1076,102 @@ TEST(SubRip, PlacesByTheNumberPad) {
     EXPECT_EQ(place("9").first_row, 1);
 }
 
+TEST(SubRip, PlacesByEveryKeyOfTheNumberPad) {
+    const auto place = [](const std::string& text) {
+        Report report;
+        return parse_srt("1\n00:00:01,000 --> 00:00:02,000\n" + text + "x\n", "a.srt", report).at(0);
+    };
+    const Alignment columns[] = {Alignment::kLeft, Alignment::kCenter, Alignment::kRight};
+    const std::optional<int> rows[] = {std::nullopt, 8, 1};
+    for (int key = 1; key <= 9; ++key) {
+        const Cue cue = place("{\\b1\\an" + std::to_string(key) + "}");
+        EXPECT_EQ(cue.alignment, columns[(key - 1) % 3]) << key;
+        EXPECT_EQ(cue.first_row, rows[(key - 1) / 3]) << key;
+        EXPECT_EQ(texts_of(cue), std::vector<std::string>{"x"});
+    }
+    for (const char* text : {"{\\an0}", "{\\an:}", "{\\an}", "{\\an", "{an7}", "{}", "{ \\an7}"}) {
+        EXPECT_EQ(place(text).alignment, Alignment::kCenter) << text;
+        EXPECT_EQ(place(text).first_row, std::nullopt) << text;
+    }
+}
+
+/// The text of the first line with its italics in slanted brackets.
+std::string italics_of(const std::string& text, bool webvtt = false) {
+    const std::string cue = "00:00:01.000 --> 00:00:02.000\n" + text + "\n";
+    Report report;
+    const auto cues = webvtt ? parse_webvtt("WEBVTT\n\n" + cue, "r", report) : parse_srt(cue, "r", report);
+    std::string marked;
+    bool italic = false;
+    for (const StyledCharacter& c : cues.at(0).lines.at(0)) {
+        if (c.italic != italic) marked += c.italic ? "/" : "\\";
+        italic = c.italic;
+        marked += encode_utf8(std::u32string(1, c.character));
+    }
+    return marked;
+}
+
+TEST(SubRip, MarksItalicsByTagsAndOverrides) {
+    EXPECT_EQ(italics_of("a<i>b</i>c"), "a/b\\c");
+    EXPECT_EQ(italics_of("a<I>b</I>c<em>d</em>e"), "a/b\\c/d\\e");
+    EXPECT_EQ(italics_of("a<i>b<i>c</i>d</i>e"), "a/bcd\\e");
+    EXPECT_EQ(italics_of("a</i>b<i>c"), "ab/c");
+    EXPECT_EQ(italics_of("a<i class=x>b</i >c"), "a/b\\c");
+    EXPECT_EQ(italics_of("a{\\i1}b{\\i0}c"), "a/b\\c");
+    EXPECT_EQ(italics_of("a<i>b{\\i0}c"), "a/b\\c");
+    EXPECT_EQ(
+        italics_of("<b>a</b><u>b</u><s>c</s><strong>d</strong><B>e</B><U>f</U><S>g</S><FONT x>h</FONT>"),
+        "abcdefgh");
+    EXPECT_EQ(italics_of("a<x>b<j>c< i>d<"), "a<x>b<j>c< i>d<");
+    EXPECT_EQ(italics_of("a<c.x>b</c><i.y>c</i><v A>d", true), "ab/c\\d");
+    EXPECT_EQ(italics_of("{\\i1}a", true), "{\\i1}a");
+    EXPECT_EQ(italics_of("a\tb"), "a b");
+}
+
+TEST(SubRip, QuotesTheBeginningOfALongCueThatIsLeftOut) {
+    const auto quoted = [](std::size_t length) {
+        Report report;
+        const std::string whole = "00:00:01,000 --> 00:00:02,000\nx\n\n";
+        parse_srt(whole + "00:00:01,000 --> 00:00:00,000\n" + std::string(length - 4, 'a') + "\nb\n", "q.srt",
+                  report);
+        const std::string line = report.lines().at(0);
+        return line.substr(line.find('\"'), line.rfind('\"') - line.find('\"') + 1);
+    };
+    EXPECT_EQ(quoted(80), "\"" + std::string(76, 'a') + " / b\"");
+    EXPECT_EQ(quoted(81), "\"" + std::string(77, 'a') + " / ...\"");
+}
+
+TEST(SubRip, KnowsATimeLineByItsArrowAndAClock) {
+    const auto cues = [](const std::string& line) {
+        Report report;
+        const auto found =
+            parse_srt("1\n00:00:01,000 --> 00:00:02,000\none\n\n2\n" + line + "\ntwo\n", "t.srt", report);
+        return std::to_string(found.size()) + " " + std::to_string(report.lines().size());
+    };
+    EXPECT_EQ(cues("00:00:03,000 --> 00:00:04,000"), "2 0");
+    EXPECT_EQ(cues("00:00:03,000-->00:00:04,000"), "2 0");
+    EXPECT_EQ(cues("00:00:03,000 -> 00:00:04,000"), "1 1");
+    EXPECT_EQ(cues("3:4 -->"), "1 1");
+    EXPECT_EQ(cues("a:4 3: --> :5"), "1 1");  // no clock: a number, as it is due, and its text
+    EXPECT_EQ(cues("-->"), "1 1");
+}
+
+TEST(SubRip, TellsANumberThatIsDueFromANumberInTheText) {
+    const std::string one = "1\n00:00:01,000 --> 00:00:02,000\none\n\n";
+    const std::string three = "\n\n3\n00:00:05,000 --> 00:00:06,000\nthree\n";
+    const auto cues = [&](const std::string& text) {
+        Report report;
+        return summary_of(parse_srt(text, "n.srt", report));
+    };
+    EXPECT_EQ(cues(one + "2\ntwo" + three), (std::vector<std::string>{"1000-2000 one", "5000-6000 three"}));
+    EXPECT_EQ(cues(one + "3\ntwo" + three),
+              (std::vector<std::string>{"1000-2000 one/3/two", "5000-6000 three"}));
+    EXPECT_EQ(cues(one + "1\ntwo" + three),
+              (std::vector<std::string>{"1000-2000 one/1/two", "5000-6000 three"}));
+    // In the middle of a paragraph it is text in any case.
+    EXPECT_EQ(cues("1\n00:00:01,000 --> 00:00:02,000\none\n2\ntwo" + three),
+              (std::vector<std::string>{"1000-2000 one/2/two", "5000-6000 three"}));
+}
+
 class SubRipError : public testing::TestWithParam<ErrorCase> {};
 
 TEST_P(SubRipError, NamesTheLineAndTheRemedy) {
@@ -1093,17 +1202,6 @@ INSTANTIATE_TEST_SUITE_P(
                   "1",
                   "b.srt:1: the file is UTF-16 text: convert it, for example with iconv -f UTF-16 -t "
                   "UTF-8"}));
-
-/// "1000-2000 first row/second row" for each cue.
-std::vector<std::string> summary_of(const std::vector<Cue>& cues) {
-    std::vector<std::string> summary;
-    for (const Cue& cue : cues) {
-        std::string text = std::to_string(cue.begin_ms) + "-" + std::to_string(cue.end_ms);
-        for (const std::string& row : texts_of(cue)) text += (text.back() > '9' ? "/" : " ") + row;
-        summary.push_back(text);
-    }
-    return summary;
-}
 
 struct WildCase {
     const char* text;
@@ -1272,6 +1370,138 @@ TEST(WebVtt, PlacesByLineNumberAndPercentage) {
     EXPECT_EQ(row("line:auto position:10% size:35%"), std::nullopt);
 }
 
+TEST(WebVtt, ReadsNumbersOfCharactersUpToTheLast) {
+    const std::pair<const char*, const char*> references[] = {{"&#127;", "\x7F"},
+                                                              {"&#128;", "€"},
+                                                              {"&#x80;", "€"},
+                                                              {"&#129;", "\u0081"},
+                                                              {"&#159;", "Ÿ"},
+                                                              {"&#x9f;", "Ÿ"},
+                                                              {"&#160;", "\u00A0"},
+                                                              {"&#xD7FF;", "\uD7FF"},
+                                                              {"&#xD800;", "\uFFFD"},
+                                                              {"&#xDFFF;", "\uFFFD"},
+                                                              {"&#xE000;", "\uE000"},
+                                                              {"&#x10FFFF;", "\U0010FFFF"},
+                                                              {"&#x110000;", "\uFFFD"},
+                                                              {"&#1114111;", "\U0010FFFF"},
+                                                              {"&#1114112;", "\uFFFD"},
+                                                              {"&#xabcdef;", "\uFFFD"},
+                                                              {"&#xABCDE;", "\U000ABCDE"},
+                                                              {"&#99999999999999999999;", "\uFFFD"},
+                                                              {"&#1;", "\x01"},
+                                                              {"&#0;", "\uFFFD"}};
+    for (const auto& [reference, character] : references)
+        EXPECT_EQ(shown_text(std::string("a") + reference + "b", true), std::string("a") + character + "b");
+    for (const std::string text : {"&#xg;", "&#xG;", "&#a;", "&#1a;", "&#x;", "&#X;", "&#xx1;", "&#;"})
+        EXPECT_EQ(shown_text(text, true, {text}), text);
+    // A reference ends before what is neither a letter nor a digit.
+    for (const std::string text :
+         {"&a#;", "&#-1;", "&##1;", "&a/;", "&a:", "&a@;", "&a[;", "&a`;", "&a{;", "&"})
+        EXPECT_EQ(shown_text(text, true), text);
+}
+
+TEST(WebVtt, KnowsTheNamesOfLatin1) {
+    const std::pair<const char*, char32_t> names[] = {{"nbsp", 0xA0},   {"iexcl", 0xA1},  {"frac34", 0xBE},
+                                                      {"iquest", 0xBF}, {"Agrave", 0xC0}, {"times", 0xD7},
+                                                      {"Oslash", 0xD8}, {"THORN", 0xDE},  {"szlig", 0xDF},
+                                                      {"agrave", 0xE0}, {"divide", 0xF7}, {"yuml", 0xFF}};
+    for (const auto& [name, character] : names)
+        EXPECT_EQ(shown_text("a&" + std::string(name) + ";b", true),
+                  encode_utf8(U"a" + std::u32string(1, character) + U"b"));
+}
+
+Cue webvtt_cue(const std::string& settings) {
+    Report report;
+    return parse_webvtt("WEBVTT\n\n00:01.000 --> 00:02.000" + settings + "\nx\n", "a.vtt", report).at(0);
+}
+
+TEST(WebVtt, AlignsByName) {
+    EXPECT_EQ(webvtt_cue("").alignment, Alignment::kCenter);
+    const std::pair<const char*, Alignment> settings[] = {
+        {"align:start", Alignment::kLeft},       {"align:left", Alignment::kLeft},
+        {"align:center", Alignment::kCenter},    {"align:middle", Alignment::kCenter},
+        {"align:end", Alignment::kRight},        {"align:right", Alignment::kRight},
+        {"align", Alignment::kCenter},           {"position:right", Alignment::kCenter},
+        {"align:x align:end", Alignment::kRight}};
+    for (const auto& [setting, alignment] : settings)
+        EXPECT_EQ(webvtt_cue(std::string("\t") + setting).alignment, alignment) << setting;
+}
+
+TEST(WebVtt, PlacesEveryLineOfTheScreen) {
+    const auto row = [](const std::string& line) { return webvtt_cue(" line:" + line).first_row; };
+    for (int line = 0; line < 15; ++line) {
+        EXPECT_EQ(row(std::to_string(line)), line + 1);
+        EXPECT_EQ(row(std::to_string(line - 15)), line + 1);
+    }
+    EXPECT_EQ(row("15"), 15);
+    EXPECT_EQ(row("-16"), 1);
+    EXPECT_EQ(row("2147483647"), 15);
+    EXPECT_EQ(row("-2147483648"), 1);
+    // The first of 15 rows at 0 %, the last at 100 %: one each 7.14 %.
+    const std::pair<const char*, int> percentages[] = {
+        {"3%", 1},    {"4%", 2},    {"10%", 2}, {"11%", 3},   {"96%", 14},     {"97%", 15},
+        {"101%", 15}, {"999%", 15}, {"-5%", 1}, {"10.9%", 2}, {"11.1%,end", 3}};
+    for (const auto& [line, expected] : percentages) EXPECT_EQ(row(line), expected) << line;
+    for (const char* line : {"", "%", "x", "1x", "x%", ".5%", "auto", "2147483648"})
+        EXPECT_EQ(row(line), std::nullopt) << line;
+}
+
+TEST(WebVtt, KnowsItsHeaderAndPassesOverTheLinesBelowIt) {
+    const std::string cue = "00:01.000 --> 00:02.000\nx\n";
+    for (const char* header :
+         {"WEBVTT\n\n", "WEBVTT\n", "WEBVTT a\n", "WEBVTT\ta\n", "WEBVTT\nKind: x\nA: b\n",
+          "WEBVTT\n\nSTYLE\n::cue {\n}\n\n", "WEBVTT\n\nREGION\nid:a\n\n", "WEBVTT\n\nNOTE\ta\nb\n\n",
+          "WEBVTT\n\nNOTE a\n\n", "WEBVTT\n\nNOTE\n\n"}) {
+        Report report;
+        EXPECT_EQ(parse_webvtt(header + cue, "h.vtt", report).size(), 1U) << header;
+        EXPECT_EQ(report.lines(), std::vector<std::string>()) << header;
+    }
+    // Text that only begins like a block, and one that stands in a cue.
+    for (const char* text : {"NOTES", "STYLES", "REGIONS", "NOTE\n"}) {
+        Report report;
+        EXPECT_EQ(texts_of(parse_webvtt("WEBVTT\n\n" + cue + text + "\n", "h.vtt", report).at(0)),
+                  (std::vector<std::string>{"x", std::string(trim(split_lines(text, "")[0]))}));
+    }
+    Report report;
+    EXPECT_TRUE(parse_webvtt("WEBVTT", "h.vtt", report).empty());
+}
+
+TEST(Clock, CountsHoursMinutesSecondsAndMilliseconds) {
+    const std::pair<const char*, std::optional<std::int64_t>> clocks[] = {{"00:00.000", 0},
+                                                                          {"00:00.001", 1},
+                                                                          {"00:59.999", 59999},
+                                                                          {"59:00.000", 3540000},
+                                                                          {"01:02:03.004", 3723004},
+                                                                          {"1:02:03,004", 3723004},
+                                                                          {"01:02:03", 3723000},
+                                                                          {"9999:59:59.999", 35999999999},
+                                                                          {"0:00", 0},
+                                                                          {"9999:00", 599940000},
+                                                                          {"00:60.000", std::nullopt},
+                                                                          {"00:60:00.000", std::nullopt},
+                                                                          {"10000:00:00.000", std::nullopt},
+                                                                          {"00:0.000", std::nullopt},
+                                                                          {"00:000.000", std::nullopt},
+                                                                          {"00", std::nullopt},
+                                                                          {"00.000", std::nullopt},
+                                                                          {"00:00:00:00", std::nullopt},
+                                                                          {"00:00:00:00.000", std::nullopt},
+                                                                          {"00:00.00", std::nullopt},
+                                                                          {"00:00.0000", std::nullopt},
+                                                                          {"00:00.0x0", std::nullopt},
+                                                                          {"00:00.", std::nullopt},
+                                                                          {"", std::nullopt},
+                                                                          {":00.000", std::nullopt},
+                                                                          {"00:.000", std::nullopt},
+                                                                          {"-1:00.000", std::nullopt},
+                                                                          {"0x:00.000", std::nullopt},
+                                                                          {"00:0x.000", std::nullopt},
+                                                                          {"00:00:00:00:00", std::nullopt},
+                                                                          {"00:00.000.", std::nullopt}};
+    for (const auto& [text, milliseconds] : clocks) EXPECT_EQ(parse_clock(text), milliseconds) << text;
+}
+
 class WebVttError : public testing::TestWithParam<ErrorCase> {};
 
 TEST_P(WebVttError, NamesTheLineAndTheRemedy) {
@@ -1390,6 +1620,61 @@ TEST_F(CueStart, IsRefusedWhereItIsNoTime) {
     EXPECT_THAT(error("00:00:00:25", kRate25), testing::HasSubstr("frames to 24"));
     EXPECT_EQ(error("00:00:00:25", kRate29_97), "accepted");
     EXPECT_THAT(error("00:00:01;00", kRate25), testing::HasSubstr("write it with ':' before the frames"));
+}
+
+TEST_F(CueStart, CountsEachPartOfIt) {
+    const std::string path = file("p.srt", "1\n01:02:03,000 --> 01:02:05,000\nx\n");
+    const auto begin = [&](const char* start) {
+        Report report;
+        const auto captions =
+            decode(load_captions(path, {.output = kRate25, .start = start, .source = kRate25}, report));
+        return captions.at(0).begin;
+    };
+    EXPECT_EQ(begin("01:02:02"), 25);
+    EXPECT_EQ(begin("01:01:03"), 1500);
+    EXPECT_EQ(begin("01:02:01:10"), 40);
+    EXPECT_EQ(begin("01:01:03:00"), 1500);
+    EXPECT_EQ(begin("00:02:03:00"), 90000);
+}
+
+TEST_F(CueStart, LeavesOutWhatEndsWithIt) {
+    const std::string path = file("e.srt",
+                                  "1\n00:00:01,000 --> 00:00:05,000\na\n\n2\n00:00:02,000 --> "
+                                  "00:00:05,001\nb\n\n3\n00:00:07,000 --> 00:00:08,000\nc\n");
+    Report report;
+    EXPECT_EQ(decode(load_captions(path, {.output = kRate25, .start = "00:00:05"}, report)).back().begin, 50);
+    EXPECT_EQ(report.lines().front(), path + ": left out: 1 cue before the start of the video");
+    EXPECT_EQ(report.count(WarningKind::kBeforeStart), 1U);
+}
+
+using CaptionFiles = CaptionFileDirectory;
+
+TEST_F(CaptionFiles, SayThatOneControlCodeIsOfTheOtherField) {
+    const std::string path = file("o.scc", "Scenarist_SCC V1.0\n00:00:01:00\t1520 c1c2\n");
+    Report report;
+    EXPECT_EQ(load_captions(path, {}, report).eia608.front().word, 0x9420);
+    EXPECT_EQ(report.lines(),
+              (std::vector<std::string>{path + ": 1 control code of field 2: sent as field 1's"}));
+    EXPECT_EQ(report.count(WarningKind::kOtherField), 1U);
+}
+
+TEST_F(CaptionFiles, CountAStartAsTheyCount) {
+    const std::string ndf = file("n.scc", "Scenarist_SCC V1.0\n00:02:00:00\t9420\n");
+    const std::string df = file("d.scc", "Scenarist_SCC V1.0\n00:02:00;02\t9420\n");
+    const std::string mcc60 = file("m.mcc", mcc_text(mcc_line("00:02:00:00", 0x94, 0x2C), "1.0", "60"));
+    const auto frame = [](const std::string& path, const char* start) {
+        Report report;
+        return load_captions(path, {.start = start}, report).eia608.front().frame;
+    };
+    EXPECT_EQ(frame(ndf, "00:01:59:29"), 1);
+    EXPECT_EQ(frame(ndf, "00:01:59;29"), 1);
+    EXPECT_EQ(frame(df, "00:01:59:29"), 1);
+    EXPECT_EQ(frame(df, "00:01:59;29"), 1);
+    EXPECT_EQ(frame(df, "00:01:00;02"), 1798);
+    // At 60 a frame number may be beyond those of 29.97, also after a semicolon.
+    EXPECT_EQ(frame(mcc60, "00:01:59:58"), 1);
+    EXPECT_EQ(frame(mcc60, "00:01:59;58"), 1);
+    EXPECT_EQ(frame(mcc60, "00:01:59;30"), 15);
 }
 
 class StartTimecode : public testing::TestWithParam<std::tuple<const char*, const char*, const char*>> {};
