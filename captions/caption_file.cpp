@@ -58,7 +58,7 @@ std::vector<Cue> from_start(std::vector<Cue> cues, std::int64_t start, const std
                             Report& report) {
     const std::size_t before = std::erase_if(cues, [start](const Cue& cue) { return cue.end_ms <= start; });
     for (Cue& cue : cues) {
-        cue.begin_ms = std::max<std::int64_t>(cue.begin_ms - start, 0);
+        cue.begin_ms = std::max(cue.begin_ms, start) - start;
         cue.end_ms -= start;
     }
     if (before > 0)

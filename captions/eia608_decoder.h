@@ -54,8 +54,8 @@ struct TextRow {
 };
 
 struct Line21Services {
-    std::array<bool, 4> captions{};  ///< CC1 to CC4: a caption mode was chosen
-    std::array<bool, 4> text{};      ///< T1 to T4
+    std::array<bool, kChannels> captions{};  ///< CC1 to CC4: a caption mode was chosen
+    std::array<bool, kChannels> text{};      ///< T1 to T4
     bool extended_data = false;
 };
 
@@ -100,8 +100,8 @@ private:
     };
 
     struct Field {
-        int channel = 0;
-        Word newest_control = 0;
+        int channel{};
+        Word newest_control{};
         std::int64_t newest_frame{};
         bool in_extended_data = false;
     };
@@ -121,8 +121,8 @@ private:
     static std::string row_text(const Row& row);
 
     int step_;
-    std::array<Channel, 4> channels_;
-    std::array<Field, 2> fields_;
+    std::array<Channel, kChannels> channels_;
+    std::array<Field, kFields> fields_;
     std::vector<TimedText> captions_;
     std::vector<TextRow> text_rows_;
     Line21Services services_;
