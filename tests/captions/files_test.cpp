@@ -975,6 +975,14 @@ TEST(Cdp, SaysWhereItIsCutOff) {
             << size;
 }
 
+TEST(Cdp, CountsServicesByTheirSectionsHeader) {
+    Bytes cut = packet(4, {0x72, 0xE1, 0xFC, 0x94, 0x20, 0x73, 0xD3});
+    cut.resize(7 + 5 + 2);
+    EXPECT_EQ(parse_cdp(cut).service_count, 3);
+    cut.pop_back();
+    EXPECT_EQ(parse_cdp(cut).service_count, 0);
+}
+
 TEST(Cdp, SaysWhatItsTotalsShouldBe) {
     const Bytes whole = packet(4, {0x72, 0xE1, 0xFC, 0x94, 0x20});  // 16 bytes
     const auto text = [](const Bytes& bytes) { return parse_cdp(bytes).damage.at(0).text; };
@@ -1118,10 +1126,13 @@ TEST(SubRip, MarksItalicsByTagsAndOverrides) {
     EXPECT_EQ(italics_of("a<i class=x>b</i >c"), "a/b\\c");
     EXPECT_EQ(italics_of("a{\\i1}b{\\i0}c"), "a/b\\c");
     EXPECT_EQ(italics_of("a<i>b{\\i0}c"), "a/b\\c");
+    EXPECT_EQ(italics_of("a{\\i1}b</i>c"), "a/b\\c");
+    EXPECT_EQ(italics_of("a<i><i>b{\\i1}c</i>d"), "a/bc\\d");
     EXPECT_EQ(
         italics_of("<b>a</b><u>b</u><s>c</s><strong>d</strong><B>e</B><U>f</U><S>g</S><FONT x>h</FONT>"),
         "abcdefgh");
     EXPECT_EQ(italics_of("a<x>b<j>c< i>d<"), "a<x>b<j>c< i>d<");
+    EXPECT_EQ(italics_of("a<i b"), "a<i b");
     EXPECT_EQ(italics_of("a<c.x>b</c><i.y>c</i><v A>d", true), "ab/c\\d");
     EXPECT_EQ(italics_of("{\\i1}a", true), "{\\i1}a");
     EXPECT_EQ(italics_of("a\tb"), "a b");
@@ -1537,6 +1548,32 @@ protected:
 private:
     test::ScratchDirectory directory_;
 };
+
+TEST(Options, AreThoseOfVideoAt29_97WithTwoRowsInField1) {
+    const CaptionFileOptions file;
+    EXPECT_EQ(file.output, kRate29_97);
+    EXPECT_EQ(file.field, 0);
+    EXPECT_EQ(file.rows, 2);
+    EXPECT_EQ(file.start, "");
+    const PopOnOptions pop_on;
+    EXPECT_EQ(pop_on.rate, kRate29_97);
+    EXPECT_EQ(pop_on.field, 0);
+    EXPECT_EQ(pop_on.rows, 2);
+    EXPECT_EQ(SccReadOptions{}.rate, kRate29_97);
+    EXPECT_EQ(SccReadOptions{}.field, 0);
+    EXPECT_TRUE(SccWriteOptions{}.drop_frame);
+}
+
+TEST(Results, BeginWithNothing) {
+    EXPECT_EQ(CcData{}.parity_errors, 0);
+    EXPECT_FALSE(CcData{}.truncated);
+    EXPECT_EQ(Cdp{}.sequence_counter, 0);
+    EXPECT_EQ(Cdp{}.service_count, 0);
+    EXPECT_EQ(Cue{}.begin_ms, 0);
+    EXPECT_EQ(Cue{}.end_ms, 0);
+    EXPECT_EQ(Cue{}.source_line, 0);
+    EXPECT_EQ(Cue{}.alignment, Alignment::kCenter);
+}
 
 TEST(CaptionFile, IsKnownByItsExtension) {
     EXPECT_EQ(caption_format("a.b/NEWS.SCC"), CaptionFormat::kScc);

@@ -20,6 +20,8 @@ std::string shown(char32_t character) {
 }
 
 TEST(Line21, HasTheDimensionsAndCodesOfTheStandard) {
+    EXPECT_EQ(kFields, 2);
+    EXPECT_EQ(kChannels, 4);
     EXPECT_EQ(kRows, 15);
     EXPECT_EQ(kColumns, 32);
     EXPECT_EQ(kNullPair, 0x8080);

@@ -480,6 +480,14 @@ TEST(Retime, LeavesAScheduleThatFitsUnchanged) {
     }
 }
 
+// Frame 4 of 30 begins with picture 3.2 of 24, and the load would be complete at frame 5, which is picture 4.
+TEST(Retime, EndsALoadThatIsNeverShownInTimeForTheFrameBehindIt) {
+    Report report;
+    const Schedule schedule{kRate30, {{0, 0, 0x9420}, {4, 0, 0xC1C2}}, {}};
+    const Schedule timed = retime(schedule, kRate24, report);
+    EXPECT_EQ(timed.eia608, (std::vector<Eia608Event>{{0, 0, 0x9420}, {3, 0, 0xC1C2, -1}}));
+}
+
 TEST(Retime, CarriesEverythingWithinTheBudgetBetweenAllRates) {
     std::mt19937 random(11);
     for (const FrameRate from : kRates)
@@ -517,6 +525,78 @@ TEST(Retime, CarriesEverythingWithinTheBudgetBetweenAllRates) {
             }
             EXPECT_EQ(carried.cea708, expected.cea708);
         }
+}
+
+TEST(PictureWrites, AreIdleWhereNothingIsGiven) {
+    const PictureWrites writes;
+    EXPECT_TRUE(writes.empty());
+    EXPECT_EQ(writes.pairs(), (std::vector<FieldPair>{{0, kNullPair}, {1, kNullPair}}));
+    EXPECT_EQ(writes.due[0] + writes.due[1] + writes.cea708_due + writes.third_due, 0);
+    for (int which = 0; which < 4; ++which) {
+        PictureWrites one;
+        if (which < 2) one.words[which] = 0xC1C2;
+        if (which == 2) one.third = 0xC1C2;
+        if (which == 3) one.cea708.push_back({0xFE, 1, 2});
+        EXPECT_FALSE(one.empty()) << which;
+    }
+}
+
+struct LoadingCase {
+    const char* name;
+    std::vector<Word> before;
+    Word word;
+    bool at_once;
+};
+
+class Loading : public testing::TestWithParam<LoadingCase> {};
+
+TEST_P(Loading, KnowsWhatIsSeenWhenItArrives) {
+    LoadingState state;
+    for (const Word word : GetParam().before) state.displays_at_once(word);
+    EXPECT_EQ(state.displays_at_once(GetParam().word), GetParam().at_once);
+}
+
+constexpr Word kText = 0xC1C2, kLoad = 0x9420, kLoadSecond = 0x1C20;
+
+INSTANTIATE_TEST_SUITE_P(
+    Repacer, Loading,
+    testing::Values(LoadingCase{"TextWithoutAMode", {}, kText, true},
+                    LoadingCase{"TheLoadItself", {}, kLoad, false},
+                    LoadingCase{"LoadedText", {kLoad}, kText, false},
+                    LoadingCase{"LoadedAddress", {kLoad}, 0x9470, false},
+                    LoadingCase{"ErasureOfTheHiddenMemory", {kLoad}, 0x94AE, false},
+                    LoadingCase{"ErasureOfTheDisplayedMemory", {kLoad}, 0x942C, true},
+                    LoadingCase{"TextAfterAnErasure", {kLoad, 0x942C}, kText, false},
+                    LoadingCase{"EndOfCaption", {kLoad}, 0x942F, true},
+                    LoadingCase{"TextAfterEndOfCaption", {0x942F}, kText, false},
+                    LoadingCase{"RollUp2", {kLoad}, 0x9425, true},
+                    LoadingCase{"TextAfterRollUp2", {kLoad, 0x9425}, kText, true},
+                    LoadingCase{"TextAfterRollUp3", {kLoad, 0x9426}, kText, true},
+                    LoadingCase{"TextAfterRollUp4", {kLoad, 0x94A7}, kText, true},
+                    LoadingCase{"TextAfterDirectCaptioning", {kLoad, 0x9429}, kText, true},
+                    LoadingCase{"TextAfterTextRestart", {kLoad, 0x942A}, kText, true},
+                    LoadingCase{"TextAfterResumeText", {kLoad, 0x94AB}, kText, true},
+                    LoadingCase{"CarriageReturnOfRollUp", {0x9425}, 0x94AD, true},
+                    LoadingCase{"OtherChannel", {kLoad, 0x1C29}, kText, true},
+                    LoadingCase{"OtherChannelsLoad", {0x9429, kLoadSecond}, kText, false},
+                    LoadingCase{"BackInTheFirstChannel", {0x9429, kLoadSecond, 0x9470}, kText, true},
+                    LoadingCase{"AddressOfTheOtherChannel", {kLoad, 0x1C70}, kText, true}),
+    [](const auto& info) { return info.param.name; });
+
+// A pop-on caption of full size takes 88 pairs: four rows of 16, with an address and an offset twice each,
+// and four commands twice.
+TEST(Foresight, IsTheTimeThatALoadTakesLongerThanInTheSource) {
+    EXPECT_NEAR(useful_foresight(kRate30, kRate24), 88 / 24.0 - 88 / 30.0, 1e-9);
+    EXPECT_NEAR(useful_foresight(kRate60, kRate25), 88 / 25.0 - 88 / 30.0, 1e-9);
+    EXPECT_NEAR(useful_foresight(kRate30, kRate24, LineRate::kFull), 4 / 30.0, 1e-9);
+    // Film may bring all pairs, and send them all or not.
+    EXPECT_NEAR(useful_foresight(kRate24, kRate24), 88 / 24.0 - 88 / 30.0, 1e-9);
+    EXPECT_NEAR(useful_foresight(kRate24, kRate24, LineRate::kFull), 4 / 24.0, 1e-9);
+    // Four pictures, where the output has as many slots or more.
+    EXPECT_NEAR(useful_foresight(kRate50, kRate25), 4 / 50.0, 1e-9);
+    EXPECT_NEAR(useful_foresight(kRate25, kRate50), 4 / 25.0, 1e-9);
+    EXPECT_EQ(useful_foresight(kRate25, kRate25), 0);
+    EXPECT_EQ(useful_foresight(kRate59_94, kRate59_94), 0);
 }
 
 }  // namespace
