@@ -82,7 +82,7 @@ Words split_words(const StyledLine& line) {
     for (const StyledCharacter& c : line) {
         const bool space = c.character == U' ';
         if (!space && !inside) {
-            words.push_back({U"", false});
+            words.push_back({});
             italics = 0;
         }
         inside = !space;

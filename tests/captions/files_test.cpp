@@ -1674,6 +1674,18 @@ TEST_F(CueStart, CountsEachPartOfIt) {
     EXPECT_EQ(begin("00:02:03:00"), 90000);
 }
 
+// Frame 24 of 25 begins at 960 ms. Of two frames that are equally near to a time, the earlier is taken.
+TEST_F(CueStart, IsATimeToTheMillisecond) {
+    const std::string path = file("t.srt",
+                                  "1\n00:00:10,980 --> 00:00:12,000\nx\n\n2\n00:00:20,981 --> "
+                                  "00:00:22,000\ny\n");
+    Report report;
+    const auto captions =
+        decode(load_captions(path, {.output = kRate25, .start = "00:00:00:24", .source = kRate25}, report));
+    EXPECT_EQ(captions.at(0).begin, 250);  // 10.020 s
+    EXPECT_EQ(captions.at(1).begin, 501);  // 20.021 s
+}
+
 TEST_F(CueStart, LeavesOutWhatEndsWithIt) {
     const std::string path = file("e.srt",
                                   "1\n00:00:01,000 --> 00:00:05,000\na\n\n2\n00:00:02,000 --> "
