@@ -242,7 +242,7 @@ void Eia608Decoder::close(std::int64_t frame, int index) {
     if (channel.displayed_mode == CaptionMode::kRollUp) {
         for (int row = 1; row <= kRows; ++row) close_row(frame, index, row);
     } else if (channel.begin) {
-        TimedText caption{index + 1, channel.displayed_mode, *channel.begin, frame, 0, {}};
+        TimedText caption{index + 1, channel.displayed_mode, *channel.begin, frame, {}, {}};
         for (int row = 1; row <= kRows; ++row) {
             std::string text = row_text(channel.displayed[static_cast<std::size_t>(row - 1)]);
             if (text.empty()) continue;

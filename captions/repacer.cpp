@@ -149,8 +149,8 @@ PictureWrites Repacer::pull(std::int64_t picture) {
     const FrameRate clock = source_slots(0).clock();
     while (writes.cea708.size() < limit && !cea708_.empty() &&
            begins_by(cea708_.front().time, clock, picture, output_)) {
-        const std::int64_t due = first_frame_not_before(cea708_.front().time, clock, output_);
-        if (writes.cea708.empty()) writes.cea708_due = std::max<std::int64_t>(due, 0);
+        if (writes.cea708.empty())
+            writes.cea708_due = first_frame_not_before(cea708_.front().time, clock, output_);
         writes.cea708.push_back(cea708_.front().construct);
         cea708_.pop_front();
     }
@@ -330,7 +330,7 @@ namespace {
 
 void report_delay(const Schedule& timed, int field, const Repacer& repacer, Report& report) {
     int late = 0;
-    std::int64_t largest = 0;
+    std::int64_t largest{};
     for (const Eia608Event& event : timed.eia608) {
         if (event.field != field) continue;
         late += event.late > 0;

@@ -153,7 +153,7 @@ private:
 
     struct TimedWord {
         Word word = 0;
-        std::int64_t due = 0;
+        std::int64_t due{};
     };
 
     // From `picture` of the source on, its pictures with three pairs are those of another phase.

@@ -107,7 +107,7 @@ std::string lower_case(std::string_view text) {
 std::u32string decode_utf8(std::string_view text, std::string_view name, int line) {
     std::u32string decoded;
     while (!text.empty()) {
-        char32_t value = 0;
+        char32_t value{};
         const std::size_t length = next_code_point(text, value);
         if (length == 0)
             throw FileError(name, line,
