@@ -5,6 +5,7 @@
 #include <deque>
 #include <random>
 #include <stdexcept>
+#include <string>
 #include <utility>
 
 #include <gtest/gtest.h>
@@ -387,6 +388,17 @@ TEST(Repacer, CountsWhatWaits) {
     EXPECT_EQ(repacer.largest_delay(), 2);
 }
 
+TEST(Repacer, LeavesOutARepetitionThatComesAfterItsPicture) {
+    Repacer repacer(kRate25, kRate25);
+    repacer.push(0, {{{control(kEraseDisplayedMemory)}, {}}, {}});
+    EXPECT_EQ(repacer.pull(0).words[0], control(kEraseDisplayedMemory));
+    EXPECT_EQ(repacer.pull(1).words[0], 0);
+    repacer.push(1, {{{control(kEraseDisplayedMemory)}, {}}, {}});
+    EXPECT_EQ(repacer.pending(), 0U);
+    EXPECT_EQ(repacer.repetitions_left_out(0), 1U);
+    EXPECT_EQ(repacer.pull(2).words[0], 0);
+}
+
 TEST(Repacer, RefusesAScheduleOfAnotherRate) {
     Repacer repacer(kRate25, kRate50);
     EXPECT_THROW(repacer.push(Schedule{kRate50, {}, {}}), std::invalid_argument);
@@ -443,6 +455,22 @@ TEST(Retime, ReportsWhatComesLate) {
     EXPECT_EQ(report.lines()[0],
               "55 caption byte pairs of field 1 are sent late, by up to 0.40 s: 25 pictures per "
               "second carry fewer pairs than the source");
+}
+
+TEST(Retime, ReportsOnePairThatComesLateInItsField) {
+    for (const std::uint8_t field : {0, 1}) {
+        Report report;
+        const Schedule source{kRate25, {{4, field, text('a', 'b')}, {4, field, text('c', 'd')}}, {}};
+        const Schedule timed = retime(source, kRate25, report);
+        EXPECT_EQ(timed.eia608,
+                  (std::vector<Eia608Event>{{4, field, text('a', 'b')}, {5, field, text('c', 'd'), 1}}));
+        ASSERT_EQ(report.warnings().size(), 1U);
+        EXPECT_EQ(report.warnings()[0].kind, WarningKind::kDelayedPairs);
+        EXPECT_EQ(report.warnings()[0].line, 0);
+        EXPECT_NE(report.lines()[0].find("of field " + std::to_string(field + 1) +
+                                         " are sent late, by up to 0.04 s: 25 pictures"),
+                  std::string::npos);
+    }
 }
 
 TEST(Retime, PassesDelaysOnToTheRepacer) {
@@ -539,6 +567,30 @@ TEST(PictureWrites, AreIdleWhereNothingIsGiven) {
         if (which == 3) one.cea708.push_back({0xFE, 1, 2});
         EXPECT_FALSE(one.empty()) << which;
     }
+}
+
+// The picture of 24 on which a load begins that a source of 30 brings at its frame 100.
+std::int64_t picture_of_load(const std::vector<Word>& pairs, bool finished) {
+    Repacer repacer(kRate30, kRate24);
+    std::int64_t frame = 100;
+    for (const Word word : pairs) repacer.push(frame++, {{{word}, {}}, {}});
+    repacer.push(frame, {});  // no repetition
+    if (finished) repacer.finish();
+    for (std::int64_t picture = 0; picture < 200; ++picture)
+        if (repacer.pull(picture).words[0] != 0) return picture;
+    return -1;
+}
+
+TEST(Repacer, BeginsALoadAsEarlyAsTheLongestOneWouldHaveTo) {
+    // 88 pairs would end with frame 188, before picture 150.4: in slot 151 less 88.
+    EXPECT_EQ(picture_of_load({0x9420}, false), 63);
+    EXPECT_EQ(picture_of_load({0x9420, 0xC1C2, 0xC1C2}, false), 63);
+    // Frames 100, 101 and 102 are pictures 80, 80.8 and 81.6.
+    EXPECT_EQ(picture_of_load({0x9420}, true), 80);
+    EXPECT_EQ(picture_of_load({0x9420, 0xC1C2}, true), 80);
+    EXPECT_EQ(picture_of_load({0x9420, 0x942F}, false), 80);
+    // Frame 106, picture 84.8, shows it: in slot 85, with six pairs before.
+    EXPECT_EQ(picture_of_load({0x9420, 0xC1C2, 0xC1C2, 0xC1C2, 0xC1C2, 0xC1C2, 0x942F}, false), 79);
 }
 
 struct LoadingCase {
