@@ -56,10 +56,9 @@ std::int64_t start_milliseconds(const std::string& text, FrameRate rate) {
 
 std::vector<Cue> from_start(std::vector<Cue> cues, std::int64_t start, const std::string& path,
                             Report& report) {
-    const std::size_t before =
-        std::erase_if(cues, [start](const Cue& cue) { return start > 0 && cue.end_ms <= start; });
+    const std::size_t before = std::erase_if(cues, [start](const Cue& cue) { return cue.end_ms <= start; });
     for (Cue& cue : cues) {
-        cue.begin_ms = std::max<std::int64_t>(cue.begin_ms - start, 0);
+        cue.begin_ms = std::max(cue.begin_ms, start) - start;
         cue.end_ms -= start;
     }
     if (before > 0)
@@ -103,9 +102,9 @@ Schedule load(const std::string& path, const CaptionFileOptions& options, Report
             return retime(read_mcc(path, {start_timecode(options.start)}, report), options.output, report,
                           options.line_rate);
         case CaptionFormat::kSubRip: return load_cues(read_srt, path, options, report);
-        case CaptionFormat::kWebVtt: return load_cues(read_webvtt, path, options, report);
+        case CaptionFormat::kWebVtt: break;
     }
-    throw FileError(path, 0, "unknown caption format");
+    return load_cues(read_webvtt, path, options, report);
 }
 
 }  // namespace

@@ -67,10 +67,10 @@ char32_t named(std::string_view name) {
     return static_cast<char32_t>(0xA0 + (latin1 - std::begin(kLatin1)));
 }
 
-int digit_of(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    const char lower = static_cast<char>(c | 0x20);
-    return lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
+// More than any base has digits when it is none.
+std::size_t digit_of(char c) {
+    constexpr std::string_view kLower = "0123456789abcdef", kUpper = "0123456789ABCDEF";
+    return std::min(kLower.find(c), kUpper.find(c));
 }
 
 // What follows "&#"; 0 when it is not a number.
@@ -82,8 +82,8 @@ char32_t numbered(std::string_view digits) {
     const char32_t base = hexadecimal ? 16 : 10;
     char32_t value = 0;
     for (const char c : digits) {
-        const int digit = digit_of(c);
-        if (digit < 0 || static_cast<char32_t>(digit) >= base) return 0;
+        const std::size_t digit = digit_of(c);
+        if (digit >= base) return 0;
         value = std::min(value * base + static_cast<char32_t>(digit), kLast + 1);
     }
     if (value >= 128 && value < 160) return kWindows1252[value - 128];

@@ -26,18 +26,19 @@ enum Code : std::uint8_t {
 constexpr std::uint8_t kC1Lengths[] = {1, 1, 1, 1, 1, 1, 1, 1, 2, 2, 2, 2, 2, 2, 1, 1,
                                        3, 4, 3, 1, 1, 1, 1, 5, 7, 7, 7, 7, 7, 7, 7, 7};
 
-// Length of an extended code, the extension byte included; 0 when more bytes are needed to know.
+// Length of an extended code, the extension byte included; as far as it must go at least when more bytes are
+// needed to know.
 std::size_t extended_length(std::span<const std::uint8_t> codes) {
-    if (codes.size() < 2) return 0;
+    if (codes.size() < 2) return 2;
     const std::uint8_t code = codes[1];
     if (code < 0x20) return 2 + code / 8U;
     if (code < 0x80 || code >= 0xA0) return 2;
     if (code < 0x88) return 6;
     if (code < 0x90) return 7;
-    return codes.size() < 3 ? 0 : 3 + (codes[2] & 0x3FU);
+    return codes.size() < 3 ? 3 : 3 + (codes[2] & 0x3FU);
 }
 
-// Length of the code at the front with its parameters; 0 when more bytes are needed to know.
+// Length of the code at the front with its parameters, likewise.
 std::size_t code_length(std::span<const std::uint8_t> codes) {
     const std::uint8_t code = codes[0];
     if (code == kExtension) return extended_length(codes);
@@ -128,7 +129,7 @@ void DtvccDecoder::interpret(int number, Service& service) {
     std::span<const std::uint8_t> codes = service.codes;
     while (!codes.empty()) {
         const std::size_t length = code_length(codes);
-        if (length == 0 || length > codes.size()) break;
+        if (length > codes.size()) break;
         if (is_character(codes[0]) || is_extended_character(codes)) {
             if (service.open.text.empty()) service.open.frame = frame_;
             const char32_t character = is_character(codes[0]) ? character_of(codes[0]) : U'_';

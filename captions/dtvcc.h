@@ -63,8 +63,8 @@ private:
     void end_text(int number, Service& service);
 
     std::vector<std::uint8_t> packet_;
-    std::size_t packet_size_ = 0;
-    std::int64_t frame_ = 0;
+    std::size_t packet_size_{};
+    std::int64_t frame_{};
     std::map<int, Service> open_;
     std::set<int> services_;
     std::vector<ServiceText> texts_;

@@ -169,7 +169,7 @@ void Eia608Decoder::carriage_return(std::int64_t frame, int index) {
     Channel& channel = channels_[static_cast<std::size_t>(index)];
     if (channel.style == Style::kText) end_text_row(index);
     if (channel.style != Style::kRollUp) return;
-    const int top = std::max(1, channel.row - channel.roll_up_rows + 1);
+    const int top = channel.row - channel.roll_up_rows + 1;
     close_row(frame, index, top);
     for (int row = top; row < channel.row; ++row) {
         const auto at = static_cast<std::size_t>(row - 1);
@@ -177,7 +177,7 @@ void Eia608Decoder::carriage_return(std::int64_t frame, int index) {
         channel.row_begin[at] = channel.row_begin[at + 1];
     }
     channel.displayed[static_cast<std::size_t>(channel.row - 1)] = Row{};
-    channel.row_begin[static_cast<std::size_t>(channel.row - 1)] = -1;
+    channel.row_begin[static_cast<std::size_t>(channel.row - 1)].reset();
     channel.column = 0;
 }
 
@@ -187,9 +187,8 @@ void Eia608Decoder::address(Channel& channel, const Preamble& preamble) {
     if (channel.style == Style::kRollUp) {
         const int base = std::max(preamble.row, channel.roll_up_rows);
         Memory moved{};
-        std::array<std::int64_t, kRows> moved_begin;
-        moved_begin.fill(-1);
-        for (int up = 0; up < channel.roll_up_rows && channel.row - up >= 1; ++up) {
+        std::array<std::optional<std::int64_t>, kRows> moved_begin{};
+        for (int up = 0; up < channel.roll_up_rows; ++up) {
             const auto from = static_cast<std::size_t>(channel.row - up - 1);
             const auto to = static_cast<std::size_t>(base - up - 1);
             moved[to] = channel.displayed[from];
@@ -210,7 +209,7 @@ void Eia608Decoder::end_of_caption(std::int64_t frame, int index) {
     std::swap(channel.displayed, channel.hidden);
     channel.style = Style::kPopOn;
     channel.displayed_mode = CaptionMode::kPopOn;
-    channel.begin = channel.displayed == Memory{} ? -1 : frame;
+    channel.begin = channel.displayed == Memory{} ? std::nullopt : std::optional(frame);
 }
 
 void Eia608Decoder::put(std::int64_t frame, int index, char32_t character) {
@@ -225,8 +224,8 @@ void Eia608Decoder::put(std::int64_t frame, int index, char32_t character) {
     const auto row = static_cast<std::size_t>(channel.row - 1);
     written_memory(channel)[row][static_cast<std::size_t>(channel.column++)] = character;
     if (channel.style == Style::kPopOn) return;
-    if (channel.begin < 0) channel.begin = frame;
-    if (channel.row_begin[row] < 0) channel.row_begin[row] = frame;
+    if (!channel.begin) channel.begin = frame;
+    if (!channel.row_begin[row]) channel.row_begin[row] = frame;
 }
 
 void Eia608Decoder::backspace(Channel& channel) {
@@ -242,8 +241,8 @@ void Eia608Decoder::close(std::int64_t frame, int index) {
     Channel& channel = channels_[static_cast<std::size_t>(index)];
     if (channel.displayed_mode == CaptionMode::kRollUp) {
         for (int row = 1; row <= kRows; ++row) close_row(frame, index, row);
-    } else if (channel.begin >= 0) {
-        TimedText caption{index + 1, channel.displayed_mode, channel.begin, frame, 0, {}};
+    } else if (channel.begin) {
+        TimedText caption{index + 1, channel.displayed_mode, *channel.begin, frame, {}, {}};
         for (int row = 1; row <= kRows; ++row) {
             std::string text = row_text(channel.displayed[static_cast<std::size_t>(row - 1)]);
             if (text.empty()) continue;
@@ -252,18 +251,18 @@ void Eia608Decoder::close(std::int64_t frame, int index) {
         }
         if (!caption.rows.empty()) captions_.push_back(std::move(caption));
     }
-    channel.begin = -1;
-    channel.row_begin.fill(-1);
+    channel.begin.reset();
+    channel.row_begin.fill(std::nullopt);
 }
 
 void Eia608Decoder::close_row(std::int64_t frame, int index, int row) {
     Channel& channel = channels_[static_cast<std::size_t>(index)];
     const auto at = static_cast<std::size_t>(row - 1);
     std::string text = row_text(channel.displayed[at]);
-    if (channel.row_begin[at] >= 0 && !text.empty())
+    if (channel.row_begin[at] && !text.empty())
         captions_.push_back(
-            {index + 1, CaptionMode::kRollUp, channel.row_begin[at], frame, row, {std::move(text)}});
-    channel.row_begin[at] = -1;
+            {index + 1, CaptionMode::kRollUp, *channel.row_begin[at], frame, row, {std::move(text)}});
+    channel.row_begin[at].reset();
 }
 
 void Eia608Decoder::end_text_row(int index) {

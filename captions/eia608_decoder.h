@@ -18,7 +18,9 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "line21.h"
@@ -52,8 +54,8 @@ struct TextRow {
 };
 
 struct Line21Services {
-    std::array<bool, 4> captions{};  ///< CC1 to CC4: a caption mode was chosen
-    std::array<bool, 4> text{};      ///< T1 to T4
+    std::array<bool, kChannels> captions{};  ///< CC1 to CC4: a caption mode was chosen
+    std::array<bool, kChannels> text{};      ///< T1 to T4
     bool extended_data = false;
 };
 
@@ -88,21 +90,19 @@ private:
         CaptionMode displayed_mode = CaptionMode::kPopOn;
         Memory displayed{};
         Memory hidden{};
-        std::int64_t begin = -1;                    // of what is displayed; -1 when nothing is
-        std::array<std::int64_t, kRows> row_begin;  // roll-up: of each row
-        int row = kRows;                            // 1 to 15
-        int column = 0;                             // 32 after the last column
-        int roll_up_rows = 2;
-        std::u32string text_row;  // of the text service
-        std::int64_t text_begin = 0;
-
-        Channel() { row_begin.fill(-1); }
+        std::optional<std::int64_t> begin;                           // of what is displayed, if anything is
+        std::array<std::optional<std::int64_t>, kRows> row_begin{};  // roll-up: of each row
+        int row = kRows;                                             // 1 to 15
+        int column = 0;                                              // 32 after the last column
+        int roll_up_rows{};
+        std::u32string text_row;    // of the text service
+        std::int64_t text_begin{};  // of its first character
     };
 
     struct Field {
-        int channel = 0;
-        Word newest_control = 0;
-        std::int64_t newest_frame = -1;
+        int channel{};
+        Word newest_control{};
+        std::int64_t newest_frame{};
         bool in_extended_data = false;
     };
 
@@ -121,8 +121,8 @@ private:
     static std::string row_text(const Row& row);
 
     int step_;
-    std::array<Channel, 4> channels_;
-    std::array<Field, 2> fields_;
+    std::array<Channel, kChannels> channels_;
+    std::array<Field, kFields> fields_;
     std::vector<TimedText> captions_;
     std::vector<TextRow> text_rows_;
     Line21Services services_;

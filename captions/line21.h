@@ -17,6 +17,8 @@ namespace gsve::captions {
 
 using Word = std::uint16_t;
 
+inline constexpr int kFields = 2;
+inline constexpr int kChannels = 4;  ///< two of each field: CC1 to CC4, T1 to T4
 inline constexpr int kRows = 15;
 inline constexpr int kColumns = 32;
 

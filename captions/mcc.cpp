@@ -245,7 +245,7 @@ private:
     // Lines of which a part could be used.
     struct Fault {
         std::size_t lines = 0;
-        int first = 0;
+        int first{};
         std::string text;  // of the first one
     };
 

@@ -61,7 +61,7 @@ public:
 
 private:
     bool alternating_fields_;
-    Word repeatable_[2] = {0, 0};
+    Word repeatable_[kFields] = {};
     ParityDamage damage_;
 };
 

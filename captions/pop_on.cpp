@@ -77,12 +77,12 @@ std::size_t width_of(const Words& words) {
 
 Words split_words(const StyledLine& line) {
     Words words;
-    std::size_t italics = 0;
+    std::size_t italics{};
     bool inside = false;
     for (const StyledCharacter& c : line) {
         const bool space = c.character == U' ';
         if (!space && !inside) {
-            words.push_back({U"", false});
+            words.push_back({});
             italics = 0;
         }
         inside = !space;
@@ -158,12 +158,12 @@ std::vector<std::vector<Words>> balanced(const std::vector<Words>& lines, bool w
     // From the last piece to the first: the best captions for all from there on.
     struct Best {
         std::size_t captions = 0;
-        std::size_t squares = 0;  // of the captions' lengths, least when they are equal
-        std::size_t end = 0;      // of the first caption
+        std::size_t squares{};  // of the captions' lengths, least when they are equal
+        std::size_t end{};      // of the first caption
     };
     std::vector<Best> best(pieces.size() + 1);
     for (std::size_t begin = pieces.size(); begin-- > 0;) {
-        std::size_t width = 0, length = 0;
+        std::size_t width{}, length = 0;
         int used = 0;
         for (std::size_t end = begin; end < pieces.size(); ++end) {
             const std::size_t more = width_of(pieces[end]);
@@ -556,8 +556,8 @@ Layout lay_out(const Cue& cue, int rows, const std::string& name, Report& report
 // Cues whose own lines were given up for fewer rows.
 struct Rewrapped {
     std::size_t cues = 0;
-    int first_line = 0;  // in the file
-    int most_rows = 0;   // that a cue had
+    int first_line{};  // in the file
+    int most_rows{};   // that a cue had
 
     void add(int line, int rows) {
         if (cues++ == 0) first_line = line;

@@ -149,8 +149,8 @@ PictureWrites Repacer::pull(std::int64_t picture) {
     const FrameRate clock = source_slots(0).clock();
     while (writes.cea708.size() < limit && !cea708_.empty() &&
            begins_by(cea708_.front().time, clock, picture, output_)) {
-        const std::int64_t due = first_frame_not_before(cea708_.front().time, clock, output_);
-        if (writes.cea708.empty()) writes.cea708_due = std::max<std::int64_t>(due, 0);
+        if (writes.cea708.empty())
+            writes.cea708_due = first_frame_not_before(cea708_.front().time, clock, output_);
         writes.cea708.push_back(cea708_.front().construct);
         cea708_.pop_front();
     }
@@ -328,9 +328,9 @@ std::int64_t Repacer::latest_slot(int field, std::size_t first, std::int64_t lon
 
 namespace {
 
-void report_delay(const Schedule& timed, int field, std::size_t left_out, Report& report) {
+void report_delay(const Schedule& timed, int field, const Repacer& repacer, Report& report) {
     int late = 0;
-    std::int64_t largest = 0;
+    std::int64_t largest{};
     for (const Eia608Event& event : timed.eia608) {
         if (event.field != field) continue;
         late += event.late > 0;
@@ -342,6 +342,7 @@ void report_delay(const Schedule& timed, int field, std::size_t left_out, Report
         "carry "
         "fewer pairs than the source",
         late, field + 1, frame_to_seconds(largest, timed.rate), timed.rate.per_second());
+    const std::size_t left_out = repacer.repetitions_left_out(field);
     if (left_out > 0) text += fmt::format(", though {} repetitions of control pairs are left out", left_out);
     report.add(WarningKind::kDelayedPairs, "", 0, text);
 }
@@ -369,8 +370,7 @@ Schedule retime(const Schedule& schedule, FrameRate output, Report& report, Line
         }
         if (!writes.cea708.empty()) timed.cea708.push_back({picture, std::move(writes.cea708)});
     }
-    for (int field = 0; field < 2; ++field)
-        report_delay(timed, field, repacer.repetitions_left_out(field), report);
+    for (int field = 0; field < 2; ++field) report_delay(timed, field, repacer, report);
     return timed;
 }
 

@@ -57,10 +57,10 @@ namespace gsve::captions {
 
 /// What to hand to the encoder before one picture.
 struct PictureWrites {
-    Word words[2] = {0, 0};  ///< by field, with parity; 0: nothing
+    Word words[kFields] = {};  ///< by field, with parity; 0: nothing
     std::vector<Cea708Construct> cea708;
-    std::int64_t due[2] = {0, 0};  ///< the first picture that could have taken the word
-    std::int64_t cea708_due = 0;   ///< and the first of the constructs
+    std::int64_t due[kFields] = {};  ///< the first picture that could have taken the word
+    std::int64_t cea708_due = 0;     ///< and the first of the constructs
 
     /// The field whose turn comes first on the picture: 0 but at the full rate.
     std::uint8_t first_field = 0;
@@ -84,8 +84,8 @@ public:
     bool displays_at_once(Word word);
 
 private:
-    bool loading_[2] = {false, false};
-    int channel_ = 0;
+    bool loading_[kChannels / kFields] = {};
+    int channel_{};
 };
 
 /// For how many seconds captions have to be pushed ahead of the pulls, lest a pop-on caption of full size be
@@ -138,9 +138,9 @@ private:
     struct FieldQueue {
         std::deque<Unit> units;
         LoadingState loading;
-        std::int64_t newest_frame = 0;
+        std::int64_t newest_frame{};
         bool newest_was_pair = false;
-        Word newest_word = 0;
+        Word newest_word{};
         bool newest_may_repeat = false;  // the newest unit is a control pair, so far sent once
         std::int64_t free_slot = 0;      // of the output: the first after the pair pulled last
         std::size_t repetitions_left_out = 0;
@@ -153,7 +153,7 @@ private:
 
     struct TimedWord {
         Word word = 0;
-        std::int64_t due = 0;
+        std::int64_t due{};
     };
 
     // From `picture` of the source on, its pictures with three pairs are those of another phase.
@@ -188,9 +188,9 @@ private:
     std::deque<PhaseChange> phase_changes_;
     int phase_ = 0;  // of the output
     bool had_third_ = false;
-    FieldQueue fields_[2];
+    FieldQueue fields_[kFields];
     std::deque<TimedConstruct> cea708_;
-    std::int64_t pushed_frame_ = -1;
+    std::int64_t pushed_frame_{};
     std::int64_t largest_delay_ = 0;
     bool finished_ = false;
 };

@@ -19,11 +19,11 @@ namespace {
 constexpr std::string_view kHeader = "Scenarist_SCC V1.0";
 constexpr std::int64_t kLongestBridgedGap = 2;
 
-// The separator before the frames tells how they are counted: ':' without drop-frame, ';' with it, and so do
-// the '.' and ',' of some writers.
+// The separator before the frames of a time code tells how they are counted: ':' without drop-frame, ';' with
+// it, and so do the '.' and ',' of some writers.
 bool says_drop_frame(std::string_view timecode) {
     constexpr std::size_t kBeforeFrames = 8;
-    return timecode.size() > kBeforeFrames && timecode[kBeforeFrames] != ':';
+    return timecode[kBeforeFrames] != ':';
 }
 
 std::string with_colons(std::string_view timecode) {
@@ -71,8 +71,8 @@ private:
         const std::string_view timecode = first_word(text);
         const std::string_view pairs = trim(text.substr(timecode.size()));
         const std::string colons = with_colons(timecode);
-        lines.push_back({parse_timecode(is_timecode(colons) ? colons : timecode, options_.rate),
-                         says_drop_frame(timecode), pairs, number});
+        const Timecode parts = parse_timecode(is_timecode(colons) ? colons : timecode, options_.rate);
+        lines.push_back({parts, says_drop_frame(timecode), pairs, number});
     } catch (const std::invalid_argument& error) {
         leave_out(number, error.what(), "the line");
     }
@@ -135,7 +135,7 @@ private:
 
     // What is left out keeps its frame, so that the others keep theirs.
     void add_pair(std::string_view text, int number) {
-        Word word = 0;
+        Word word{};
         const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), word, 16);
         const std::int64_t frame = next_frame_++;
         if (text.size() != 4 || error != std::errc() || end != text.data() + text.size())
@@ -177,7 +177,7 @@ private:
     bool drop_frame_ = false;
     std::size_t pairs_ = 0;
     std::size_t wrong_parity_ = 0;
-    int wrong_parity_line_ = 0;
+    int wrong_parity_line_{};
     std::size_t before_start_ = 0;
 };
 
@@ -216,7 +216,7 @@ std::string write_scc(const Schedule& schedule, int field, const SccWriteOptions
     const std::int64_t start = options.start ? timecode_to_frame(*options.start, kRate29_97) : 0;
     std::string text = fmt::format("{}\n", kHeader);
     std::optional<std::int64_t> next_frame;
-    Word before = 0;
+    Word before{};
     for (const Eia608Event& event : timed.eia608) {
         const bool same_line =
             next_frame && event.frame - *next_frame <= kLongestBridgedGap && !opens_line(before, event.word);

@@ -40,7 +40,7 @@ struct FieldPair {
 
 /// What one source picture carries, in order. Null pairs may be present; they are slack.
 struct PictureCaptions {
-    std::vector<Word> fields[2];
+    std::vector<Word> fields[kFields];
     std::vector<Cea708Construct> cea708;
 
     bool empty() const { return fields[0].empty() && fields[1].empty() && cea708.empty(); }

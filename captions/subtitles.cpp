@@ -25,7 +25,7 @@ bool is_digits(std::string_view text) {
 }
 
 std::optional<int> to_int(std::string_view text) {
-    int value = 0;
+    int value{};
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
     if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
     return value;

@@ -6,7 +6,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 
 #include <fmt/format.h>
 
@@ -68,7 +67,11 @@ std::string read_file(const std::string& path) {
     if (std::filesystem::is_directory(path)) throw FileError(path, 0, "cannot be read: it is a directory");
     errno = 0;
     std::ifstream stream(path, std::ios::binary);
-    std::string text{std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+    // A stream turns an error of reading into its state, its buffer alone would throw.
+    std::string text;
+    char block[4096];
+    while (stream.read(block, sizeof block) || stream.gcount() > 0)
+        text.append(block, static_cast<std::size_t>(stream.gcount()));
     if (!stream.is_open() || stream.bad())
         throw FileError(path, 0, fmt::format("cannot be read: {}", std::strerror(errno)));
     return text;
@@ -104,7 +107,7 @@ std::string lower_case(std::string_view text) {
 std::u32string decode_utf8(std::string_view text, std::string_view name, int line) {
     std::u32string decoded;
     while (!text.empty()) {
-        char32_t value = 0;
+        char32_t value{};
         const std::size_t length = next_code_point(text, value);
         if (length == 0)
             throw FileError(name, line,

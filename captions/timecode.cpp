@@ -27,7 +27,7 @@ int dropped_per_minute(FrameRate rate) { return nominal_rate(rate) / 15; }
 
 struct Syntax {
     std::array<int, 4> parts{};
-    bool drop_frame = false;
+    bool drop_frame{};
     bool valid = false;
 };
 

@@ -33,7 +33,7 @@ std::int64_t days_between(const std::vector<TimedLine>& lines, std::int64_t day,
 
 void report_disorder(const std::vector<TimedLine>& lines, const std::string& name, Report& report) {
     std::size_t count = 0;
-    int first = 0;
+    int first{};
     std::int64_t newest = lines.front().frame;
     for (const TimedLine& line : lines) {
         if (line.frame < newest && count++ == 0) first = line.number;

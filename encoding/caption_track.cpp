@@ -165,7 +165,8 @@ void CaptionTrack::emitted(const EncodedUnit& unit) {
     in_codec_.erase(given);
 }
 
-// Follows all pairs that were asked for, and those that went to the encoder, as a receiver does.
+// Follows all pairs that were asked for, of which some wait, and those that went to the encoder, as a
+// receiver does.
 std::vector<LostCaption> CaptionTrack::lost_captions(uint64_t encoded) const {
     int64_t to_send[2] = {0, 0};
     std::map<std::pair<int, int64_t>, int64_t> late;  // by field and frame
@@ -181,7 +182,7 @@ std::vector<LostCaption> CaptionTrack::lost_captions(uint64_t encoded) const {
         wanted.feed(event.frame, event.field, event.word);
         if (to_send[event.field]-- > 0) sent.feed(event.frame, event.field, event.word);
     }
-    const int64_t end = asked_.eia608.empty() ? 0 : asked_.eia608.back().frame + 1;
+    const int64_t end = asked_.eia608.back().frame + 1;
     std::map<std::pair<int, int64_t>, std::string> seen;  // by channel and frame
     for (const captions::TimedText& text : sent.finish(end)) seen[{text.channel, text.begin}] += text.text();
 

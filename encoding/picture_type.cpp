@@ -32,7 +32,7 @@ char PictureTypeReader::type(std::span<const uint8_t> unit) {
         return header ? header->type : '?';
     }
     uint8_t* out = nullptr;
-    int out_size = 0;
+    int out_size{};
     parser_->pict_type = AV_PICTURE_TYPE_NONE;
     av_parser_parse2(parser_.get(), context_.get(), &out, &out_size, unit.data(),
                      static_cast<int>(unit.size()), AV_NOPTS_VALUE, AV_NOPTS_VALUE, 0);

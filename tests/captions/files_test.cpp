@@ -2,6 +2,7 @@
 #include <fstream>
 #include <functional>
 #include <random>
+#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -363,6 +364,72 @@ TEST(Scc, KeepsTheWordsOfA25Schedule) {
                 frame_to_seconds(at("00:01:00;02"), kRate29_97), 0.08);
 }
 
+TEST(Scc, RefusesRatesWithMoreFramesThanItsTimeCodesCount) {
+    for (const FrameRate rate : {FrameRate{40, 1}, kRate50, kRate59_94}) {
+        Report report;
+        EXPECT_THROW(parse_scc("Scenarist_SCC V1.0\n", "a.scc", {.rate = rate}, report),
+                     std::invalid_argument);
+    }
+    Report report;
+    const Schedule schedule =
+        parse_scc("Scenarist_SCC V1.0\n00:00:02:00\t9420\n", "a.scc", {.rate = kRate25}, report);
+    EXPECT_EQ(schedule.rate, kRate25);
+    EXPECT_EQ(schedule.eia608, (std::vector<Eia608Event>{{50, 0, 0x9420}}));
+}
+
+TEST(Scc, TakesFourHexadecimalDigitsForAPairAlone) {
+    for (const char* pair : {"942", "94200", "942g", "9 20", "+942", "0x94", "-942"}) {
+        Report report;
+        const Schedule schedule = parse_scc(
+            std::string("Scenarist_SCC V1.0\n00:00:00:00\t942c ") + pair + " 942f\n", "a.scc", {}, report);
+        EXPECT_EQ(schedule.eia608.front(), (Eia608Event{0, 0, 0x942C})) << pair;
+        EXPECT_EQ(schedule.eia608.back().word, 0x942F) << pair;
+        EXPECT_EQ(schedule.eia608.size(), 2U) << pair;
+        EXPECT_GE(report.count(WarningKind::kFaultyLine), 1U) << pair;
+    }
+}
+
+TEST(Scc, SaysThatAPairIsLateByOneFrameAlone) {
+    Report report;
+    const Schedule schedule =
+        parse_scc("Scenarist_SCC V1.0\n00:00:01:00\t9420 94ae\n00:00:01:01\t942c\n00:00:01:03\t942f\n",
+                  "a.scc", {}, report);
+    EXPECT_EQ(frames_of(schedule), (std::vector<std::int64_t>{30, 31, 32, 33}));
+    EXPECT_EQ(report.lines(),
+              (std::vector<std::string>{
+                  "a.scc:3: these byte pairs are sent 1 frame late, after those of the line before"}));
+    EXPECT_EQ(report.count(WarningKind::kDelayedPairs), 1U);
+}
+
+TEST(Scc, NamesTheFirstLineWithWrongParity) {
+    Report report;
+    parse_scc("Scenarist_SCC V1.0\n00:00:01:00\t9420\n00:00:02:00\t1420\n00:00:03:00\t1420 9420 142c\n",
+              "a.scc", {}, report);
+    EXPECT_EQ(report.lines(),
+              (std::vector<std::string>{
+                  "a.scc:3: wrong parity of 3 byte pairs (the first one here) is put right"}));
+}
+
+TEST(Scc, BeginsALineWhereOneShowsErasesOrRollsUp) {
+    // Neighbours each; the code behind the first of a pair of them is one more of the same line.
+    const std::tuple<Word, Word, bool> rows[] = {
+        {0x942F, 0xC1C2, true},  {0x942C, 0xC1C2, true},  {0x942F, 0x942F, false}, {0xC1C2, 0x942F, false},
+        {0xC1C2, 0x942C, true},  {0xC1C2, 0x9425, true},  {0xC1C2, 0x9426, true},  {0xC1C2, 0x94A7, true},
+        {0xC1C2, 0x94A8, false}, {0x94AE, 0x9420, false}, {0x94AD, 0xC1C2, false}, {0x9425, 0x9425, false}};
+    for (const auto& [first, second, begins] : rows) {
+        const Schedule schedule{kRate29_97, {{0, 0, first}, {1, 0, second}}, {}};
+        const std::string text = write_scc(schedule, 0, {});
+        EXPECT_EQ(std::count(text.begin(), text.end(), '\t'), begins ? 2 : 1) << text;
+    }
+}
+
+TEST(Scc, WritesFromItsStart) {
+    const Schedule schedule{kRate29_97, {{0, 0, 0x9420}, {1798, 0, 0x942F}}, {}};
+    EXPECT_EQ(write_scc(schedule, 0, {.start = Timecode{0, 0, 0, 2, true}}),
+              "Scenarist_SCC V1.0\n\n00:00:00;02\t9420\n\n00:01:00;02\t942f\n");
+    EXPECT_EQ(write_scc({kRate29_97, {}, {}}, 0, {}), "Scenarist_SCC V1.0\n");
+}
+
 // --- MCC and caption distribution packets
 
 TEST(Mcc, ExpandsTheAbbreviations) {
@@ -376,6 +443,21 @@ TEST(Mcc, ExpandsTheAbbreviations) {
     EXPECT_THROW(expand_mcc_bytes("V"), std::invalid_argument);
     EXPECT_THROW(expand_mcc_bytes("4"), std::invalid_argument);
     EXPECT_THROW(expand_mcc_bytes("4S"), std::invalid_argument);
+}
+
+TEST(Mcc, RepeatsThePaddingAsOftenAsItsLetterSays) {
+    for (std::size_t count = 1; count <= 9; ++count) {
+        std::vector<std::uint8_t> padding;
+        for (std::size_t n = 0; n < count; ++n) padding.insert(padding.end(), {0xFA, 0, 0});
+        EXPECT_EQ(expand_mcc_bytes(std::string(1, static_cast<char>('G' + count - 1))), padding) << count;
+    }
+}
+
+TEST(Mcc, ReadsHexadecimalDigitsOfBothCasesAndNothingElse) {
+    EXPECT_EQ(expand_mcc_bytes("0f1E9aA909afAFFa"),
+              (std::vector<std::uint8_t>{0x0F, 0x1E, 0x9A, 0xA9, 0x09, 0xAF, 0xAF, 0xFA}));
+    for (const char* text : {"/", ":", "@", "V", "Y", "[", "`", "g", "0/", "0:", "0@", "0G", "0`", "0g", "0"})
+        EXPECT_THROW(expand_mcc_bytes(text), std::invalid_argument) << text;
 }
 
 TEST(Mcc, ReadsTheSampleInBothCaptionForms) {
@@ -654,6 +736,118 @@ TEST(Mcc, LeavesOutAPacketOfWhichNothingIsWhole) {
     }
 }
 
+// Each rate's name; the codes of the packets of that rate, and what it makes of a rate that they tell.
+TEST(Mcc, TakesTheRateFromItsNameAndWhetherItIsARoundOneFromThePackets) {
+    const struct {
+        const char* name;
+        int nominal;
+        std::uint8_t code;
+        FrameRate rate;
+    } rows[] = {{"24", 24, 1, kRate23_976},  {"24", 24, 2, kRate24},      {"25", 25, 3, kRate25},
+                {"30", 30, 4, kRate29_97},   {"30", 30, 5, kRate30},      {"30DF", 30, 4, kRate29_97},
+                {"30DF", 30, 5, kRate29_97}, {"50", 50, 6, kRate50},      {"60", 60, 7, kRate59_94},
+                {"60", 60, 8, kRate60},      {"60DF", 60, 7, kRate59_94}, {"60DF", 60, 8, kRate59_94},
+                {"24", 24, 0, kRate23_976},  {"24", 24, 3, kRate23_976},  {"30", 30, 8, kRate29_97},
+                {"60", 60, 5, kRate59_94},   {"25", 25, 9, kRate25},      {"50", 50, 15, kRate50}};
+    for (const auto& [name, nominal, code, rate] : rows) {
+        SCOPED_TRACE(testing::Message() << name << " " << int{code});
+        const std::string line =
+            "00:00:02:01\t" + hex(ancillary(packet(code, {0x72, 0xE1, 0xFC, 0x94, 0x2C}))) + "\n";
+        Report report;
+        const Schedule schedule = parse_mcc(mcc_text(line, "1.0", name), "a.mcc", {}, report);
+        EXPECT_EQ(schedule.rate, rate);
+        EXPECT_EQ(schedule.eia608, (std::vector<Eia608Event>{{2 * nominal + 1, 0, 0x942C}}));
+        EXPECT_EQ(report.lines(), std::vector<std::string>());
+    }
+}
+
+TEST(Mcc, TakesTheRateOfItsFirstPacket) {
+    const auto line = [](std::uint8_t code) {
+        return "00:00:02:01\t" + hex(ancillary(packet(code, {0x72, 0xE1, 0xFC, 0x94, 0x2C}))) + "\n";
+    };
+    Report report;
+    EXPECT_EQ(parse_mcc(mcc_text(line(4) + line(5), "1.0", "30"), "a.mcc", {}, report).rate, kRate29_97);
+    EXPECT_EQ(parse_mcc(mcc_text(line(5) + line(4), "1.0", "30"), "a.mcc", {}, report).rate, kRate30);
+}
+
+TEST(Mcc, CountsDropFrameWhereItsRateSaysSo) {
+    const std::string line = hex(ancillary(packet(4, {0x72, 0xE1, 0xFC, 0x94, 0x2C}))) + "\n";
+    for (const auto& [rate, timecode, frame] :
+         {std::tuple("30DF", "00:01:00:02", 1800), std::tuple("30DF", "00:01:00;02", 1800),
+          std::tuple("30", "00:01:00:02", 1802), std::tuple("60DF", "00:01:00:04", 3600),
+          std::tuple("60DF", "00:01:00;04.1,9", 3600)}) {
+        Report report;
+        const std::string text = std::string(timecode) + " " + line;
+        EXPECT_EQ(parse_mcc(mcc_text(text, "2.0", rate), "a.mcc", {}, report).eia608,
+                  (std::vector<Eia608Event>{{frame, 0, 0x942C}}))
+            << rate << " " << timecode;
+    }
+}
+
+TEST(Mcc, ReportsHowManyLinesLieBeforeTheStart) {
+    const std::string body = mcc_line("00:00:01;28", 0xC8, 0xE9) + mcc_line("00:00:01;29", 0xC8, 0xE9) +
+                             mcc_line("00:00:02;00", 0x94, 0x2C);
+    Report report;
+    const Schedule schedule =
+        parse_mcc(mcc_text(body), "s.mcc", {.start = Timecode{0, 0, 2, 0, false}}, report);
+    EXPECT_EQ(schedule.eia608, (std::vector<Eia608Event>{{0, 0, 0x942C}}));
+    EXPECT_EQ(report.lines(),
+              (std::vector<std::string>{"s.mcc: left out: 2 lines before the start of the video"}));
+    EXPECT_EQ(report.count(WarningKind::kBeforeStart), 1U);
+}
+
+TEST(Mcc, PutsParityRightAndReportsIt) {
+    Report report;
+    const Schedule schedule = parse_mcc(mcc_text(mcc_line("00:00:00;01", 0x14, 0x2C)), "p.mcc", {}, report);
+    EXPECT_EQ(schedule.eia608, (std::vector<Eia608Event>{{1, 0, 0x942C}}));
+    EXPECT_EQ(report.lines(), (std::vector<std::string>{"p.mcc: wrong parity of 1 byte pair is put right"}));
+}
+
+TEST(Mcc, PassesOverCommentsAndKeysOnBothSidesOfTheRate) {
+    const std::string keys = "// 00:00:00;00\n\nUUID=1-2\nCreation Program=x\n \n";
+    Report report;
+    const Schedule schedule =
+        parse_mcc("File Format=MacCaption_MCC V1.0\nCreation\n" + keys + "Time Code Rate=30DF\n" + keys +
+                      mcc_line("00:00:00;01", 0x94, 0x2C) + keys,
+                  "k.mcc", {}, report);
+    EXPECT_EQ(schedule.eia608, (std::vector<Eia608Event>{{1, 0, 0x942C}}));
+    EXPECT_EQ(report.lines(), std::vector<std::string>());
+}
+
+TEST(Mcc, KnowsCaptionsByBothIdentifiers) {
+    const Bytes captions = ancillary(packet(4, {0x72, 0xE1, 0xFC, 0x94, 0x2C}));
+    const auto line = [](const Bytes& bytes) { return "00:00:00;01\t" + hex(bytes) + "\n"; };
+    // The identifiers count in the checksum, which is the last byte.
+    const auto other = [&](std::size_t at, int by) {
+        return line(changed(changed(captions, at, by), captions.size() - 1, by));
+    };
+    Report report;
+    const Schedule schedule =
+        parse_mcc(mcc_text(other(0, 1) + other(1, 1) + other(0, -1) + other(1, -1) + line(captions)), "i.mcc",
+                  {}, report);
+    EXPECT_EQ(schedule.eia608.size(), 1U);
+    EXPECT_EQ(report.lines(),
+              (std::vector<std::string>{"i.mcc: left out: 4 lines with ancillary data other than captions"}));
+}
+
+TEST(Mcc, NeedsTheHeaderOfAnAncillaryPacketAndAChecksum) {
+    const auto error = [](const std::string& data) {
+        Report report;
+        return error_of([&] { parse_mcc(mcc_text("00:00:00;00\t" + data + "\n"), "h.mcc", {}, report); });
+    };
+    const std::string rest = "; the line is left out (nothing else is in the file: export it again)";
+    EXPECT_EQ(error("610100"), "h.mcc:4: the line ends within the ancillary packet's header" + rest);
+    EXPECT_EQ(error("61"), "h.mcc:4: the line ends within the ancillary packet's header" + rest);
+    EXPECT_EQ(error("61010062"),
+              "h.mcc:4: the packet does not begin with the caption distribution identifier "
+              "9669" +
+                  rest);
+    EXPECT_EQ(error("61010196"), "h.mcc:4: the ancillary packet's checksum is missing" + rest);
+    EXPECT_EQ(error("610103969669"), "h.mcc:4: the ancillary packet's checksum is missing" + rest);
+    EXPECT_EQ(error("6101099669"),
+              "h.mcc:4: the ancillary packet's count byte says 9 bytes, 1 are given" + rest);
+}
+
 TEST(Mcc, CountsOnOverMidnight) {
     Report report;
     const std::string body = mcc_line("23:59:59;28", 0xC8, 0xE9) + mcc_line("00:00:00;01", 0x94, 0x2C);
@@ -713,6 +907,98 @@ std::vector<CdpFault> faults_of(const Bytes& packet) {
     return faults;
 }
 
+TEST(Cdp, TellsTheRateByItsCode) {
+    const std::optional<FrameRate> rates[] = {std::nullopt, kRate23_976,  kRate24,      kRate25,
+                                              kRate29_97,   kRate30,      kRate50,      kRate59_94,
+                                              kRate60,      std::nullopt, std::nullopt, std::nullopt,
+                                              std::nullopt, std::nullopt, std::nullopt, std::nullopt};
+    for (std::uint8_t code = 0; code < 16; ++code)
+        EXPECT_EQ(parse_cdp(packet(code, {})).rate, rates[code]) << int{code};
+}
+
+TEST(Cdp, HasBytesThatSumUpToZero) {
+    EXPECT_EQ(zero_sum_checksum({}), 0);
+    EXPECT_EQ(zero_sum_checksum(Bytes{1}), 255);
+    EXPECT_EQ(zero_sum_checksum(Bytes{0x96, 0x69}), 1);
+    EXPECT_EQ(zero_sum_checksum(Bytes(257, 0xFF)), 1);
+}
+
+TEST(Cdp, TakesTheLengthOfASectionFromItsCount) {
+    const Bytes pair{0x72, 0xE1, 0xFC, 0x94, 0x20};
+    // Sections before and behind are found only where the one between has its right length.
+    const auto around = [&](Bytes section) {
+        section.insert(section.begin(), pair.begin(), pair.end());
+        section.insert(section.end(), pair.begin(), pair.end());
+        const Cdp cdp = parse_cdp(packet(4, section));
+        EXPECT_EQ(cdp.damage.size(), 0U);
+        return cdp;
+    };
+    for (unsigned count = 0; count < 16; ++count) {
+        SCOPED_TRACE(count);
+        const auto low = static_cast<std::uint8_t>(count);
+        Bytes triples{0x72, static_cast<std::uint8_t>(0xE0 | low)};
+        triples.resize(2 + 3 * count, 0xFA);
+        EXPECT_EQ(around(triples).cc_data.size(), 6 + 3 * count);
+        Bytes services{0x73, static_cast<std::uint8_t>(0xD0 | low)};
+        services.resize(2 + 7 * count, 0x11);
+        EXPECT_EQ(around(services).service_count, static_cast<int>(count));
+        Bytes future{0x75, low};
+        future.resize(2 + count, 0x11);
+        EXPECT_EQ(around(future).cc_data.size(), 6U);
+    }
+    Bytes most{0x72, 0xFF};
+    most.resize(2 + 3 * 31, 0xFA);
+    EXPECT_EQ(around(most).cc_data.size(), 6U + 3 * 31);
+    EXPECT_EQ(around({0x71, 1, 2, 3, 4}).cc_data.size(), 6U);
+    EXPECT_EQ(around({0x73, 0xD1, 1, 2, 3, 4, 5, 6, 7, 0x73, 0xD2, 1, 2, 3, 4, 5, 6, 7, 1, 2, 3, 4, 5, 6, 7})
+                  .service_count,
+              3);
+}
+
+TEST(Cdp, SaysWhereItIsCutOff) {
+    const Bytes whole = packet(4, {0x72, 0xE2, 0xFC, 0x94, 0x20, 0xFC, 0xC8, 0xE9});
+    const auto fault = [&](std::size_t size) -> std::string {
+        try {
+            const Cdp cdp = parse_cdp(std::span(whole).first(size));
+            return cdp.damage.empty() ? "whole" : cdp.damage[0].text;
+        } catch (const std::invalid_argument& error) {
+            return error.what();
+        }
+    };
+    for (std::size_t size = 0; size <= whole.size(); ++size)
+        EXPECT_EQ(fault(size), size < 7
+                                   ? "the packet does not begin with the caption distribution identifier 9669"
+                               : size == 7 ? "the packet's footer is missing or cut short"
+                               : size < 15 ? "a section of the packet is longer than the packet"
+                               : size < 19 ? "the packet's footer is missing or cut short"
+                                           : "whole")
+            << size;
+}
+
+TEST(Cdp, CountsServicesByTheirSectionsHeader) {
+    Bytes cut = packet(4, {0x72, 0xE1, 0xFC, 0x94, 0x20, 0x73, 0xD3});
+    cut.resize(7 + 5 + 2);
+    EXPECT_EQ(parse_cdp(cut).service_count, 3);
+    cut.pop_back();
+    EXPECT_EQ(parse_cdp(cut).service_count, 0);
+}
+
+TEST(Cdp, SaysWhatItsTotalsShouldBe) {
+    const Bytes whole = packet(4, {0x72, 0xE1, 0xFC, 0x94, 0x20});  // 16 bytes
+    const auto text = [](const Bytes& bytes) { return parse_cdp(bytes).damage.at(0).text; };
+    EXPECT_EQ(text(changed(changed(whole, 2, 1), 15, -1)),
+              "the packet's length byte says 17 bytes, it has 16");
+    EXPECT_EQ(text(changed(changed(whole, 6, 1), 15, -1)),
+              "the sequence counters of the packet's header and footer differ");
+    EXPECT_EQ(text(changed(changed(whole, 5, 1), 15, -1)),
+              "the sequence counters of the packet's header and footer differ");
+    EXPECT_EQ(text(changed(changed(whole, 13, 1), 15, -1)),
+              "the sequence counters of the packet's header and footer differ");
+    Bytes longer = whole;
+    longer.insert(longer.end(), {0x00, 0x00});
+    EXPECT_EQ(text(longer), "bytes follow the packet's footer");
+}
+
 TEST(Cdp, NamesItsFaults) {
     const Bytes pair{0x72, 0xE1, 0xFC, 0x94, 0x20};
     const auto with = [&](Bytes more) {
@@ -741,6 +1027,18 @@ std::vector<std::string> texts_of(const Cue& cue) {
     std::vector<std::string> texts;
     for (const StyledLine& line : cue.lines) texts.push_back(plain_text(line));
     return texts;
+}
+
+/// "1000-2000 first row/second row" for each cue.
+std::vector<std::string> summary_of(const std::vector<Cue>& cues) {
+    std::vector<std::string> summary;
+    for (const Cue& cue : cues) {
+        std::string text = std::to_string(cue.begin_ms) + "-" + std::to_string(cue.end_ms);
+        const char* between = " ";
+        for (const std::string& row : texts_of(cue)) text += std::exchange(between, "/") + row;
+        summary.push_back(text);
+    }
+    return summary;
 }
 
 TEST(SubRip, ReadsTheSampleWithItsByteOrderMarkAndLineEnds) {
@@ -786,6 +1084,105 @@ TEST(SubRip, PlacesByTheNumberPad) {
     EXPECT_EQ(place("9").first_row, 1);
 }
 
+TEST(SubRip, PlacesByEveryKeyOfTheNumberPad) {
+    const auto place = [](const std::string& text) {
+        Report report;
+        return parse_srt("1\n00:00:01,000 --> 00:00:02,000\n" + text + "x\n", "a.srt", report).at(0);
+    };
+    const Alignment columns[] = {Alignment::kLeft, Alignment::kCenter, Alignment::kRight};
+    const std::optional<int> rows[] = {std::nullopt, 8, 1};
+    for (int key = 1; key <= 9; ++key) {
+        const Cue cue = place("{\\b1\\an" + std::to_string(key) + "}");
+        EXPECT_EQ(cue.alignment, columns[(key - 1) % 3]) << key;
+        EXPECT_EQ(cue.first_row, rows[(key - 1) / 3]) << key;
+        EXPECT_EQ(texts_of(cue), std::vector<std::string>{"x"});
+    }
+    for (const char* text : {"{\\an0}", "{\\an:}", "{\\an}", "{\\an", "{an7}", "{}", "{ \\an7}"}) {
+        EXPECT_EQ(place(text).alignment, Alignment::kCenter) << text;
+        EXPECT_EQ(place(text).first_row, std::nullopt) << text;
+    }
+}
+
+/// The text of the first line with its italics in slanted brackets.
+std::string italics_of(const std::string& text, bool webvtt = false) {
+    const std::string cue = "00:00:01.000 --> 00:00:02.000\n" + text + "\n";
+    Report report;
+    const auto cues = webvtt ? parse_webvtt("WEBVTT\n\n" + cue, "r", report) : parse_srt(cue, "r", report);
+    std::string marked;
+    bool italic = false;
+    for (const StyledCharacter& c : cues.at(0).lines.at(0)) {
+        if (c.italic != italic) marked += c.italic ? "/" : "\\";
+        italic = c.italic;
+        marked += encode_utf8(std::u32string(1, c.character));
+    }
+    return marked;
+}
+
+TEST(SubRip, MarksItalicsByTagsAndOverrides) {
+    EXPECT_EQ(italics_of("a<i>b</i>c"), "a/b\\c");
+    EXPECT_EQ(italics_of("a<I>b</I>c<em>d</em>e"), "a/b\\c/d\\e");
+    EXPECT_EQ(italics_of("a<i>b<i>c</i>d</i>e"), "a/bcd\\e");
+    EXPECT_EQ(italics_of("a</i>b<i>c"), "ab/c");
+    EXPECT_EQ(italics_of("a<i class=x>b</i >c"), "a/b\\c");
+    EXPECT_EQ(italics_of("a{\\i1}b{\\i0}c"), "a/b\\c");
+    EXPECT_EQ(italics_of("a<i>b{\\i0}c"), "a/b\\c");
+    EXPECT_EQ(italics_of("a{\\i1}b</i>c"), "a/b\\c");
+    EXPECT_EQ(italics_of("a<i><i>b{\\i1}c</i>d"), "a/bc\\d");
+    EXPECT_EQ(
+        italics_of("<b>a</b><u>b</u><s>c</s><strong>d</strong><B>e</B><U>f</U><S>g</S><FONT x>h</FONT>"),
+        "abcdefgh");
+    EXPECT_EQ(italics_of("a<x>b<j>c< i>d<"), "a<x>b<j>c< i>d<");
+    EXPECT_EQ(italics_of("a<i b"), "a<i b");
+    EXPECT_EQ(italics_of("a<c.x>b</c><i.y>c</i><v A>d", true), "ab/c\\d");
+    EXPECT_EQ(italics_of("{\\i1}a", true), "{\\i1}a");
+    EXPECT_EQ(italics_of("a\tb"), "a b");
+}
+
+TEST(SubRip, QuotesTheBeginningOfALongCueThatIsLeftOut) {
+    const auto quoted = [](std::size_t length) {
+        Report report;
+        const std::string whole = "00:00:01,000 --> 00:00:02,000\nx\n\n";
+        parse_srt(whole + "00:00:01,000 --> 00:00:00,000\n" + std::string(length - 4, 'a') + "\nb\n", "q.srt",
+                  report);
+        const std::string line = report.lines().at(0);
+        return line.substr(line.find('\"'), line.rfind('\"') - line.find('\"') + 1);
+    };
+    EXPECT_EQ(quoted(80), "\"" + std::string(76, 'a') + " / b\"");
+    EXPECT_EQ(quoted(81), "\"" + std::string(77, 'a') + " / ...\"");
+}
+
+TEST(SubRip, KnowsATimeLineByItsArrowAndAClock) {
+    const auto cues = [](const std::string& line) {
+        Report report;
+        const auto found =
+            parse_srt("1\n00:00:01,000 --> 00:00:02,000\none\n\n2\n" + line + "\ntwo\n", "t.srt", report);
+        return std::to_string(found.size()) + " " + std::to_string(report.lines().size());
+    };
+    EXPECT_EQ(cues("00:00:03,000 --> 00:00:04,000"), "2 0");
+    EXPECT_EQ(cues("00:00:03,000-->00:00:04,000"), "2 0");
+    EXPECT_EQ(cues("00:00:03,000 -> 00:00:04,000"), "1 1");
+    EXPECT_EQ(cues("3:4 -->"), "1 1");
+    EXPECT_EQ(cues("a:4 3: --> :5"), "1 1");  // no clock: a number, as it is due, and its text
+    EXPECT_EQ(cues("-->"), "1 1");
+}
+
+TEST(SubRip, TellsANumberThatIsDueFromANumberInTheText) {
+    const std::string one = "1\n00:00:01,000 --> 00:00:02,000\none\n\n";
+    const std::string three = "\n\n3\n00:00:05,000 --> 00:00:06,000\nthree\n";
+    const auto cues = [&](const std::string& text) {
+        Report report;
+        return summary_of(parse_srt(text, "n.srt", report));
+    };
+    EXPECT_EQ(cues(one + "2\ntwo" + three), (std::vector<std::string>{"1000-2000 one", "5000-6000 three"}));
+    EXPECT_EQ(cues(one + "3\ntwo" + three),
+              (std::vector<std::string>{"1000-2000 one/3/two", "5000-6000 three"}));
+    EXPECT_EQ(cues(one + "1\ntwo" + three),
+              (std::vector<std::string>{"1000-2000 one/1/two", "5000-6000 three"}));
+    // In the middle of a paragraph it is text in any case.
+    EXPECT_EQ(cues("1\n00:00:01,000 --> 00:00:02,000\none\n2\ntwo" + three),
+              (std::vector<std::string>{"1000-2000 one/2/two", "5000-6000 three"}));
+}
+
 class SubRipError : public testing::TestWithParam<ErrorCase> {};
 
 TEST_P(SubRipError, NamesTheLineAndTheRemedy) {
@@ -816,17 +1213,6 @@ INSTANTIATE_TEST_SUITE_P(
                   "1",
                   "b.srt:1: the file is UTF-16 text: convert it, for example with iconv -f UTF-16 -t "
                   "UTF-8"}));
-
-/// "1000-2000 first row/second row" for each cue.
-std::vector<std::string> summary_of(const std::vector<Cue>& cues) {
-    std::vector<std::string> summary;
-    for (const Cue& cue : cues) {
-        std::string text = std::to_string(cue.begin_ms) + "-" + std::to_string(cue.end_ms);
-        for (const std::string& row : texts_of(cue)) text += (text.back() > '9' ? "/" : " ") + row;
-        summary.push_back(text);
-    }
-    return summary;
-}
 
 struct WildCase {
     const char* text;
@@ -995,6 +1381,138 @@ TEST(WebVtt, PlacesByLineNumberAndPercentage) {
     EXPECT_EQ(row("line:auto position:10% size:35%"), std::nullopt);
 }
 
+TEST(WebVtt, ReadsNumbersOfCharactersUpToTheLast) {
+    const std::pair<const char*, const char*> references[] = {{"&#127;", "\x7F"},
+                                                              {"&#128;", "€"},
+                                                              {"&#x80;", "€"},
+                                                              {"&#129;", "\u0081"},
+                                                              {"&#159;", "Ÿ"},
+                                                              {"&#x9f;", "Ÿ"},
+                                                              {"&#160;", "\u00A0"},
+                                                              {"&#xD7FF;", "\uD7FF"},
+                                                              {"&#xD800;", "\uFFFD"},
+                                                              {"&#xDFFF;", "\uFFFD"},
+                                                              {"&#xE000;", "\uE000"},
+                                                              {"&#x10FFFF;", "\U0010FFFF"},
+                                                              {"&#x110000;", "\uFFFD"},
+                                                              {"&#1114111;", "\U0010FFFF"},
+                                                              {"&#1114112;", "\uFFFD"},
+                                                              {"&#xabcdef;", "\uFFFD"},
+                                                              {"&#xABCDE;", "\U000ABCDE"},
+                                                              {"&#99999999999999999999;", "\uFFFD"},
+                                                              {"&#1;", "\x01"},
+                                                              {"&#0;", "\uFFFD"}};
+    for (const auto& [reference, character] : references)
+        EXPECT_EQ(shown_text(std::string("a") + reference + "b", true), std::string("a") + character + "b");
+    for (const std::string text : {"&#xg;", "&#xG;", "&#a;", "&#1a;", "&#x;", "&#X;", "&#xx1;", "&#;"})
+        EXPECT_EQ(shown_text(text, true, {text}), text);
+    // A reference ends before what is neither a letter nor a digit.
+    for (const std::string text :
+         {"&a#;", "&#-1;", "&##1;", "&a/;", "&a:", "&a@;", "&a[;", "&a`;", "&a{;", "&"})
+        EXPECT_EQ(shown_text(text, true), text);
+}
+
+TEST(WebVtt, KnowsTheNamesOfLatin1) {
+    const std::pair<const char*, char32_t> names[] = {{"nbsp", 0xA0},   {"iexcl", 0xA1},  {"frac34", 0xBE},
+                                                      {"iquest", 0xBF}, {"Agrave", 0xC0}, {"times", 0xD7},
+                                                      {"Oslash", 0xD8}, {"THORN", 0xDE},  {"szlig", 0xDF},
+                                                      {"agrave", 0xE0}, {"divide", 0xF7}, {"yuml", 0xFF}};
+    for (const auto& [name, character] : names)
+        EXPECT_EQ(shown_text("a&" + std::string(name) + ";b", true),
+                  encode_utf8(U"a" + std::u32string(1, character) + U"b"));
+}
+
+Cue webvtt_cue(const std::string& settings) {
+    Report report;
+    return parse_webvtt("WEBVTT\n\n00:01.000 --> 00:02.000" + settings + "\nx\n", "a.vtt", report).at(0);
+}
+
+TEST(WebVtt, AlignsByName) {
+    EXPECT_EQ(webvtt_cue("").alignment, Alignment::kCenter);
+    const std::pair<const char*, Alignment> settings[] = {
+        {"align:start", Alignment::kLeft},       {"align:left", Alignment::kLeft},
+        {"align:center", Alignment::kCenter},    {"align:middle", Alignment::kCenter},
+        {"align:end", Alignment::kRight},        {"align:right", Alignment::kRight},
+        {"align", Alignment::kCenter},           {"position:right", Alignment::kCenter},
+        {"align:x align:end", Alignment::kRight}};
+    for (const auto& [setting, alignment] : settings)
+        EXPECT_EQ(webvtt_cue(std::string("\t") + setting).alignment, alignment) << setting;
+}
+
+TEST(WebVtt, PlacesEveryLineOfTheScreen) {
+    const auto row = [](const std::string& line) { return webvtt_cue(" line:" + line).first_row; };
+    for (int line = 0; line < 15; ++line) {
+        EXPECT_EQ(row(std::to_string(line)), line + 1);
+        EXPECT_EQ(row(std::to_string(line - 15)), line + 1);
+    }
+    EXPECT_EQ(row("15"), 15);
+    EXPECT_EQ(row("-16"), 1);
+    EXPECT_EQ(row("2147483647"), 15);
+    EXPECT_EQ(row("-2147483648"), 1);
+    // The first of 15 rows at 0 %, the last at 100 %: one each 7.14 %.
+    const std::pair<const char*, int> percentages[] = {
+        {"3%", 1},    {"4%", 2},    {"10%", 2}, {"11%", 3},   {"96%", 14},     {"97%", 15},
+        {"101%", 15}, {"999%", 15}, {"-5%", 1}, {"10.9%", 2}, {"11.1%,end", 3}};
+    for (const auto& [line, expected] : percentages) EXPECT_EQ(row(line), expected) << line;
+    for (const char* line : {"", "%", "x", "1x", "x%", ".5%", "auto", "2147483648"})
+        EXPECT_EQ(row(line), std::nullopt) << line;
+}
+
+TEST(WebVtt, KnowsItsHeaderAndPassesOverTheLinesBelowIt) {
+    const std::string cue = "00:01.000 --> 00:02.000\nx\n";
+    for (const char* header :
+         {"WEBVTT\n\n", "WEBVTT\n", "WEBVTT a\n", "WEBVTT\ta\n", "WEBVTT\nKind: x\nA: b\n",
+          "WEBVTT\n\nSTYLE\n::cue {\n}\n\n", "WEBVTT\n\nREGION\nid:a\n\n", "WEBVTT\n\nNOTE\ta\nb\n\n",
+          "WEBVTT\n\nNOTE a\n\n", "WEBVTT\n\nNOTE\n\n"}) {
+        Report report;
+        EXPECT_EQ(parse_webvtt(header + cue, "h.vtt", report).size(), 1U) << header;
+        EXPECT_EQ(report.lines(), std::vector<std::string>()) << header;
+    }
+    // Text that only begins like a block, and one that stands in a cue.
+    for (const char* text : {"NOTES", "STYLES", "REGIONS", "NOTE\n"}) {
+        Report report;
+        EXPECT_EQ(texts_of(parse_webvtt("WEBVTT\n\n" + cue + text + "\n", "h.vtt", report).at(0)),
+                  (std::vector<std::string>{"x", std::string(trim(split_lines(text, "")[0]))}));
+    }
+    Report report;
+    EXPECT_TRUE(parse_webvtt("WEBVTT", "h.vtt", report).empty());
+}
+
+TEST(Clock, CountsHoursMinutesSecondsAndMilliseconds) {
+    const std::pair<const char*, std::optional<std::int64_t>> clocks[] = {{"00:00.000", 0},
+                                                                          {"00:00.001", 1},
+                                                                          {"00:59.999", 59999},
+                                                                          {"59:00.000", 3540000},
+                                                                          {"01:02:03.004", 3723004},
+                                                                          {"1:02:03,004", 3723004},
+                                                                          {"01:02:03", 3723000},
+                                                                          {"9999:59:59.999", 35999999999},
+                                                                          {"0:00", 0},
+                                                                          {"9999:00", 599940000},
+                                                                          {"00:60.000", std::nullopt},
+                                                                          {"00:60:00.000", std::nullopt},
+                                                                          {"10000:00:00.000", std::nullopt},
+                                                                          {"00:0.000", std::nullopt},
+                                                                          {"00:000.000", std::nullopt},
+                                                                          {"00", std::nullopt},
+                                                                          {"00.000", std::nullopt},
+                                                                          {"00:00:00:00", std::nullopt},
+                                                                          {"00:00:00:00.000", std::nullopt},
+                                                                          {"00:00.00", std::nullopt},
+                                                                          {"00:00.0000", std::nullopt},
+                                                                          {"00:00.0x0", std::nullopt},
+                                                                          {"00:00.", std::nullopt},
+                                                                          {"", std::nullopt},
+                                                                          {":00.000", std::nullopt},
+                                                                          {"00:.000", std::nullopt},
+                                                                          {"-1:00.000", std::nullopt},
+                                                                          {"0x:00.000", std::nullopt},
+                                                                          {"00:0x.000", std::nullopt},
+                                                                          {"00:00:00:00:00", std::nullopt},
+                                                                          {"00:00.000.", std::nullopt}};
+    for (const auto& [text, milliseconds] : clocks) EXPECT_EQ(parse_clock(text), milliseconds) << text;
+}
+
 class WebVttError : public testing::TestWithParam<ErrorCase> {};
 
 TEST_P(WebVttError, NamesTheLineAndTheRemedy) {
@@ -1030,6 +1548,32 @@ protected:
 private:
     test::ScratchDirectory directory_;
 };
+
+TEST(Options, AreThoseOfVideoAt29_97WithTwoRowsInField1) {
+    const CaptionFileOptions file;
+    EXPECT_EQ(file.output, kRate29_97);
+    EXPECT_EQ(file.field, 0);
+    EXPECT_EQ(file.rows, 2);
+    EXPECT_EQ(file.start, "");
+    const PopOnOptions pop_on;
+    EXPECT_EQ(pop_on.rate, kRate29_97);
+    EXPECT_EQ(pop_on.field, 0);
+    EXPECT_EQ(pop_on.rows, 2);
+    EXPECT_EQ(SccReadOptions{}.rate, kRate29_97);
+    EXPECT_EQ(SccReadOptions{}.field, 0);
+    EXPECT_TRUE(SccWriteOptions{}.drop_frame);
+}
+
+TEST(Results, BeginWithNothing) {
+    EXPECT_EQ(CcData{}.parity_errors, 0);
+    EXPECT_FALSE(CcData{}.truncated);
+    EXPECT_EQ(Cdp{}.sequence_counter, 0);
+    EXPECT_EQ(Cdp{}.service_count, 0);
+    EXPECT_EQ(Cue{}.begin_ms, 0);
+    EXPECT_EQ(Cue{}.end_ms, 0);
+    EXPECT_EQ(Cue{}.source_line, 0);
+    EXPECT_EQ(Cue{}.alignment, Alignment::kCenter);
+}
 
 TEST(CaptionFile, IsKnownByItsExtension) {
     EXPECT_EQ(caption_format("a.b/NEWS.SCC"), CaptionFormat::kScc);
@@ -1113,6 +1657,73 @@ TEST_F(CueStart, IsRefusedWhereItIsNoTime) {
     EXPECT_THAT(error("00:00:00:25", kRate25), testing::HasSubstr("frames to 24"));
     EXPECT_EQ(error("00:00:00:25", kRate29_97), "accepted");
     EXPECT_THAT(error("00:00:01;00", kRate25), testing::HasSubstr("write it with ':' before the frames"));
+}
+
+TEST_F(CueStart, CountsEachPartOfIt) {
+    const std::string path = file("p.srt", "1\n01:02:03,000 --> 01:02:05,000\nx\n");
+    const auto begin = [&](const char* start) {
+        Report report;
+        const auto captions =
+            decode(load_captions(path, {.output = kRate25, .start = start, .source = kRate25}, report));
+        return captions.at(0).begin;
+    };
+    EXPECT_EQ(begin("01:02:02"), 25);
+    EXPECT_EQ(begin("01:01:03"), 1500);
+    EXPECT_EQ(begin("01:02:01:10"), 40);
+    EXPECT_EQ(begin("01:01:03:00"), 1500);
+    EXPECT_EQ(begin("00:02:03:00"), 90000);
+}
+
+// Frame 24 of 25 begins at 960 ms. Of two frames that are equally near to a time, the earlier is taken.
+TEST_F(CueStart, IsATimeToTheMillisecond) {
+    const std::string path = file("t.srt",
+                                  "1\n00:00:10,980 --> 00:00:12,000\nx\n\n2\n00:00:20,981 --> "
+                                  "00:00:22,000\ny\n");
+    Report report;
+    const auto captions =
+        decode(load_captions(path, {.output = kRate25, .start = "00:00:00:24", .source = kRate25}, report));
+    EXPECT_EQ(captions.at(0).begin, 250);  // 10.020 s
+    EXPECT_EQ(captions.at(1).begin, 501);  // 20.021 s
+}
+
+TEST_F(CueStart, LeavesOutWhatEndsWithIt) {
+    const std::string path = file("e.srt",
+                                  "1\n00:00:01,000 --> 00:00:05,000\na\n\n2\n00:00:02,000 --> "
+                                  "00:00:05,001\nb\n\n3\n00:00:07,000 --> 00:00:08,000\nc\n");
+    Report report;
+    EXPECT_EQ(decode(load_captions(path, {.output = kRate25, .start = "00:00:05"}, report)).back().begin, 50);
+    EXPECT_EQ(report.lines().front(), path + ": left out: 1 cue before the start of the video");
+    EXPECT_EQ(report.count(WarningKind::kBeforeStart), 1U);
+}
+
+using CaptionFiles = CaptionFileDirectory;
+
+TEST_F(CaptionFiles, SayThatOneControlCodeIsOfTheOtherField) {
+    const std::string path = file("o.scc", "Scenarist_SCC V1.0\n00:00:01:00\t1520 c1c2\n");
+    Report report;
+    EXPECT_EQ(load_captions(path, {}, report).eia608.front().word, 0x9420);
+    EXPECT_EQ(report.lines(),
+              (std::vector<std::string>{path + ": 1 control code of field 2: sent as field 1's"}));
+    EXPECT_EQ(report.count(WarningKind::kOtherField), 1U);
+}
+
+TEST_F(CaptionFiles, CountAStartAsTheyCount) {
+    const std::string ndf = file("n.scc", "Scenarist_SCC V1.0\n00:02:00:00\t9420\n");
+    const std::string df = file("d.scc", "Scenarist_SCC V1.0\n00:02:00;02\t9420\n");
+    const std::string mcc60 = file("m.mcc", mcc_text(mcc_line("00:02:00:00", 0x94, 0x2C), "1.0", "60"));
+    const auto frame = [](const std::string& path, const char* start) {
+        Report report;
+        return load_captions(path, {.start = start}, report).eia608.front().frame;
+    };
+    EXPECT_EQ(frame(ndf, "00:01:59:29"), 1);
+    EXPECT_EQ(frame(ndf, "00:01:59;29"), 1);
+    EXPECT_EQ(frame(df, "00:01:59:29"), 1);
+    EXPECT_EQ(frame(df, "00:01:59;29"), 1);
+    EXPECT_EQ(frame(df, "00:01:00;02"), 1798);
+    // At 60 a frame number may be beyond those of 29.97, also after a semicolon.
+    EXPECT_EQ(frame(mcc60, "00:01:59:58"), 1);
+    EXPECT_EQ(frame(mcc60, "00:01:59;58"), 1);
+    EXPECT_EQ(frame(mcc60, "00:01:59;30"), 15);
 }
 
 class StartTimecode : public testing::TestWithParam<std::tuple<const char*, const char*, const char*>> {};

@@ -1,5 +1,10 @@
 #include "captions/pop_on.h"
 
+#include <cmath>
+#include <string>
+#include <utility>
+#include <vector>
+
 #include <gtest/gtest.h>
 
 #include "captions/eia608_decoder.h"
@@ -441,6 +446,179 @@ TEST(Layout, GivesNothingForACueWithoutVisibleText) {
     Report report;
     EXPECT_TRUE(lay_out_cue(cue_of(0, 1, {"\u200B \u00A0"}), 2, "x", report).empty());
     EXPECT_TRUE(encode_pop_on({cue_of(0, 1000, {"\u200B"})}, "x", {}, report).empty());
+}
+
+std::vector<std::int64_t> frames_of(const Schedule& schedule) {
+    std::vector<std::int64_t> frames;
+    for (const Eia608Event& event : schedule.eia608) frames.push_back(event.frame);
+    return frames;
+}
+
+// 26 characters take 21 slots, 20 take 18: two commands, an address and a tab, all twice, and the text.
+TEST(PopOn, IsInTimeWithTheLastSlotThatItNeedsAndLateWithout) {
+    struct {
+        FrameRate rate;
+        LineRate line_rate;
+        std::size_t characters;
+        std::int64_t asked, shown;
+        const char* late;
+    } const rows[] = {
+        {kRate25, LineRate::kPairOfEachField, 20, 18, 18, ""},
+        {kRate25, LineRate::kPairOfEachField, 20, 17, 18, "1 frame (0.04 s) late: its 20 characters"},
+        {kRate25, LineRate::kPairOfEachField, 1, 8, 9, "1 frame (0.04 s) late: its 1 character"},
+        // Of the field's slots, which are on every second picture.
+        {kRate50, LineRate::kPairOfEachField, 20, 35, 36, ""},
+        {kRate50, LineRate::kPairOfEachField, 20, 34, 36, "2 frames (0.04 s) late: its 20 characters"},
+        // Of two slots on a picture the second does as well.
+        {kRate24, LineRate::kFull, 26, 16, 16, ""},
+        {kRate24, LineRate::kFull, 26, 15, 16, "1 frame (0.04 s) late: its 26 characters"}};
+    for (const auto& [rate, line_rate, characters, asked, shown, late] : rows) {
+        SCOPED_TRACE(testing::Message() << rate.per_second() << " " << asked);
+        Report report;
+        const Cue cue =
+            cue_of(std::lround(1000 * frame_to_seconds(asked, rate)), 5000, {std::string(characters, 'x')});
+        const Schedule schedule =
+            encode_pop_on({cue}, "l.srt", {.rate = rate, .line_rate = line_rate}, report);
+        EXPECT_EQ(decode(schedule).at(0).begin, shown);
+        const std::string text(late);
+        EXPECT_EQ(report.lines(), text.empty() ? std::vector<std::string>()
+                                               : std::vector<std::string>{"l.srt:1: the caption appears " +
+                                                                          text + " take that long to load"});
+        if (line_rate == LineRate::kFull) continue;
+        for (const Eia608Event& event : schedule.eia608)
+            EXPECT_EQ(event.late,
+                      event.word == 0x942F && event.frame >= shown && !text.empty() ? shown - asked : 0)
+                << event.frame;
+    }
+}
+
+TEST(PopOn, ErasesOnItsFrameWhatIsGoneTwoFramesBeforeTheNext) {
+    // An erasure takes two slots; in less, the next caption takes the place of the one before.
+    for (const auto& [next_ms, end] : {std::pair{3080, 75}, {3040, 76}, {3000, 75}}) {
+        Report report;
+        const auto captions =
+            decode(encode_pop_on({cue_of(2000, 3000, {"One"}), cue_of(next_ms, 5000, {"Two"})}, "e.srt",
+                                 {.rate = kRate25}, report));
+        ASSERT_EQ(captions.size(), 2U);
+        EXPECT_EQ(captions[0].end, end) << next_ms;
+        EXPECT_EQ(captions[1].begin, next_ms / 40) << next_ms;
+        EXPECT_TRUE(report.empty());
+    }
+}
+
+// "ab" takes the 9 slots before frame 50, the 20 characters 18 in front of 80: from 60 on, about the erasure.
+TEST(PopOn, LoadsWithoutAGapOnBothSidesOfAnErasure) {
+    Report report;
+    const Schedule schedule =
+        encode_pop_on({cue_of(2000, 3000, {"ab"}), cue_of(3200, 6000, {std::string(20, 'x')})}, "g.srt",
+                      {.rate = kRate25}, report);
+    std::vector<std::int64_t> expected;
+    for (const auto& [first, last] : {std::pair{41, 51}, {60, 81}, {150, 151}})
+        for (std::int64_t frame = first; frame <= last; ++frame) expected.push_back(frame);
+    EXPECT_EQ(frames_of(schedule), expected);
+    for (const Eia608Event& event : schedule.eia608)
+        EXPECT_EQ(event.word == 0x942C,
+                  event.frame == 75 || event.frame == 76 || event.frame == 150 || event.frame == 151)
+            << event.frame;
+    EXPECT_TRUE(report.empty());
+}
+
+TEST(PopOn, ShowsCuesThatBeginTogetherUntilTheLastEnds) {
+    Report report;
+    const Schedule schedule = encode_pop_on({cue_of(2000, 4000, {"one"}), cue_of(2000, 3000, {"two"})},
+                                            "x.srt", {.rate = kRate25}, report);
+    EXPECT_EQ(decode(schedule).at(0).end, 100);
+    EXPECT_TRUE(report.empty());
+}
+
+TEST(PopOn, EndsACueWithTheNextOneWithoutAWarningWhereTheyMeet) {
+    Report report;
+    encode_pop_on({cue_of(2000, 3000, {"one"}), cue_of(3000, 4000, {"two"})}, "x", {.rate = kRate25}, report);
+    EXPECT_TRUE(report.empty());
+}
+
+TEST(PopOn, NamesTheRowsThatKeepTheLinesUpToAllOfTheScreen) {
+    const auto lines = [](std::size_t rows) {
+        Report report;
+        encode_pop_on({cue_of(2000, 9000, std::vector<std::string>(rows, "x"), 5)}, "r.srt",
+                      {.rate = kRate25}, report);
+        return report.lines();
+    };
+    EXPECT_EQ(lines(2), std::vector<std::string>());
+    EXPECT_EQ(lines(15), (std::vector<std::string>{"r.srt:5: 1 cue (the first one here) wrapped to 2 rows: "
+                                                   "--caption-rows 15 keeps the lines"}));
+    EXPECT_EQ(lines(16), std::vector<std::string>());
+}
+
+TEST(Layout, FillsARowToItsLastColumn) {
+    Report report;
+    const auto rows_of = [&](std::size_t first, std::size_t second) {
+        const std::string text =
+            std::string(first, 'a') + " " + std::string(second, 'b') + " " + std::string(32, 'c');
+        std::vector<std::string> rows;
+        for (const auto& caption : lay_out_cue(cue_of(0, 1, {text}), 1, "x", report))
+            for (const CaptionRow& row : caption) rows.push_back(text_of(row));
+        return rows;
+    };
+    const std::string all(32, 'c');
+    EXPECT_EQ(rows_of(15, 16),
+              (std::vector<std::string>{std::string(15, 'a') + " " + std::string(16, 'b'), all}));
+    EXPECT_EQ(rows_of(16, 16), (std::vector<std::string>{std::string(16, 'a'), std::string(16, 'b'), all}));
+    // The same in two rows of one caption.
+    const std::string line = std::string(15, 'a') + " " + std::string(16, 'b') + " " + std::string(16, 'd');
+    const auto captions = lay_out_cue(cue_of(0, 1, {line + " " + std::string(15, 'e')}), 2, "x", report);
+    ASSERT_EQ(captions.size(), 1U);
+    EXPECT_EQ(text_of(captions[0][0]), std::string(15, 'a') + " " + std::string(16, 'b'));
+    EXPECT_EQ(text_of(captions[0][1]), std::string(16, 'd') + " " + std::string(15, 'e'));
+}
+
+TEST(Layout, KeepsLinesOfExactly32ColumnsAndWrapsOneOf33) {
+    Report report;
+    const std::string kept = std::string(15, 'a') + " " + std::string(16, 'b');
+    const auto whole = lay_out_cue(cue_of(0, 1, {kept, "c"}), 2, "x", report);
+    EXPECT_EQ(text_of(whole.at(0).at(0)), kept);
+    EXPECT_EQ(text_of(whole.at(0).at(1)), "c");
+    const auto wrapped = lay_out_cue(cue_of(0, 1, {kept + "b", "c"}), 2, "x", report);
+    EXPECT_EQ(text_of(wrapped.at(0).at(0)), std::string(15, 'a'));
+    EXPECT_EQ(text_of(wrapped.at(0).at(1)), std::string(17, 'b') + " c");
+    EXPECT_TRUE(report.empty());
+}
+
+TEST(Layout, TakesAWordForItalicWhereMoreThanHalfOfItIs) {
+    const auto italic = [](std::string_view upright, std::string_view slanted) {
+        Cue cue = cue_of(0, 1, {});
+        StyledLine line = styled(upright);
+        for (const StyledCharacter c : styled(slanted, true)) line.push_back(c);
+        cue.lines = {line};
+        Report report;
+        return lay_out_cue(cue, 2, "x", report).at(0).at(0).words.back().italic;
+    };
+    EXPECT_FALSE(italic("ab", ""));
+    EXPECT_FALSE(italic("ab", "c"));
+    EXPECT_FALSE(italic("ab", "cd"));
+    EXPECT_TRUE(italic("ab", "cde"));
+    EXPECT_TRUE(italic("ab ", "c"));
+    EXPECT_FALSE(italic("ab c", "d"));
+}
+
+// Five words of a row each, in captions of two rows. The squares of 40, 40 and 30 characters are less than
+// those of 40, 20 and 50.
+TEST(Layout, BalancesTheLengthsOfTheCaptionsThatALongCueNeeds) {
+    Report report;
+    std::string text;
+    for (const char letter : {'a', 'b', 'c', 'd', 'e'})
+        text += (text.empty() ? "" : " ") + std::string(letter == 'e' ? 30 : 20, letter);
+    std::vector<std::size_t> rows;
+    std::string last;
+    for (const auto& caption : lay_out_cue(cue_of(0, 1, {text}), 2, "x", report)) {
+        rows.push_back(caption.size());
+        last = text_of(caption.back());
+    }
+    EXPECT_EQ(rows, (std::vector<std::size_t>{2, 2, 1}));
+    EXPECT_EQ(last, std::string(30, 'e'));
+    EXPECT_EQ(
+        report.lines(),
+        (std::vector<std::string>{"x:1: the cue needs 5 rows and is shown as 3 captions of at most 2 rows"}));
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <deque>
 #include <random>
 #include <stdexcept>
+#include <string>
 #include <utility>
 
 #include <gtest/gtest.h>
@@ -387,6 +388,17 @@ TEST(Repacer, CountsWhatWaits) {
     EXPECT_EQ(repacer.largest_delay(), 2);
 }
 
+TEST(Repacer, LeavesOutARepetitionThatComesAfterItsPicture) {
+    Repacer repacer(kRate25, kRate25);
+    repacer.push(0, {{{control(kEraseDisplayedMemory)}, {}}, {}});
+    EXPECT_EQ(repacer.pull(0).words[0], control(kEraseDisplayedMemory));
+    EXPECT_EQ(repacer.pull(1).words[0], 0);
+    repacer.push(1, {{{control(kEraseDisplayedMemory)}, {}}, {}});
+    EXPECT_EQ(repacer.pending(), 0U);
+    EXPECT_EQ(repacer.repetitions_left_out(0), 1U);
+    EXPECT_EQ(repacer.pull(2).words[0], 0);
+}
+
 TEST(Repacer, RefusesAScheduleOfAnotherRate) {
     Repacer repacer(kRate25, kRate50);
     EXPECT_THROW(repacer.push(Schedule{kRate50, {}, {}}), std::invalid_argument);
@@ -445,6 +457,22 @@ TEST(Retime, ReportsWhatComesLate) {
               "second carry fewer pairs than the source");
 }
 
+TEST(Retime, ReportsOnePairThatComesLateInItsField) {
+    for (const std::uint8_t field : {0, 1}) {
+        Report report;
+        const Schedule source{kRate25, {{4, field, text('a', 'b')}, {4, field, text('c', 'd')}}, {}};
+        const Schedule timed = retime(source, kRate25, report);
+        EXPECT_EQ(timed.eia608,
+                  (std::vector<Eia608Event>{{4, field, text('a', 'b')}, {5, field, text('c', 'd'), 1}}));
+        ASSERT_EQ(report.warnings().size(), 1U);
+        EXPECT_EQ(report.warnings()[0].kind, WarningKind::kDelayedPairs);
+        EXPECT_EQ(report.warnings()[0].line, 0);
+        EXPECT_NE(report.lines()[0].find("of field " + std::to_string(field + 1) +
+                                         " are sent late, by up to 0.04 s: 25 pictures"),
+                  std::string::npos);
+    }
+}
+
 TEST(Retime, PassesDelaysOnToTheRepacer) {
     Schedule source{kRate29_97, {}, {}};
     for (int i = 0; i < 60; ++i) source.eia608.push_back({i, 0, text('x', 'y')});
@@ -478,6 +506,14 @@ TEST(Retime, LeavesAScheduleThatFitsUnchanged) {
         EXPECT_EQ(timed.cea708, schedule.cea708);
         EXPECT_TRUE(report.empty());
     }
+}
+
+// Frame 4 of 30 begins with picture 3.2 of 24, and the load would be complete at frame 5, which is picture 4.
+TEST(Retime, EndsALoadThatIsNeverShownInTimeForTheFrameBehindIt) {
+    Report report;
+    const Schedule schedule{kRate30, {{0, 0, 0x9420}, {4, 0, 0xC1C2}}, {}};
+    const Schedule timed = retime(schedule, kRate24, report);
+    EXPECT_EQ(timed.eia608, (std::vector<Eia608Event>{{0, 0, 0x9420}, {3, 0, 0xC1C2, -1}}));
 }
 
 TEST(Retime, CarriesEverythingWithinTheBudgetBetweenAllRates) {
@@ -517,6 +553,102 @@ TEST(Retime, CarriesEverythingWithinTheBudgetBetweenAllRates) {
             }
             EXPECT_EQ(carried.cea708, expected.cea708);
         }
+}
+
+TEST(PictureWrites, AreIdleWhereNothingIsGiven) {
+    const PictureWrites writes;
+    EXPECT_TRUE(writes.empty());
+    EXPECT_EQ(writes.pairs(), (std::vector<FieldPair>{{0, kNullPair}, {1, kNullPair}}));
+    EXPECT_EQ(writes.due[0] + writes.due[1] + writes.cea708_due + writes.third_due, 0);
+    for (int which = 0; which < 4; ++which) {
+        PictureWrites one;
+        if (which < 2) one.words[which] = 0xC1C2;
+        if (which == 2) one.third = 0xC1C2;
+        if (which == 3) one.cea708.push_back({0xFE, 1, 2});
+        EXPECT_FALSE(one.empty()) << which;
+    }
+}
+
+// The picture of 24 on which a load begins that a source of 30 brings at its frame 100.
+std::int64_t picture_of_load(const std::vector<Word>& pairs, bool finished) {
+    Repacer repacer(kRate30, kRate24);
+    std::int64_t frame = 100;
+    for (const Word word : pairs) repacer.push(frame++, {{{word}, {}}, {}});
+    repacer.push(frame, {});  // no repetition
+    if (finished) repacer.finish();
+    for (std::int64_t picture = 0; picture < 200; ++picture)
+        if (repacer.pull(picture).words[0] != 0) return picture;
+    return -1;
+}
+
+TEST(Repacer, BeginsALoadAsEarlyAsTheLongestOneWouldHaveTo) {
+    // 88 pairs would end with frame 188, before picture 150.4: in slot 151 less 88.
+    EXPECT_EQ(picture_of_load({0x9420}, false), 63);
+    EXPECT_EQ(picture_of_load({0x9420, 0xC1C2, 0xC1C2}, false), 63);
+    // Frames 100, 101 and 102 are pictures 80, 80.8 and 81.6.
+    EXPECT_EQ(picture_of_load({0x9420}, true), 80);
+    EXPECT_EQ(picture_of_load({0x9420, 0xC1C2}, true), 80);
+    EXPECT_EQ(picture_of_load({0x9420, 0x942F}, false), 80);
+    // Frame 106, picture 84.8, shows it: in slot 85, with six pairs before.
+    EXPECT_EQ(picture_of_load({0x9420, 0xC1C2, 0xC1C2, 0xC1C2, 0xC1C2, 0xC1C2, 0x942F}, false), 79);
+}
+
+struct LoadingCase {
+    const char* name;
+    std::vector<Word> before;
+    Word word;
+    bool at_once;
+};
+
+class Loading : public testing::TestWithParam<LoadingCase> {};
+
+TEST_P(Loading, KnowsWhatIsSeenWhenItArrives) {
+    LoadingState state;
+    for (const Word word : GetParam().before) state.displays_at_once(word);
+    EXPECT_EQ(state.displays_at_once(GetParam().word), GetParam().at_once);
+}
+
+constexpr Word kText = 0xC1C2, kLoad = 0x9420, kLoadSecond = 0x1C20;
+
+INSTANTIATE_TEST_SUITE_P(
+    Repacer, Loading,
+    testing::Values(LoadingCase{"TextWithoutAMode", {}, kText, true},
+                    LoadingCase{"TheLoadItself", {}, kLoad, false},
+                    LoadingCase{"LoadedText", {kLoad}, kText, false},
+                    LoadingCase{"LoadedAddress", {kLoad}, 0x9470, false},
+                    LoadingCase{"ErasureOfTheHiddenMemory", {kLoad}, 0x94AE, false},
+                    LoadingCase{"ErasureOfTheDisplayedMemory", {kLoad}, 0x942C, true},
+                    LoadingCase{"TextAfterAnErasure", {kLoad, 0x942C}, kText, false},
+                    LoadingCase{"EndOfCaption", {kLoad}, 0x942F, true},
+                    LoadingCase{"TextAfterEndOfCaption", {0x942F}, kText, false},
+                    LoadingCase{"RollUp2", {kLoad}, 0x9425, true},
+                    LoadingCase{"TextAfterRollUp2", {kLoad, 0x9425}, kText, true},
+                    LoadingCase{"TextAfterRollUp3", {kLoad, 0x9426}, kText, true},
+                    LoadingCase{"TextAfterRollUp4", {kLoad, 0x94A7}, kText, true},
+                    LoadingCase{"TextAfterDirectCaptioning", {kLoad, 0x9429}, kText, true},
+                    LoadingCase{"TextAfterTextRestart", {kLoad, 0x942A}, kText, true},
+                    LoadingCase{"TextAfterResumeText", {kLoad, 0x94AB}, kText, true},
+                    LoadingCase{"CarriageReturnOfRollUp", {0x9425}, 0x94AD, true},
+                    LoadingCase{"OtherChannel", {kLoad, 0x1C29}, kText, true},
+                    LoadingCase{"OtherChannelsLoad", {0x9429, kLoadSecond}, kText, false},
+                    LoadingCase{"BackInTheFirstChannel", {0x9429, kLoadSecond, 0x9470}, kText, true},
+                    LoadingCase{"AddressOfTheOtherChannel", {kLoad, 0x1C70}, kText, true}),
+    [](const auto& info) { return info.param.name; });
+
+// A pop-on caption of full size takes 88 pairs: four rows of 16, with an address and an offset twice each,
+// and four commands twice.
+TEST(Foresight, IsTheTimeThatALoadTakesLongerThanInTheSource) {
+    EXPECT_NEAR(useful_foresight(kRate30, kRate24), 88 / 24.0 - 88 / 30.0, 1e-9);
+    EXPECT_NEAR(useful_foresight(kRate60, kRate25), 88 / 25.0 - 88 / 30.0, 1e-9);
+    EXPECT_NEAR(useful_foresight(kRate30, kRate24, LineRate::kFull), 4 / 30.0, 1e-9);
+    // Film may bring all pairs, and send them all or not.
+    EXPECT_NEAR(useful_foresight(kRate24, kRate24), 88 / 24.0 - 88 / 30.0, 1e-9);
+    EXPECT_NEAR(useful_foresight(kRate24, kRate24, LineRate::kFull), 4 / 24.0, 1e-9);
+    // Four pictures, where the output has as many slots or more.
+    EXPECT_NEAR(useful_foresight(kRate50, kRate25), 4 / 50.0, 1e-9);
+    EXPECT_NEAR(useful_foresight(kRate25, kRate50), 4 / 25.0, 1e-9);
+    EXPECT_EQ(useful_foresight(kRate25, kRate25), 0);
+    EXPECT_EQ(useful_foresight(kRate59_94, kRate59_94), 0);
 }
 
 }  // namespace

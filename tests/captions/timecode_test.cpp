@@ -1,7 +1,9 @@
 #include "captions/timecode.h"
 
+#include <iterator>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -143,6 +145,104 @@ TEST(FrameTime, ComparesBeginningsExactly) {
     EXPECT_EQ(first_frame_not_before(4, kRate24, kRate30), 5);
     EXPECT_EQ(first_frame_not_before(5, kRate24, kRate30), 7);
     EXPECT_EQ(first_frame_not_before(0, kRate24, kRate30), 0);
+}
+
+TEST(Timecode, BeginsAtMidnight) {
+    EXPECT_EQ(Timecode{}, (Timecode{0, 0, 0, 0, false}));
+    EXPECT_EQ(format_timecode({}), "00:00:00:00");
+}
+
+TEST(Timecode, HasTwoDigitsInEachPartAndOneSeparatorThroughout) {
+    const std::string whole = "12:34:56:07";
+    EXPECT_TRUE(is_timecode(whole));
+    for (std::size_t at = 0; at < whole.size(); ++at)
+        for (const char c : {'/', ':', ';', '.', 'a', ' '}) {
+            std::string text = whole;
+            if (text[at] == c) continue;
+            text[at] = c;
+            EXPECT_EQ(is_timecode(text), at == 8 && c == ';') << text;
+        }
+    for (const char* text : {"12;34;56;07", "00:00:00:00", "99:99:99:99"})
+        EXPECT_TRUE(is_timecode(text)) << text;
+    for (const char* text : {"", "12:34:56:0", "12:34:56:077", "12;34;56:07", "12:34;56;07", "12;34:56;07"})
+        EXPECT_FALSE(is_timecode(text)) << text;
+}
+
+TEST(Timecode, GoesToTheLastOfEachPart) {
+    EXPECT_EQ(parse_timecode("23:59:59:29", kRate29_97), (Timecode{23, 59, 59, 29, false}));
+    for (const char* text : {"24:00:00:00", "00:60:00:00", "00:00:60:00", "00:00:00:30"})
+        EXPECT_THROW(parse_timecode(text, kRate29_97), std::invalid_argument) << text;
+    EXPECT_EQ(parse_timecode("12:34:56:07", kRate29_97), (Timecode{12, 34, 56, 7, false}));
+}
+
+// The first and the last codes of every minute, where the count leaps.
+TEST(Timecode, CountsEveryMinuteOfADayOfDoubleRateDropFrame) {
+    std::int64_t frame = 0;
+    for (int minute = 0; minute < 24 * 60; ++minute) {
+        const int first = minute % 10 == 0 ? 0 : 4;
+        for (const auto& [seconds, frames] : {std::pair{0, first}, {0, 59}, {1, 0}, {59, 59}}) {
+            const Timecode timecode{minute / 60, minute % 60, seconds, frames, true};
+            const std::int64_t expected = frame + seconds * 60 + frames - first;
+            ASSERT_TRUE(is_counted(timecode, kRate59_94));
+            ASSERT_EQ(timecode_to_frame(timecode, kRate59_94), expected);
+            ASSERT_EQ(frame_to_timecode(expected, kRate59_94, true), timecode);
+        }
+        for (int left_out = 0; left_out < first; ++left_out)
+            ASSERT_FALSE(is_counted({minute / 60, minute % 60, 0, left_out, true}, kRate59_94));
+        frame += 3600 - first;
+    }
+    EXPECT_EQ(frames_per_day(kRate59_94, true), frame);
+}
+
+TEST(Timecode, HasADayOfFrames) {
+    EXPECT_EQ(frames_per_day(kRate23_976, false), 2073600);
+    EXPECT_EQ(frames_per_day(kRate25, false), 2160000);
+    EXPECT_EQ(frames_per_day(kRate29_97, false), 2592000);
+    EXPECT_EQ(frames_per_day(kRate29_97, true), 2589408);
+}
+
+TEST(FrameRate, IsEqualByItsValue) {
+    EXPECT_TRUE((FrameRate{60000, 2002} == kRate29_97));
+    EXPECT_FALSE((FrameRate{30001, 1001} == kRate29_97));
+    EXPECT_FALSE((FrameRate{30000, 1000} == kRate29_97));
+    EXPECT_DOUBLE_EQ(kRate29_97.per_second(), 30000 / 1001.0);
+}
+
+TEST(FrameRate, HasTheValuesOfTheStandards) {
+    const std::pair<FrameRate, double> rates[] = {{kRate23_976, 24 / 1.001}, {kRate24, 24}, {kRate25, 25},
+                                                  {kRate29_97, 30 / 1.001},  {kRate30, 30}, {kRate50, 50},
+                                                  {kRate59_94, 60 / 1.001},  {kRate60, 60}};
+    for (const auto& [rate, per_second] : rates) EXPECT_DOUBLE_EQ(rate.per_second(), per_second);
+    const int nominal[] = {24, 24, 25, 30, 30, 50, 60, 60};
+    for (std::size_t n = 0; n < std::size(nominal); ++n) EXPECT_EQ(nominal_rate(rates[n].first), nominal[n]);
+}
+
+TEST(Timecode, HasDropFrameNearAThousandthBelowARoundRate) {
+    for (const FrameRate rate : {FrameRate{2996, 100}, FrameRate{2998, 100}, FrameRate{5992, 100}})
+        EXPECT_TRUE(has_drop_frame(rate)) << rate.per_second();
+    for (const FrameRate rate :
+         {FrameRate{2995, 100}, FrameRate{2999, 100}, FrameRate{3003, 100}, FrameRate{2498, 100}})
+        EXPECT_FALSE(has_drop_frame(rate)) << rate.per_second();
+}
+
+TEST(FrameTime, TakesTheEarlierOfTwoEquallyNearFrames) {
+    EXPECT_EQ(milliseconds_to_frame(20, kRate25), 0);
+    EXPECT_EQ(milliseconds_to_frame(21, kRate25), 1);
+    EXPECT_EQ(milliseconds_to_frame(60, kRate25), 1);
+    EXPECT_EQ(milliseconds_to_frame(61, kRate25), 2);
+    EXPECT_EQ(seconds_to_frame(0.039, kRate25), 1);
+    EXPECT_EQ(seconds_to_frame(2.5, kRate25), 63);
+}
+
+TEST(FrameTime, BeginsByItsOwnTime) {
+    EXPECT_TRUE(begins_by(4, kRate24, 5, kRate30));
+    EXPECT_TRUE(begins_by(3, kRate24, 5, kRate30));
+    EXPECT_FALSE(begins_by(5, kRate24, 5, kRate30));
+    EXPECT_TRUE(begins_by(1000, kRate29_97, 1001, kRate30));
+    EXPECT_FALSE(begins_by(1001, kRate29_97, 1001, kRate30));
+    EXPECT_EQ(first_frame_not_before(-1, kRate24, kRate30), -1);
+    EXPECT_EQ(first_frame_not_before(1000, kRate29_97, kRate30), 1001);
+    EXPECT_EQ(first_frame_not_before(1, kRate29_97, kRate59_94), 2);
 }
 
 }  // namespace

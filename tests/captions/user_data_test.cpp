@@ -231,5 +231,51 @@ TEST(Scte20, RefusesWhatIsNoBody) {
     }
 }
 
+TEST(Scte20, HasAnIdleConstructOfLine21) {
+    EXPECT_EQ(Scte20Construct{}, (Scte20Construct{0, 1, 11, 0x8080}));
+    EXPECT_EQ(kScte20UserDataTypeCode, 0x03);
+}
+
+TEST(Scte20, RefusesABodyThatEndsTooSoon) {
+    // Two constructs are 13 + 2 * 26 bits and four zero bits: 69, in nine bytes.
+    const std::vector<std::uint8_t> body = compose_scte20(scte20_constructs(0x9420, 0x152C, true));
+    ASSERT_EQ(body.size(), 9U);
+    EXPECT_TRUE(parse_scte20(body));
+    for (std::size_t size = 0; size < body.size(); ++size)
+        EXPECT_FALSE(parse_scte20({body.data(), size})) << size;
+    // 13 bits and four are more than two bytes.
+    const std::vector<std::uint8_t> nothing{0x81, 0x00, 0x00};
+    EXPECT_EQ(parse_scte20(nothing)->size(), 0U);
+    EXPECT_FALSE(parse_scte20(std::span(nothing).first(2)));
+}
+
+TEST(Schedule, IsEmptyWithoutPairsAndConstructs) {
+    EXPECT_TRUE(Schedule{}.empty());
+    EXPECT_EQ(Schedule{}.rate, kRate29_97);
+    EXPECT_FALSE((Schedule{kRate25, {{0, 0, 0x9420}}, {}}.empty()));
+    EXPECT_FALSE((Schedule{kRate25, {}, {{0, {{0xFE, 1, 2}}}}}.empty()));
+    EXPECT_FALSE((PictureCaptions{{{0x8080}, {}}, {}}.empty()));
+    EXPECT_FALSE((PictureCaptions{{{}, {0x8080}}, {}}.empty()));
+    EXPECT_FALSE((PictureCaptions{{{}, {}}, {{0xFE, 1, 2}}}.empty()));
+}
+
+TEST(Schedule, MergesConstructsByFrameAndKeepsTheirOrder) {
+    const Schedule a{kRate25, {}, {{1, {{0xFE, 1, 2}}}, {4, {{0xFE, 3, 4}}}}};
+    const Schedule b{kRate25, {}, {{1, {{0xFE, 5, 6}}}, {2, {{0xFE, 7, 8}}}}};
+    EXPECT_EQ(merge(a, b).cea708,
+              (std::vector<Cea708Event>{
+                  {1, {{0xFE, 1, 2}}}, {1, {{0xFE, 5, 6}}}, {2, {{0xFE, 7, 8}}}, {4, {{0xFE, 3, 4}}}}));
+}
+
+TEST(PictureBudget, GivesUpAConstructForEachPairBeyondTwo) {
+    const PictureBudget budget = picture_budget(kRate24);
+    EXPECT_EQ(budget.constructs_beside(0), 23);
+    EXPECT_EQ(budget.constructs_beside(2), 23);
+    EXPECT_EQ(budget.constructs_beside(3), 22);
+    EXPECT_FALSE(budget.full_rate);
+    EXPECT_TRUE(picture_budget(kRate24, LineRate::kFull).full_rate);
+    EXPECT_FALSE(PictureBudget({false, 23}).full_rate);
+}
+
 }  // namespace
 }  // namespace gsve::captions

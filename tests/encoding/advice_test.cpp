@@ -61,6 +61,7 @@ TEST(OpeningAdvice, NamesTheSettingToChange) {
         {[](auto& e) { e.apply("resize", "352x287"); }, "this chroma format needs even sizes"},
         {[](auto& e) { e.apply("resize", "351x287"), e.output_chroma_shift_x = 0; }, kNothingKnown},
         {[](auto& e) { e.resize_height = 287; }, kNothingKnown},
+        {[](auto& e) { e.resize_width = 0, e.resize_height = 287; }, kNothingKnown},
         {[](auto& e) { e.apply("resize", "1x288"); }, "this chroma format needs even sizes"},
         {[](auto& e) { e.input_interlaced = 1, e.apply("resize", "352x290"); },
          "interlaced pictures need a height in multiples of 4"},

@@ -61,6 +61,52 @@ TEST(CaptionForms, FollowCodecSettingsAndRate) {
               "A/53 ");
 }
 
+// All pairs, unless a form beside A/53 has but one of each field, or pictures may be dropped.
+TEST(CaptionForms, CarryAllPairsOfFilmInA53Alone) {
+    const Settings a53 = {{"enable eia-608", "0"}, {"enable cea-708", "1"}};
+    const struct {
+        AVRational rate;
+        int divider;
+        Settings settings;
+        bool scte20;
+        bool all;
+    } rows[] = {
+        {{24, 1}, 1, {{"encoder", "mpeg-2"}}, false, true},
+        {{24000, 1001}, 1, {{"encoder", "h.264"}}, false, true},
+        {{48, 1}, 2, {{"encoder", "h.264"}}, false, true},
+        {{24, 1}, 2, {{"encoder", "h.264"}}, false, false},
+        {{25, 1}, 1, {{"encoder", "mpeg-2"}}, false, false},
+        {{24, 1}, 1, {{"encoder", "h.265"}}, false, false},
+        {{24, 1}, 1, {{"encoder", "mpeg-2"}}, true, false},
+        {{24, 1}, 1, {{"encoder", "mpeg-2"}, {"enable eia-608", "1"}}, false, false},
+        {{24, 1}, 1, {{"encoder", "mpeg-2"}, {"enable cea-708", "0"}}, false, false},
+        {{24, 1}, 1, {{"encoder", "mpeg-2"}, {"drop frame for bitrate limit", "on"}}, false, false},
+        {{24, 1}, 1, {{"encoder", "mpeg-2"}, {"bitrate", "100000"}}, false, true},
+        {{24, 1},
+         1,
+         {{"encoder", "mpeg-2"}, {"drop frame for bitrate limit", "auto"}, {"bitrate", "750000"}},
+         false,
+         true},
+        {{24, 1},
+         1,
+         {{"encoder", "mpeg-2"}, {"drop frame for bitrate limit", "auto"}, {"bitrate", "749999"}},
+         false,
+         false},
+    };
+    int number = 0;
+    for (const auto& row : rows) {
+        PictureEncoder encoder("forms");
+        encoder.describe_source({.width = 64, .height = 48, .frame_rate = row.rate});
+        encoder.frame_rate_divider = static_cast<uint32_t>(row.divider);
+        for (const auto& [key, value] : a53) encoder.apply(key, value);
+        for (const auto& [key, value] : row.settings) encoder.apply(key, value);
+        EXPECT_EQ(caption_forms(encoder, row.scte20).line_rate,
+                  row.all ? gsve::captions::LineRate::kFull : gsve::captions::LineRate::kPairOfEachField)
+            << "row " << number;
+        number++;
+    }
+}
+
 TEST(ChooseCaptionForms, PutsThemIntoA53AloneUnlessDecidedOtherwise) {
     struct Row {
         AVRational rate;

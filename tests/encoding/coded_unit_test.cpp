@@ -186,6 +186,14 @@ TEST(ReadUnit, ReadsThePairsOfCcUserDataInEitherOrderOfFields) {
     EXPECT_EQ(empty.captions.damaged, 1);
 }
 
+TEST(ReadUnit, JoinsTheCcUserDataOfAUnit) {
+    const Bytes unit = picture_header(2) + kUserDataCode + kCc + from_hex("82 FF 94 2C FE 80 80") +
+                       kUserDataCode + kCc + from_hex("82 FF 01 02 FE 03 04") + kFirstSlice;
+    using Pairs = std::vector<std::pair<Word, Word>>;
+    EXPECT_EQ(mpeg2(unit).captions.cc, (Pairs{{0x942C, 0x8080}, {0x0102, 0x0304}}));
+    EXPECT_EQ(mpeg2(unit).captions.damaged, 0);
+}
+
 TEST(ReadUnit, ReadsAllPairsThatTheNumberOfCcUserDataAllows) {
     Bytes body = Bytes{0xFE};
     std::vector<std::pair<Word, Word>> pairs;

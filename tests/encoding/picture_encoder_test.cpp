@@ -482,6 +482,21 @@ TEST(PictureEncoder, FailsWhereTheTimesOfPicturesAreForgotten) {
     EXPECT_THAT(said, HasSubstr("the codec holds pictures back for longer than 60 pictures"));
 }
 
+TEST(PictureEncoder, FailsWhereTheEncoderCannotTakeAPicture) {
+    Session session(Settings{{"encoder", "mpeg-2"}});
+    ASSERT_TRUE(session.open());
+    EXPECT_EQ(session.encoder.host_frame_tag, 0u);  // the first picture is signalled
+    AVPacket* const packet = std::exchange(session.encoder.mpeg_packet, nullptr);  // as for want of memory
+    std::string said;
+    try {
+        session.push(0, {});
+    } catch (const Failure& failure) {
+        said = failure.what();
+    }
+    session.encoder.mpeg_packet = packet;
+    EXPECT_EQ(said, "the encoder cannot take a picture: memory ran out");
+}
+
 TEST(PictureEncoder, TellsWhyItDoesNotOpen) {
     Session unknown(Settings{{"encoder", "none"}});
     EXPECT_FALSE(unknown.open());

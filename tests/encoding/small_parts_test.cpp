@@ -1,16 +1,21 @@
 // The rates of broadcast, FFmpeg's words, and the texts of the status report.
 
 #include <cerrno>
+#include <new>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "encoding/av.h"
+#include "encoding/caption_account.h"
+#include "encoding/caption_forms.h"
 #include "encoding/frame_rate.h"
 #include "encoding/picture_encoder.h"
 #include "encoding/picture_type.h"
 #include "encoding/status.h"
 #include "encoding/status_text.h"
+#include "encoding/timecode_track.h"
+#include "encoding/unit_contents.h"
 #include "support/mpeg2_units.h"
 
 namespace {
@@ -65,6 +70,10 @@ TEST(CaptionRate, IsTheSameFraction) {
 TEST(AvErrorText, UsesTheWordsOfFFmpeg) {
     EXPECT_EQ(gsve::av_error_text(AVERROR_EOF), "End of file");
     EXPECT_EQ(gsve::av_error_text(AVERROR(ENOENT)), "No such file or directory");
+}
+
+TEST(AvErrorText, GivesTheNumberOfAnErrorWithoutWords) {
+    EXPECT_EQ(gsve::av_error_text(-1234567), "error -1234567");
 }
 
 TEST(FieldOrder, IsThatOfTheDecodedPicture) {
@@ -147,6 +156,80 @@ TEST(PictureTypeReader, ReadsMpeg2) {
     EXPECT_EQ(reader.type(gop_unit(kOpenGop)), 'I');
     EXPECT_EQ(reader.type(picture_unit(2)), 'P');
     EXPECT_EQ(reader.type(picture_unit(3)), 'B');
+}
+
+TEST(PictureTypeReader, RefusesACodecWithoutAParser) {
+    const gsve::CodecContextPtr context(avcodec_alloc_context3(nullptr));
+    context->codec_id = AV_CODEC_ID_NONE;
+    EXPECT_THROW(PictureTypeReader{*context}, std::bad_alloc);
+}
+
+// What a user leaves out stands for the plain case.
+TEST(Values, AreThePlainOnesWhereNothingIsGiven) {
+    using namespace gsve::encoding;
+    EXPECT_EQ(kMpeg2, 2);
+    EXPECT_EQ(kH264, 4);
+    EXPECT_EQ(kH265, 8);
+
+    const SourceDescription source;
+    EXPECT_EQ(source.width, 0);
+    EXPECT_EQ(source.height, 0);
+    EXPECT_EQ(source.chroma_shift_x, 1u);
+    EXPECT_EQ(source.chroma_shift_y, 1u);
+    EXPECT_EQ(fraction(source.frame_rate), "25/1");
+    EXPECT_FALSE(source.interlaced);
+
+    const Ancillary ancillary;
+    EXPECT_EQ(fraction(ancillary.display_aspect), "4/3");
+    EXPECT_EQ(ancillary.field_order, 0);
+    EXPECT_EQ(PictureView{}.number, 0u);
+
+    const EncodedUnit unit{};
+    EXPECT_EQ(unit.pts, 0);
+    EXPECT_EQ(unit.dts, 0);
+    EXPECT_FALSE(unit.key || unit.ancillary);
+    EXPECT_EQ(unit.type, '?');
+    EXPECT_EQ(Mpeg2PictureHeader{}.temporal_reference, 0);
+
+    const UnitContents contents;
+    EXPECT_FALSE(GopStart{}.closed || GopStart{}.broken_link);
+    EXPECT_EQ(contents.captions.damaged, 0);
+
+    const CaptionForms forms;
+    EXPECT_FALSE(forms.cc || forms.cc_data || forms.scte20 || forms.pairs());
+    const CaptionWish wish;
+    EXPECT_TRUE(wish.wanted);
+    EXPECT_FALSE(wish.present || wish.scte20);
+
+    EXPECT_EQ(TimecodeRates{}.divider, 1);
+    EXPECT_FALSE(PictureTimecode{}.of_gop || PictureTimecode{}.on_i_picture);
+}
+
+TEST(CaptionAccount, BeginsWithNothing) {
+    using namespace gsve::encoding;
+    const CaptionAccount account;
+    for (const CaptionCount& count :
+         {account.carried, account.left_over, account.without_form, account.expired}) {
+        EXPECT_EQ(count.pairs, 0u);
+        EXPECT_EQ(count.constructs, 0u);
+        EXPECT_EQ(count.all(), 0u);
+    }
+    EXPECT_EQ(account.repetitions_left_out, 0u);
+    EXPECT_EQ(account.pairs_after_last_cc, 0u);
+    EXPECT_EQ(account.delayed_pairs, 0u);
+    EXPECT_EQ(account.largest_delay, 0);
+    EXPECT_FALSE(account.parity.any());
+    EXPECT_EQ(LostCaption{}.time, 0);
+    EXPECT_EQ(LostCaption{}.channel, 1);
+    EXPECT_EQ(LostCaption{}.reason, LostCaption::Reason::kDidNotFit);
+}
+
+TEST(CaptionCount, AddsPairsAndConstructsApart) {
+    gsve::encoding::CaptionCount sum{1, 20};
+    sum += {300, 4000};
+    EXPECT_EQ(sum.pairs, 301u);
+    EXPECT_EQ(sum.constructs, 4020u);
+    EXPECT_EQ(sum.all(), 4321u);
 }
 
 }  // namespace
