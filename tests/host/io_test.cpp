@@ -13,7 +13,7 @@
 extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
 extern "C" const char* __tsan_default_options() { return "allocator_may_return_null=1"; }
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(GSVE_SANITIZED_ADDRESS) || defined(GSVE_SANITIZED_THREAD)
 constexpr bool kMallocIsInterposed = false;
 static int mallocs_before_failure = -1;
 #else

@@ -17,7 +17,7 @@
 #include "support/subject.h"
 #include "support/test_picture.h"
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(GSVE_SANITIZED_ADDRESS) || defined(GSVE_SANITIZED_THREAD)
 // The sanitizer owns malloc here: planes are made to fail by their size.
 #define GSVE_SANITIZER_OWNS_MALLOC
 extern "C" const char* __asan_default_options() {

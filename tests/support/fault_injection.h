@@ -45,7 +45,7 @@ extern "C" {
 
 // The allocator behind the functions below.
 extern "C" {
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(GSVE_SANITIZED_ADDRESS)
 void* __interceptor_malloc(size_t);
 void* __interceptor_calloc(size_t, size_t);
 void* __interceptor_realloc(void*, size_t);
@@ -240,7 +240,7 @@ Function* next_function(const char* name) {
 
 // Allocations
 
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(GSVE_SANITIZED_ADDRESS)
 inline constexpr auto real_malloc = __interceptor_malloc;
 inline constexpr auto real_calloc = __interceptor_calloc;
 inline constexpr auto real_realloc = __interceptor_realloc;

@@ -615,7 +615,7 @@ protected:
 /// Every how many faults one is met: all of them, but fewer under the address sanitizer, where it takes
 /// minutes, unless GSVE_EVERY_FAULT is set.
 inline long fault_stride() {
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(GSVE_SANITIZED_ADDRESS)
     if (!std::getenv("GSVE_EVERY_FAULT")) return 7;
 #endif
     return 1;
