@@ -87,7 +87,7 @@ private:
 
     EncodeJob job_;
     Observer& observer_;
-    const OutputFormat& format_;
+    const OutputFormat format_;
     Input input_;
     PictureEncoder encoder_;
     CaptionForms forms_;

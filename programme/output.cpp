@@ -126,7 +126,7 @@ bool OutputFormat::wants_global_header() const {
     return container && (container->flags & AVFMT_GLOBALHEADER);
 }
 
-const OutputFormat& output_format(const std::string& path) {
+OutputFormat output_format(const std::string& path) {
     const std::string extension = lower_case(std::filesystem::path(path).extension());
     for (const OutputFormat& format : kFormats)
         if (format.extension == extension) return format;

@@ -22,7 +22,7 @@ struct OutputFormat {
 };
 
 /// The kind that a file's name asks for. Throws UsageError when there is none.
-const OutputFormat& output_format(const std::string& path);
+OutputFormat output_format(const std::string& path);
 
 /// Throws UsageError or Failure where `path` can be no output of `input`.
 void check_output(const std::string& path, const std::string& input);

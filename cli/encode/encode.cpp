@@ -28,7 +28,7 @@ using programme::EncodeResult;
 
 /// The codec that --codec, --set "encoder=..." and the output's name ask for together.
 std::string choose_codec(const EncodeOptions& options, const std::vector<KeyValue>& given) {
-    const programme::OutputFormat& format = programme::output_format(options.output);
+    const programme::OutputFormat format = programme::output_format(options.output);
     std::string codec = options.codec;
     for (const auto& [key, value] : given) {
         if (key != "encoder") continue;

@@ -160,7 +160,7 @@ TEST(OutputFormat, FollowsTheExtension) {
         {"a.b.mkv", "", "matroska", true},
     };
     for (const auto& row : rows) {
-        const OutputFormat& format = output_format(row.path);
+        const OutputFormat format = output_format(row.path);
         EXPECT_EQ(format.codec, row.codec) << row.path;
         EXPECT_EQ(format.muxer, row.muxer) << row.path;
         EXPECT_EQ(format.wants_global_header(), row.global_header) << row.path;

@@ -186,7 +186,7 @@ TEST_F(Writing, ElementaryStreamsAreTheirUnits) {
 
 TEST_F(Writing, AnElementaryStreamThatCannotBeWrittenIsAFailure) {
     const PictureEncoder encoder("out");
-    const OutputFormat& format = output_format("out.h264");
+    const OutputFormat format = output_format("out.h264");
     EXPECT_THAT(failure_of([&] { open_output(format, path(""), encoder); }), HasSubstr("Is a directory"));
     const auto full = open_output(format, "/dev/full", encoder);
     full->write(unit_of({1}));  // into the buffer
