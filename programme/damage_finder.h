@@ -63,7 +63,7 @@ private:
         double begin = 0;
     };
     struct Gap {
-        int64_t before = 0, after = 0;  ///< units of the pictures around it
+        int64_t before, after;  ///< units of the pictures around it
         DamagedRange range;
     };
 

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "programme/damage_finder.h"
+#include "programme/damage_witnesses.h"
 
 namespace gsve::programme {
 namespace {
@@ -243,6 +244,20 @@ TEST(DamageFinder, TellsAnIncompleteLastUnitByEveryWitness) {
     }
 }
 
+TEST(ComplaintsOf, AreWhatTheDecoderFlags) {
+    const FramePtr frame = new_frame();
+    const std::vector<std::pair<int, unsigned>> flags = {
+        {0, 0},
+        {FF_DECODE_ERROR_MISSING_REFERENCE, DamageFinder::kOfReferences},
+        {FF_DECODE_ERROR_INVALID_BITSTREAM, DamageFinder::kOfData},
+        {FF_DECODE_ERROR_MISSING_REFERENCE | FF_DECODE_ERROR_DECODE_SLICES,
+         DamageFinder::kOfReferences | DamageFinder::kOfData}};
+    for (const auto& [flag, complaints] : flags) {
+        frame->decode_error_flags = flag;
+        EXPECT_EQ(complaints_of(*frame), complaints) << flag;
+    }
+}
+
 TEST(Damage, IsEqualWhereEveryPartIs) {
     const DamagedRange range = {Kind::kMissing, 1, 2, 25};
     const std::vector<DamagedRange> others = {{Kind::kDamaged, 1, 2, 25},
@@ -255,6 +270,9 @@ TEST(Damage, IsEqualWhereEveryPartIs) {
     }
     EXPECT_EQ(DamagedRange().kind, Kind::kDamaged);
     EXPECT_EQ(DamagedRange().pictures, 0u);
+    EXPECT_EQ(DamagedRange().begin, 0);
+    EXPECT_EQ(DamagedRange().end, 0);
+    EXPECT_EQ(Damage::EarlyEnd().seconds, 0);
     const Damage::EarlyEnd end = {3, 4.0};
     for (const Damage::EarlyEnd& other : {Damage::EarlyEnd{3, {}}, {3, 5.0}, {2, 4.0}, {}})
         EXPECT_NE((Damage{{}, end}), (Damage{{}, other}));

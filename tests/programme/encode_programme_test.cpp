@@ -14,7 +14,10 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
+#include "captions/cc_data.h"
+#include "captions/scte20.h"
 #include "encoding/error.h"
+#include "programme/av.h"
 #include "programme/caption_inventory.h"
 #include "programme/encode_programme.h"
 #include "programme/stream_inspection.h"
@@ -223,6 +226,59 @@ TEST_F(Programme, CarriesCaptionFilesAndTimeCodes) {
     const EncodeResult none = encode(again);
     EXPECT_EQ(none.captions.source, "none");
     EXPECT_TRUE(take_inventory(read_stream(again.output)).carriages.empty());
+}
+
+TEST_F(Programme, SendsScte20InTheOrderInWhichTheFieldsAreShown) {
+    for (const char interlacing : {'p', 't', 'b'}) {
+        SCOPED_TRACE(interlacing);
+        EncodeJob captioned = job("mpeg-2", "out.m2v", {.interlacing = interlacing}, 60);
+        captioned.captions.files = {sample_file("sample.srt")};
+        captioned.captions.scte20 = true;
+        encode(captioned);
+        int compared = 0;
+        const InspectedStream stream = read_stream(captioned.output);
+        for (const InspectedPicture& picture : stream.pictures) {
+            if (!picture.captions.scte20) continue;
+            const auto captions = gsve::captions::parse_cc_data(picture.captions.cc_data.value()).captions;
+            EXPECT_EQ(*picture.captions.scte20,
+                      gsve::captions::scte20_constructs(captions.fields[0].at(0), captions.fields[1].at(0),
+                                                        interlacing == 't'));
+            compared++;
+        }
+        EXPECT_GT(compared, 20);
+    }
+}
+
+TEST_F(Programme, TellsTheContainerItsShapeFieldsAndRate) {
+    for (const char* name : {"out.mkv", "out.mp4"})
+        for (const char interlacing : {'p', 't', 'b'}) {
+            SCOPED_TRACE(std::string(name) + " " + interlacing);
+            encode(job("mpeg-2", name, {.sample_aspect = {4, 3}, .interlacing = interlacing}, 10));
+            AVFormatContext* opened = nullptr;  // as its header alone tells
+            ASSERT_EQ(avformat_open_input(&opened, std::string(directory / name).c_str(), nullptr, nullptr),
+                      0);
+            const gsve::InputPtr container(opened);
+            const AVStream& stream = *opened->streams[0];
+            EXPECT_EQ(av_cmp_q(stream.sample_aspect_ratio, {4, 3}), 0);
+            if (name == std::string("out.mp4")) continue;  // has neither
+            EXPECT_EQ(av_cmp_q(stream.avg_frame_rate, {25, 1}), 0);
+            EXPECT_EQ(stream.codecpar->field_order, interlacing == 'p'   ? AV_FIELD_PROGRESSIVE
+                                                    : interlacing == 't' ? AV_FIELD_TT
+                                                                         : AV_FIELD_BB);
+        }
+}
+
+TEST(EncodeResult, TellsOfNothingBeforeTheEncoding) {
+    const EncodeResult fresh;
+    EXPECT_EQ(fresh.width, 0);
+    EXPECT_EQ(fresh.height, 0);
+    EXPECT_EQ(fresh.stopped_by, 0);
+    EXPECT_EQ(fresh.elapsed, 0);
+    EXPECT_EQ(fresh.problem, "");
+    EXPECT_FALSE(fresh.adapts_to_load);
+    EXPECT_FALSE(fresh.repeatable);
+    EXPECT_FALSE(fresh.source_pictures);
+    EXPECT_FALSE(fresh.damage.any());
 }
 
 TEST_F(Programme, RefusesWhatCannotBeDone) {

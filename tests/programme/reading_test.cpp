@@ -116,7 +116,9 @@ TEST_F(Reading, RefusesWhatIsNoFileOrHasNoVideo) {
 
 TEST_F(Reading, GivesThePacketsOfTheVideoAlone) {
     PacketSource source(mkv(regular(12), {}, AV_PIX_FMT_YUV420P, true), {});
-    EXPECT_EQ(source.format().nb_streams, 2u);
+    ASSERT_EQ(source.format().nb_streams, 2u);
+    EXPECT_EQ(source.format().streams[0]->discard, AVDISCARD_DEFAULT);
+    EXPECT_EQ(source.format().streams[1]->discard, AVDISCARD_ALL) << "not even read";
     EXPECT_TRUE(source.timed());
     EXPECT_EQ(packets_of(source), regular(12));
     EXPECT_EQ(source.missing_at_end(), 0);
