@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -31,13 +32,15 @@ class Inspecting : public testing::Test {
 protected:
     Inspecting() { av_log_set_level(AV_LOG_QUIET); }
 
-    std::string stream(const std::string& codec, unsigned pictures, bool interlaced = false) {
+    std::string stream(const std::string& codec, unsigned pictures, bool interlaced = false,
+                       const char* b_frames = "2") {
         CaptionedStreamOptions options;
         options.codec = codec;
         options.pictures = pictures;
         options.interlaced = interlaced;
         options.schedule.rate = kRate25;
         options.schedule.eia608.push_back({3, 0, gsve::captions::make_word(0x41, 0x42)});
+        options.settings = {{"b frames", b_frames}};
         options.timecode = gsve::captions::parse_timecode("01:00:00:00", kRate25);
         const std::string path = directory / (codec == "mpeg-2" ? "in.m2v" : "in.h264");
         CaptionedStream(options).write_to(path);
@@ -116,6 +119,66 @@ TEST_F(Inspecting, TellsOfAnEarlyEnd) {
     EXPECT_NEAR(read.damage.early_end->seconds, 2, 0.2);
     ASSERT_TRUE(read.damage.early_end->expected);
     EXPECT_NEAR(*read.damage.early_end->expected, 4, 0.1);
+}
+
+std::string said(const Damage& damage) {
+    std::string text = damage.early_end ? fmt::format("ends at {:.2f} s; ", damage.early_end->seconds) : "";
+    for (const DamagedRange& range : damage.ranges)
+        text += fmt::format("kind {} from {:.2f} to {:.2f} s: {}; ", static_cast<int>(range.kind),
+                            range.begin, range.end, range.pictures);
+    return text;
+}
+
+TEST_F(Inspecting, FindsTheDamageThatEncodingFinds) {
+    // Transport packets of pictures in the middle are lost: some pictures are damaged, some missing.
+    const std::string path = directory / "whole.ts";
+    int64_t time = 0;
+    remultiplex(stream("mpeg-2", 120, false, "0"), path, nullptr,
+                [&](AVFormatContext& output, AVPacket& packet) {
+                    packet.dts = time += 3600;
+                    packet.pts = packet.dts + 3600;
+                    require(av_write_frame(&output, &packet), "packet");
+                });
+    const std::string bytes = read_file(path);
+    const size_t packets = bytes.size() / kTransportPacket;
+    const auto damage_of = [&](const std::string& file) {
+        Input input(file, {});
+        while (input.next()) {
+        }
+        const Damage encoded = input.damage(), inspected = read_stream(file).damage;
+        EXPECT_EQ(said(inspected), said(encoded));
+        return inspected;
+    };
+    EXPECT_FALSE(damage_of(path).any());
+    uint64_t missing = 0;
+    for (const size_t lost : {size_t{1}, packets / 20, packets / 8}) {
+        SCOPED_TRACE(lost);
+        const size_t begin = packets / 2;
+        write_bytes(directory / "lossy.ts", lose_packets(bytes, 0x100, [&](size_t place) {
+                                                return place >= begin && place < begin + lost;
+                                            }).bytes);
+        const Damage damage = damage_of(directory / "lossy.ts");
+        EXPECT_TRUE(damage.any());
+        EXPECT_FALSE(damage.early_end);
+        EXPECT_GE(damage.missing(), missing);
+        missing = damage.missing();
+        for (const DamagedRange& range : damage.ranges) {
+            EXPECT_GT(range.begin, 1.5);
+            EXPECT_LT(range.end, 4.0);
+        }
+    }
+    EXPECT_GE(missing, 5u);
+    EXPECT_LE(missing, 120u / 8 + 5);
+}
+
+TEST(InspectedPicture, IsWholeUntilDamageIsFound) {
+    EXPECT_FALSE(InspectedPicture().damaged);
+    EXPECT_FALSE(InspectedPicture().top_field_first);
+    EXPECT_EQ(InspectedPicture().type, '?');
+    EXPECT_EQ(InspectedPicture().bytes, 0u);
+    EXPECT_EQ(InspectedStream().problem, "");
+    EXPECT_EQ(InspectedStream().width, 0);
+    EXPECT_FALSE(InspectedStream().mpeg_video);
 }
 
 TEST_F(Inspecting, SaysWhereAConnectionBreaksOff) {

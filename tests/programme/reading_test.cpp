@@ -189,7 +189,9 @@ TEST_F(Reading, SaysHowMuchOfAFileIsMissingAtItsEnd) {
     for (const double share : {0.5, 0.75}) {
         write_bytes(path, bytes.substr(0, static_cast<size_t>(static_cast<double>(bytes.size()) * share)));
         PacketSource source(path, {});
+        EXPECT_EQ(source.log().container_errors(), 0u);
         const size_t packets = packets_of(source).size();
+        EXPECT_EQ(source.log().container_errors(), 1u) << "the reader says that the file ends too early";
         EXPECT_NEAR(static_cast<double>(packets), 100 * share, 6);
         EXPECT_NEAR(source.missing_at_end(), 4 - 0.04 * static_cast<double>(packets), 0.05);
     }
@@ -398,6 +400,7 @@ TEST(Converting, GivesFormatsThatTheEncoderTakes) {
     for (const auto& row : rows) {
         SCOPED_TRACE(std::string(av_get_pix_fmt_name(row.pixels)) + " " + row.chroma_format);
         const FramePtr sent = frame_of(row.pixels, 32, 16, 0);
+        sent->sample_aspect_ratio = {16, 11};
         PictureConverter converter(*sent, kMilliseconds, {25, 1}, {{25, 1}, row.chroma_format});
         EXPECT_EQ(converter.notes(), row.pixels == row.given ? ""
                                                              : std::string("pictures are converted from ") +
@@ -408,6 +411,7 @@ TEST(Converting, GivesFormatsThatTheEncoderTakes) {
         const FramePtr frame(av_frame_alloc());
         ASSERT_EQ(converter.receive(*frame), 0);
         EXPECT_EQ(frame->format, row.given);
+        EXPECT_EQ(av_cmp_q(frame->sample_aspect_ratio, {16, 11}), 0);
     }
 }
 
