@@ -136,6 +136,15 @@ TEST(DamageFinder, ChargesASecondFieldToItsPicture) {
     EXPECT_THAT(stream.run().ranges, ElementsAre(RangeOf(Kind::kDamaged, 1.6, 1.64, 1)));
 }
 
+TEST(DamageFinder, ChargesNoPictureBeforeTheFirst) {
+    Stream stream;
+    stream.comes_out = [](int64_t n) { return n != 0; };
+    stream.during = [&](int64_t n) {
+        if (n == 0) stream.finder.complained(0, DamageFinder::kOfData);
+    };
+    EXPECT_EQ(stream.run(), Damage());
+}
+
 TEST(DamageFinder, CallsAGapLossOnlyWithAWitness) {
     Stream quiet;
     quiet.missing_before = 40;
