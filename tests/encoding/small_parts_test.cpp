@@ -142,6 +142,13 @@ TEST(Mpeg2PictureHeader, TellsTypeAndTemporalReference) {
     EXPECT_FALSE(mpeg2_picture_header(kSequenceHeader));
 }
 
+TEST(AvErrorText, IsFfmpegsWordsOrTheNumber) {
+    EXPECT_EQ(gsve::av_error_text(AVERROR_EOF), "End of file");
+    EXPECT_EQ(gsve::av_error_text(AVERROR(ENOENT)), "No such file or directory");
+    EXPECT_NE(gsve::av_error_text(-123456), "");
+    EXPECT_NE(gsve::av_error_text(-123456).find("123456"), std::string::npos);
+}
+
 TEST(PictureTypeReader, SaysSoWhereTheUnitDoesNotTell) {
     const gsve::CodecContextPtr context(avcodec_alloc_context3(nullptr));
     context->codec_id = AV_CODEC_ID_MPEG2VIDEO;

@@ -20,8 +20,10 @@ extern "C" {
 #include "programme/av.h"
 #include "programme/caption_inventory.h"
 #include "programme/encode_programme.h"
+#include "programme/input.h"
 #include "programme/stream_inspection.h"
 #include "support/clip.h"
+#include "support/media_files.h"
 #include "support/scratch.h"
 #include "support/stderr_capture.h"
 
@@ -320,6 +322,36 @@ TEST_F(Programme, NeedsNobodyWhoObservesIt) {
     stderr_of([&] { result = encode_programme(whole, nobody); });
     EXPECT_EQ(result->tally.pictures, 8u);
     EXPECT_EQ(result->stopped_by, 0);
+}
+
+TEST_F(Programme, IsReadPictureByPictureWhereItsSamplesAreSingleNalUnits) {
+    const EncodeJob whole = job("h.264", "whole.mp4", {}, 40);
+    encode(whole);
+    const std::string parts = directory / "parts.mp4";
+    size_t samples = 0;
+    remultiplex(whole.output, parts, nullptr, [&](AVFormatContext& output, AVPacket& packet) {
+        samples += write_nal_by_nal(output, packet);
+    });
+    ASSERT_GT(samples, 40u);
+    for (const std::string& path : {whole.output, parts}) {
+        PacketSource source(path, {});
+        const gsve::PacketPtr packet = gsve::new_packet();
+        int packets = 0;
+        while (source.next(*packet) == 0) packets++;
+        EXPECT_EQ(packets, 40) << path;
+        EXPECT_EQ(source.next(*packet), AVERROR_EOF);
+        const InspectedStream stream = read_stream(path);
+        EXPECT_EQ(stream.pictures.size(), 40u) << path;
+        EXPECT_TRUE(stream.rate == gsve::captions::kRate25) << path;
+        EXPECT_FALSE(stream.damage.any()) << path;
+        Input input(path, {});
+        EXPECT_EQ(av_cmp_q(input.format().frame_rate, {25, 1}), 0) << path;
+        int pictures = 0;
+        while (input.next()) pictures++;
+        EXPECT_EQ(pictures, 40) << path;
+        EXPECT_FALSE(input.damage().any()) << path;
+    }
+    EXPECT_EQ(Input(whole.output, {}).expected_pictures(), 40u);
 }
 
 TEST_F(Programme, WarnsOfPicturesThatWouldTakeTooLong) {

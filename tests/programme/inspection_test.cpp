@@ -1,5 +1,6 @@
 // Streams read for inspection: pictures, groups, times, captions and damage.
 
+#include <random>
 #include <string>
 #include <vector>
 
@@ -169,6 +170,48 @@ TEST_F(Inspecting, FindsTheDamageThatEncodingFinds) {
     }
     EXPECT_GE(missing, 5u);
     EXPECT_LE(missing, 120u / 8 + 5);
+}
+
+TEST_F(Inspecting, SurvivesNoiseAndTellsOfIt) {
+    for (const char* codec : {"mpeg-2", "h.264"})
+        for (const unsigned seed : {1u, 2u, 3u}) {
+            SCOPED_TRACE(std::string(codec) + " " + std::to_string(seed));
+            const std::string path = stream(codec, 60);
+            std::string bytes = read_file(path);
+            std::mt19937 random(seed);
+            for (size_t n = 0; n < bytes.size() / 200; n++)
+                bytes[bytes.size() / 4 + random() % (bytes.size() / 2)] = static_cast<char>(random());
+            write_bytes(path, bytes);
+            const InspectedStream read = read_stream(path);
+            EXPECT_TRUE(read.damage.any());
+            EXPECT_FALSE(read.damage.early_end) << "the end is whole";
+            EXPECT_GE(read.pictures.size(), 25u);
+            size_t damaged = 0;
+            for (const InspectedPicture& picture : read.pictures) damaged += picture.damaged;
+            EXPECT_EQ(damaged > 0, read.damage.damaged() > 0);
+            Input input(path, {});
+            size_t pictures = 0;
+            while (input.next()) pictures++;
+            EXPECT_GE(pictures, 25u);
+            EXPECT_TRUE(input.damage().any());
+            EXPECT_EQ(input.problem(), "");
+        }
+}
+
+TEST_F(Inspecting, TellsOfAnEndWithinATransportPacketThatNobodyPromised) {
+    const std::string path = directory / "whole.ts";
+    int64_t time = 0;
+    remultiplex(stream("mpeg-2", 40, false, "0"), path, nullptr,
+                [&](AVFormatContext& output, AVPacket& packet) {
+                    packet.dts = packet.pts = time += 3600;
+                    require(av_write_frame(&output, &packet), "packet");
+                });
+    const std::string bytes = read_file(path);
+    write_bytes(path, bytes.substr(0, bytes.size() / 2 / kTransportPacket * kTransportPacket + 77));
+    const InspectedStream read = read_stream(path);
+    ASSERT_TRUE(read.damage.early_end);
+    EXPECT_FALSE(read.damage.early_end->expected) << "a transport stream does not say how long it is";
+    EXPECT_GT(read.damage.early_end->seconds, 0.4);
 }
 
 TEST(InspectedPicture, IsWholeUntilDamageIsFound) {
