@@ -21,6 +21,7 @@ extern "C" {
 #include "programme/picture_converter.h"
 #include "support/captioned_stream.h"
 #include "support/clip.h"
+#include "support/failure_of.h"
 #include "support/media_files.h"
 #include "support/scratch.h"
 
@@ -31,7 +32,6 @@ using namespace gsve::test;
 using gsve::Failure;
 using gsve::FramePtr;
 using gsve::PacketPtr;
-
 using gsve::captions::kRate25;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -43,17 +43,6 @@ std::vector<int64_t> regular(unsigned pictures, int64_t step_ms = 40) {
     std::vector<int64_t> times;
     for (unsigned n = 0; n < pictures; n++) times.push_back(n * step_ms);
     return times;
-}
-
-/// What the function says by throwing; empty: nothing.
-template <class Function>
-std::string failure_of(Function function) {
-    try {
-        function();
-    } catch (const Failure& failure) {
-        return failure.what();
-    }
-    return "";
 }
 
 class Reading : public testing::Test {

@@ -15,6 +15,7 @@
 #include "encoding/error.h"
 #include "programme/output.h"
 #include "programme/output_file.h"
+#include "support/failure_of.h"
 #include "support/media_files.h"
 #include "support/scratch.h"
 
@@ -23,6 +24,7 @@ namespace {
 using namespace gsve::programme;
 using gsve::Failure;
 using gsve::encoding::PictureEncoder;
+using gsve::test::failure_of;
 using gsve::test::read_file;
 using gsve::test::write_bytes;
 using testing::ElementsAre;
@@ -30,16 +32,6 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 
 namespace fs = std::filesystem;
-
-template <class Function>
-std::string failure_of(Function function) {
-    try {
-        function();
-    } catch (const Failure& failure) {
-        return failure.what();
-    }
-    return "";
-}
 
 class Writing : public testing::Test {
 protected:
