@@ -40,6 +40,10 @@ int PacketSource::next(AVPacket& packet) {
         ahead_.pop_front();
         return 0;
     }
+    return read_whole(packet);
+}
+
+int PacketSource::read_whole(AVPacket& packet) {
     return joiner_.active() ? read_joined(packet) : read(packet);
 }
 
@@ -83,7 +87,7 @@ void PacketSource::count_pictures_in_rate() {
     std::vector<int64_t> times;
     while (ahead_.size() < (joined_ > 0 || !has_average ? kMany : kFew)) {
         PacketPtr packet = new_packet();
-        if ((joiner_.active() ? read_joined(*packet) : read(*packet)) < 0) break;
+        if (read_whole(*packet) < 0) break;
         if (packet->pts != AV_NOPTS_VALUE) times.push_back(packet->pts);
         ahead_.push_back(std::move(packet));
     }

@@ -54,6 +54,7 @@ public:
     bool ends_within_packet() const { return cut_; }
 
 private:
+    int read_whole(AVPacket& packet);
     int read(AVPacket& packet);
     int read_joined(AVPacket& packet);
     bool has_average_rate() const;
