@@ -133,13 +133,7 @@ std::string said(const Damage& damage) {
 TEST_F(Inspecting, FindsTheDamageThatEncodingFinds) {
     // Transport packets of pictures in the middle are lost: some pictures are damaged, some missing.
     const std::string path = directory / "whole.ts";
-    int64_t time = 0;
-    remultiplex(stream("mpeg-2", 120, false, "0"), path, nullptr,
-                [&](AVFormatContext& output, AVPacket& packet) {
-                    packet.dts = time += 3600;
-                    packet.pts = packet.dts + 3600;
-                    require(av_write_frame(&output, &packet), "packet");
-                });
+    write_transport_stream(stream("mpeg-2", 120, false, "0"), path);
     const std::string bytes = read_file(path);
     const size_t packets = bytes.size() / kTransportPacket;
     const auto damage_of = [&](const std::string& file) {
@@ -200,12 +194,7 @@ TEST_F(Inspecting, SurvivesNoiseAndTellsOfIt) {
 
 TEST_F(Inspecting, TellsOfAnEndWithinATransportPacketThatNobodyPromised) {
     const std::string path = directory / "whole.ts";
-    int64_t time = 0;
-    remultiplex(stream("mpeg-2", 40, false, "0"), path, nullptr,
-                [&](AVFormatContext& output, AVPacket& packet) {
-                    packet.dts = packet.pts = time += 3600;
-                    require(av_write_frame(&output, &packet), "packet");
-                });
+    write_transport_stream(stream("mpeg-2", 40, false, "0"), path);
     const std::string bytes = read_file(path);
     write_bytes(path, bytes.substr(0, bytes.size() / 2 / kTransportPacket * kTransportPacket + 77));
     const InspectedStream read = read_stream(path);

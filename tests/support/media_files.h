@@ -69,6 +69,17 @@ inline void remultiplex(const std::string& from, const std::string& to, const ch
     avformat_close_input(&input);
 }
 
+/// Puts an elementary stream of 25 pictures/s, decoded in the order of display, into a transport stream.
+inline void write_transport_stream(const std::string& from, const std::string& to) {
+    constexpr int64_t kPicture = 90'000 / 25;
+    int64_t time = 0;
+    remultiplex(from, to, nullptr, [&](AVFormatContext& output, AVPacket& packet) {
+        packet.dts = time += kPicture;
+        packet.pts = packet.dts + kPicture;
+        if (av_write_frame(&output, &packet) < 0) throw std::runtime_error("packet failed");
+    });
+}
+
 /// Writes each NAL unit of a packet, with its length of four bytes, as a sample of its own. Returns
 /// their number.
 inline size_t write_nal_by_nal(AVFormatContext& output, AVPacket& packet) {
