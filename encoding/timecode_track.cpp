@@ -42,8 +42,7 @@ Timecode TimecodeTrack::counted_on(const Anchor& anchor, int64_t number) const {
 
 Timecode TimecodeTrack::at(int64_t encoded) const {
     constexpr double kAlmostZero = 1e-6;
-    const auto next = anchors_.upper_bound(encoded);
-    const Anchor& anchor = next == anchors_.begin() ? next->second : std::prev(next)->second;
+    const Anchor& anchor = std::prev(anchors_.upper_bound(encoded))->second;
     const double frames = static_cast<double>(encoded * rates_.divider - anchor.number) *
                           rates_.counting.per_second() / rates_.source.per_second();
     const double whole = std::floor(frames + kAlmostZero);

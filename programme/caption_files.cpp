@@ -15,7 +15,8 @@ using captions::CaptionFormat;
 using captions::FrameRate;
 using captions::WarningKind;
 
-const char* key_of(WarningKind kind) {
+/// Empty: not counted here.
+std::string_view key_of(WarningKind kind) {
     switch (kind) {
         case WarningKind::kReplacedCharacter: return "replaced_characters";
         case WarningKind::kBrokenWord: return "broken_words";
@@ -34,7 +35,7 @@ const char* key_of(WarningKind kind) {
         case WarningKind::kFaultyLine: return "faulty_lines";
         case WarningKind::kUnknownReference: return "unknown_references";
     }
-    return "others";
+    return {};
 }
 
 }  // namespace
@@ -81,7 +82,7 @@ captions::Schedule load_caption_files(const CaptionChoice& choice, FrameRate sou
 std::map<std::string, size_t> count_warnings(const captions::Report& report) {
     std::map<std::string, size_t> counts;
     for (const captions::Warning& warning : report.warnings())
-        if (warning.kind != WarningKind::kDelayedPairs) counts[key_of(warning.kind)]++;
+        if (const std::string_view key = key_of(warning.kind); !key.empty()) counts[std::string(key)]++;
     return counts;
 }
 

@@ -42,10 +42,11 @@ bool FrameDecoder::next() {
             finder_.refused();
             continue;
         }
-        if (result < 0) {
+        if (result == AVERROR_EOF) {
             decoded_all_ = true;
             return false;
         }
+        if (result < 0) return fail(result);
         AVFrame& frame = *frame_;
         frame.sample_aspect_ratio =
             av_guess_sample_aspect_ratio(&source_.format(), &source_.stream(), &frame);
@@ -65,7 +66,8 @@ bool FrameDecoder::feed() {
         read_all_ = true;
         if (result != AVERROR_EOF && result != AVERROR_EXIT)
             problem_ = fmt::format("the input cannot be read further: {}", av_error_text(result));
-        return avcodec_send_packet(decoder_.get(), nullptr) == 0;
+        const int flushed = avcodec_send_packet(decoder_.get(), nullptr);
+        return flushed == 0 || fail(flushed);
     }
     if (on_packet_) on_packet_(*packet_);
     const int64_t unit = finder_.sent({.key = (packet_->flags & AV_PKT_FLAG_KEY) != 0,
@@ -75,8 +77,12 @@ bool FrameDecoder::feed() {
     const int sent = avcodec_send_packet(decoder_.get(), packet_.get());
     note_complaints();
     if (sent == AVERROR_INVALIDDATA) finder_.refused();
-    if (sent == 0 || sent == AVERROR_INVALIDDATA) return true;
-    problem_ = fmt::format("the input cannot be decoded further: {}", av_error_text(sent));
+    return sent == 0 || sent == AVERROR_INVALIDDATA || fail(sent);
+}
+
+/// Ends decoding, before the stream's end.
+bool FrameDecoder::fail(int error) {
+    problem_ = fmt::format("the input cannot be decoded further: {}", av_error_text(error));
     return false;
 }
 

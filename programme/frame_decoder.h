@@ -41,6 +41,7 @@ public:
 
 private:
     bool feed();
+    bool fail(int error);
     void note_complaints();
     void note_shown(const AVFrame& frame, int64_t unit);
     int64_t continuous_time(const AVFrame& frame);

@@ -191,8 +191,9 @@ FramePtr Input::read_picture() {
     for (;;) {
         int result = converter_->receive(*frame);
         if (result >= 0) return frame;
-        if (result != AVERROR(EAGAIN)) return nullptr;
-        result = decode() ? converter_->send(decoder_.frame()) : converter_->finish(decoder_.end_time());
+        if (result == AVERROR_EOF) return nullptr;
+        if (result == AVERROR(EAGAIN))
+            result = decode() ? converter_->send(decoder_.frame()) : converter_->finish(decoder_.end_time());
         if (result < 0) {
             problem_ = fmt::format("cannot convert a picture: {}", av_error_text(result));
             return nullptr;

@@ -115,13 +115,17 @@ InspectedStream StreamReader::read() {
 
 void StreamReader::read_packet(AVPacket& packet) {
     if (!start_codes_) return read_coded_unit(packet);
+    const bool key = packet.flags & AV_PKT_FLAG_KEY;
     const bool taken = av_bsf_send_packet(start_codes_.get(), &packet) == 0;
     int result = taken ? 0 : AVERROR_INVALIDDATA;
     while (result >= 0 && (result = av_bsf_receive_packet(start_codes_.get(), &packet)) >= 0) {
         read_coded_unit(packet);
         av_packet_unref(&packet);
     }
-    if (result != AVERROR(EAGAIN)) units_.emplace_back().refused = true;
+    if (result == AVERROR(EAGAIN)) return;
+    CodedUnit& refused = units_.emplace_back();
+    refused.sent.key = key;
+    refused.refused = true;
 }
 
 void StreamReader::read_coded_unit(AVPacket& packet) {
@@ -146,7 +150,10 @@ void StreamReader::read_coded_unit(AVPacket& packet) {
 void StreamReader::decode(const AVPacket* unit) {
     const int result = avcodec_send_packet(decoder_.get(), unit);
     note_complaints();
-    if (result == AVERROR_INVALIDDATA || (result < 0 && unit)) note_refusal();
+    if (result == AVERROR_INVALIDDATA || (result < 0 && unit))
+        note_refusal();
+    else if (result < 0)
+        stream_.problem = fmt::format("the file cannot be decoded further: {}", av_error_text(result));
     receive_pictures();
 }
 

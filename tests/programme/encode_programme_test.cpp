@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -322,6 +323,12 @@ TEST_F(Programme, NeedsNobodyWhoObservesIt) {
     stderr_of([&] { result = encode_programme(whole, nobody); });
     EXPECT_EQ(result->tally.pictures, 8u);
     EXPECT_EQ(result->stopped_by, 0);
+    EncodeJob slow = whole;
+    slow.settings = {{"encoder", "mpeg-2"}, {"enable", "1"}, {"bitrate", "200000"}};
+    slow.output = directory / "slow.ts";
+    const auto polite = std::make_unique<Observer>();
+    stderr_of([&] { result = encode_programme(slow, *polite); });
+    EXPECT_EQ(result->tally.pictures, 8u);
 }
 
 TEST_F(Programme, IsReadPictureByPictureWhereItsSamplesAreSingleNalUnits) {

@@ -2,7 +2,9 @@
 // pictures at the frame rate, and all of it together.
 
 #include <atomic>
+#include <bitset>
 #include <cmath>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -188,12 +190,7 @@ TEST_F(Reading, SaysHowMuchOfAFileIsMissingAtItsEnd) {
 
 TEST_F(Reading, SeesThatATransportStreamEndsWithinAPacket) {
     const std::string path = directory / "whole.ts";
-    int64_t time = 0;
-    remultiplex(captioned(50, 2), path, nullptr, [&](AVFormatContext& output, AVPacket& packet) {
-        packet.dts = time += 3600;
-        packet.pts = packet.dts + 3600;
-        require(av_write_frame(&output, &packet), "packet");
-    });
+    write_transport_stream(captioned(50, 2), path);
     const std::string bytes = read_file(path);
     ASSERT_EQ(bytes.size() % kTransportPacket, 0u);
     for (const size_t cut : {size_t{0}, size_t{1}, size_t{100}, kTransportPacket, kTransportPacket + 90}) {
@@ -597,6 +594,69 @@ TEST_F(Reading, GivesTheTimeCodesOfGroups) {
     EXPECT_EQ(codes[0], "10:11:12:13");
     Input film(mkv(regular(4)), {});
     EXPECT_EQ(film.timecode(), "");
+}
+
+/// An H.265 stream with a time code in front of each picture, at 25 pictures/s. Where `code` is empty, the
+/// message has none; the last number of it is that of the picture.
+std::string with_time_codes(const std::string& stream, const char* code) {
+    const std::string start_code("\0\0\1", 3);
+    std::string coded;
+    size_t from = 0;
+    for (size_t at = stream.find(start_code); at != stream.npos; at = stream.find(start_code, at + 3)) {
+        const int type = static_cast<uint8_t>(stream[at + 3]) >> 1 & 63;
+        const bool first_slice = type < 32 && (static_cast<uint8_t>(stream[at + 5]) & 0x80);
+        if (!first_slice) continue;
+        coded += stream.substr(from, at - from);
+        from = at;
+        // ITU-T H.265, D.2.27: one clock time stamp, whole, of frames; then the message's length and its end.
+        std::string bits = "00";
+        if (int hours = 0, minutes = 0, seconds = 0, frames = 0;
+            std::sscanf(code, "%d:%d:%d:%d", &hours, &minutes, &seconds, &frames) == 4)
+            bits =
+                "01"
+                "1"
+                "0"
+                "00000"
+                "1"
+                "0"
+                "0" +
+                std::bitset<9>(static_cast<unsigned>(frames)).to_string() +
+                std::bitset<6>(static_cast<unsigned>(seconds)).to_string() +
+                std::bitset<6>(static_cast<unsigned>(minutes)).to_string() +
+                std::bitset<5>(static_cast<unsigned>(hours)).to_string() + "00000";
+        bits += "1";
+        bits.resize((bits.size() + 7) / 8 * 8, '0');
+        std::string message;
+        for (size_t bit = 0; bit < bits.size(); bit += 8)
+            message += static_cast<char>(std::bitset<8>(bits.substr(bit, 8)).to_ulong());
+        coded += std::string("\0\0\0\1\x4E\1", 6) + static_cast<char>(136) +
+                 static_cast<char>(message.size()) + message + static_cast<char>(0x80);
+    }
+    return coded + stream.substr(from);
+}
+
+TEST_F(Reading, GivesTheTimeCodesOfPictures) {
+    CaptionedStreamOptions options;
+    options.codec = "h.265";
+    options.pictures = 5;
+    options.schedule.rate = kRate25;
+    const std::string path = directory / "coded.h265";
+    CaptionedStream(options).write_to(path);
+    const std::string stream = read_file(path);
+    for (const auto& [code, read] : std::vector<std::pair<const char*, const char*>>{
+             {"10:11:12:13", "10:11:12:13"}, {"10:11:12:27", ""}, {"", ""}}) {
+        write_bytes(path, with_time_codes(stream, code));
+        Input input(path, {});
+        int pictures = 0;
+        while (const std::optional<Picture> picture = input.next()) {
+            EXPECT_EQ(picture->timecode ? gsve::captions::format_timecode(picture->timecode->timecode) : "",
+                      read)
+                << "picture " << pictures;
+            EXPECT_FALSE(picture->timecode && picture->timecode->of_gop);
+            pictures++;
+        }
+        EXPECT_EQ(pictures, 5);
+    }
 }
 
 TEST_F(Reading, EndsWhenItIsStopped) {
