@@ -57,7 +57,11 @@ ROOMS = {
     "encoding": Room(("encoding/*.cpp",), ("encoding/*.cpp", "encoding/*.h"), ("encoding",), ("programme", "cli")),
     "programme": Room(("programme/*.cpp",), ("programme/*.cpp", "programme/*.h"), ("programme",), ("cli",)),
 }  # fmt: skip
-ONE_PROGRAM = {"captions": "captions_test", "encoding": "encoding_test", "programme": "programme_test"}
+PROGRAMS = {
+    "captions": ["captions_test"],
+    "encoding": ["encoding_test"],
+    "programme": ["programme_test", "ffmpeg_failures_test"],
+}  # fmt: skip
 COMPILING = 10  # seconds, of an object
 MEMORY = 6 << 30
 
@@ -323,8 +327,7 @@ class Bench:
 
     def tests_in(self, folder):
         names = sorted(path.stem for path in (self.source / "tests" / folder).glob("*_test.cpp"))
-        if folder in ONE_PROGRAM:
-            names = [ONE_PROGRAM[folder]]
+        names = PROGRAMS.get(folder, names)
         return [Test(name, f"tests/{folder}/{name}") for name in names]
 
     def tree_of_worker(self, tree):
