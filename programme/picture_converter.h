@@ -12,8 +12,8 @@ namespace gsve::programme {
 
 /// How pictures are to be converted.
 struct Conversion {
-    AVRational frame_rate = {25, 1};  ///< to be made
-    std::string chroma_format;        ///< the encoder's setting: what other pixel formats are converted to
+    AVRational frame_rate = {};  ///< to be made
+    std::string chroma_format;   ///< the encoder's setting: what other pixel formats are converted to
 };
 
 class PictureConverter {

@@ -136,6 +136,27 @@ TEST(DamageFinder, ChargesASecondFieldToItsPicture) {
     EXPECT_THAT(stream.run().ranges, ElementsAre(RangeOf(Kind::kDamaged, 1.6, 1.64, 1)));
 }
 
+TEST(DamageFinder, ChargesAPictureOnceForBothFields) {
+    // The first field by each witness, the second by what the decoder said.
+    for (const int witness : {0, 1, 2}) {
+        DamageFinder finder(kFrame);
+        for (int64_t n = 0; n < 4; n++) {
+            finder.sent({.key = n == 0, .flagged = false});
+            if (n == 1 && witness == 1) finder.refused(n);
+            if ((n == 1 && witness == 2) || n == 2) finder.complained(n, DamageFinder::kOfData);
+            const double begin = static_cast<double>(n) * kFrame;
+            if (n != 2) finder.shown(n, {.begin = begin, .missing = 0, .damaged = n == 1 && witness == 0});
+        }
+        EXPECT_THAT(finder.finish().ranges, ElementsAre(RangeOf(Kind::kDamaged, kFrame, 2 * kFrame, 1)))
+            << witness;
+    }
+}
+
+TEST(DamageFinder, TakesUnitsForOrdinaryOnesUnlessToldOtherwise) {
+    EXPECT_FALSE(DamageFinder::Sent().key);
+    EXPECT_FALSE(DamageFinder::Sent().flagged);
+}
+
 TEST(DamageFinder, ChargesNoPictureBeforeTheFirst) {
     Stream stream;
     stream.comes_out = [](int64_t n) { return n != 0; };

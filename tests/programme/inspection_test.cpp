@@ -183,6 +183,9 @@ TEST_F(Inspecting, SurvivesNoiseAndTellsOfIt) {
             size_t damaged = 0;
             for (const InspectedPicture& picture : read.pictures) damaged += picture.damaged;
             EXPECT_EQ(damaged > 0, read.damage.damaged() > 0);
+            for (const DamagedRange& range : read.damage.ranges)
+                EXPECT_NE(range.kind, DamagedRange::Kind::kMissing)
+                    << "nothing tells in a stream without times";
             Input input(path, {});
             size_t pictures = 0;
             while (input.next()) pictures++;
@@ -210,6 +213,7 @@ TEST(InspectedPicture, IsWholeUntilDamageIsFound) {
     EXPECT_EQ(InspectedPicture().bytes, 0u);
     EXPECT_EQ(InspectedStream().problem, "");
     EXPECT_EQ(InspectedStream().width, 0);
+    EXPECT_EQ(InspectedStream().height, 0);
     EXPECT_FALSE(InspectedStream().mpeg_video);
 }
 

@@ -38,6 +38,11 @@ std::string refusal(Body body) {
     return "";
 }
 
+TEST(EncodeJob, LeavesTheCodecItsThreads) {
+    EXPECT_EQ(EncodeJob().threads, 0);
+    EXPECT_FALSE(EncodeJob().adapt);
+}
+
 TEST(SettingOf, IsTheLastValueOfTheKey) {
     EncodeJob job;
     EXPECT_EQ(setting_of(job, "bitrate"), "");
