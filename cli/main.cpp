@@ -58,6 +58,27 @@ void add_ancillary_options(CLI::App& app, const std::shared_ptr<EncodeOptions>& 
                    "\"source\": the input's");
 }
 
+void add_stream_options(CLI::App& app, const std::shared_ptr<EncodeOptions>& options) {
+    app.add_option("--streams", options->choice.streams,
+                   "The input's streams to take, by their numbers: 0,2,3; default: all that the output takes")
+        ->delimiter(',')
+        ->type_name("LIST");
+    app.add_option_function<int>(
+           "--program", [options](int number) { options->choice.program = number; },
+           "Of a transport stream with several programs, the one to encode; default: that of the best "
+           "picture")
+        ->type_name("N");
+    app.add_flag_callback(
+        "--no-sound", [options] { options->choice.sound = false; }, "Leave the sound out");
+    app.add_option("--longest-repeat", options->longest_repeat,
+                   "Seconds for which a pause in a file's pictures is filled with the last one; a longer "
+                   "pause stays a "
+                   "pause in the output's times")
+        ->check(CLI::NonNegativeNumber)
+        ->capture_default_str()
+        ->type_name("SECONDS");
+}
+
 void add_encode(CLI::App& app, Command& command) {
     auto options = std::make_shared<EncodeOptions>();
     CLI::App* encode_app = app.add_subcommand("encode", "Encode a media file to MPEG-2, H.264 or H.265");
@@ -76,6 +97,7 @@ void add_encode(CLI::App& app, Command& command) {
         ->allow_extra_args(false);
     encode_app->add_option("--rate", options->frame_rate,
                            "Make this the source's frame rate: 25, 30000/1001, ...; 1 to 1000");
+    add_stream_options(*encode_app, options);
     add_ancillary_options(*encode_app, options);
     encode_app->add_flag("--adapt", options->adapt,
                          "MPEG-2: let quality follow the processor's load, as on air; without it the same "

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "captions/timecode.h"
+#include "programme/stream_choice.h"
 
 namespace gsve::programme {
 
@@ -36,6 +37,9 @@ struct EncodeJob {
     std::vector<std::string> decided;  ///< the keys among them that the user gave: no other value is better
     std::string frame_rate;            ///< "25" or "30000/1001"; empty: the source's
     CaptionChoice captions;
+    StreamChoice choice;
+    double longest_repeat =
+        kLongestRepeat;    ///< seconds for which a file's pause is filled with its last picture
     std::string timecode;  ///< of the first picture, at the encoded rate; kSourceTimecode; empty: none
     bool adapt = false;    ///< let the processor's load coarsen MPEG-2 pictures
     int threads = 0;       ///< of the codec; 0: as it chooses on this machine, which the result then tells

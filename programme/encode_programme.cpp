@@ -21,6 +21,7 @@ extern "C" {
 #include "encoding/status_text.h"
 #include "encoding/timecode_track.h"
 #include "programme/caption_files.h"
+#include "programme/companions.h"
 #include "programme/input.h"
 #include "programme/output.h"
 
@@ -39,7 +40,10 @@ InputOptions input_options(const EncodeJob& job) {
     const captions::FrameRate rate = job_frame_rate(job).value_or(captions::FrameRate{0, 1});
     return {.frame_rate = {rate.num, rate.den},
             .chroma_format = setting_of(job, "chroma format"),
-            .captions = job.captions.carry_over && job.captions.files.empty()};
+            .captions = job.captions.carry_over && job.captions.files.empty(),
+            .choice = job.choice,
+            .container = output_format(job.output).container,
+            .longest_repeat = job.longest_repeat};
 }
 
 /// That of the first picture, at the counting rate.
@@ -96,6 +100,7 @@ private:
     captions::Report caption_report_;
     std::optional<TimecodeTrack> timecodes_;
     std::string first_timecode_;
+    std::optional<CompanionStreams> companions_;
     std::unique_ptr<Output> output_;
     Tally tally_;
     Clock::time_point start_;
@@ -122,6 +127,7 @@ EncodeResult ProgrammeEncoding::run() {
     observer_.begin(input_.expected_pictures());
     while (const std::optional<Picture> picture = input_.next()) encode(*picture);
     finish();
+    observer_.note(input_.timing_notes());
     return result();
 }
 
@@ -196,10 +202,14 @@ void ProgrammeEncoding::open_timecodes() {
     first_timecode_ = format_timecode(timecodes_->at(0));
 }
 
-void ProgrammeEncoding::open_output() { output_ = programme::open_output(format_, job_.output, encoder_); }
+void ProgrammeEncoding::open_output() {
+    companions_.emplace(input_);
+    output_ = programme::open_output(format_, job_.output, encoder_, companions_->companions());
+}
 
 void ProgrammeEncoding::encode(const Picture& picture) {
     take_in_captions();
+    companions_->pass(*output_);
     const Ancillary ancillary = ancillary_of(picture);
     const PictureFate fate = encoder_.push(picture.view(), ancillary);
     captions_->after(fate);
@@ -233,6 +243,7 @@ Ancillary ProgrammeEncoding::ancillary_of(const Picture& picture) {
 
 void ProgrammeEncoding::finish() {
     tally_.held_back = encoder_.drain();
+    companions_->pass(*output_);
     output_->finish();
     elapsed_ = std::chrono::duration<double>(Clock::now() - start_).count();
 }

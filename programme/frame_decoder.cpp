@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -14,6 +15,9 @@ namespace {
 
 // What is still one clock, in seconds.
 constexpr double kLargestStepBack = 0.5;
+
+// What is worth to be told of, in seconds.
+constexpr double kPause = 2;
 
 }  // namespace
 
@@ -109,12 +113,19 @@ Damage FrameDecoder::damage() {
 int64_t FrameDecoder::continuous_time(const AVFrame& frame) {
     const AVRational time_base = source_.stream().time_base;
     const bool known = source_.timed() && frame.best_effort_timestamp != AV_NOPTS_VALUE;
-    int64_t time = known ? frame.best_effort_timestamp + clock_offset_ : next_time_;
+    if (known && !std::exchange(placed_, true)) {
+        offset_ = next_time_ - frame.best_effort_timestamp;
+        origin_ = -offset_;
+    }
+    int64_t time = known ? frame.best_effort_timestamp + offset_ : next_time_;
     // A rate that the container guessed too low does not make the next picture come too early.
-    const bool restarted =
-        seconds(time - time_) < -kLargestStepBack || seconds(time - next_time_) > kLargestGap;
-    if (decoded_ == 0 || restarted) {
-        clock_offset_ -= time - next_time_;
+    const bool restarted = decoded_ > 0 && seconds(time - time_) < -kLargestStepBack;
+    const bool skipped = seconds(time - next_time_) > longest_repeat_;
+    if (skipped || seconds(time - next_time_) >= kPause)
+        pauses_.push_back(
+            {.at = skipped ? next_time_ : time, .lasted = time - next_time_, .skipped = skipped});
+    if (restarted || skipped) {
+        offset_ -= time - next_time_;
         time = next_time_;
     }
     gap_ = std::max<int64_t>(time - next_time_, 0);

@@ -4,13 +4,23 @@
 
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <string>
+#include <vector>
 
 #include "programme/av.h"
 #include "programme/damage_finder.h"
 #include "programme/packet_source.h"
 
 namespace gsve::programme {
+
+/// A pause of the pictures, in the stream's unit.
+struct Pause {
+    int64_t at = 0;      ///< frame().pts of the picture after it, which leaves out what was skipped before
+    int64_t lasted = 0;  ///< from the end of the picture before it
+    bool skipped =
+        false;  ///< frame().pts leaves it out, since it lasted longer than pictures are repeated for
+};
 
 class FrameDecoder {
 public:
@@ -22,9 +32,9 @@ public:
 
     void on_packet(PacketHook hook) { on_packet_ = std::move(hook); }
 
-    /// Decodes the next picture into frame(). Its pts is continuous in the stream's unit: small errors are
-    /// left to the rounding between two pictures, and where a broadcast's clock starts anew, time goes on.
-    /// False at the end, and where the stream cannot be decoded further, which problem() then explains.
+    /// Decodes the next picture into frame(). Its pts is the time in the stream's unit since the first one,
+    /// but for the pauses that are skipped. Where times go back, the picture follows the one before it. False
+    /// at the end, and where the stream cannot be decoded further, which problem() then explains.
     bool next();
 
     AVFrame& frame() const { return *frame_; }
@@ -35,6 +45,15 @@ public:
 
     /// The time after the last picture, in the stream's unit.
     int64_t end_time() const { return next_time_; }
+
+    /// The first picture's time on the input's time line, in the stream's unit.
+    int64_t origin() const { return origin_; }
+
+    /// Skips pauses that are longer. In seconds.
+    void repeat_for(double longest) { longest_repeat_ = longest; }
+
+    /// Where no picture came for two seconds or longer, or for longer than pictures are repeated, so far.
+    const std::vector<Pause>& pauses() const { return pauses_; }
 
     /// What was damaged or missing of all that has been decoded. To be asked once, at the end.
     Damage damage();
@@ -67,11 +86,15 @@ private:
     Shape shape_;
     uint64_t decoded_ = 0;
     bool decoded_all_ = false;
-    bool read_all_ = false;     ///< there is no further packet
-    int64_t gap_ = 0;           ///< time for which no picture came, before the latest one
-    int64_t time_ = 0;          ///< of the latest picture
-    int64_t next_time_ = 0;     ///< expected of the next picture
-    int64_t clock_offset_ = 0;  ///< added to the container's times since its clock was restarted
+    bool read_all_ = false;  ///< there is no further packet
+    int64_t gap_ = 0;        ///< time for which no picture came, before the latest one
+    int64_t time_ = 0;       ///< of the latest picture
+    int64_t next_time_ = 0;  ///< expected of the next picture
+    int64_t offset_ = 0;     ///< added to the time line's times
+    int64_t origin_ = 0;
+    bool placed_ = false;  ///< origin_ is known
+    double longest_repeat_ = std::numeric_limits<double>::infinity();
+    std::vector<Pause> pauses_;
     std::string problem_;
 };
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <span>
 #include <stdexcept>
 #include <utility>
 
@@ -78,10 +79,10 @@ encoding::PictureView Picture::view() const {
 }
 
 Input::Input(const std::string& path, const InputOptions& options, StopRequest stop)
-    : packets_(path, std::move(stop)), decoder_(packets_, path) {
-    if (packets_.format().nb_streams > 1)
-        notes_ += fmt::format("only video is carried: stream {} of {} is encoded\n", packets_.stream().index,
-                              packets_.format().nb_streams);
+    : packets_(path, std::move(stop), {.choice = options.choice, .container = options.container}),
+      decoder_(packets_, path),
+      notes_(packets_.plan().notes) {
+    decoder_.repeat_for(options.longest_repeat);
     if (options.captions) {
         caption_form_ = packets_.find_captions(kLookAheadSeconds);
         captions_.emplace(caption_form_, packets_.codec().id, own_rate(), packets_.stream().time_base);
@@ -158,6 +159,36 @@ std::optional<uint64_t> Input::expected_pictures() const {
                                          : 0;
     if (seconds <= 0) return std::nullopt;
     return static_cast<uint64_t>(std::llround(seconds * av_q2d(format_.frame_rate)));
+}
+
+int64_t Input::origin() const {
+    return av_rescale_q(decoder_.origin(), packets_.stream().time_base, kTimeUnit);
+}
+
+int64_t Input::time_of(int64_t number) const {
+    const AVRational picture = av_inv_q(format_.frame_rate);
+    int64_t time = av_rescale_q(number, picture, kTimeUnit);
+    for (const Pause& pause : decoder_.pauses())
+        if (pause.skipped && number >= av_rescale_q(pause.at, packets_.stream().time_base, picture))
+            time += av_rescale_q(pause.lasted, packets_.stream().time_base, kTimeUnit);
+    return time;
+}
+
+std::string Input::timing_notes() const {
+    std::string notes;
+    for (const ClockJump& jump : packets_.clock_jumps())
+        notes += fmt::format(
+            "the input's clock jumps by {:+.3f} s: what follows goes on {:.3f} s after the first picture\n",
+            jump.by, jump.at - static_cast<double>(origin()) * av_q2d(kTimeUnit));
+    constexpr size_t kMostNamed = 10;
+    const std::vector<Pause>& pauses = decoder_.pauses();
+    for (const Pause& pause : std::span(pauses).first(std::min(pauses.size(), kMostNamed)))
+        notes += fmt::format("the input has no picture for {:.3f} s: {}\n",
+                             static_cast<double>(pause.lasted) * av_q2d(packets_.stream().time_base),
+                             pause.skipped ? "the output has none either" : "the one before is repeated");
+    if (pauses.size() > kMostNamed)
+        notes += fmt::format("the input has {} more such pauses\n", pauses.size() - kMostNamed);
+    return notes;
 }
 
 void Input::read_ahead(double seconds) {

@@ -23,6 +23,10 @@ struct InputOptions {
     AVRational frame_rate = {0, 1};  ///< make the rate this one; 0 keeps the source's
     std::string chroma_format;       ///< the encoder's setting: what other pixel formats are converted to
     bool captions = false;           ///< collect the captions, and look whether there are any
+    StreamChoice choice;
+    Container container =
+        Container::kElementary;              ///< for which one: streams that it has no room for are not read
+    double longest_repeat = kLongestRepeat;  ///< pauses that last longer, in seconds, are kept as pauses
 };
 
 /// One picture, in the order of display. The frame belongs to the input and is valid until its next one.
@@ -55,6 +59,24 @@ public:
     void read_ahead(double seconds);
 
     const std::string& problem() const { return problem_.empty() ? decoder_.problem() : problem_; }
+
+    /// What becomes of the streams.
+    const StreamPlan& plan() const { return packets_.plan(); }
+    const AVFormatContext& container() const { return packets_.format(); }
+
+    /// The packets of the other streams that were read since the last call, with times on the input's time
+    /// line, in their stream's unit. They run ahead of next() as the decoding does.
+    std::vector<PacketPtr> take_packets() { return packets_.take_others(); }
+
+    /// The first picture's time on the input's time line, in kTimeUnit.
+    int64_t origin() const;
+
+    /// When a picture is shown after the first one, in kTimeUnit: by its number and the frame rate, and later
+    /// by the pauses before it that are no pictures. Numbers before the first are times before it.
+    int64_t time_of(int64_t number) const;
+
+    /// What the input's times had that is no steady run, so far, a line each.
+    std::string timing_notes() const;
 
     /// What was damaged or missing of all that has been decoded. To be asked once, at the end.
     Damage damage() { return decoder_.damage(); }

@@ -1,10 +1,13 @@
 #include "programme/output.h"
 
+#include <algorithm>
 #include <array>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <limits>
+#include <map>
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
@@ -12,16 +15,22 @@
 #include "encoding/error.h"
 #include "programme/file_name.h"
 #include "programme/output_file.h"
+#include "programme/timeline.h"
 
 namespace gsve::programme {
 namespace {
 
 constexpr std::array kFormats = {
-    OutputFormat{".m2v", "mpeg-2", ""},   OutputFormat{".h264", "h.264", ""},
-    OutputFormat{".264", "h.264", ""},    OutputFormat{".h265", "h.265", ""},
-    OutputFormat{".265", "h.265", ""},    OutputFormat{".hevc", "h.265", ""},
-    OutputFormat{".ts", "", "mpegts"},    OutputFormat{".mp4", "", "mp4"},
-    OutputFormat{".mkv", "", "matroska"},
+    OutputFormat{".m2v", "mpeg-2", "", Container::kElementary},
+    OutputFormat{".h264", "h.264", "", Container::kElementary},
+    OutputFormat{".264", "h.264", "", Container::kElementary},
+    OutputFormat{".h265", "h.265", "", Container::kElementary},
+    OutputFormat{".265", "h.265", "", Container::kElementary},
+    OutputFormat{".hevc", "h.265", "", Container::kElementary},
+    OutputFormat{".ts", "", "mpegts", Container::kTransportStream},
+    OutputFormat{".mp4", "", "mp4", Container::kMp4},
+    OutputFormat{".mov", "", "mov", Container::kMov},
+    OutputFormat{".mkv", "", "matroska", Container::kMatroska},
 };
 
 std::string lower_case(std::string text) {
@@ -42,6 +51,8 @@ public:
             fail_to_write(output_.path(), AVERROR(errno));
     }
 
+    void pass(size_t, PacketPtr) override {}
+
     void finish() override {
         if (std::fclose(file_.release()) != 0) fail_to_write(output_.path(), AVERROR(errno));
         output_.commit();
@@ -55,43 +66,76 @@ private:
     std::unique_ptr<std::FILE, Close> file_;
 };
 
-class Container final : public Output {
+/// Entries that name the file that was read, or how it was written.
+bool is_of_the_file(std::string_view key) {
+    constexpr std::string_view kKeys[] = {"major_brand", "minor_version", "compatible_brands", "encoder",
+                                          "duration",    "handler_name",  "vendor_id",         "timecode"};
+    return std::find(std::begin(kKeys), std::end(kKeys), key) != std::end(kKeys) ||
+           key.starts_with("DURATION") || key.starts_with("_STATISTICS") || key.starts_with("NUMBER_OF_") ||
+           key == "BPS";
+}
+
+void copy_metadata(AVDictionary*& to, const AVDictionary* from) {
+    const AVDictionaryEntry* entry = nullptr;
+    while ((entry = av_dict_get(from, "", entry, AV_DICT_IGNORE_SUFFIX)))
+        if (!is_of_the_file(entry->key)) check_memory(av_dict_set(&to, entry->key, entry->value, 0) >= 0);
+}
+
+/// A container, through libavformat. What goes with the pictures waits until a unit of its time comes: the
+/// multiplexers want their packets in the order of time, and hold back none.
+class ContainerFile final : public Output {
 public:
-    Container(const std::string& muxer, const std::string& path, const encoding::PictureEncoder& encoder)
+    ContainerFile(const OutputFormat& format, const std::string& path,
+                  const encoding::PictureEncoder& encoder, const Companions& companions)
         : file_(path),
           picture_duration_(encoder.frame_rate_divider),
-          source_time_base_{encoder.frame_rate_den, encoder.frame_rate_num} {
+          source_time_base_{encoder.frame_rate_den, encoder.frame_rate_num},
+          start_(companions.start),
+          time_of_(companions.time_of) {
         AVFormatContext* context = nullptr;
         const std::string url = file_url(file_.written_path());
-        check(avformat_alloc_output_context2(&context, nullptr, muxer.c_str(), url.c_str()));
+        check(avformat_alloc_output_context2(&context, nullptr, std::string(format.muxer).c_str(),
+                                             url.c_str()));
         output_.reset(context);
-        add_stream(encoder);
+        add_picture(encoder);
+        for (const Companions::Stream& stream : companions.streams) add(stream);
+        describe(companions);
         check(avio_open(&context->pb, url.c_str(), AVIO_FLAG_WRITE));
         context->max_delay = AV_TIME_BASE * 7 / 10;  // a transport stream's clock runs this far ahead
         check(avformat_write_header(context, nullptr));
+        written_to_.assign(context->nb_streams, std::numeric_limits<int64_t>::min());
     }
 
     void write(const encoding::EncodedUnit& unit) override {
-        // Lent for the call: with a single stream, nothing is held back for interleaving.
+        write_waiting(time_of(unit.dts));
+        // Lent for the call: nothing is held back for interleaving.
         packet_->data = const_cast<uint8_t*>(unit.bytes.data());
         packet_->size = static_cast<int>(unit.bytes.size());
-        packet_->pts = unit.pts;
-        packet_->dts = unit.dts;
-        packet_->duration = picture_duration_;
+        packet_->pts = time_of(unit.pts);
+        packet_->dts = time_of(unit.dts);
+        packet_->duration = av_rescale_q(picture_duration_, source_time_base_, kTimeUnit);
         packet_->flags = unit.key ? AV_PKT_FLAG_KEY : 0;
-        packet_->stream_index = 0;
-        av_packet_rescale_ts(packet_.get(), source_time_base_, output_->streams[0]->time_base);
-        check(av_write_frame(output_.get(), packet_.get()));
+        write(*packet_, 0);
     }
 
+    void pass(size_t stream, PacketPtr packet) override {
+        packet->stream_index = static_cast<int>(stream) + 1;
+        packet->pos = -1;
+        const int64_t time = packet->dts != AV_NOPTS_VALUE ? packet->dts : packet->pts;
+        waiting_.emplace(time == AV_NOPTS_VALUE ? latest_ : time, std::move(packet));
+    }
+
+    uint64_t overlapping() const override { return overlapping_; }
+
     void finish() override {
+        write_waiting(std::numeric_limits<int64_t>::max());
         check(av_write_trailer(output_.get()));
         check(avio_closep(&output_->pb));
         file_.commit();
     }
 
 private:
-    void add_stream(const encoding::PictureEncoder& encoder) {
+    void add_picture(const encoding::PictureEncoder& encoder) {
         AVStream* stream = avformat_new_stream(output_.get(), nullptr);
         check_memory(stream != nullptr);
         check(avcodec_parameters_from_context(stream->codecpar, encoder.mpeg_context));
@@ -107,6 +151,64 @@ private:
         stream->sample_aspect_ratio = stream->codecpar->sample_aspect_ratio;
     }
 
+    void add(const Companions::Stream& companion) {
+        AVStream* stream = avformat_new_stream(output_.get(), nullptr);
+        check_memory(stream != nullptr);
+        check(avcodec_parameters_copy(stream->codecpar, companion.form));
+        stream->codecpar->codec_tag = 0;
+        stream->time_base = companion.form->sample_rate > 0 ? AVRational{1, companion.form->sample_rate}
+                                                            : companion.source->time_base;
+        stream->disposition = companion.source->disposition;
+        copy_metadata(stream->metadata, companion.source->metadata);
+    }
+
+    void describe(const Companions& companions) {
+        if (!companions.input) return;
+        copy_metadata(output_->metadata, companions.input->metadata);
+        if (companions.program) copy_metadata(output_->metadata, companions.program->metadata);
+        for (unsigned n = 0; n < companions.input->nb_chapters; n++)
+            add_chapter(*companions.input->chapters[n], companions.zero);
+    }
+
+    void add_chapter(const AVChapter& source, int64_t zero) {
+        auto* chapter = static_cast<AVChapter*>(av_mallocz(sizeof(AVChapter)));
+        check_memory(chapter != nullptr);
+        av_dynarray_add(&output_->chapters, reinterpret_cast<int*>(&output_->nb_chapters), chapter);
+        check_memory(output_->chapters != nullptr);
+        const auto at = [&](int64_t time) {
+            const int64_t shifted = av_rescale_q(time, source.time_base, kTimeUnit) - zero;
+            return av_rescale_q(std::max<int64_t>(shifted, 0), kTimeUnit, source.time_base);
+        };
+        chapter->id = source.id;
+        chapter->time_base = source.time_base;
+        chapter->start = at(source.start);
+        chapter->end = at(source.end);
+        copy_metadata(chapter->metadata, source.metadata);
+    }
+
+    /// On the output's time line.
+    int64_t time_of(int64_t number) const {
+        return start_ + (time_of_ ? time_of_(number) : av_rescale_q(number, source_time_base_, kTimeUnit));
+    }
+
+    void write_waiting(int64_t up_to) {
+        for (; !waiting_.empty() && waiting_.begin()->first <= up_to; waiting_.erase(waiting_.begin()))
+            write(*waiting_.begin()->second, waiting_.begin()->second->stream_index);
+        latest_ = std::max(latest_, std::min(up_to, std::numeric_limits<int64_t>::max() - 1));
+    }
+
+    void write(AVPacket& packet, int index) {
+        packet.stream_index = index;
+        av_packet_rescale_ts(&packet, kTimeUnit, output_->streams[index]->time_base);
+        int64_t& written_to = written_to_[static_cast<size_t>(index)];
+        if (index > 0 && packet.dts != AV_NOPTS_VALUE && packet.dts <= written_to) {
+            overlapping_++;
+            return;
+        }
+        if (packet.dts != AV_NOPTS_VALUE) written_to = packet.dts;
+        check(av_write_frame(output_.get(), &packet));
+    }
+
     void check(int result) const {
         if (result < 0) fail_to_write(file_.path(), result);
     }
@@ -114,8 +216,14 @@ private:
     OutputFile file_;
     int64_t picture_duration_;
     AVRational source_time_base_;
+    int64_t start_;
+    std::function<int64_t(int64_t)> time_of_;
     PacketPtr packet_ = new_packet();
     OutputPtr output_;
+    std::multimap<int64_t, PacketPtr> waiting_;  ///< by the time of decoding
+    std::vector<int64_t> written_to_;            ///< the latest time of each stream, in its unit
+    int64_t latest_ = 0;
+    uint64_t overlapping_ = 0;
 };
 
 }  // namespace
@@ -150,9 +258,9 @@ void check_output(const std::string& path, const std::string& input) {
 }
 
 std::unique_ptr<Output> open_output(const OutputFormat& format, const std::string& path,
-                                    const encoding::PictureEncoder& encoder) {
+                                    const encoding::PictureEncoder& encoder, const Companions& companions) {
     if (format.muxer.empty()) return std::make_unique<ElementaryStreamFile>(path);
-    return std::make_unique<Container>(std::string(format.muxer), path, encoder);
+    return std::make_unique<ContainerFile>(format, path, encoder, companions);
 }
 
 }  // namespace gsve::programme

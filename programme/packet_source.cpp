@@ -20,15 +20,37 @@ constexpr double kEndTolerance = 0.5;
 
 }  // namespace
 
-PacketSource::PacketSource(const std::string& path, StopRequest stop, DecoderLog::Lines lines)
-    : path_(path), stop_(std::move(stop)), log_(lines) {
-    VideoInput video = open_video_input(path, {interrupted, this});
-    format_ = std::move(video.format);
-    stream_ = video.stream;
-    codec_ = video.codec;
-    joiner_ = UnitJoiner(*stream_->codecpar);
+PacketSource::PacketSource(const std::string& path, StopRequest stop, const Reading& reading)
+    : path_(path),
+      stop_(std::move(stop)),
+      reading_(reading),
+      log_(reading.lines),
+      format_(open_input(path, {interrupted, this})),
+      plan_(plan_streams(*format_, path, reading.choice, reading.container)),
+      stream_(format_->streams[plan_.video]),
+      timeline_(timed_streams(), format_->iformat->flags & AVFMT_TS_DISCONT),
+      planned_(format_->nb_streams),
+      joiner_(*stream_->codecpar) {
+    for (unsigned index = 0; index < format_->nb_streams; index++)
+        format_->streams[index]->discard = AVDISCARD_ALL;
+    stream_->discard = AVDISCARD_DEFAULT;
+    for (const PlannedStream& other : plan_.others)
+        format_->streams[other.index]->discard = AVDISCARD_DEFAULT;
     log_.watch(*format_);
     if (joiner_.active() || !has_average_rate()) count_pictures_in_rate();
+}
+
+std::vector<TimedStream> PacketSource::timed_streams() const {
+    std::vector<TimedStream> streams;
+    for (unsigned index = 0; index < format_->nb_streams; index++) {
+        const AVStream& stream = *format_->streams[index];
+        const bool leads = &stream == stream_;
+        streams.push_back({.time_base = stream.time_base,
+                           .wrap_bits = stream.pts_wrap_bits,
+                           .continuous = leads || stream.codecpar->codec_type == AVMEDIA_TYPE_AUDIO,
+                           .leads = leads});
+    }
+    return streams;
 }
 
 int PacketSource::interrupted(void* source) { return static_cast<const PacketSource*>(source)->stopped(); }
@@ -47,20 +69,38 @@ int PacketSource::read_whole(AVPacket& packet) {
     return joiner_.active() ? read_joined(packet) : read(packet);
 }
 
+/// Makes `packet` the stream's next one, and keeps what was read of the others on the way.
 int PacketSource::read(AVPacket& packet) {
     for (;;) {
-        const uint64_t errors = log_.container_errors();
-        const int result = av_read_frame(format_.get(), &packet);
-        if (result < 0) {
-            note_end(log_.container_errors() != errors);
-            return result;
+        while (PacketPtr next = timeline_.take()) {
+            if (next->stream_index != stream_->index) {
+                // What an edit list leaves out is not part of the programme.
+                if (!(next->flags & AV_PKT_FLAG_DISCARD)) others_.push_back(std::move(next));
+                continue;
+            }
+            av_packet_move_ref(&packet, next.get());
+            return 0;
         }
-        if (packet.stream_index == stream_->index) {
-            note_extent(packet);
-            return result;
-        }
-        av_packet_unref(&packet);
+        if (read_end_ < 0) return read_end_;
+        if (read_any() < 0) timeline_.finish();
     }
+}
+
+/// Puts the file's next packet of a stream that is wanted on the time line.
+int PacketSource::read_any() {
+    PacketPtr packet = new_packet();
+    const uint64_t errors = log_.container_errors();
+    read_end_ = std::min(av_read_frame(format_.get(), packet.get()), 0);
+    if (read_end_ < 0) {
+        note_end(log_.container_errors() != errors);
+        return read_end_;
+    }
+    const auto index = static_cast<unsigned>(packet->stream_index);
+    // A stream that appears only now has no place in the output any more.
+    if (index >= planned_ || format_->streams[index]->discard == AVDISCARD_ALL) return 0;
+    if (format_->streams[index] == stream_) note_extent(*packet);
+    timeline_.put(std::move(packet));
+    return 0;
 }
 
 int PacketSource::read_joined(AVPacket& packet) {
@@ -169,7 +209,9 @@ std::optional<CaptionForm> PacketSource::find_captions(double seconds) {
 
 /// Reads the file up to its first captions.
 std::optional<CaptionForm> PacketSource::captions_in_file() const {
-    PacketSource again(path_, stop_);
+    PacketSource again(
+        path_, stop_,
+        {.choice = reading_.choice, .container = Container::kElementary, .lines = reading_.lines});
     const PacketPtr packet = new_packet();
     std::optional<CaptionForm> form;
     while (!form && again.next(*packet) >= 0)

@@ -1,16 +1,20 @@
 #pragma once
 
-// A media file as the packets of its video stream.
+// A media file as the packets of its picture, and those that go with them into the output.
 
 #include <array>
 #include <deque>
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "programme/av.h"
 #include "programme/caption_packets.h"
 #include "programme/decoder_log.h"
+#include "programme/stream_plan.h"
+#include "programme/timeline.h"
 #include "programme/unit_joiner.h"
 
 namespace gsve::programme {
@@ -18,17 +22,25 @@ namespace gsve::programme {
 /// Asked now and then; true ends reading, also where it waits for data.
 using StopRequest = std::function<bool()>;
 
+/// What is to be read.
+struct Reading {
+    StreamChoice choice;
+    Container container = Container::kElementary;  ///< for which one: as it is, for the picture alone
+    DecoderLog::Lines lines = DecoderLog::Lines::kPrinted;
+};
+
 class PacketSource {
 public:
-    /// Opens `path`. Throws Failure where there is no such file, or no video in it.
-    PacketSource(const std::string& path, StopRequest stop,
-                 DecoderLog::Lines lines = DecoderLog::Lines::kPrinted);
+    /// Opens `path`. Throws Failure where there is no such file, or no picture in it, and UsageError where
+    /// the choice does not fit it.
+    PacketSource(const std::string& path, StopRequest stop, const Reading& reading = {});
     PacketSource(const PacketSource&) = delete;
     PacketSource& operator=(const PacketSource&) = delete;
 
     AVFormatContext& format() const { return *format_; }
     AVStream& stream() const { return *stream_; }
-    const AVCodec& codec() const { return *codec_; }  ///< decodes the stream
+    const AVCodec& codec() const { return *plan_.codec; }  ///< decodes the stream
+    const StreamPlan& plan() const { return plan_; }
 
     /// Whether the container has times.
     bool timed() const { return !(format_->iformat->flags & AVFMT_NOTIMESTAMPS); }
@@ -43,6 +55,12 @@ public:
     /// FFmpeg's error, AVERROR_EOF at the end.
     int next(AVPacket& packet);
 
+    /// The packets of other streams that were read since the last call, in their order.
+    std::vector<PacketPtr> take_others() { return std::exchange(others_, {}); }
+
+    /// Where the input's clock was set anew, so far.
+    const std::vector<ClockJump>& clock_jumps() const { return timeline_.jumps(); }
+
     /// The form of the first captions: anywhere in a file, which can be read twice, or in the next `seconds`
     /// of what can be read only once, which are kept for next().
     std::optional<CaptionForm> find_captions(double seconds);
@@ -56,6 +74,8 @@ public:
 private:
     int read_whole(AVPacket& packet);
     int read(AVPacket& packet);
+    int read_any();
+    std::vector<TimedStream> timed_streams() const;
     int read_joined(AVPacket& packet);
     bool has_average_rate() const;
     void count_pictures_in_rate();
@@ -67,10 +87,15 @@ private:
 
     std::string path_;
     StopRequest stop_;
+    Reading reading_;
     DecoderLog log_;
     InputPtr format_;
-    AVStream* stream_ = nullptr;
-    const AVCodec* codec_ = nullptr;
+    StreamPlan plan_;
+    AVStream* stream_;
+    Timeline timeline_;
+    unsigned planned_;  ///< streams when the file was opened
+    int read_end_ = 0;  ///< what reading the file ended with
+    std::vector<PacketPtr> others_;
     UnitJoiner joiner_;
     PacketPtr held_ = new_packet();  ///< read to see that it does not continue the one before
     int end_ = 0;                    ///< what reading ended with

@@ -61,7 +61,10 @@ private:
 };
 
 StreamReader::StreamReader(const std::string& path)
-    : path_(path), source_(path, {}, DecoderLog::Lines::kSwallowed), video_(&source_.stream()) {
+    : path_(path),
+      source_(path, {},
+              {.choice = {}, .container = Container::kElementary, .lines = DecoderLog::Lines::kSwallowed}),
+      video_(&source_.stream()) {
     open_decoder(source_.codec());
 
     stream_.format = source_.format().iformat->name;

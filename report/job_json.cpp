@@ -80,6 +80,11 @@ std::string job_json(const EncodeJob& job) {
           {"rows", job.captions.rows ? Json(*job.captions.rows) : Json()},
           {"start", job.captions.start},
           {"scte20", job.captions.scte20}}},
+        {"streams",
+         {{"numbers", job.choice.streams},
+          {"program", job.choice.program ? Json(*job.choice.program) : Json()},
+          {"sound", job.choice.sound}}},
+        {"longest_repeat", job.longest_repeat},
         {"timecode", job.timecode},
         {"adapt", job.adapt},
         {"threads", job.threads},
@@ -105,6 +110,13 @@ EncodeJob parse_job(std::string_view json) {
     captions.read("start", job.captions.start);
     captions.read("scte20", job.captions.scte20);
     captions.expect_no_more();
+    Members streams(members.at("streams"), "\"streams\"");
+    streams.read("numbers", job.choice.streams);
+    if (Json program = streams.at("program"); !program.is_null())
+        streams.read("program", job.choice.program.emplace());
+    streams.read("sound", job.choice.sound);
+    streams.expect_no_more();
+    members.read("longest_repeat", job.longest_repeat);
     members.read("timecode", job.timecode);
     members.read("adapt", job.adapt);
     members.read("threads", job.threads);

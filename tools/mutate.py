@@ -50,7 +50,7 @@ class Room:
 
 
 ROOMS = {
-    "lib": Room(("lib/gsve.cpp",), ("lib/gsve.cpp", "lib/detail/*.h"), ("lib", "lib/scale"), ("encoding", "cli"),
+    "lib": Room(("lib/gsve.cpp",), ("lib/gsve.cpp", "lib/detail/**/*.h"), ("lib", "lib/scale"), ("encoding", "cli"),
                 ("streams_", "caption_streams_", "state_grid_", "fault_", "threads_", "nothing_lost_"),
                 "--version-script"),
     "captions": Room(("captions/*.cpp",), ("captions/*.cpp", "captions/*.h"), ("captions",)),

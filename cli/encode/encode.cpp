@@ -109,6 +109,8 @@ programme::EncodeJob job_of(const EncodeOptions& options) {
     job.settings.insert(job.settings.end(), given.begin(), given.end());
     for (const auto& [key, value] : given) job.decided.push_back(key);
     job.frame_rate = options.frame_rate;
+    job.choice = options.choice;
+    job.longest_repeat = options.longest_repeat;
     job.captions = options.captions;
     job.timecode = options.timecode;
     job.adapt = options.adapt;

@@ -17,6 +17,8 @@ struct EncodeOptions {
     std::string codec;                  ///< empty: by the output's name
     std::vector<std::string> settings;  ///< "KEY=VALUE"
     std::string frame_rate;             ///< "25" or "30000/1001"; empty: the source's
+    programme::StreamChoice choice;
+    double longest_repeat = programme::kLongestRepeat;  ///< seconds
     programme::CaptionChoice captions;
     std::string timecode;  ///< of the first picture, at the encoded rate; "source": the input's; empty: none
     bool adapt = false;    ///< let the processor's load coarsen MPEG-2 pictures

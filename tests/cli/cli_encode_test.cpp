@@ -330,12 +330,15 @@ TEST_F(EncodeCommand, ConvertsTenBitPictures) {
     expect_pictures(decode_clip(out), format, every(1, kPictures), kPictures);
 }
 
-TEST_F(EncodeCommand, SaysThatOnlyVideoIsCarried) {
+TEST_F(EncodeCommand, SaysWhatIsConvertedOrLeftOut) {
     const std::string in = directory / "in.mkv";
     write_mkv(in, {}, regular_times(kPictures, 40), AV_PIX_FMT_YUV420P, true);
-    const ProgramResult result = run({"encode", in, directory / "out.ts"});
+    const ProgramResult result = run({"encode", in, directory / "out.m2v"});
     ASSERT_EQ(result.status, 0) << result.err;
-    EXPECT_THAT(result.err, HasSubstr("only video is carried: stream 0 of 2 is encoded"));
+    EXPECT_THAT(result.err,
+                HasSubstr("stream 1 (sound, pcm_s16le) is left out: an elementary stream has room for "
+                          "the picture alone; a name in .mov or .mkv carries it"));
+    EXPECT_THAT(run({"encode", in, directory / "quiet.m2v", "--no-sound"}).err, Not(HasSubstr("stream 1")));
 }
 
 TEST_F(EncodeCommand, RepeatsPicturesToMakeAVariableFrameRateConstant) {

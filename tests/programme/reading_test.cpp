@@ -226,19 +226,52 @@ TEST_F(Reading, DecodesEveryPictureFromTimeZeroOn) {
     EXPECT_FALSE(decoder.damage().any());
 }
 
-TEST_F(Reading, KeepsUnevenTimesAndClosesWhatOnlyARestartedClockLeaves) {
-    // 9.96 s without a picture is a gap; 20 s are another clock.
-    const std::string path = mkv({0, 40, 90, 130, 10'130, 10'170, 30'170, 30'210});
+TEST_F(Reading, KeepsUnevenTimesAndPauses) {
+    const std::string path = mkv({7000, 7040, 7090, 7130, 17'130, 17'170, 37'170, 37'210});
     PacketSource source(path, {});
     FrameDecoder decoder(source, path);
-    std::vector<int64_t> times = pictures_of(decoder);
-    const int64_t step = times[6] - times[5];
-    EXPECT_THAT(std::vector<int64_t>(times.begin(), times.begin() + 6),
-                ElementsAre(0, 40, 90, 130, 10'130, 10'170));
-    const double picture = 1000 / av_q2d(decoder.own_rate());
-    EXPECT_NEAR(static_cast<double>(step), picture, 1);
-    EXPECT_EQ(times[7] - times[6], 40);
-    EXPECT_NEAR(static_cast<double>(decoder.end_time() - times[7]), picture, 1);
+    EXPECT_THAT(pictures_of(decoder), ElementsAre(0, 40, 90, 130, 10'130, 10'170, 30'170, 30'210));
+    EXPECT_EQ(decoder.origin(), 7000);
+    ASSERT_EQ(decoder.pauses().size(), 2u);
+    EXPECT_EQ(decoder.pauses()[0].at, 10'130);
+    EXPECT_FALSE(decoder.pauses()[0].skipped);
+    EXPECT_EQ(decoder.pauses()[1].at, 30'170);
+}
+
+TEST_F(Reading, SkipsPausesThatAreTooLongToBeFilled) {
+    const std::string path = mkv({0, 40, 80, 12'080, 12'120, 62'120});
+    PacketSource source(path, {});
+    FrameDecoder decoder(source, path);
+    decoder.repeat_for(20);
+    const std::vector<int64_t> times = pictures_of(decoder);
+    const auto picture = static_cast<int64_t>(std::lround(1000 / av_q2d(decoder.own_rate())));
+    EXPECT_THAT(times, ElementsAre(0, 40, 80, 12'080, 12'120, 12'120 + picture));
+    ASSERT_EQ(decoder.pauses().size(), 2u);
+    EXPECT_TRUE(decoder.pauses()[1].skipped);
+    EXPECT_EQ(decoder.pauses()[1].at, times[5]);
+    EXPECT_EQ(decoder.pauses()[1].lasted, 50'000 - picture);
+}
+
+TEST_F(Reading, TellsWhenPicturesAreShownAcrossPauses) {
+    std::vector<int64_t> times = regular(50);
+    for (int64_t time : regular(50)) times.push_back(32'000 + time);
+    InputOptions options;
+    options.longest_repeat = 10;
+    options.frame_rate = {25, 1};
+    Input input(mkv(times), options);
+    uint64_t pictures = 0;
+    while (input.next()) pictures++;
+    EXPECT_EQ(pictures, 100u) << "none is repeated";
+    const auto ms = [&](int64_t number) {
+        return av_rescale_q(input.time_of(number), kTimeUnit, kMilliseconds);
+    };
+    EXPECT_EQ(ms(-2), -80);
+    EXPECT_EQ(ms(0), 0);
+    EXPECT_EQ(ms(49), 1960);
+    EXPECT_EQ(ms(50), 32'000);
+    EXPECT_EQ(ms(99), 33'960);
+    EXPECT_THAT(input.timing_notes(),
+                HasSubstr("the input has no picture for 30.000 s: the output has none either"));
 }
 
 TEST_F(Reading, CountsFieldsWhereThereAreNoTimes) {
@@ -504,7 +537,9 @@ TEST_F(Reading, SaysWhatIsChangedOrLeftOut) {
          128,
          96,
          {25, 1},
-         "only video is carried: stream 0 of 2 is encoded\n"},
+         "stream 1 (sound, pcm_s16le) is left out: an elementary stream has room for the picture alone; a "
+         "name in .mov "
+         "or .mkv carries it\n"},
         {"ten bits",
          {},
          AV_PIX_FMT_YUV420P10,

@@ -4,6 +4,7 @@
 
 #include <functional>
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -30,6 +31,8 @@ EncodeJob full_job() {
                     .rows = 3,
                     .start = "01:00:00:00",
                     .scte20 = true};
+    job.choice = {.streams = {0, 3}, .program = 2, .sound = false};
+    job.longest_repeat = 7.5;
     job.timecode = "10:00:00;02";
     job.adapt = true;
     job.threads = 2;
@@ -65,9 +68,10 @@ TEST(JobJson, NamesEveryMemberThatIsMissing) {
     const auto whole = nlohmann::json::parse(job_json(full_job()));
     for (const auto& [key, value] : whole.items())
         EXPECT_EQ(error_after([&](nlohmann::json& job) { job.erase(key); }), "the job lacks \"" + key + "\"");
-    for (const auto& [key, value] : whole["captions"].items())
-        EXPECT_EQ(error_after([&](nlohmann::json& job) { job["captions"].erase(key); }),
-                  "\"captions\" lacks \"" + key + "\"");
+    for (const char* part : {"captions", "streams"})
+        for (const auto& [key, value] : whole[part].items())
+            EXPECT_EQ(error_after([&](nlohmann::json& job) { job[part].erase(key); }),
+                      fmt::format("\"{}\" lacks \"{}\"", part, key));
 }
 
 TEST(JobJson, NamesAMemberOfAnotherKind) {
