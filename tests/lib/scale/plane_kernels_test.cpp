@@ -241,6 +241,25 @@ void draw_motion(Plane& plane, unsigned width, unsigned height, Random& random) 
     }
 }
 
+TEST_P(VectorForm, TakesEverySampleIntoTheRangeOfItsMacroblock) {
+    // Lines that comb by 10, which is no range to speak of: what one sample adds to it makes motion of it.
+    constexpr unsigned kWidth = 16 * 18, kHeight = 33;
+    for (const uint8_t odd_one : {uint8_t{90}, uint8_t{120}, uint8_t{105}}) {
+        for (unsigned place = 0; place < 16 * 16; ++place) {
+            Plane luma(kWidth, kHeight, kWidth, Edge::kBehind);
+            for (unsigned y = 0; y < kHeight; ++y)
+                for (unsigned x = 0; x < kWidth; ++x) luma.at(x, y) = y % 2 ? 110 : 100;
+            const unsigned block = place % 17;
+            luma.at(block * 16 + place % 16, place / 16) = odd_one;
+            GuardedBytes map(motion_map_size(kWidth, kHeight), Edge::kBehind);
+            rows::motion_map(*kernels_, map.data(), luma.data(), luma.stride(), kWidth, kHeight);
+            for (unsigned other = 0; other < 17; ++other)
+                ASSERT_EQ(map.data()[other], other == block && odd_one != 105)
+                    << "sample " << place << " of block " << other << ": " << int{odd_one};
+        }
+    }
+}
+
 TEST_P(VectorForm, MapsMotionAsThePlainOne) {
     size_t combed = 0, still = 0;
     for (int i = 0; i < 200; ++i) {
