@@ -68,6 +68,22 @@ void add_stream_options(CLI::App& app, const std::shared_ptr<EncodeOptions>& opt
            "Of a transport stream with several programs, the one to encode; default: that of the best "
            "picture")
         ->type_name("N");
+    app.add_option_function<std::string>(
+           "--sound",
+           [options](const std::string& codec) { options->sound.codec = codec == "copy" ? "" : codec; },
+           "copy (default: as it is, or as aac where the output does not take it), aac, ac3, eac3 or mp2")
+        ->check(CLI::IsMember({"copy", "aac", "ac3", "eac3", "mp2"}));
+    app.add_option("--sound-bitrate", options->sound.bit_rate,
+                   "Bits/s of each track that is encoded, as 384k; default: by its channels")
+        ->transform(CLI::AsNumberWithUnit(std::map<std::string, int64_t>{{"k", 1000}, {"M", 1'000'000}}))
+        ->check(CLI::PositiveNumber)
+        ->type_name("BITS");
+    app.add_option("--sound-layout", options->sound.layout,
+                   "Channels of each track that is encoded: mono, stereo, 5.1; default: the source's");
+    app.add_option("--sound-rate", options->sound.sample_rate,
+                   "Samples/s of each track that is encoded; default: the source's")
+        ->check(CLI::PositiveNumber)
+        ->type_name("HZ");
     app.add_flag_callback(
         "--no-sound", [options] { options->choice.sound = false; }, "Leave the sound out");
     app.add_option("--longest-repeat", options->longest_repeat,

@@ -4,6 +4,7 @@
 // between FFmpeg's releases.
 
 #include <memory>
+#include <span>
 
 extern "C" {
 #include <libavcodec/bsf.h>
@@ -11,6 +12,7 @@ extern "C" {
 #include <libavfilter/buffersink.h>
 #include <libavfilter/buffersrc.h>
 #include <libavformat/avformat.h>
+#include <libavutil/channel_layout.h>
 }
 
 #include "encoding/av.h"
@@ -43,6 +45,38 @@ inline void describe_frames(AVBufferSrcParameters& parameters, const AVFrame& fr
     parameters.color_range = frame.color_range;
 #endif
 }
+
+// What an encoder of sound takes; empty: anything.
+#if LIBAVCODEC_VERSION_INT >= AV_VERSION_INT(61, 13, 100)
+template <class Value, AVCodecConfig kConfig>
+std::span<const Value> supported(const AVCodec& encoder) {
+    const void* values = nullptr;
+    int count = 0;
+    if (avcodec_get_supported_config(nullptr, &encoder, kConfig, 0, &values, &count) < 0) return {};
+    return {static_cast<const Value*>(values), static_cast<size_t>(count)};
+}
+inline std::span<const int> sample_rates(const AVCodec& encoder) {
+    return supported<int, AV_CODEC_CONFIG_SAMPLE_RATE>(encoder);
+}
+inline std::span<const AVChannelLayout> channel_layouts(const AVCodec& encoder) {
+    return supported<AVChannelLayout, AV_CODEC_CONFIG_CHANNEL_LAYOUT>(encoder);
+}
+inline AVSampleFormat first_sample_format(const AVCodec& encoder) {
+    return supported<AVSampleFormat, AV_CODEC_CONFIG_SAMPLE_FORMAT>(encoder)[0];
+}
+#else
+inline std::span<const int> sample_rates(const AVCodec& encoder) {
+    size_t count = 0;
+    while (encoder.supported_samplerates && encoder.supported_samplerates[count]) count++;
+    return {encoder.supported_samplerates, count};
+}
+inline std::span<const AVChannelLayout> channel_layouts(const AVCodec& encoder) {
+    size_t count = 0;
+    while (encoder.ch_layouts && encoder.ch_layouts[count].nb_channels) count++;
+    return {encoder.ch_layouts, count};
+}
+inline AVSampleFormat first_sample_format(const AVCodec& encoder) { return encoder.sample_fmts[0]; }
+#endif
 
 // A number goes with each packet through a decoder, and comes out with the picture that begins in it.
 #if LIBAVCODEC_VERSION_MAJOR >= 60

@@ -1,6 +1,9 @@
 #include "programme/companions.h"
 
 #include <algorithm>
+#include <utility>
+
+#include <fmt/format.h>
 
 extern "C" {
 #include <libavutil/intreadwrite.h>
@@ -18,19 +21,46 @@ int64_t first_heard(const AVPacket& packet, const AVStream& stream) {
     return packet.pts + av_rescale_q(AV_RL32(skip), {1, stream.codecpar->sample_rate}, stream.time_base);
 }
 
+/// By an edit list: the packet is there for the decoder alone.
+bool is_left_out(const AVPacket& packet) { return packet.flags & AV_PKT_FLAG_DISCARD; }
+
 }  // namespace
 
-CompanionStreams::CompanionStreams(Input& input)
+CompanionStreams::CompanionStreams(Input& input, const SoundChoice& sound, const OutputFormat& format)
     : input_(input), first_(input.take_packets()), zero_(input.origin()) {
-    for (const PlannedStream& planned : input.plan().others)
-        streams_.push_back({.index = planned.index, .source = input.container().streams[planned.index]});
+    for (const PlannedStream& planned : input.plan().others) {
+        const AVStream& source = *input.container().streams[planned.index];
+        streams_.push_back({.index = planned.index,
+                            .source = &source,
+                            .converter = converter_of(planned, source, sound, format),
+                            .start_up = nullptr,
+                            .damaged = 0});
+    }
     for (const PacketPtr& packet : first_) {
         const Stream* stream = find(packet->stream_index);
         const bool is_sound = stream && stream->source->codecpar->codec_type == AVMEDIA_TYPE_AUDIO;
-        if (is_sound && packet->pts != AV_NOPTS_VALUE)
+        if (is_sound && packet->pts != AV_NOPTS_VALUE && !is_left_out(*packet))
             zero_ = std::min(zero_, av_rescale_q(first_heard(*packet, *stream->source),
                                                  stream->source->time_base, kTimeUnit));
     }
+}
+
+std::unique_ptr<StreamConverter> CompanionStreams::converter_of(const PlannedStream& planned,
+                                                                const AVStream& source,
+                                                                const SoundChoice& sound,
+                                                                const OutputFormat& format) const {
+    const AVMediaType type = source.codecpar->codec_type;
+    const bool by_choice = type == AVMEDIA_TYPE_AUDIO && !sound.is_copy();
+    if (planned.treatment == Treatment::kCarried && !by_choice) return nullptr;
+    const std::string usual(conversion_of(type, format.container));
+    if (type != AVMEDIA_TYPE_AUDIO) return convert_text(source, usual);
+    SoundChoice choice = sound;
+    if (choice.is_copy()) choice.codec = usual;
+    const auto first = std::find_if(first_.begin(), first_.end(), [&](const PacketPtr& packet) {
+        return packet->stream_index == planned.index;
+    });
+    return convert_sound(source, first == first_.end() ? nullptr : first->get(), choice,
+                         format.wants_global_header());
 }
 
 Companions CompanionStreams::companions() const {
@@ -38,7 +68,9 @@ Companions CompanionStreams::companions() const {
     companions.input = &input_.container();
     companions.program = input_.plan().program;
     for (const Stream& stream : streams_)
-        companions.streams.push_back({.form = stream.source->codecpar, .source = stream.source});
+        companions.streams.push_back(
+            {.form = stream.converter ? &stream.converter->form() : stream.source->codecpar,
+             .source = stream.source});
     companions.start = input_.origin() - zero_;
     companions.zero = zero_;
     companions.time_of = [this](int64_t number) { return input_.time_of(number); };
@@ -46,18 +78,60 @@ Companions CompanionStreams::companions() const {
 }
 
 void CompanionStreams::pass(Output& output) {
-    std::vector<PacketPtr> packets = std::move(first_);
-    first_.clear();
+    std::vector<PacketPtr> packets = std::exchange(first_, {});
     for (PacketPtr& packet : input_.take_packets()) packets.push_back(std::move(packet));
     for (PacketPtr& packet : packets) {
-        const Stream* stream = find(packet->stream_index);
+        Stream* stream = find(packet->stream_index);
         if (!stream) continue;
-        place(*packet, *stream);
-        output.pass(static_cast<size_t>(stream - streams_.data()), std::move(packet));
+        stream->damaged += (packet->flags & AV_PKT_FLAG_CORRUPT) != 0;
+        if (!stream->converter) {
+            carry(output, *stream, std::move(packet));
+            continue;
+        }
+        for (PacketPtr& converted : stream->converter->convert(packet.get()))
+            pass(output, *stream, std::move(converted));
     }
 }
 
-const CompanionStreams::Stream* CompanionStreams::find(int index) const {
+void CompanionStreams::finish(Output& output) {
+    pass(output);
+    for (Stream& stream : streams_)
+        if (stream.converter)
+            for (PacketPtr& converted : stream.converter->convert(nullptr))
+                pass(output, stream, std::move(converted));
+}
+
+/// Of what an edit list leaves out, the packet that the decoder of the first one heard starts up with is
+/// carried.
+void CompanionStreams::carry(Output& output, Stream& stream, PacketPtr packet) {
+    if (is_left_out(*packet)) {
+        stream.start_up = std::move(packet);
+        return;
+    }
+    if (stream.start_up) pass(output, stream, std::move(stream.start_up));
+    pass(output, stream, std::move(packet));
+}
+
+void CompanionStreams::pass(Output& output, Stream& stream, PacketPtr packet) {
+    place(*packet, stream);
+    output.pass(static_cast<size_t>(&stream - streams_.data()), std::move(packet));
+}
+
+std::string CompanionStreams::notes(const Output& output) const {
+    std::string notes;
+    for (const Stream& stream : streams_) {
+        const uint64_t damaged = std::max(stream.damaged, stream.converter ? stream.converter->refused() : 0);
+        if (damaged > 0)
+            notes += fmt::format("{}: {} packets are damaged\n", describe(*stream.source), damaged);
+    }
+    if (const uint64_t overlapping = output.overlapping(); overlapping > 0)
+        notes += fmt::format(
+            "{} packets beside the pictures overlapped others where clocks jumped, and are left out\n",
+            overlapping);
+    return notes;
+}
+
+CompanionStreams::Stream* CompanionStreams::find(int index) {
     const auto found =
         std::find_if(streams_.begin(), streams_.end(), [&](const Stream& s) { return s.index == index; });
     return found == streams_.end() ? nullptr : &*found;
@@ -67,7 +141,8 @@ const CompanionStreams::Stream* CompanionStreams::find(int index) const {
 /// there on.
 void CompanionStreams::place(AVPacket& packet, const Stream& stream) const {
     const bool is_sound = stream.source->codecpar->codec_type == AVMEDIA_TYPE_AUDIO;
-    av_packet_rescale_ts(&packet, stream.source->time_base, kTimeUnit);
+    const AVRational unit = stream.converter ? stream.converter->time_base() : stream.source->time_base;
+    av_packet_rescale_ts(&packet, unit, kTimeUnit);
     for (int64_t* time : {&packet.pts, &packet.dts}) {
         if (*time == AV_NOPTS_VALUE) continue;
         *time -= zero_;

@@ -3,20 +3,23 @@
 // The streams beside the picture on their way from an input to an output: sound, subtitles, data.
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "programme/av.h"
 #include "programme/input.h"
 #include "programme/output.h"
+#include "programme/stream_converter.h"
 
 namespace gsve::programme {
 
 class CompanionStreams {
 public:
-    /// Looks at what the input has read so far: the earliest sound is where the output begins, so that sound
-    /// that is heard before the first picture is not lost.
-    explicit CompanionStreams(Input& input);
+    /// Looks at what the input has read so far: the earliest sound is where the output begins, so that what
+    /// is heard before the first picture is not lost. Throws UsageError and Failure for sound that cannot
+    /// become what is asked for.
+    CompanionStreams(Input& input, const SoundChoice& sound, const OutputFormat& format);
 
     /// For the output to open with.
     Companions companions() const;
@@ -24,19 +27,32 @@ public:
     /// Hands over what the input has read since.
     void pass(Output& output);
 
+    /// Hands over the rest, once the input is at its end.
+    void finish(Output& output);
+
+    /// What was lost of the streams, a line each.
+    std::string notes(const Output& output) const;
+
 private:
     struct Stream {
         int index = 0;  ///< in the input
         const AVStream* source = nullptr;
+        std::unique_ptr<StreamConverter> converter;  ///< null: it is carried
+        PacketPtr start_up;                          ///< the latest that an edit list leaves out
+        uint64_t damaged = 0;                        ///< packets, as the container says
     };
 
-    const Stream* find(int index) const;
+    Stream* find(int index);
+    std::unique_ptr<StreamConverter> converter_of(const PlannedStream& planned, const AVStream& source,
+                                                  const SoundChoice& sound, const OutputFormat& format) const;
+    void carry(Output& output, Stream& stream, PacketPtr packet);
+    void pass(Output& output, Stream& stream, PacketPtr packet);
     void place(AVPacket& packet, const Stream& stream) const;
 
     Input& input_;
-    std::vector<Stream> streams_;
     std::vector<PacketPtr> first_;  ///< read before the output was open
-    int64_t zero_ = 0;              ///< on the input's time line, where the output's begins
+    std::vector<Stream> streams_;
+    int64_t zero_;  ///< on the input's time line, where the output's begins
 };
 
 }  // namespace gsve::programme

@@ -38,6 +38,7 @@ struct EncodeJob {
     std::string frame_rate;            ///< "25" or "30000/1001"; empty: the source's
     CaptionChoice captions;
     StreamChoice choice;
+    SoundChoice sound;
     double longest_repeat =
         kLongestRepeat;    ///< seconds for which a file's pause is filled with its last picture
     std::string timecode;  ///< of the first picture, at the encoded rate; kSourceTimecode; empty: none

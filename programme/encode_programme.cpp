@@ -128,6 +128,7 @@ EncodeResult ProgrammeEncoding::run() {
     while (const std::optional<Picture> picture = input_.next()) encode(*picture);
     finish();
     observer_.note(input_.timing_notes());
+    observer_.note(companions_->notes(*output_));
     return result();
 }
 
@@ -203,7 +204,7 @@ void ProgrammeEncoding::open_timecodes() {
 }
 
 void ProgrammeEncoding::open_output() {
-    companions_.emplace(input_);
+    companions_.emplace(input_, job_.sound, format_);
     output_ = programme::open_output(format_, job_.output, encoder_, companions_->companions());
 }
 
@@ -243,7 +244,7 @@ Ancillary ProgrammeEncoding::ancillary_of(const Picture& picture) {
 
 void ProgrammeEncoding::finish() {
     tally_.held_back = encoder_.drain();
-    companions_->pass(*output_);
+    companions_->finish(*output_);
     output_->finish();
     elapsed_ = std::chrono::duration<double>(Clock::now() - start_).count();
 }

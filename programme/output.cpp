@@ -102,7 +102,7 @@ public:
         describe(companions);
         check(avio_open(&context->pb, url.c_str(), AVIO_FLAG_WRITE));
         context->max_delay = AV_TIME_BASE * 7 / 10;  // a transport stream's clock runs this far ahead
-        check(avformat_write_header(context, nullptr));
+        write_header(format.container);
         written_to_.assign(context->nb_streams, std::numeric_limits<int64_t>::min());
     }
 
@@ -184,6 +184,16 @@ private:
         chapter->start = at(source.start);
         chapter->end = at(source.end);
         copy_metadata(chapter->metadata, source.metadata);
+    }
+
+    void write_header(Container container) {
+        AVDictionary* options = nullptr;
+        // In edit lists, a track's start is rounded to this unit: the default's is a millisecond.
+        if (container == Container::kMp4 || container == Container::kMov)
+            check_memory(av_dict_set(&options, "movie_timescale", "90000", 0) >= 0);
+        const int result = avformat_write_header(output_.get(), &options);
+        av_dict_free(&options);
+        check(result);
     }
 
     /// On the output's time line.

@@ -74,8 +74,7 @@ int PacketSource::read(AVPacket& packet) {
     for (;;) {
         while (PacketPtr next = timeline_.take()) {
             if (next->stream_index != stream_->index) {
-                // What an edit list leaves out is not part of the programme.
-                if (!(next->flags & AV_PKT_FLAG_DISCARD)) others_.push_back(std::move(next));
+                others_.push_back(std::move(next));
                 continue;
             }
             av_packet_move_ref(&packet, next.get());

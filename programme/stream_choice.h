@@ -2,7 +2,9 @@
 
 // What a user asks of an input's streams and times.
 
+#include <cstdint>
 #include <optional>
+#include <string>
 #include <vector>
 
 namespace gsve::programme {
@@ -15,6 +17,19 @@ struct StreamChoice {
     bool sound = true;
 
     friend bool operator==(const StreamChoice&, const StreamChoice&) = default;
+};
+
+/// What becomes of the sound.
+struct SoundChoice {
+    std::string
+        codec;  ///< "aac", "ac3", "eac3" or "mp2"; empty: as it is, or, where the output takes it not, aac
+    int64_t bit_rate = 0;  ///< bits/s of a track; 0: by its channels
+    std::string layout;    ///< of the channels, as FFmpeg calls it: "stereo", "5.1"; empty: the source's
+    int sample_rate = 0;   ///< 0: the source's
+
+    bool is_copy() const { return codec.empty(); }
+
+    friend bool operator==(const SoundChoice&, const SoundChoice&) = default;
 };
 
 /// For how long a file's pause is filled with its last picture, in seconds, unless the user says.

@@ -84,6 +84,11 @@ std::string job_json(const EncodeJob& job) {
          {{"numbers", job.choice.streams},
           {"program", job.choice.program ? Json(*job.choice.program) : Json()},
           {"sound", job.choice.sound}}},
+        {"sound",
+         {{"codec", job.sound.codec},
+          {"bit_rate", job.sound.bit_rate},
+          {"layout", job.sound.layout},
+          {"sample_rate", job.sound.sample_rate}}},
         {"longest_repeat", job.longest_repeat},
         {"timecode", job.timecode},
         {"adapt", job.adapt},
@@ -116,6 +121,12 @@ EncodeJob parse_job(std::string_view json) {
         streams.read("program", job.choice.program.emplace());
     streams.read("sound", job.choice.sound);
     streams.expect_no_more();
+    Members sound(members.at("sound"), "\"sound\"");
+    sound.read("codec", job.sound.codec);
+    sound.read("bit_rate", job.sound.bit_rate);
+    sound.read("layout", job.sound.layout);
+    sound.read("sample_rate", job.sound.sample_rate);
+    sound.expect_no_more();
     members.read("longest_repeat", job.longest_repeat);
     members.read("timecode", job.timecode);
     members.read("adapt", job.adapt);

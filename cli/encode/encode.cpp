@@ -110,6 +110,7 @@ programme::EncodeJob job_of(const EncodeOptions& options) {
     for (const auto& [key, value] : given) job.decided.push_back(key);
     job.frame_rate = options.frame_rate;
     job.choice = options.choice;
+    job.sound = options.sound;
     job.longest_repeat = options.longest_repeat;
     job.captions = options.captions;
     job.timecode = options.timecode;

@@ -18,6 +18,7 @@ struct EncodeOptions {
     std::vector<std::string> settings;  ///< "KEY=VALUE"
     std::string frame_rate;             ///< "25" or "30000/1001"; empty: the source's
     programme::StreamChoice choice;
+    programme::SoundChoice sound;
     double longest_repeat = programme::kLongestRepeat;  ///< seconds
     programme::CaptionChoice captions;
     std::string timecode;  ///< of the first picture, at the encoded rate; "source": the input's; empty: none

@@ -1,0 +1,42 @@
+#pragma once
+
+// A stream that the output does not take as it is, or not as the user wants it, encoded anew.
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "programme/av.h"
+#include "programme/stream_choice.h"
+
+namespace gsve::programme {
+
+class StreamConverter {
+public:
+    virtual ~StreamConverter() = default;
+
+    /// What the container has to know of the new stream.
+    virtual const AVCodecParameters& form() const = 0;
+
+    /// The unit of the new packets' times.
+    virtual AVRational time_base() const = 0;
+
+    /// Takes the next packet, with times on the input's time line in the source's unit; null: there is none
+    /// any more. Gives the packets that are complete, with times on the same line. What cannot be decoded is
+    /// left out, and counted.
+    virtual std::vector<PacketPtr> convert(const AVPacket* packet) = 0;
+
+    /// Packets that could not be decoded.
+    virtual uint64_t refused() const = 0;
+};
+
+/// Sound to the codec of `choice`. Where its times leave a pause, it is silent; where it is slower or faster
+/// than its times, it is stretched. `first`: its first packet, whose AC-3 metadata are kept; null: none is
+/// known. Throws UsageError for what the encoder does not take, and Failure.
+std::unique_ptr<StreamConverter> convert_sound(const AVStream& source, const AVPacket* first,
+                                               const SoundChoice& choice, bool global_header);
+
+/// Text subtitles to the form of an encoder that FFmpeg calls `codec`. Throws Failure.
+std::unique_ptr<StreamConverter> convert_text(const AVStream& source, const std::string& codec);
+
+}  // namespace gsve::programme
