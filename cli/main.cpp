@@ -17,6 +17,7 @@ extern "C" {
 #include "cli/stop.h"
 #include "encoding/error.h"
 #include "report/settings_report.h"
+#include "report/treatments_report.h"
 
 namespace {
 
@@ -86,6 +87,23 @@ void add_stream_options(CLI::App& app, const std::shared_ptr<EncodeOptions>& opt
         ->type_name("HZ");
     app.add_flag_callback(
         "--no-sound", [options] { options->choice.sound = false; }, "Leave the sound out");
+    app.add_option("--mux-rate", options->transport.rate,
+                   "Bits/s of a transport stream of constant rate, as 12M")
+        ->transform(CLI::AsNumberWithUnit(std::map<std::string, int64_t>{{"k", 1000}, {"M", 1'000'000}}))
+        ->check(CLI::PositiveNumber)
+        ->type_name("BITS");
+    app.add_option("--service-name", options->transport.service,
+                   "Of a transport stream; default: the input's");
+    app.add_option("--provider", options->transport.provider, "Of a transport stream; default: the input's");
+    app.add_option("--program-number", options->transport.program, "Of a transport stream; default: 1")
+        ->check(CLI::Range(1, 65535))
+        ->type_name("N");
+    app.add_option("--pmt-pid", options->transport.pmt_pid, "PID of the program's table; default: 0x1000")
+        ->type_name("PID");
+    app.add_option("--pids", options->transport.pids,
+                   "PIDs of the picture and the other streams, in their order; default: from 0x100 on")
+        ->delimiter(',')
+        ->type_name("LIST");
     app.add_option("--longest-repeat", options->longest_repeat,
                    "Seconds for which a pause in a file's pictures is filled with the last one; a longer "
                    "pause stays a "
@@ -98,7 +116,12 @@ void add_stream_options(CLI::App& app, const std::shared_ptr<EncodeOptions>& opt
 void add_encode(CLI::App& app, Command& command) {
     auto options = std::make_shared<EncodeOptions>();
     CLI::App* encode_app = app.add_subcommand("encode", "Encode a media file to MPEG-2, H.264 or H.265");
-    encode_app->add_option("INPUT", options->input, "Any file that libavformat opens")->required();
+    encode_app->add_option("INPUT", options->input, "Any file that libavformat opens; - is standard input")
+        ->required();
+    encode_app
+        ->add_option("--format", options->format,
+                     "Of the output, as a file's extension: ts, mp4, ...; default: by its name")
+        ->type_name("EXTENSION");
     encode_app
         ->add_option("OUTPUT", options->output,
                      "Elementary stream (.m2v .h264 .264 .h265 .265 .hevc) or container (.ts .mp4 .mkv)")
@@ -170,6 +193,21 @@ void add_settings(CLI::App& app, Command& command) {
     });
 }
 
+void add_streams(CLI::App& app, Command& command) {
+    using List = std::string (*)();
+    auto list = std::make_shared<List>(report::treatments_text);
+    CLI::App* streams_app =
+        app.add_subcommand("streams", "List which streams each container carries, converts or leaves out");
+    streams_app->add_flag_callback(
+        "--markdown", [list] { *list = report::treatments_markdown; }, "As a table in Markdown");
+    streams_app->callback([list, &command] {
+        command = [list] {
+            fmt::print("{}", (*list)());
+            return 0;
+        };
+    });
+}
+
 void add_help(CLI::App& app, Command& command) {
     auto topic = std::make_shared<std::string>();
     CLI::App* help_app = app.add_subcommand("help", "Explain a command");
@@ -213,6 +251,7 @@ int run(int argc, char** argv) {
     add_encode(app, command);
     add_inspect(app, command);
     add_settings(app, command);
+    add_streams(app, command);
     add_help(app, command);
     try {
         app.parse(argc, argv);

@@ -1,6 +1,7 @@
 #include "programme/companions.h"
 
 #include <algorithm>
+#include <cstring>
 #include <utility>
 
 #include <fmt/format.h>
@@ -21,6 +22,12 @@ int64_t first_heard(const AVPacket& packet, const AVStream& stream) {
     return packet.pts + av_rescale_q(AV_RL32(skip), {1, stream.codecpar->sample_rate}, stream.time_base);
 }
 
+/// Bytes of a sample of all channels, where sound is not compressed; else 0.
+int bytes_per_sample(const AVCodecParameters& stream) {
+    if (stream.codec_type != AVMEDIA_TYPE_AUDIO) return 0;
+    return av_get_exact_bits_per_sample(stream.codec_id) / 8 * stream.ch_layout.nb_channels;
+}
+
 /// By an edit list: the packet is there for the decoder alone.
 bool is_left_out(const AVPacket& packet) { return packet.flags & AV_PKT_FLAG_DISCARD; }
 
@@ -30,11 +37,14 @@ CompanionStreams::CompanionStreams(Input& input, const SoundChoice& sound, const
     : input_(input), first_(input.take_packets()), zero_(input.origin()) {
     for (const PlannedStream& planned : input.plan().others) {
         const AVStream& source = *input.container().streams[planned.index];
-        streams_.push_back({.index = planned.index,
-                            .source = &source,
-                            .converter = converter_of(planned, source, sound, format),
-                            .start_up = nullptr,
-                            .damaged = 0});
+        streams_.push_back(
+            {.index = planned.index,
+             .source = &source,
+             .converter = converter_of(planned, source, sound, format),
+             .counts_samples = format.container == Container::kMov && bytes_per_sample(*source.codecpar) > 0,
+             .next = AV_NOPTS_VALUE,
+             .start_up = nullptr,
+             .damaged = 0});
     }
     for (const PacketPtr& packet : first_) {
         const Stream* stream = find(packet->stream_index);
@@ -109,7 +119,32 @@ void CompanionStreams::carry(Output& output, Stream& stream, PacketPtr packet) {
         return;
     }
     if (stream.start_up) pass(output, stream, std::move(stream.start_up));
+    if (stream.counts_samples) fill_pause(output, stream, *packet);
     pass(output, stream, std::move(packet));
+}
+
+/// Where a container tells the time by counting samples, silence keeps what comes after a pause in its place.
+/// Steps below a hundredth of a second are roundings.
+void CompanionStreams::fill_pause(Output& output, Stream& stream, const AVPacket& packet) {
+    const AVCodecParameters& form = *stream.source->codecpar;
+    const AVRational unit = stream.source->time_base, sample = {1, form.sample_rate};
+    int64_t missing =
+        stream.next == AV_NOPTS_VALUE ? 0 : av_rescale_q(packet.pts - stream.next, unit, sample);
+    if (missing < form.sample_rate / 100) missing = 0;
+    for (int64_t place = av_rescale_q(stream.next, unit, sample); missing > 0;) {
+        const int64_t samples = std::min<int64_t>(missing, form.sample_rate);
+        PacketPtr silence = new_packet();
+        const auto bytes = static_cast<size_t>(samples) * static_cast<size_t>(bytes_per_sample(form));
+        check_memory(av_new_packet(silence.get(), static_cast<int>(bytes)) >= 0);
+        std::memset(silence->data, form.codec_id == AV_CODEC_ID_PCM_U8 ? 0x80 : 0, bytes);
+        silence->pts = silence->dts = av_rescale_q(place, sample, unit);
+        silence->duration = av_rescale_q(samples, sample, unit);
+        silence->flags = AV_PKT_FLAG_KEY;
+        pass(output, stream, std::move(silence));
+        place += samples;
+        missing -= samples;
+    }
+    stream.next = packet.pts + av_rescale_q(packet.size / bytes_per_sample(form), sample, unit);
 }
 
 void CompanionStreams::pass(Output& output, Stream& stream, PacketPtr packet) {

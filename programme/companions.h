@@ -38,6 +38,8 @@ private:
         int index = 0;  ///< in the input
         const AVStream* source = nullptr;
         std::unique_ptr<StreamConverter> converter;  ///< null: it is carried
+        bool counts_samples = false;                 ///< the container has no times for each of its packets
+        int64_t next = AV_NOPTS_VALUE;               ///< time after the latest packet, in the source's unit
         PacketPtr start_up;                          ///< the latest that an edit list leaves out
         uint64_t damaged = 0;                        ///< packets, as the container says
     };
@@ -46,6 +48,7 @@ private:
     std::unique_ptr<StreamConverter> converter_of(const PlannedStream& planned, const AVStream& source,
                                                   const SoundChoice& sound, const OutputFormat& format) const;
     void carry(Output& output, Stream& stream, PacketPtr packet);
+    void fill_pause(Output& output, Stream& stream, const AVPacket& packet);
     void pass(Output& output, Stream& stream, PacketPtr packet);
     void place(AVPacket& packet, const Stream& stream) const;
 

@@ -1,5 +1,8 @@
 #include "programme/encode_job.h"
 
+#include <algorithm>
+#include <string_view>
+
 #include <fmt/format.h>
 
 extern "C" {
@@ -31,14 +34,43 @@ std::optional<captions::FrameRate> job_frame_rate(const EncodeJob& job) {
     return captions::FrameRate{rate.num, rate.den};
 }
 
+namespace {
+
+void check(const TransportChoice& choice, const OutputFormat& format) {
+    if (!choice.is_given()) return;
+    if (format.container != Container::kTransportStream)
+        throw UsageError(
+            "--mux-rate, --service-name, --provider, --program-number, --pmt-pid and --pids are for "
+            "transport "
+            "streams: name a .ts file");
+    // ISO/IEC 13818-1, table 2-3: what is below, and 0x1FFF, has a meaning of its own.
+    const auto check_pid = [](int pid, std::string_view option) {
+        if (pid < 0x20 || pid > 0x1FFE)
+            throw UsageError(fmt::format("{} takes 32 to 8190, not {}", option, pid));
+    };
+    std::vector<int> used = choice.pids;
+    if (choice.pmt_pid != 0) used.push_back(choice.pmt_pid);
+    for (const int pid : choice.pids) check_pid(pid, "--pids");
+    if (choice.pmt_pid != 0) check_pid(choice.pmt_pid, "--pmt-pid");
+    std::sort(used.begin(), used.end());
+    if (const auto twice = std::adjacent_find(used.begin(), used.end()); twice != used.end())
+        throw UsageError(fmt::format("--pids, --pmt-pid: {} is given twice", *twice));
+    if (choice.program < 0 || choice.program > 65535)
+        throw UsageError(fmt::format("--program-number takes 1 to 65535, not {}", choice.program));
+}
+
+}  // namespace
+
 void check(const EncodeJob& job) {
     encoding::check_together(job.settings);
     const std::string codec = setting_of(job, "encoder");
     check_caption_choice(job.captions, codec);
-    if (!job.timecode.empty() && codec != "mpeg-2")
-        throw UsageError(fmt::format("--timecode is for MPEG-2's GOP headers, not {}: leave it out", codec));
+    if (!job.timecode.empty() && codec != "mpeg-2" && !output_format(job.output, job.format).has_timecode())
+        throw UsageError(fmt::format(
+            "--timecode: {} has no place for one in {}; name a .mov, .mp4 or .mkv file", codec, job.output));
     job_frame_rate(job);
-    check_output(job.output, job.input);
+    check_output(job.output, job.format, job.input);
+    check(job.transport, output_format(job.output, job.format));
 }
 
 }  // namespace gsve::programme

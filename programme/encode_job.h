@@ -32,13 +32,15 @@ using JobSetting = std::pair<std::string, std::string>;
 
 struct EncodeJob {
     std::string input;
-    std::string output;
+    std::string output;                ///< a file's name; "-": standard output
+    std::string format;                ///< of the output, as a file's extension, "ts"; empty: by its name
     std::vector<JobSetting> settings;  ///< in order; a key's last value holds
     std::vector<std::string> decided;  ///< the keys among them that the user gave: no other value is better
     std::string frame_rate;            ///< "25" or "30000/1001"; empty: the source's
     CaptionChoice captions;
     StreamChoice choice;
     SoundChoice sound;
+    TransportChoice transport;
     double longest_repeat =
         kLongestRepeat;    ///< seconds for which a file's pause is filled with its last picture
     std::string timecode;  ///< of the first picture, at the encoded rate; kSourceTimecode; empty: none

@@ -1,6 +1,8 @@
 #include "programme/encode_programme.h"
 
+#include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <filesystem>
 #include <memory>
 #include <stdexcept>
@@ -42,7 +44,7 @@ InputOptions input_options(const EncodeJob& job) {
             .chroma_format = setting_of(job, "chroma format"),
             .captions = job.captions.carry_over && job.captions.files.empty(),
             .choice = job.choice,
-            .container = output_format(job.output).container,
+            .container = output_format(job.output, job.format).container,
             .longest_repeat = job.longest_repeat};
 }
 
@@ -81,6 +83,7 @@ private:
     void open_captions();
     void open_timecodes();
     void open_output();
+    void check_mux_rate(const Companions& companions) const;
     void encode(const Picture& picture);
     void take_in_captions();
     Ancillary ancillary_of(const Picture& picture);
@@ -110,7 +113,7 @@ private:
 ProgrammeEncoding::ProgrammeEncoding(const EncodeJob& job, Observer& observer)
     : job_(job),
       observer_(observer),
-      format_(output_format(job.output)),
+      format_(output_format(job.output, job.format)),
       input_(job.input, input_options(job), [&observer] { return observer.stop_reason() != 0; }),
       encoder_(std::filesystem::path(job.output).stem()),
       tally_(encoding::caption_rate(input_.format().frame_rate)) {}
@@ -191,21 +194,55 @@ void ProgrammeEncoding::open_captions() {
 }
 
 void ProgrammeEncoding::open_timecodes() {
-    if (job_.timecode.empty()) return;
+    // A container's own place is filled with the input's time code unasked; GOP headers only where it is
+    // wanted.
+    const bool carried = job_.timecode.empty() && format_.has_timecode() && !input_.timecode().empty();
+    if (job_.timecode.empty() && !carried) return;
+    const bool of_input = carried || job_.timecode == kSourceTimecode;
     const captions::FrameRate encoded = encoding::caption_rate(encoder_.encoded_rate());
-    const captions::FrameRate counting =
-        job_.timecode == kSourceTimecode ? encoding::caption_rate(input_.own_rate()) : encoded;
-    timecodes_.emplace(first_timecode(job_.timecode, input_.timecode(), counting),
-                       encoding::TimecodeRates{.counting = counting,
-                                               .source = encoding::caption_rate(input_.format().frame_rate),
-                                               .encoded = encoded,
-                                               .divider = encoder_.frame_rate_divider});
-    first_timecode_ = format_timecode(timecodes_->at(0));
+    const captions::FrameRate counting = of_input ? encoding::caption_rate(input_.own_rate()) : encoded;
+    try {
+        const TimecodeTrack track(
+            first_timecode(of_input ? kSourceTimecode : job_.timecode, input_.timecode(), counting),
+            encoding::TimecodeRates{.counting = counting,
+                                    .source = encoding::caption_rate(input_.format().frame_rate),
+                                    .encoded = encoded,
+                                    .divider = encoder_.frame_rate_divider});
+        first_timecode_ = format_timecode(track.at(0));
+        if (!carried) timecodes_ = track;
+    } catch (const UsageError& error) {
+        if (!carried) throw;
+        observer_.note(fmt::format("the input's time code is left out: {}\n", error.what()));
+    }
 }
 
 void ProgrammeEncoding::open_output() {
     companions_.emplace(input_, job_.sound, format_);
-    output_ = programme::open_output(format_, job_.output, encoder_, companions_->companions());
+    Companions companions = companions_->companions();
+    companions.transport = job_.transport;
+    if (job_.transport.rate > 0) check_mux_rate(companions);
+    if (format_.has_timecode()) companions.timecode = first_timecode_;
+    output_ = programme::open_output(format_, job_.output, encoder_, companions);
+}
+
+/// Throws UsageError where the streams do not fit into the transport stream.
+void ProgrammeEncoding::check_mux_rate(const Companions& companions) const {
+    // Packet headers, tables and clocks: PES and transport packets' share, and what is repeated every tenth
+    // of a second.
+    constexpr double kShare = 1.04, kTables = 40'000, kUnknownSound = 448'000;
+    double needed = std::max(encoder_.bitrate, encoder_.max_bitrate);
+    for (const Companions::Stream& stream : companions.streams) {
+        const bool is_sound = stream.form->codec_type == AVMEDIA_TYPE_AUDIO;
+        needed += stream.form->bit_rate > 0 ? static_cast<double>(stream.form->bit_rate)
+                  : is_sound                ? kUnknownSound
+                                            : 0;
+    }
+    needed = needed * kShare + kTables;
+    if (static_cast<double>(job_.transport.rate) < needed)
+        throw UsageError(
+            fmt::format("--mux-rate {} is too low for the picture, the sound and what is inserted: give at "
+                        "least {:.0f}, or lower \"max bitrate\" and \"bitrate\"",
+                        job_.transport.rate, std::ceil(needed / 1000) * 1000));
 }
 
 void ProgrammeEncoding::encode(const Picture& picture) {

@@ -18,8 +18,12 @@ namespace gsve::programme {
 /// libavformat takes what stands before a colon for a protocol, which a file's name may look like.
 inline std::string file_url(const std::string& path) { return "file:" + path; }
 
+/// Standard input or standard output.
+inline bool is_standard_stream(const std::string& path) { return path == "-"; }
+
 /// An input may also be a URL: it is a file's name where there is such a file.
 inline std::string input_url(const std::string& path) {
+    if (is_standard_stream(path)) return "pipe:0";
     std::error_code none;
     const bool is_file = path.find(':') != std::string::npos && std::filesystem::exists(path, none);
     return is_file ? file_url(path) : path;

@@ -1,5 +1,7 @@
 #include "programme/output.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <cctype>
@@ -42,7 +44,9 @@ std::string lower_case(std::string text) {
 class ElementaryStreamFile final : public Output {
 public:
     explicit ElementaryStreamFile(const std::string& path)
-        : output_(path), file_(std::fopen(output_.written_path().c_str(), "wb")) {
+        : output_(path),
+          file_(is_standard_stream(path) ? fdopen(dup(STDOUT_FILENO), "wb")
+                                         : std::fopen(output_.written_path().c_str(), "wb")) {
         if (!file_) fail_to_write(output_.path(), AVERROR(errno));
     }
 
@@ -93,16 +97,17 @@ public:
           start_(companions.start),
           time_of_(companions.time_of) {
         AVFormatContext* context = nullptr;
-        const std::string url = file_url(file_.written_path());
+        const std::string url = is_standard_stream(path) ? "pipe:1" : file_url(file_.written_path());
         check(avformat_alloc_output_context2(&context, nullptr, std::string(format.muxer).c_str(),
                                              url.c_str()));
         output_.reset(context);
         add_picture(encoder);
         for (const Companions::Stream& stream : companions.streams) add(stream);
         describe(companions);
+        describe(companions.transport);
         check(avio_open(&context->pb, url.c_str(), AVIO_FLAG_WRITE));
         context->max_delay = AV_TIME_BASE * 7 / 10;  // a transport stream's clock runs this far ahead
-        write_header(format.container);
+        write_header(format.container, is_standard_stream(path), companions.transport);
         written_to_.assign(context->nb_streams, std::numeric_limits<int64_t>::min());
     }
 
@@ -163,6 +168,8 @@ private:
     }
 
     void describe(const Companions& companions) {
+        if (!companions.timecode.empty())
+            check(av_dict_set(&output_->streams[0]->metadata, "timecode", companions.timecode.c_str(), 0));
         if (!companions.input) return;
         copy_metadata(output_->metadata, companions.input->metadata);
         if (companions.program) copy_metadata(output_->metadata, companions.program->metadata);
@@ -186,14 +193,35 @@ private:
         copy_metadata(chapter->metadata, source.metadata);
     }
 
-    void write_header(Container container) {
+    void write_header(Container container, bool is_pipe, const TransportChoice& transport) {
         AVDictionary* options = nullptr;
-        // In edit lists, a track's start is rounded to this unit: the default's is a millisecond.
-        if (container == Container::kMp4 || container == Container::kMov)
-            check_memory(av_dict_set(&options, "movie_timescale", "90000", 0) >= 0);
+        const auto set = [&](const char* key, const auto& value) {
+            check_memory(av_dict_set(&options, key, fmt::format("{}", value).c_str(), 0) >= 0);
+        };
+        if (container == Container::kMp4 || container == Container::kMov) {
+            // In edit lists, a track's start is rounded to this unit: the default's is a millisecond.
+            set("movie_timescale", 90'000);
+            // What cannot go back to its beginning comes in pieces.
+            if (is_pipe) set("movflags", "frag_keyframe+empty_moov+default_base_moof");
+        }
+        if (container == Container::kTransportStream) {
+            if (transport.rate > 0) set("muxrate", transport.rate);
+            if (transport.program > 0) set("mpegts_service_id", transport.program);
+            if (transport.pmt_pid > 0) set("mpegts_pmt_start_pid", transport.pmt_pid);
+        }
         const int result = avformat_write_header(output_.get(), &options);
         av_dict_free(&options);
         check(result);
+    }
+
+    void describe(const TransportChoice& transport) {
+        const auto name = [&](const char* key, const std::string& value) {
+            if (!value.empty()) check(av_dict_set(&output_->metadata, key, value.c_str(), 0));
+        };
+        name("service_name", transport.service);
+        name("service_provider", transport.provider);
+        for (size_t n = 0; n < transport.pids.size() && n < output_->nb_streams; n++)
+            output_->streams[n]->id = transport.pids[n];
     }
 
     /// On the output's time line.
@@ -217,6 +245,7 @@ private:
         }
         if (packet.dts != AV_NOPTS_VALUE) written_to = packet.dts;
         check(av_write_frame(output_.get(), &packet));
+        check(output_->pb->error);  // of an earlier packet, which was written only now
     }
 
     void check(int result) const {
@@ -238,24 +267,36 @@ private:
 
 }  // namespace
 
+bool OutputFormat::has_timecode() const {
+    return container == Container::kMp4 || container == Container::kMov || container == Container::kMatroska;
+}
+
 bool OutputFormat::wants_global_header() const {
     const AVOutputFormat* container =
         muxer.empty() ? nullptr : av_guess_format(muxer.data(), nullptr, nullptr);
     return container && (container->flags & AVFMT_GLOBALHEADER);
 }
 
-OutputFormat output_format(const std::string& path) {
-    const std::string extension = lower_case(std::filesystem::path(path).extension());
-    for (const OutputFormat& format : kFormats)
-        if (format.extension == extension) return format;
+OutputFormat output_format(const std::string& path, const std::string& format) {
+    const std::string extension =
+        lower_case(format.empty() ? std::filesystem::path(path).extension().string() : "." + format);
+    for (const OutputFormat& known : kFormats)
+        if (known.extension == extension) return known;
     std::vector<std::string_view> known;
     known.reserve(kFormats.size());
-    for (const OutputFormat& format : kFormats) known.push_back(format.extension);
+    for (const OutputFormat& other : kFormats)
+        known.push_back(other.extension.substr(format.empty() ? 0 : 1));
+    if (!format.empty())
+        throw UsageError(fmt::format("--format: \"{}\" is none of {}", format, fmt::join(known, " ")));
+    if (is_standard_stream(path))
+        throw UsageError(
+            "standard output has no name to tell the format by: give --format, for example --format ts");
     throw UsageError(fmt::format("{}: the output's name must end in one of {}", path, fmt::join(known, " ")));
 }
 
-void check_output(const std::string& path, const std::string& input) {
-    output_format(path);
+void check_output(const std::string& path, const std::string& format, const std::string& input) {
+    output_format(path, format);
+    if (is_standard_stream(path)) return;
     std::error_code absent;
     const std::filesystem::path directory = std::filesystem::path(path).parent_path();
     if (!directory.empty() && !std::filesystem::is_directory(directory, absent))

@@ -10,6 +10,7 @@
 
 #include "encoding/picture_encoder.h"
 #include "programme/av.h"
+#include "programme/stream_choice.h"
 #include "programme/stream_table.h"
 
 namespace gsve::programme {
@@ -21,15 +22,19 @@ struct OutputFormat {
     std::string_view muxer;  ///< libavformat's name of the container; empty: elementary stream
     Container container = Container::kElementary;
 
+    /// Whether it has a place for the time code of the first picture.
+    bool has_timecode() const;
+
     /// Whether the container wants the parameter sets once, in its own header.
     bool wants_global_header() const;
 };
 
-/// The kind that a file's name asks for. Throws UsageError when there is none.
-OutputFormat output_format(const std::string& path);
+/// The kind that `format` names as a file's extension, or, where it is empty, the file's name. Throws
+/// UsageError when there is none.
+OutputFormat output_format(const std::string& path, const std::string& format = {});
 
 /// Throws UsageError or Failure where `path` can be no output of `input`.
-void check_output(const std::string& path, const std::string& input);
+void check_output(const std::string& path, const std::string& format, const std::string& input);
 
 /// What the output has beside the picture.
 struct Companions {
@@ -42,8 +47,10 @@ struct Companions {
     const AVFormatContext* input = nullptr;  ///< its metadata and chapters are taken; null: there are none
     const AVProgram* program = nullptr;      ///< the input's; null: it has none
     std::vector<Stream> streams;
-    int64_t start = 0;  ///< of the picture, in kTimeUnit
-    int64_t zero = 0;   ///< on the input's time line, where the output's begins
+    TransportChoice transport;
+    std::string timecode;  ///< of the first picture; empty: none
+    int64_t start = 0;     ///< of the picture, in kTimeUnit
+    int64_t zero = 0;      ///< on the input's time line, where the output's begins
     /// When a picture is shown after the first one, by its number, in kTimeUnit; null: at the frame rate.
     std::function<int64_t(int64_t)> time_of;
 };

@@ -76,6 +76,7 @@ void fail_to_write(const std::string& path, int error) {
 }
 
 OutputFile::OutputFile(const std::string& path) : path_(path), written_(path) {
+    if (is_standard_stream(path)) return;
     std::error_code none;
     const fs::file_status status = fs::status(path, none);
     if (fs::exists(status) && !fs::is_regular_file(status)) return;

@@ -32,6 +32,21 @@ struct SoundChoice {
     friend bool operator==(const SoundChoice&, const SoundChoice&) = default;
 };
 
+/// How a transport stream is to be made.
+struct TransportChoice {
+    int64_t rate = 0;      ///< bits/s, constant; 0: as much as there is
+    std::string service;   ///< its name; empty: the input's
+    std::string provider;  ///< empty: the input's
+    int program = 0;       ///< number; 0: 1
+    int pmt_pid = 0;       ///< 0: 0x1000
+    std::vector<int>
+        pids;  ///< of the picture and the other streams, in the output's order; those behind: from 0x100
+
+    bool is_given() const { return *this != TransportChoice(); }
+
+    friend bool operator==(const TransportChoice&, const TransportChoice&) = default;
+};
+
 /// For how long a file's pause is filled with its last picture, in seconds, unless the user says.
 inline constexpr double kLongestRepeat = 60;
 

@@ -5,6 +5,13 @@
 namespace gsve::programme {
 namespace {
 
+/// Streams that are treated alike.
+struct StreamKind {
+    std::string_view name;
+    std::vector<AVCodecID> codecs;
+    Treatments treatments;
+};
+
 constexpr auto C = Treatment::kCarried, V = Treatment::kConverted, N = Treatment::kNamed;
 
 // What libavformat's multiplexers take, and demultiplexers give back. A transport stream takes anything as
@@ -47,7 +54,11 @@ std::string_view name_of(Container container) {
     return container == Container::kElementary ? "elementary stream" : kNames[static_cast<size_t>(container)];
 }
 
-std::span<const StreamKind> stream_kinds() { return kKinds; }
+std::vector<TreatmentRow> treatment_rows() {
+    std::vector<TreatmentRow> rows;
+    for (const StreamKind& kind : kKinds) rows.push_back({.kind = kind.name, .treatments = kind.treatments});
+    return rows;
+}
 
 Treatment treatment_of(const AVCodecParameters& stream, Container container) {
     if (container == Container::kElementary) return N;

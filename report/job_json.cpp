@@ -70,6 +70,7 @@ std::string job_json(const EncodeJob& job) {
     const Json json = {
         {"input", text(job.input, "input's name")},
         {"output", text(job.output, "output's name")},
+        {"format", job.format},
         {"settings", settings},
         {"decided", job.decided},
         {"frame_rate", job.frame_rate},
@@ -89,6 +90,13 @@ std::string job_json(const EncodeJob& job) {
           {"bit_rate", job.sound.bit_rate},
           {"layout", job.sound.layout},
           {"sample_rate", job.sound.sample_rate}}},
+        {"transport",
+         {{"rate", job.transport.rate},
+          {"service", text(job.transport.service, "service's name")},
+          {"provider", text(job.transport.provider, "provider's name")},
+          {"program", job.transport.program},
+          {"pmt_pid", job.transport.pmt_pid},
+          {"pids", job.transport.pids}}},
         {"longest_repeat", job.longest_repeat},
         {"timecode", job.timecode},
         {"adapt", job.adapt},
@@ -104,6 +112,7 @@ EncodeJob parse_job(std::string_view json) {
     Members members(parsed, "the job");
     members.read("input", job.input);
     members.read("output", job.output);
+    members.read("format", job.format);
     members.read("settings", job.settings);
     members.read("decided", job.decided);
     members.read("frame_rate", job.frame_rate);
@@ -127,6 +136,14 @@ EncodeJob parse_job(std::string_view json) {
     sound.read("layout", job.sound.layout);
     sound.read("sample_rate", job.sound.sample_rate);
     sound.expect_no_more();
+    Members transport(members.at("transport"), "\"transport\"");
+    transport.read("rate", job.transport.rate);
+    transport.read("service", job.transport.service);
+    transport.read("provider", job.transport.provider);
+    transport.read("program", job.transport.program);
+    transport.read("pmt_pid", job.transport.pmt_pid);
+    transport.read("pids", job.transport.pids);
+    transport.expect_no_more();
     members.read("longest_repeat", job.longest_repeat);
     members.read("timecode", job.timecode);
     members.read("adapt", job.adapt);

@@ -28,7 +28,7 @@ using programme::EncodeResult;
 
 /// The codec that --codec, --set "encoder=..." and the output's name ask for together.
 std::string choose_codec(const EncodeOptions& options, const std::vector<KeyValue>& given) {
-    const programme::OutputFormat format = programme::output_format(options.output);
+    const programme::OutputFormat format = programme::output_format(options.output, options.format);
     std::string codec = options.codec;
     for (const auto& [key, value] : given) {
         if (key != "encoder") continue;
@@ -70,12 +70,14 @@ private:
 };
 
 void print_results(const EncodeOptions& options, const EncodeResult& result) {
+    // Beside the stream, where that goes to standard output.
+    std::FILE* const out = options.output == "-" ? user_stream() : stdout;
     if (options.report == ReportFormat::kJson) {
-        fmt::print("{}", report::encode_json(result));
+        fmt::print(out, "{}", report::encode_json(result));
         return;
     }
-    if (!options.quiet) fmt::print("{}", report::summary_text(result));
-    if (options.report == ReportFormat::kText) fmt::print("{}", report::status_text(result));
+    if (!options.quiet) fmt::print(out, "{}", report::summary_text(result));
+    if (options.report == ReportFormat::kText) fmt::print(out, "{}", report::status_text(result));
 }
 
 std::string damage_note(const EncodeResult& result) {
@@ -105,12 +107,14 @@ programme::EncodeJob job_of(const EncodeOptions& options) {
     programme::EncodeJob job;
     job.input = options.input;
     job.output = options.output;
+    job.format = options.format;
     job.settings = {{"enable", "1"}, {"encoder", choose_codec(options, given)}};
     job.settings.insert(job.settings.end(), given.begin(), given.end());
     for (const auto& [key, value] : given) job.decided.push_back(key);
     job.frame_rate = options.frame_rate;
     job.choice = options.choice;
     job.sound = options.sound;
+    job.transport = options.transport;
     job.longest_repeat = options.longest_repeat;
     job.captions = options.captions;
     job.timecode = options.timecode;
@@ -122,7 +126,7 @@ int encode(const EncodeOptions& options) {
     av_log_set_level(options.verbose ? AV_LOG_INFO : AV_LOG_ERROR);
     const programme::EncodeJob job = job_of(options);
     check(job);
-    check_overwriting(options.output, options.overwrite);
+    if (options.output != "-") check_overwriting(options.output, options.overwrite);
 
     catch_stop_signals();
     clean_up_on_fatal_signals();

@@ -14,11 +14,13 @@ enum class ReportFormat { kNone, kText, kJson };
 struct EncodeOptions {
     std::string input;
     std::string output;
+    std::string format;                 ///< of the output; empty: by its name
     std::string codec;                  ///< empty: by the output's name
     std::vector<std::string> settings;  ///< "KEY=VALUE"
     std::string frame_rate;             ///< "25" or "30000/1001"; empty: the source's
     programme::StreamChoice choice;
     programme::SoundChoice sound;
+    programme::TransportChoice transport;
     double longest_repeat = programme::kLongestRepeat;  ///< seconds
     programme::CaptionChoice captions;
     std::string timecode;  ///< of the first picture, at the encoded rate; "source": the input's; empty: none

@@ -1017,7 +1017,7 @@ TEST_F(CaptionCommand, SaysWhatIsWrongWithFilesAndOptions) {
         {{in, out, "--captions", bad_mcc, "--captions-field", "2"}, 2, "both fields"},
         {{in, out, "--captions", good, "--captions-start", "99:00"}, 2, "99:00"},
         {{in, out, "--captions", good, "--set", "enable cea-708=0"}, 2, "are off"},
-        {{in, h264, "--timecode", "01:00:00:00"}, 2, "--timecode is for MPEG-2"},
+        {{in, h264, "--timecode", "01:00:00:00"}, 2, "--timecode: h.264 has no place for one"},
         {{in, out, "--timecode", "01:00:00:25"}, 2, "frames to 24"},
         {{in, out, "--timecode", "01:00:00;00"}, 2, "drop-frame"},
         {{in, out, "--timecode", "1:2"}, 2, "HH:MM:SS:FF"},

@@ -69,16 +69,17 @@ TEST(SettingsCommand, NamesTheCodecsThatASettingIsFor) {
     EXPECT_THAT(run({"settings"}).out, HasSubstr("0 or 1 (h.264)"));
 }
 
-TEST(SettingsCommand, PrintsTheTablesOfTheReadme) {
+TEST(Tables, AreThoseOfTheReadme) {
     const std::string readme = read_file(GSVE_SOURCE_DIR "/README.md");
-    const std::string begin = "<!-- gsve settings --markdown -->\n", end = "<!-- end -->\n";
-    const size_t from = readme.find(begin);
-    ASSERT_NE(from, std::string::npos);
-    const size_t to = readme.find(end, from);
-    ASSERT_NE(to, std::string::npos);
-    EXPECT_EQ(readme.substr(from + begin.size(), to - from - begin.size()),
-              run({"settings", "--markdown"}).out)
-        << "./dev readme writes them";
+    for (const std::string table : {"settings", "streams"}) {
+        const std::string begin = "<!-- gsve " + table + " --markdown -->\n", end = "<!-- end -->\n";
+        const size_t from = readme.find(begin);
+        ASSERT_NE(from, std::string::npos) << table;
+        const size_t to = readme.find(end, from);
+        ASSERT_NE(to, std::string::npos) << table;
+        EXPECT_EQ(readme.substr(from + begin.size(), to - from - begin.size()), run({table, "--markdown"}).out)
+            << "./dev readme writes them";
+    }
 }
 
 TEST(SettingsCommand, PrintsOneFormAtATime) {
@@ -131,7 +132,7 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{{"--bogus"}, "--bogus (gsve help explains)"},
         Refusal{{"encode", "a", "b.ts", "--bogus"}, "--bogus (gsve help encode explains)"},
         Refusal{{"help", "transcode"}, "gsve help"}, Refusal{{"encode", "in.mpg"}, "OUTPUT"},
-        Refusal{{"encode", "in.mpg", "out.avi"}, ".m2v .h264 .264 .h265 .265 .hevc .ts .mp4 .mkv"},
+        Refusal{{"encode", "in.mpg", "out.avi"}, ".m2v .h264 .264 .h265 .265 .hevc .ts .mp4 .mov .mkv"},
         Refusal{{"encode", "in.mpg", "out"}, ".mp4"},
         Refusal{{"encode", "in.mpg", "out.ts", "--report", "xml"}, "--report"},
         Refusal{{"encode", "in.mpg", "out.ts", "--rate", "fast"}, "--rate"},

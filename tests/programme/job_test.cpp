@@ -141,7 +141,12 @@ TEST(Check, LooksAtAllPartsOfAJob) {
     job = good;
     job.timecode = "00:00:00:00";
     EXPECT_THAT(refusal<UsageError>([&] { check(job); }),
-                HasSubstr("--timecode is for MPEG-2's GOP headers, not h.264"));
+                HasSubstr("--timecode: h.264 has no place for one in "));
+    for (const char* name : {"out.mov", "out.mp4", "out.mkv"}) {
+        job.output = directory / name;
+        EXPECT_NO_THROW(check(job)) << name;
+    }
+    job.output = good.output;
     job.settings = {{"encoder", "mpeg-2"}};
     EXPECT_NO_THROW(check(job));
     job.frame_rate = "fast";
@@ -179,16 +184,16 @@ TEST(CheckOutput, RefusesWhereNothingCanBeWritten) {
     ScratchDirectory directory;
     std::ofstream(directory / "in.ts") << "x";
     std::filesystem::create_directory(directory / "folder.ts");
-    EXPECT_NO_THROW(check_output(directory / "out.ts", directory / "in.ts"));
-    EXPECT_NO_THROW(check_output("out.ts", directory / "in.ts"));
-    EXPECT_THAT(refusal<Failure>([&] { check_output(directory / "absent/out.ts", "in"); }),
+    EXPECT_NO_THROW(check_output(directory / "out.ts", "", directory / "in.ts"));
+    EXPECT_NO_THROW(check_output("out.ts", "", directory / "in.ts"));
+    EXPECT_THAT(refusal<Failure>([&] { check_output(directory / "absent/out.ts", "", "in"); }),
                 HasSubstr("there is no directory"));
-    EXPECT_THAT(refusal<Failure>([&] { check_output(directory / "folder.ts", "in"); }),
+    EXPECT_THAT(refusal<Failure>([&] { check_output(directory / "folder.ts", "", "in"); }),
                 HasSubstr("it is a directory"));
-    EXPECT_THAT(refusal<UsageError>([&] { check_output(directory / "in.ts", directory / "in.ts"); }),
+    EXPECT_THAT(refusal<UsageError>([&] { check_output(directory / "in.ts", "", directory / "in.ts"); }),
                 HasSubstr("same file"));
     EXPECT_THAT(
-        refusal<UsageError>([&] { check_output(directory / "folder.ts/../in.ts", directory / "in.ts"); }),
+        refusal<UsageError>([&] { check_output(directory / "folder.ts/../in.ts", "", directory / "in.ts"); }),
         HasSubstr("same file"));
 }
 

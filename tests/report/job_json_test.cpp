@@ -33,6 +33,13 @@ EncodeJob full_job() {
                     .scte20 = true};
     job.choice = {.streams = {0, 3}, .program = 2, .sound = false};
     job.sound = {.codec = "ac3", .bit_rate = 384000, .layout = "5.1", .sample_rate = 48000};
+    job.format = "ts";
+    job.transport = {.rate = 5'000'000,
+                     .service = "Eins",
+                     .provider = "Haus",
+                     .program = 7,
+                     .pmt_pid = 100,
+                     .pids = {101, 102}};
     job.longest_repeat = 7.5;
     job.timecode = "10:00:00;02";
     job.adapt = true;
@@ -69,7 +76,7 @@ TEST(JobJson, NamesEveryMemberThatIsMissing) {
     const auto whole = nlohmann::json::parse(job_json(full_job()));
     for (const auto& [key, value] : whole.items())
         EXPECT_EQ(error_after([&](nlohmann::json& job) { job.erase(key); }), "the job lacks \"" + key + "\"");
-    for (const char* part : {"captions", "streams", "sound"})
+    for (const char* part : {"captions", "streams", "sound", "transport"})
         for (const auto& [key, value] : whole[part].items())
             EXPECT_EQ(error_after([&](nlohmann::json& job) { job[part].erase(key); }),
                       fmt::format("\"{}\" lacks \"{}\"", part, key));
