@@ -46,6 +46,7 @@ CompanionStreams::CompanionStreams(Input& input, const SoundChoice& sound, const
              .start_up = nullptr,
              .damaged = 0});
     }
+    if (format.container == Container::kMxf) return;
     for (const PacketPtr& packet : first_) {
         const Stream* stream = find(packet->stream_index);
         const bool is_sound = stream && stream->source->codecpar->codec_type == AVMEDIA_TYPE_AUDIO;
@@ -64,13 +65,17 @@ std::unique_ptr<StreamConverter> CompanionStreams::converter_of(const PlannedStr
     if (planned.treatment == Treatment::kCarried && !by_choice) return nullptr;
     const std::string usual(conversion_of(type, format.container));
     if (type != AVMEDIA_TYPE_AUDIO) return convert_text(source, usual);
-    SoundChoice choice = sound;
-    if (choice.is_copy()) choice.codec = usual;
+    SoundForm form = {.choice = sound, .global_header = format.wants_global_header()};
+    if (sound.is_copy()) form.choice.codec = usual;
+    if (format.container == Container::kMxf) {
+        form.choice.codec = usual;
+        form.choice.sample_rate = 48'000;
+        form.begin = input_.origin();
+    }
     const auto first = std::find_if(first_.begin(), first_.end(), [&](const PacketPtr& packet) {
         return packet->stream_index == planned.index;
     });
-    return convert_sound(source, first == first_.end() ? nullptr : first->get(), choice,
-                         format.wants_global_header());
+    return convert_sound(source, first == first_.end() ? nullptr : first->get(), form);
 }
 
 Companions CompanionStreams::companions() const {

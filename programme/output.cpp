@@ -33,6 +33,7 @@ constexpr std::array kFormats = {
     OutputFormat{".mp4", "", "mp4", Container::kMp4},
     OutputFormat{".mov", "", "mov", Container::kMov},
     OutputFormat{".mkv", "", "matroska", Container::kMatroska},
+    OutputFormat{".mxf", "", "mxf", Container::kMxf},
 };
 
 std::string lower_case(std::string text) {
@@ -92,6 +93,7 @@ public:
     ContainerFile(const OutputFormat& format, const std::string& path,
                   const encoding::PictureEncoder& encoder, const Companions& companions)
         : file_(path),
+          edit_units_(format.container == Container::kMxf),
           picture_duration_(encoder.frame_rate_divider),
           source_time_base_{encoder.frame_rate_den, encoder.frame_rate_num},
           start_(companions.start),
@@ -108,7 +110,7 @@ public:
         check(avio_open(&context->pb, url.c_str(), AVIO_FLAG_WRITE));
         context->max_delay = AV_TIME_BASE * 7 / 10;  // a transport stream's clock runs this far ahead
         write_header(format.container, is_standard_stream(path), companions.transport);
-        written_to_.assign(context->nb_streams, std::numeric_limits<int64_t>::min());
+        written_.resize(context->nb_streams);
     }
 
     void write(const encoding::EncodedUnit& unit) override {
@@ -237,15 +239,45 @@ private:
 
     void write(AVPacket& packet, int index) {
         packet.stream_index = index;
+        if (index > 0 && !follows(packet, written_[static_cast<size_t>(index)])) return;
         av_packet_rescale_ts(&packet, kTimeUnit, output_->streams[index]->time_base);
-        int64_t& written_to = written_to_[static_cast<size_t>(index)];
-        if (index > 0 && packet.dts != AV_NOPTS_VALUE && packet.dts <= written_to) {
-            overlapping_++;
-            return;
+        if (index > 0) make_rise(packet, written_[static_cast<size_t>(index)]);
+        if (edit_units_) {
+            const PacketPtr kept = new_packet();
+            check_memory(av_packet_ref(kept.get(), &packet) >= 0);
+            check(av_interleaved_write_frame(output_.get(), kept.get()));
+        } else {
+            check(av_write_frame(output_.get(), &packet));
         }
-        if (packet.dts != AV_NOPTS_VALUE) written_to = packet.dts;
-        check(av_write_frame(output_.get(), &packet));
         check(output_->pb->error);  // of an earlier packet, which was written only now
+    }
+
+    /// The latest packet of a stream.
+    struct Written {
+        int64_t time = std::numeric_limits<int64_t>::min();  ///< in kTimeUnit
+        int64_t dts = std::numeric_limits<int64_t>::min();   ///< in the stream's unit
+    };
+
+    /// Whether a packet comes after the latest one. Where clocks jump, sound of both recordings may overlap:
+    /// what has more than its half before what is written already is left out.
+    bool follows(const AVPacket& packet, Written& written) {
+        if (packet.dts == AV_NOPTS_VALUE) return true;
+        if (packet.dts < written.time && packet.dts + packet.duration / 2 <= written.time) {
+            overlapping_++;
+            return false;
+        }
+        written.time = std::max(written.time, packet.dts);
+        return true;
+    }
+
+    /// Short packets may have the same time in a coarse unit, which most multiplexers refuse.
+    void make_rise(AVPacket& packet, Written& written) const {
+        if (packet.dts == AV_NOPTS_VALUE) return;
+        const bool may_repeat = output_->oformat->flags & AVFMT_TS_NONSTRICT;
+        if (written.dts != std::numeric_limits<int64_t>::min())
+            packet.dts = std::max(packet.dts, written.dts + (may_repeat ? 0 : 1));
+        if (packet.pts != AV_NOPTS_VALUE) packet.pts = std::max(packet.pts, packet.dts);
+        written.dts = packet.dts;
     }
 
     void check(int result) const {
@@ -253,6 +285,7 @@ private:
     }
 
     OutputFile file_;
+    bool edit_units_;  ///< the multiplexer cuts sound into what goes with each picture
     int64_t picture_duration_;
     AVRational source_time_base_;
     int64_t start_;
@@ -260,7 +293,7 @@ private:
     PacketPtr packet_ = new_packet();
     OutputPtr output_;
     std::multimap<int64_t, PacketPtr> waiting_;  ///< by the time of decoding
-    std::vector<int64_t> written_to_;            ///< the latest time of each stream, in its unit
+    std::vector<Written> written_;               ///< by stream
     int64_t latest_ = 0;
     uint64_t overlapping_ = 0;
 };
@@ -268,7 +301,7 @@ private:
 }  // namespace
 
 bool OutputFormat::has_timecode() const {
-    return container == Container::kMp4 || container == Container::kMov || container == Container::kMatroska;
+    return container != Container::kElementary && container != Container::kTransportStream;
 }
 
 bool OutputFormat::wants_global_header() const {

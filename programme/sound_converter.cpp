@@ -10,6 +10,7 @@
 #include "encoding/error.h"
 #include "programme/ac3_metadata.h"
 #include "programme/stream_converter.h"
+#include "programme/timeline.h"
 
 namespace gsve::programme {
 namespace {
@@ -95,8 +96,7 @@ std::string form_of(const AVFrame& frame) {
 
 class SoundConverter final : public StreamConverter {
 public:
-    SoundConverter(const AVStream& source, const AVPacket* first, const SoundChoice& choice,
-                   bool global_header);
+    SoundConverter(const AVStream& source, const AVPacket* first, const SoundForm& form);
 
     const AVCodecParameters& form() const override { return *form_; }
     AVRational time_base() const override { return encoder_->time_base; }
@@ -124,16 +124,16 @@ private:
     FramePtr frame_ = new_frame();
     FramePtr filtered_ = new_frame();
     int64_t next_ = AV_NOPTS_VALUE;  ///< place of the next encoded sample
+    std::optional<int64_t> first_sample_;
     uint64_t refused_ = 0;
     std::vector<PacketPtr> packets_;
 };
 
-SoundConverter::SoundConverter(const AVStream& source, const AVPacket* first, const SoundChoice& choice,
-                               bool global_header)
-    : source_(source) {
+SoundConverter::SoundConverter(const AVStream& source, const AVPacket* first, const SoundForm& form)
+    : source_(source), first_sample_(form.begin) {
     open_decoder();
     const auto metadata = first ? ac3_metadata(bytes_of(*first)) : std::nullopt;
-    open_encoder(choice, metadata, global_header);
+    open_encoder(form.choice, metadata, form.global_header);
 }
 
 void SoundConverter::open_decoder() {
@@ -222,12 +222,16 @@ void SoundConverter::build_graph() {
     check_memory(graph_ != nullptr);
     // Steps of 20 ms and more are pauses or overlaps, and are filled or cut to the sample; smaller deviations
     // are the roundings of a container, unless they grow.
+    const std::string first =
+        first_sample_ ? fmt::format(":first_pts={}", av_rescale_q(*std::exchange(first_sample_, std::nullopt),
+                                                                  kTimeUnit, {1, encoder_->sample_rate}))
+                      : "";
     const std::string frame_size =
         encoder_->frame_size > 0 ? fmt::format(",asetnsamples=n={}:p=0", encoder_->frame_size) : "";
     const std::string filters = fmt::format(
-        "abuffer=time_base={}/{}:{},aresample={}:async=1000:min_comp=0.005:min_hard_comp=0.02,"
+        "abuffer=time_base={}/{}:{},aresample={}:async=1000:min_comp=0.005:min_hard_comp=0.02{},"
         "aformat=sample_fmts={}:sample_rates={}:channel_layouts={}{},abuffersink",
-        source_.time_base.num, source_.time_base.den, decoded_form_, encoder_->sample_rate,
+        source_.time_base.num, source_.time_base.den, decoded_form_, encoder_->sample_rate, first,
         av_get_sample_fmt_name(encoder_->sample_fmt), encoder_->sample_rate, name_of(encoder_->ch_layout),
         frame_size);
     AVFilterInOut *inputs = nullptr, *outputs = nullptr;
@@ -274,8 +278,8 @@ void SoundConverter::encode(AVFrame* frame) {
 }  // namespace
 
 std::unique_ptr<StreamConverter> convert_sound(const AVStream& source, const AVPacket* first,
-                                               const SoundChoice& choice, bool global_header) {
-    return std::make_unique<SoundConverter>(source, first, choice, global_header);
+                                               const SoundForm& form) {
+    return std::make_unique<SoundConverter>(source, first, form);
 }
 
 }  // namespace gsve::programme

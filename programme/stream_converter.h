@@ -2,7 +2,9 @@
 
 // A stream that the output does not take as it is, or not as the user wants it, encoded anew.
 
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -30,11 +32,20 @@ public:
     virtual uint64_t refused() const = 0;
 };
 
-/// Sound to the codec of `choice`. Where its times leave a pause, it is silent; where it is slower or faster
-/// than its times, it is stretched. `first`: its first packet, whose AC-3 metadata are kept; null: none is
-/// known. Throws UsageError for what the encoder does not take, and Failure.
+/// How sound is to be encoded.
+struct SoundForm {
+    SoundChoice choice;          ///< with a codec
+    bool global_header = false;  ///< the container wants the codec's header in its own
+    /// Where the container has no time for the first sample: when it is to be heard, in kTimeUnit on the
+    /// input's time line. What comes before is cut, and what is missing is silent.
+    std::optional<int64_t> begin = {};
+};
+
+/// Sound to sound. Where its times leave a pause, it is silent; where it is slower or faster than its times,
+/// it is stretched. `first`: its first packet, whose AC-3 metadata are kept; null: none is known. Throws
+/// UsageError for what the encoder does not take, and Failure.
 std::unique_ptr<StreamConverter> convert_sound(const AVStream& source, const AVPacket* first,
-                                               const SoundChoice& choice, bool global_header);
+                                               const SoundForm& form);
 
 /// Text subtitles to the form of an encoder that FFmpeg calls `codec`. Throws Failure.
 std::unique_ptr<StreamConverter> convert_text(const AVStream& source, const std::string& codec);

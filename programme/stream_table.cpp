@@ -25,7 +25,7 @@ const std::vector<StreamKind> kKinds = {
     {"DTS", {AV_CODEC_ID_DTS}, {C, C, V, C, V}},
     {"TrueHD", {AV_CODEC_ID_TRUEHD}, {C, V, V, C, V}},
     {"Opus", {AV_CODEC_ID_OPUS}, {C, C, V, C, V}},
-    {"FLAC", {AV_CODEC_ID_FLAC}, {V, C, V, C, V}},
+    {"FLAC", {AV_CODEC_ID_FLAC}, {V, V, V, C, V}},
     {"Vorbis", {AV_CODEC_ID_VORBIS}, {V, V, V, C, V}},
     {"ALAC", {AV_CODEC_ID_ALAC}, {V, C, C, C, V}},
     {"PCM",
@@ -42,7 +42,8 @@ const std::vector<StreamKind> kKinds = {
     {"DVD subtitles", {AV_CODEC_ID_DVD_SUBTITLE}, {N, C, N, C, N}},
     {"PGS subtitles", {AV_CODEC_ID_HDMV_PGS_SUBTITLE}, {N, N, N, C, N}},
     {"KLV metadata", {AV_CODEC_ID_SMPTE_KLV}, {C, N, N, N, N}},
-    {"Timed ID3", {AV_CODEC_ID_TIMED_ID3}, {C, N, N, N, N}},
+    // libavformat's reader takes the first five bytes of a tag for a header, and drops them.
+    {"Timed ID3", {AV_CODEC_ID_TIMED_ID3}, {N, N, N, N, N}},
     {"SCTE 35", {AV_CODEC_ID_SCTE_35}, {N, N, N, N, N}},
     {"Fonts and other attachments", {AV_CODEC_ID_TTF, AV_CODEC_ID_OTF}, {N, N, N, C, N}},
 };

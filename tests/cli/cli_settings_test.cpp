@@ -77,7 +77,8 @@ TEST(Tables, AreThoseOfTheReadme) {
         ASSERT_NE(from, std::string::npos) << table;
         const size_t to = readme.find(end, from);
         ASSERT_NE(to, std::string::npos) << table;
-        EXPECT_EQ(readme.substr(from + begin.size(), to - from - begin.size()), run({table, "--markdown"}).out)
+        EXPECT_EQ(readme.substr(from + begin.size(), to - from - begin.size()),
+                  run({table, "--markdown"}).out)
             << "./dev readme writes them";
     }
 }

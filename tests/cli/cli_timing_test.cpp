@@ -56,11 +56,10 @@ public:
         ffmpeg(dir, "-ss 1.7 -i aac.mp4 -c copy edited.mp4");
         ffmpeg(dir, "-i aac.mp4 -itsoffset 0.75 -i aac.mp4 -map 0:v -map 1:a -c copy late_sound.mov");
         ffmpeg(dir, "-itsoffset 0.75 -i aac.mp4 -i aac.mp4 -map 0:v -map 1:a -c copy late_picture.mov");
-        ffmpeg(
-            dir,
-            flash_and_click(4) +
-                "-vf \"select='not(mod(n,3))+lt(mod(n+15,25),2)'\" -fps_mode vfr -c:v libx264 -preset ultrafast "
-                "-c:a pcm_s16le uneven.mkv");
+        ffmpeg(dir, flash_and_click(4) +
+                        "-vf \"select='not(mod(n,3))+lt(mod(n+15,25),2)'\" -fps_mode vfr -c:v libx264 "
+                        "-preset ultrafast "
+                        "-c:a pcm_s16le uneven.mkv");
         ffmpeg(dir,
                flash_and_click(6) +
                    "-vf \"setpts='if(gte(T,2.999),PTS+20/TB,PTS)'\" -af \"asetnsamples=1000,asetpts="
