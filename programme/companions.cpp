@@ -46,14 +46,19 @@ CompanionStreams::CompanionStreams(Input& input, const SoundChoice& sound, const
              .start_up = nullptr,
              .damaged = 0});
     }
-    if (format.container == Container::kMxf) return;
+    int64_t earliest = zero_;
     for (const PacketPtr& packet : first_) {
         const Stream* stream = find(packet->stream_index);
         const bool is_sound = stream && stream->source->codecpar->codec_type == AVMEDIA_TYPE_AUDIO;
         if (is_sound && packet->pts != AV_NOPTS_VALUE && !is_left_out(*packet))
-            zero_ = std::min(zero_, av_rescale_q(first_heard(*packet, *stream->source),
-                                                 stream->source->time_base, kTimeUnit));
+            earliest = std::min(earliest, av_rescale_q(first_heard(*packet, *stream->source),
+                                                       stream->source->time_base, kTimeUnit));
     }
+    // MXF begins with the picture.
+    if (format.container == Container::kMxf)
+        heard_before_ = zero_ - earliest;
+    else
+        zero_ = earliest;
 }
 
 std::unique_ptr<StreamConverter> CompanionStreams::converter_of(const PlannedStream& planned,
@@ -159,6 +164,11 @@ void CompanionStreams::pass(Output& output, Stream& stream, PacketPtr packet) {
 
 std::string CompanionStreams::notes(const Output& output) const {
     std::string notes;
+    if (heard_before_ > kTimeUnit.den / 1000)
+        notes += fmt::format(
+            "{:.3f} s of sound before the first picture are left out: MXF begins with the picture; a .mov "
+            "or .mkv file has them\n",
+            static_cast<double>(heard_before_) * av_q2d(kTimeUnit));
     for (const Stream& stream : streams_) {
         const uint64_t damaged = std::max(stream.damaged, stream.converter ? stream.converter->refused() : 0);
         if (damaged > 0)

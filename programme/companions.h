@@ -30,7 +30,7 @@ public:
     /// Hands over the rest, once the input is at its end.
     void finish(Output& output);
 
-    /// What was lost of the streams, a line each.
+    /// What was lost of the streams so far, a line each.
     std::string notes(const Output& output) const;
 
 private:
@@ -55,6 +55,8 @@ private:
     Input& input_;
     std::vector<PacketPtr> first_;  ///< read before the output was open
     std::vector<Stream> streams_;
+    int64_t heard_before_ =
+        0;          ///< by how much sound begins before an output that has no room for it, in kTimeUnit
     int64_t zero_;  ///< on the input's time line, where the output's begins
 };
 

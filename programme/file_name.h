@@ -44,8 +44,9 @@ inline std::string_view opening_advice(int error) {
 
 /// The same for an output.
 inline std::string_view writing_advice(int error) {
-    constexpr std::array<std::pair<int, std::string_view>, 5> kAdvice = {{
+    constexpr std::array<std::pair<int, std::string_view>, 6> kAdvice = {{
         {AVERROR(ENOENT), "create its directory"},
+        {AVERROR(EPIPE), "keep its reader running"},
         {AVERROR(ENOTDIR), "create its directory"},
         {AVERROR(EACCES), "choose a directory that you may write to"},
         {AVERROR(EISDIR), "name a file in it"},

@@ -110,12 +110,16 @@ void Input::choose_rate(const InputOptions& options) {
         variable ? "variable" : fmt::format("{:.3f}", av_q2d(own_rate())), av_q2d(format_.frame_rate));
 }
 
+/// A container's own time code is meant; that of a GOP header may be what an encoder counts from.
 void Input::note_first_timecode(const AVFrame& frame) {
-    for (const AVDictionary* metadata :
-         {frame.metadata, packets_.stream().metadata, packets_.format().metadata})
-        if (const AVDictionaryEntry* entry = av_dict_get(metadata, "timecode", nullptr, 0);
-            entry && timecode_.empty())
-            timecode_ = entry->value;
+    const auto take = [&](const AVDictionary* metadata) {
+        const AVDictionaryEntry* entry = av_dict_get(metadata, "timecode", nullptr, 0);
+        if (entry && timecode_.empty()) timecode_ = entry->value;
+    };
+    take(packets_.stream().metadata);
+    take(packets_.format().metadata);
+    container_has_timecode_ = !timecode_.empty();
+    take(frame.metadata);
 }
 
 void Input::describe_first() {
@@ -212,7 +216,8 @@ bool Input::advance() {
     picture_.frame = current_.get();
     picture_.field_order = field_order(*current_);
     picture_.display_aspect = display_aspect(*current_, format_);
-    picture_.timecode = timecode_of(*current_, encoding::caption_rate(own_rate()));
+    picture_.timecode =
+        container_has_timecode_ ? std::nullopt : timecode_of(*current_, encoding::caption_rate(own_rate()));
     return true;
 }
 

@@ -129,6 +129,7 @@ private:
     std::optional<CaptionCollector> captions_;  ///< where they are collected
     bool frame_waits_ = false;                  ///< the decoder holds the first picture, not yet used
     std::string timecode_;
+    bool container_has_timecode_ = false;  ///< those of the pictures do not count
     std::string problem_;
     std::string notes_;
     encoding::SourceDescription format_;

@@ -204,7 +204,7 @@ private:
             // In edit lists, a track's start is rounded to this unit: the default's is a millisecond.
             set("movie_timescale", 90'000);
             // What cannot go back to its beginning comes in pieces.
-            if (is_pipe) set("movflags", "frag_keyframe+empty_moov+default_base_moof");
+            if (is_pipe) set("movflags", "frag_keyframe+delay_moov+default_base_moof");
         }
         if (container == Container::kTransportStream) {
             if (transport.rate > 0) set("muxrate", transport.rate);

@@ -1,5 +1,6 @@
 #include "cli/encode/encode.h"
 
+#include <csignal>
 #include <optional>
 
 #include <fmt/format.h>
@@ -129,6 +130,7 @@ int encode(const EncodeOptions& options) {
     if (options.output != "-") check_overwriting(options.output, options.overwrite);
 
     catch_stop_signals();
+    std::signal(SIGPIPE, SIG_IGN);  // a reader that goes away is told of like a full disk
     clean_up_on_fatal_signals();
     std::optional<HeldDiagnostics> held;
     if (!options.verbose) held.emplace();
