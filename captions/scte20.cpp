@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "bit_reader.h"
+
 namespace gsve::captions {
 
 namespace {
@@ -22,26 +24,6 @@ public:
 private:
     std::vector<std::uint8_t> bytes_;
     std::size_t used_ = 0;
-};
-
-class BitReader {
-public:
-    explicit BitReader(std::span<const std::uint8_t> bytes) : bytes_(bytes) {}
-
-    // Bits past the end read as zero and set exhausted().
-    unsigned get(int bits) {
-        unsigned value = 0;
-        for (; bits > 0; --bits, ++at_)
-            value = value << 1 | (exhausted() ? 0U : bytes_[at_ / 8] >> (7 - at_ % 8) & 1U);
-        return value;
-    }
-
-    bool exhausted() const { return at_ >= bytes_.size() * 8; }
-    bool overrun() const { return at_ > bytes_.size() * 8; }
-
-private:
-    std::span<const std::uint8_t> bytes_;
-    std::size_t at_ = 0;
 };
 
 unsigned reverse_bits(unsigned byte) {

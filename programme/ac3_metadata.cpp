@@ -6,28 +6,10 @@ extern "C" {
 #include <libavutil/opt.h>
 }
 
+#include "captions/bit_reader.h"
+
 namespace gsve::programme {
 namespace {
-
-/// Reads zeros behind the end.
-class Bits {
-public:
-    explicit Bits(std::span<const uint8_t> bytes) : bytes_(bytes) {}
-
-    unsigned read(unsigned count) {
-        unsigned value = 0;
-        for (; count > 0; count--, at_++) {
-            const size_t byte = at_ / 8;
-            const unsigned bit = byte < bytes_.size() ? bytes_[byte] >> (7 - at_ % 8) & 1 : 0;
-            value = value << 1 | bit;
-        }
-        return value;
-    }
-
-private:
-    std::span<const uint8_t> bytes_;
-    size_t at_ = 0;
-};
 
 // A/52, tables 5.9 and 5.10; the reserved codes are taken for the middle, as decoders do.
 constexpr std::array kCenterMix = {0.707, 0.595, 0.500, 0.595};
@@ -42,22 +24,22 @@ std::optional<Ac3Metadata> ac3_metadata(std::span<const uint8_t> frame) {
     constexpr size_t kShortest = 8;
     if (frame.size() < kShortest || frame[0] != 0x0B || frame[1] != 0x77) return std::nullopt;
     Ac3Metadata metadata;
-    Bits bits(frame);
+    captions::BitReader bits(frame);
     const unsigned bsid = frame[5] >> 3;
     if (bsid > 10) {
-        bits.read(16 + 2 + 3 + 11);
-        bits.read(2 + 2 + 3 + 1 + 5);
-        metadata.dialogue_level = dialogue_level(bits.read(5));
+        bits.get(16 + 2 + 3 + 11);
+        bits.get(2 + 2 + 3 + 1 + 5);
+        metadata.dialogue_level = dialogue_level(bits.get(5));
         return metadata;
     }
-    bits.read(16 + 16);
-    bits.read(2 + 6 + 5 + 3);
-    const unsigned acmod = bits.read(3);
-    if ((acmod & 1) && acmod != 1) metadata.center_mix = kCenterMix[bits.read(2)];
-    if (acmod & 4) metadata.surround_mix = kSurroundMix[bits.read(2)];
-    if (acmod == 2) metadata.surround_mode = static_cast<int>(bits.read(2));
-    bits.read(1);
-    metadata.dialogue_level = dialogue_level(bits.read(5));
+    bits.get(16 + 16);
+    bits.get(2 + 6 + 5 + 3);
+    const unsigned acmod = bits.get(3);
+    if ((acmod & 1) && acmod != 1) metadata.center_mix = kCenterMix[bits.get(2)];
+    if (acmod & 4) metadata.surround_mix = kSurroundMix[bits.get(2)];
+    if (acmod == 2) metadata.surround_mode = static_cast<int>(bits.get(2));
+    bits.get(1);
+    metadata.dialogue_level = dialogue_level(bits.get(5));
     return metadata;
 }
 

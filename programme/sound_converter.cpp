@@ -7,6 +7,10 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
+extern "C" {
+#include <libavutil/audio_fifo.h>
+}
+
 #include "encoding/error.h"
 #include "programme/ac3_metadata.h"
 #include "programme/stream_converter.h"
@@ -94,6 +98,11 @@ std::string form_of(const AVFrame& frame) {
                        name_of(frame.ch_layout));
 }
 
+struct FreeSamples {
+    void operator()(AVAudioFifo* samples) const { av_audio_fifo_free(samples); }
+};
+using SamplesPtr = std::unique_ptr<AVAudioFifo, FreeSamples>;
+
 class SoundConverter final : public StreamConverter {
 public:
     SoundConverter(const AVStream& source, const AVPacket* first, const SoundForm& form);
@@ -109,8 +118,10 @@ private:
                       bool global_header);
     void decode(const AVPacket* packet);
     void filter(AVFrame* frame);
-    void build_graph();
+    void build_graph(int source_rate);
     void close_graph();
+    void take_filtered();
+    void encode_samples(int count);
     void encode(AVFrame* frame);
 
     const AVStream& source_;
@@ -123,17 +134,20 @@ private:
     AVFilterContext* out_ = nullptr;
     FramePtr frame_ = new_frame();
     FramePtr filtered_ = new_frame();
-    int64_t next_ = AV_NOPTS_VALUE;  ///< place of the next encoded sample
-    std::optional<int64_t> first_sample_;
+    SamplesPtr samples_;              ///< filtered, and not yet encoded
+    int64_t place_ = AV_NOPTS_VALUE;  ///< of the first of them, in samples on the input's time line
     uint64_t refused_ = 0;
     std::vector<PacketPtr> packets_;
 };
 
 SoundConverter::SoundConverter(const AVStream& source, const AVPacket* first, const SoundForm& form)
-    : source_(source), first_sample_(form.begin) {
+    : source_(source) {
     open_decoder();
     const auto metadata = first ? ac3_metadata(bytes_of(*first)) : std::nullopt;
     open_encoder(form.choice, metadata, form.global_header);
+    if (form.begin) place_ = av_rescale_q(*form.begin, kTimeUnit, encoder_->time_base);
+    samples_.reset(av_audio_fifo_alloc(encoder_->sample_fmt, encoder_->ch_layout.nb_channels, 1));
+    check_memory(samples_ != nullptr);
 }
 
 void SoundConverter::open_decoder() {
@@ -181,6 +195,7 @@ std::vector<PacketPtr> SoundConverter::convert(const AVPacket* packet) {
     decode(packet);
     if (!packet) {
         close_graph();
+        encode_samples(av_audio_fifo_size(samples_.get()));
         encode(nullptr);
     }
     return std::exchange(packets_, {});
@@ -209,31 +224,28 @@ void SoundConverter::filter(AVFrame* frame) {
     const std::string form = form_of(*frame);
     if (graph_ && form != decoded_form_) close_graph();
     decoded_form_ = form;
-    if (!graph_) build_graph();
+    if (!graph_) build_graph(frame->sample_rate);
     if (av_buffersrc_add_frame(in_, frame) < 0) throw std::bad_alloc();
-    while (av_buffersink_get_frame(out_, filtered_.get()) >= 0) {
-        encode(filtered_.get());
-        av_frame_unref(filtered_.get());
-    }
+    take_filtered();
 }
 
-void SoundConverter::build_graph() {
+void SoundConverter::build_graph(int source_rate) {
     graph_.reset(avfilter_graph_alloc());
     check_memory(graph_ != nullptr);
     // Steps of 20 ms and more are pauses or overlaps, and are filled or cut to the sample; smaller deviations
     // are the roundings of a container, unless they grow.
+    // What is made anew goes on at the sample where the filters before it ended, told in samples of the
+    // source.
+    const int64_t end = place_ == AV_NOPTS_VALUE ? 0 : place_ + av_audio_fifo_size(samples_.get());
     const std::string first =
-        first_sample_ ? fmt::format(":first_pts={}", av_rescale_q(*std::exchange(first_sample_, std::nullopt),
-                                                                  kTimeUnit, {1, encoder_->sample_rate}))
-                      : "";
-    const std::string frame_size =
-        encoder_->frame_size > 0 ? fmt::format(",asetnsamples=n={}:p=0", encoder_->frame_size) : "";
+        place_ != AV_NOPTS_VALUE
+            ? fmt::format(":first_pts={}", av_rescale(end, source_rate, encoder_->sample_rate))
+            : "";
     const std::string filters = fmt::format(
         "abuffer=time_base={}/{}:{},aresample={}:async=1000:min_comp=0.005:min_hard_comp=0.02{},"
-        "aformat=sample_fmts={}:sample_rates={}:channel_layouts={}{},abuffersink",
+        "aformat=sample_fmts={}:sample_rates={}:channel_layouts={},abuffersink",
         source_.time_base.num, source_.time_base.den, decoded_form_, encoder_->sample_rate, first,
-        av_get_sample_fmt_name(encoder_->sample_fmt), encoder_->sample_rate, name_of(encoder_->ch_layout),
-        frame_size);
+        av_get_sample_fmt_name(encoder_->sample_fmt), encoder_->sample_rate, name_of(encoder_->ch_layout));
     AVFilterInOut *inputs = nullptr, *outputs = nullptr;
     int error = avfilter_graph_parse2(graph_.get(), filters.c_str(), &inputs, &outputs);
     avfilter_inout_free(&inputs);
@@ -252,22 +264,47 @@ void SoundConverter::build_graph() {
 void SoundConverter::close_graph() {
     if (!graph_) return;
     check_memory(av_buffersrc_add_frame(in_, nullptr) >= 0);
-    while (av_buffersink_get_frame(out_, filtered_.get()) >= 0) {
-        encode(filtered_.get());
-        av_frame_unref(filtered_.get());
-    }
+    take_filtered();
     graph_.reset();
 }
 
-void SoundConverter::encode(AVFrame* frame) {
-    if (frame) {
-        if (frame->pts == AV_NOPTS_VALUE) frame->pts = 0;
-        frame->pts = av_rescale_q(frame->pts, av_buffersink_get_time_base(out_), encoder_->time_base);
-        // Filters that are made anew begin with the time of their first frame, which may be rounded.
-        if (next_ != AV_NOPTS_VALUE && frame->pts < next_) frame->pts = next_;
-        next_ = frame->pts + frame->nb_samples;
+void SoundConverter::take_filtered() {
+    while (av_buffersink_get_frame(out_, filtered_.get()) >= 0) {
+        if (place_ == AV_NOPTS_VALUE)
+            place_ =
+                filtered_->pts == AV_NOPTS_VALUE
+                    ? 0
+                    : av_rescale_q(filtered_->pts, av_buffersink_get_time_base(out_), encoder_->time_base);
+        const int count = filtered_->nb_samples;
+        void** const data = reinterpret_cast<void**>(filtered_->extended_data);
+        check_memory(av_audio_fifo_write(samples_.get(), data, count) == count);
+        av_frame_unref(filtered_.get());
     }
-    if (avcodec_send_frame(encoder_.get(), frame) < 0) return;
+    const int whole = encoder_->frame_size;
+    while (whole > 0 && av_audio_fifo_size(samples_.get()) >= whole) encode_samples(whole);
+    if (whole == 0) encode_samples(av_audio_fifo_size(samples_.get()));
+}
+
+void SoundConverter::encode_samples(int count) {
+    if (count == 0) return;
+    const FramePtr frame = new_frame();
+    frame->format = encoder_->sample_fmt;
+    frame->sample_rate = encoder_->sample_rate;
+    frame->nb_samples = count;
+    check_memory(av_channel_layout_copy(&frame->ch_layout, &encoder_->ch_layout) >= 0 &&
+                 av_frame_get_buffer(frame.get(), 0) >= 0);
+    void** const data = reinterpret_cast<void**>(frame->extended_data);
+    check_memory(av_audio_fifo_read(samples_.get(), data, count) == count);
+    frame->pts = place_;
+    place_ += count;
+    encode(frame.get());
+}
+
+void SoundConverter::encode(AVFrame* frame) {
+    if (avcodec_send_frame(encoder_.get(), frame) < 0) {
+        refused_++;
+        return;
+    }
     for (;;) {
         PacketPtr packet = new_packet();
         if (avcodec_receive_packet(encoder_.get(), packet.get()) < 0) return;

@@ -370,4 +370,69 @@ TEST_F(Streams, KeepTheirLanguagesNamesAndChapters) {
     }
 }
 
+TEST_F(Streams, OfSoundTakeTheFormThatIsAskedFor) {
+    const std::string dir = directory / "";
+    ffmpeg(dir,
+           flash_and_click(2) + "-map 0 -map 1 -map 1 -c:v mpeg2video -c:a ac3 -ac 2 -dialnorm -21 in.ts");
+    const std::string in = directory / "in.ts", out = directory / "out.ts";
+    const struct {
+        std::vector<std::string> options;
+        const char* codec;
+        int64_t bit_rate;
+        int channels, sample_rate;
+    } rows[] = {
+        {{"--sound", "copy"}, "ac3", 192'000, 2, 48'000},
+        {{"--sound", "ac3", "--sound-bitrate", "128k", "--sound-layout", "mono"}, "ac3", 128'000, 1, 48'000},
+        {{"--sound", "eac3", "--sound-bitrate", "96k"}, "eac3", 96'000, 2, 48'000},
+        {{"--sound", "mp2", "--sound-rate", "32000"}, "mp2", 256'000, 2, 32'000},
+        {{"--sound", "aac", "--sound-rate", "44100"}, "aac", 0, 2, 44'100},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.codec);
+        const ProgramResult result = encode(in, out, row.options);
+        ASSERT_EQ(result.status, 0) << result.err;
+        AVFormatContext* input = nullptr;
+        ASSERT_GE(avformat_open_input(&input, out.c_str(), nullptr, nullptr), 0);
+        ASSERT_GE(avformat_find_stream_info(input, nullptr), 0);
+        ASSERT_EQ(input->nb_streams, 3u) << "both tracks";
+        for (int track : {1, 2}) {
+            const AVCodecParameters& form = *input->streams[track]->codecpar;
+            EXPECT_STREQ(avcodec_get_name(form.codec_id), row.codec);
+            EXPECT_EQ(form.ch_layout.nb_channels, row.channels);
+            EXPECT_EQ(form.sample_rate, row.sample_rate);
+            if (row.bit_rate > 0) {
+                EXPECT_EQ(form.bit_rate, row.bit_rate);
+            }
+        }
+        avformat_close_input(&input);
+        if (std::string(row.codec) == "ac3") {
+            const std::string frame = tracks_of(out)[1].packets[0];
+            const bool is_mono = row.channels == 1;  // acmod, and with stereo dsurmod, lfeon, then dialnorm
+            const unsigned bits = AV_RB16(frame.data() + 6);
+            EXPECT_EQ(bits >> (is_mono ? 7 : 5) & 31, 21u) << "the dialogue level";
+        }
+    }
+    EXPECT_THAT(encode(in, out, {"--sound", "mp2", "--sound-layout", "5.1"}).err,
+                HasSubstr("--sound-layout: mp2 does not take 5.1; it takes mono, stereo"));
+    EXPECT_THAT(encode(in, out, {"--sound", "ac3", "--sound-rate", "8000"}).err,
+                HasSubstr("--sound-rate: ac3 does not take 8000 samples/s; it takes 48000, 44100, 32000"));
+    EXPECT_THAT(encode(in, out, {"--sound", "ac3", "--sound-layout", "many"}).err,
+                HasSubstr("--sound-layout takes a layout such as mono, stereo or 5.1, not \"many\""));
+    EXPECT_EQ(encode(in, out, {"--sound", "opus"}).status, 2);
+}
+
+TEST_F(Streams, OfSoundMayChangeTheirFormInTheMiddle) {
+    const std::string dir = directory / "";
+    ffmpeg(dir, flash_and_click(2) + "-c:v mpeg2video -c:a mp2 -ac 2 -f mpegts one.ts");
+    ffmpeg(dir, flash_and_click(2) + "-c:v mpeg2video -c:a mp2 -ac 1 -ar 32000 -f mpegts two.ts");
+    write_bytes(directory / "in.ts", read_file(directory / "one.ts") + read_file(directory / "two.ts"));
+    const std::string out = directory / "out.mkv";
+    const ProgramResult result = encode(directory / "in.ts", out, {"--sound", "aac"});
+    ASSERT_EQ(result.status, 0) << result.err;
+    const Events events = events_of(out);
+    ASSERT_EQ(events.flashes.size(), 4u);
+    ASSERT_EQ(events.clicks.size(), 4u);
+    for (size_t n = 0; n < 4; n++) EXPECT_NEAR(events.clicks[n], events.flashes[n], 0.022) << n;
+}
+
 }  // namespace
