@@ -192,6 +192,8 @@ void SoundConverter::open_encoder(const SoundChoice& choice, const std::optional
 }
 
 std::vector<PacketPtr> SoundConverter::convert(const AVPacket* packet) {
+    // What is spliced follows at its own sample, however little it is off.
+    if (packet && begins_clock(*packet)) close_graph();
     decode(packet);
     if (!packet) {
         close_graph();

@@ -32,7 +32,7 @@ int64_t nearest_of_wraps(int64_t time, int64_t last, int bits) {
 
 Timeline::Timeline(std::vector<TimedStream> streams, bool jumps_forward) : jumps_forward_(jumps_forward) {
     for (const TimedStream& stream : streams) {
-        streams_.push_back({.is = stream, .next = {}, .shown_to = 0});
+        streams_.push_back({.is = stream, .next = {}, .clock = {}, .shown_to = 0});
         has_leader_ |= stream.leads;
     }
 }
@@ -115,6 +115,9 @@ bool Timeline::place(AVPacket& packet, bool may_begin_clock) {
         forget_outlier(stream, clock);
     }
 
+    const bool begins = stream.clock && *stream.clock != clocks_[clock];
+    packet.opaque = begins ? this : nullptr;
+    stream.clock = clocks_[clock];
     const int64_t time = told->time + clocks_[clock];
     stream.next = time + told->duration;
     stream.shown_to = std::max(stream.shown_to, time + told->shown_after + told->duration);

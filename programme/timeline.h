@@ -27,6 +27,9 @@ struct TimedStream {
     bool leads = false;       ///< the picture, which decides where a new clock goes on
 };
 
+/// Whether a packet is the first of its stream after its clock was set anew.
+inline bool begins_clock(const AVPacket& packet) { return packet.opaque != nullptr; }
+
 /// Where a clock was set anew.
 struct ClockJump {
     double at = 0;  ///< seconds on the time line, of the first packet after it
@@ -55,8 +58,9 @@ public:
 private:
     struct Stream {
         TimedStream is;
-        std::optional<int64_t> next;  ///< time of decoding expected of its next packet
-        int64_t shown_to = 0;         ///< the end of all that it has shown
+        std::optional<int64_t> next;   ///< time of decoding expected of its next packet
+        std::optional<int64_t> clock;  ///< what was added to its latest packet's time
+        int64_t shown_to = 0;          ///< the end of all that it has shown
     };
 
     /// A packet's time of decoding, or of presentation, by the container's clock without wraps; and how much

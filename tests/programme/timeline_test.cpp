@@ -1,5 +1,6 @@
 // Clocks that wrap, jump and differ, as packets show them.
 
+#include <algorithm>
 #include <optional>
 #include <random>
 #include <vector>
@@ -44,12 +45,13 @@ Timeline broadcast(bool jumps_forward = true) {
 struct Placed {
     int stream;
     int64_t dts, pts;
+    bool begins;
 };
 
 std::vector<Placed> take_all(Timeline& timeline) {
     std::vector<Placed> placed;
     while (const PacketPtr packet = timeline.take())
-        placed.push_back({packet->stream_index, packet->dts, packet->pts});
+        placed.push_back({packet->stream_index, packet->dts, packet->pts, begins_clock(*packet)});
     return placed;
 }
 
@@ -129,6 +131,11 @@ TEST(Timeline, LetsASplicedProgrammeFollowAtOnce) {
             for (const Placed& p : placed) (p.stream == kVideo ? shown : heard).push_back(p.pts);
             for (size_t n = 1; n < shown.size(); n++)
                 ASSERT_EQ(shown[n] - shown[n - 1], kPicture) << clock << ", picture " << n;
+            for (const int stream : {kVideo, kAudio})
+                EXPECT_EQ(std::count_if(placed.begin(), placed.end(),
+                                        [&](const Placed& p) { return p.stream == stream && p.begins; }),
+                          1)
+                    << "the first of each";
             // Sound keeps its distance to the pictures of its own recording.
             EXPECT_EQ(heard[0] - shown[0], -kPicture);
             EXPECT_EQ(heard[100] - shown[50], -shown_after) << clock;
