@@ -282,6 +282,8 @@ Ancillary ProgrammeEncoding::ancillary_of(const Picture& picture) {
 void ProgrammeEncoding::finish() {
     tally_.held_back = encoder_.drain();
     companions_->finish(*output_);
+    // Packets are read ahead of the pictures, and more so the farther the codec looks ahead.
+    if (observer_.stop_reason() != 0) output_->end_with_picture();
     output_->finish();
     elapsed_ = std::chrono::duration<double>(Clock::now() - start_).count();
 }

@@ -122,6 +122,7 @@ public:
         packet_->dts = time_of(unit.dts);
         packet_->duration = av_rescale_q(picture_duration_, source_time_base_, kTimeUnit);
         packet_->flags = unit.key ? AV_PKT_FLAG_KEY : 0;
+        picture_end_ = std::max(picture_end_, packet_->pts + packet_->duration);
         write(*packet_, 0);
     }
 
@@ -131,6 +132,8 @@ public:
         const int64_t time = packet->dts != AV_NOPTS_VALUE ? packet->dts : packet->pts;
         waiting_.emplace(time == AV_NOPTS_VALUE ? latest_ : time, std::move(packet));
     }
+
+    void end_with_picture() override { waiting_.erase(waiting_.lower_bound(picture_end_), waiting_.end()); }
 
     uint64_t overlapping() const override { return overlapping_; }
 
@@ -295,6 +298,7 @@ private:
     std::multimap<int64_t, PacketPtr> waiting_;  ///< by the time of decoding
     std::vector<Written> written_;               ///< by stream
     int64_t latest_ = 0;
+    int64_t picture_end_ = 0;
     uint64_t overlapping_ = 0;
 };
 

@@ -64,6 +64,9 @@ public:
     /// the units of the same time. In each stream, times rise; what comes too early is left out, and counted.
     virtual void pass(size_t stream, PacketPtr packet) = 0;
 
+    /// Leaves out what has been passed from the end of the last picture on.
+    virtual void end_with_picture() {}
+
     /// Packets that were left out since they overlapped those before them.
     virtual uint64_t overlapping() const { return 0; }
 

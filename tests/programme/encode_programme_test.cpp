@@ -24,6 +24,7 @@ extern "C" {
 #include "programme/input.h"
 #include "programme/stream_inspection.h"
 #include "support/clip.h"
+#include "support/flash_and_click.h"
 #include "support/media_files.h"
 #include "support/scratch.h"
 #include "support/stderr_capture.h"
@@ -177,6 +178,28 @@ TEST_F(Programme, EndsWhereItsObserverAsks) {
     EXPECT_EQ(result.tally.units, 12u);
     EXPECT_FALSE(result.source_pictures);
     EXPECT_EQ(decode_clip(directory / "out.ts").pictures.size(), 12u);
+}
+
+TEST_F(Programme, EndsItsSoundWithThePictureWhereItIsStopped) {
+    EncodeJob stopped = job("h.264", "out.mkv", {}, 1);
+    stopped.input = directory / "in.mkv";
+    ffmpeg(directory / "", flash_and_click(6) + "-c:v mpeg2video -c:a pcm_s16le in.mkv");
+    listener.stop_after = 50;
+    encode(stopped);
+    AVFormatContext* input = nullptr;
+    ASSERT_GE(avformat_open_input(&input, stopped.output.c_str(), nullptr, nullptr), 0);
+    const gsve::InputPtr owned(input);
+    ASSERT_EQ(input->nb_streams, 2u);
+    double ends[2] = {};
+    const gsve::PacketPtr packet = gsve::new_packet();
+    while (av_read_frame(input, packet.get()) >= 0) {
+        const double unit = av_q2d(input->streams[packet->stream_index]->time_base);
+        double& end = ends[packet->stream_index];
+        end = std::max(end, static_cast<double>(packet->pts + packet->duration) * unit);
+        av_packet_unref(packet.get());
+    }
+    EXPECT_NEAR(ends[0], 2, 0.01);
+    EXPECT_NEAR(ends[1], 2, 0.05);
 }
 
 TEST_F(Programme, CarriesCaptionFilesAndTimeCodes) {
