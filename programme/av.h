@@ -40,6 +40,7 @@ inline void describe_frames(AVBufferSrcParameters& parameters, const AVFrame& fr
     parameters.height = frame.height;
     parameters.time_base = time_base;
     parameters.frame_rate = frame_rate;
+    parameters.sample_aspect_ratio = frame.sample_aspect_ratio;
 #if LIBAVFILTER_VERSION_MAJOR >= 10
     parameters.color_space = frame.colorspace;
     parameters.color_range = frame.color_range;
