@@ -12,6 +12,7 @@
 
 #include "encoding/error.h"
 #include "encoding/settings.h"
+#include "support/failure_of.h"
 
 namespace {
 
@@ -26,19 +27,8 @@ using gsve::encoding::Syntax;
 using gsve::encoding::syntax_text;
 using testing::HasSubstr;
 
-/// What a refusal says; empty where there is none.
-template <class Body>
-std::string refusal(Body body) {
-    try {
-        body();
-    } catch (const UsageError& error) {
-        return error.what();
-    }
-    return "";
-}
-
 std::string refusal_of(const std::string& text) {
-    return refusal([&] { parse_setting(text); });
+    return gsve::test::refusal_of([&] { parse_setting(text); });
 }
 
 const Setting& setting(std::string_view key) {
@@ -267,7 +257,7 @@ TEST(CheckTogether, RefusesOddSizesThatTheChromaCannotHave) {
         {{{"resize", "720x576"}, {"resize", "721x576"}}, "4:2:0"},
     };
     for (const Row& row : rows) {
-        const std::string said = refusal([&] { check_together(row.given); });
+        const std::string said = gsve::test::refusal_of([&] { check_together(row.given); });
         if (!row.chroma) {
             EXPECT_EQ(said, "") << testing::PrintToString(row.given);
             continue;

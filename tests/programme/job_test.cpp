@@ -15,6 +15,7 @@
 #include "programme/file_name.h"
 #include "programme/output.h"
 #include "programme/picture_rate.h"
+#include "support/failure_of.h"
 #include "support/scratch.h"
 
 namespace {
@@ -23,20 +24,12 @@ using namespace gsve::programme;
 using gsve::Failure;
 using gsve::UsageError;
 using gsve::captions::FrameRate;
+using gsve::test::failure_of;
+using gsve::test::refusal_of;
 using gsve::test::ScratchDirectory;
 using testing::HasSubstr;
 using testing::Pair;
 using testing::UnorderedElementsAre;
-
-template <class Error, class Body>
-std::string refusal(Body body) {
-    try {
-        body();
-    } catch (const Error& error) {
-        return error.what();
-    }
-    return "";
-}
 
 TEST(EncodeJob, LeavesTheCodecItsThreads) {
     EXPECT_EQ(EncodeJob().threads, 0);
@@ -69,11 +62,11 @@ TEST(JobFrameRate, TakesFractionsAndNamesUpTo1000) {
     }
     for (const char* text : {"fast", "-25", "0"}) {
         job.frame_rate = text;
-        EXPECT_THAT(refusal<UsageError>([&] { job_frame_rate(job); }), HasSubstr("--rate takes")) << text;
+        EXPECT_THAT(refusal_of([&] { job_frame_rate(job); }), HasSubstr("--rate takes")) << text;
     }
     for (const char* text : {"1/2", "999/1000", "1001", "10001/10"}) {
         job.frame_rate = text;
-        EXPECT_EQ(refusal<UsageError>([&] { job_frame_rate(job); }),
+        EXPECT_EQ(refusal_of([&] { job_frame_rate(job); }),
                   "--rate takes 1 to 1000 pictures/s, not \"" + std::string(text) + "\"");
     }
 }
@@ -116,7 +109,7 @@ TEST(CheckCaptionChoice, AcceptsAndRefuses) {
     };
     int number = 0;
     for (const Row& row : rows) {
-        const std::string said = refusal<UsageError>([&] { check_caption_choice(row.choice, row.codec); });
+        const std::string said = refusal_of([&] { check_caption_choice(row.choice, row.codec); });
         if (row.refusal)
             EXPECT_THAT(said, HasSubstr(row.refusal)) << "row " << number;
         else
@@ -140,8 +133,7 @@ TEST(Check, LooksAtAllPartsOfAJob) {
     EXPECT_THROW(check(job), UsageError);
     job = good;
     job.timecode = "00:00:00:00";
-    EXPECT_THAT(refusal<UsageError>([&] { check(job); }),
-                HasSubstr("--timecode: h.264 has no place for one in "));
+    EXPECT_THAT(refusal_of([&] { check(job); }), HasSubstr("--timecode: h.264 has no place for one in "));
     for (const char* name : {"out.mov", "out.mp4", "out.mkv"}) {
         job.output = directory / name;
         EXPECT_NO_THROW(check(job)) << name;
@@ -176,7 +168,7 @@ TEST(OutputFormat, FollowsTheExtension) {
         EXPECT_EQ(format.wants_global_header(), row.global_header) << row.path;
     }
     for (const char* path : {"a", "a.avi", "ts", "a.ts.x"})
-        EXPECT_THAT(refusal<UsageError>([&] { output_format(path); }),
+        EXPECT_THAT(refusal_of([&] { output_format(path); }),
                     HasSubstr(std::string(path) + ": the output's name must end in one of .m2v .h264"));
 }
 
@@ -186,15 +178,14 @@ TEST(CheckOutput, RefusesWhereNothingCanBeWritten) {
     std::filesystem::create_directory(directory / "folder.ts");
     EXPECT_NO_THROW(check_output(directory / "out.ts", "", directory / "in.ts"));
     EXPECT_NO_THROW(check_output("out.ts", "", directory / "in.ts"));
-    EXPECT_THAT(refusal<Failure>([&] { check_output(directory / "absent/out.ts", "", "in"); }),
+    EXPECT_THAT(failure_of([&] { check_output(directory / "absent/out.ts", "", "in"); }),
                 HasSubstr("there is no directory"));
-    EXPECT_THAT(refusal<Failure>([&] { check_output(directory / "folder.ts", "", "in"); }),
+    EXPECT_THAT(failure_of([&] { check_output(directory / "folder.ts", "", "in"); }),
                 HasSubstr("it is a directory"));
-    EXPECT_THAT(refusal<UsageError>([&] { check_output(directory / "in.ts", "", directory / "in.ts"); }),
+    EXPECT_THAT(refusal_of([&] { check_output(directory / "in.ts", "", directory / "in.ts"); }),
                 HasSubstr("same file"));
-    EXPECT_THAT(
-        refusal<UsageError>([&] { check_output(directory / "folder.ts/../in.ts", "", directory / "in.ts"); }),
-        HasSubstr("same file"));
+    EXPECT_THAT(refusal_of([&] { check_output(directory / "folder.ts/../in.ts", "", directory / "in.ts"); }),
+                HasSubstr("same file"));
 }
 
 TEST(InputUrl, MarksFilesWhoseNamesLookLikeProtocols) {
@@ -275,7 +266,7 @@ TEST(LoadCaptionFiles, GivesTheFirstFileTheFieldAndTheSecondTheOther) {
     EXPECT_THAT(fields(choice), UnorderedElementsAre(Pair(0, one.at(0)), Pair(1, one.at(0))));
     choice.start = "soon";
     gsve::captions::Report report;
-    EXPECT_THAT(refusal<UsageError>([&] {
+    EXPECT_THAT(refusal_of([&] {
                     load_caption_files(choice, rate, rate, gsve::captions::LineRate::kPairOfEachField,
                                        report);
                 }),

@@ -8,15 +8,27 @@
 
 namespace gsve::test {
 
-/// The text of the Failure that the function throws; empty: it throws none.
-template <class Function>
-std::string failure_of(Function function) {
+/// The text of the error of this kind that the function throws; empty: it throws none.
+template <class Error, class Function>
+std::string error_of(Function function) {
     try {
         function();
-    } catch (const Failure& failure) {
-        return failure.what();
+    } catch (const Error& error) {
+        return error.what();
     }
     return "";
+}
+
+/// The text of the Failure.
+template <class Function>
+std::string failure_of(Function function) {
+    return error_of<Failure>(function);
+}
+
+/// The text of the UsageError.
+template <class Function>
+std::string refusal_of(Function function) {
+    return error_of<UsageError>(function);
 }
 
 }  // namespace gsve::test
