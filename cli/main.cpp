@@ -59,6 +59,13 @@ void add_ancillary_options(CLI::App& app, const std::shared_ptr<EncodeOptions>& 
                    "\"source\": the input's");
 }
 
+void add_bit_rate(CLI::App& app, const char* name, int64_t& rate, const char* description) {
+    app.add_option(name, rate, description)
+        ->transform(CLI::AsNumberWithUnit(std::map<std::string, int64_t>{{"k", 1000}, {"M", 1'000'000}}))
+        ->check(CLI::PositiveNumber)
+        ->type_name("BITS");
+}
+
 void add_stream_options(CLI::App& app, const std::shared_ptr<EncodeOptions>& options) {
     app.add_option("--streams", options->choice.streams,
                    "The input's streams to take, by their numbers: 0,2,3; default: all that the output takes")
@@ -74,24 +81,32 @@ void add_stream_options(CLI::App& app, const std::shared_ptr<EncodeOptions>& opt
            [options](const std::string& codec) { options->sound.codec = codec == "copy" ? "" : codec; },
            "copy (default: as it is, or as aac where the output does not take it), aac, ac3, eac3 or mp2")
         ->check(CLI::IsMember({"copy", "aac", "ac3", "eac3", "mp2"}));
-    app.add_option("--sound-bitrate", options->sound.bit_rate,
-                   "Bits/s of each track that is encoded, as 384k; default: by its channels")
-        ->transform(CLI::AsNumberWithUnit(std::map<std::string, int64_t>{{"k", 1000}, {"M", 1'000'000}}))
-        ->check(CLI::PositiveNumber)
-        ->type_name("BITS");
+    add_bit_rate(app, "--sound-bitrate", options->sound.bit_rate,
+                 "Bits/s of each track that is encoded, as 384k; default: by its channels");
     app.add_option("--sound-layout", options->sound.layout,
                    "Channels of each track that is encoded: mono, stereo, 5.1; default: the source's");
     app.add_option("--sound-rate", options->sound.sample_rate,
                    "Samples/s of each track that is encoded; default: the source's")
         ->check(CLI::PositiveNumber)
         ->type_name("HZ");
+    CLI::Option* loudness =
+        app.add_option_function<double>(
+               "--loudness", [options](double level) { options->sound.loudness = level; },
+               "Bring each track to this loudness, in LUFS: -23 by EBU R 128, -24 by ATSC A/85. The input is "
+               "read twice; sound that would be copied is encoded")
+            ->check(CLI::Range(-60.0, -5.0))
+            ->type_name("LUFS");
+    app.add_option("--true-peak", options->sound.true_peak,
+                   "dBTP that peaks are limited to where --loudness raises them above; EBU R 128: -1, ATSC "
+                   "A/85: -2")
+        ->check(CLI::Range(-20.0, 0.0))
+        ->needs(loudness)
+        ->capture_default_str()
+        ->type_name("DBTP");
     app.add_flag_callback(
         "--no-sound", [options] { options->choice.sound = false; }, "Leave the sound out");
-    app.add_option("--mux-rate", options->transport.rate,
-                   "Bits/s of a transport stream of constant rate, as 12M")
-        ->transform(CLI::AsNumberWithUnit(std::map<std::string, int64_t>{{"k", 1000}, {"M", 1'000'000}}))
-        ->check(CLI::PositiveNumber)
-        ->type_name("BITS");
+    add_bit_rate(app, "--mux-rate", options->transport.rate,
+                 "Bits/s of a transport stream of constant rate, as 12M");
     app.add_option("--service-name", options->transport.service,
                    "Of a transport stream; default: the input's");
     app.add_option("--provider", options->transport.provider, "Of a transport stream; default: the input's");
@@ -106,8 +121,7 @@ void add_stream_options(CLI::App& app, const std::shared_ptr<EncodeOptions>& opt
         ->type_name("LIST");
     app.add_option("--longest-repeat", options->longest_repeat,
                    "Seconds for which a pause in a file's pictures is filled with the last one; a longer "
-                   "pause stays a "
-                   "pause in the output's times")
+                   "pause stays a pause in the output's times")
         ->check(CLI::NonNegativeNumber)
         ->capture_default_str()
         ->type_name("SECONDS");
@@ -124,7 +138,8 @@ void add_encode(CLI::App& app, Command& command) {
         ->type_name("EXTENSION");
     encode_app
         ->add_option("OUTPUT", options->output,
-                     "Elementary stream (.m2v .h264 .264 .h265 .265 .hevc) or container (.ts .mp4 .mkv)")
+                     "Elementary stream (.m2v .h264 .264 .h265 .265 .hevc) or container (.ts .mp4 .mov .mkv "
+                     ".mxf); - is standard output")
         ->required();
     encode_app->add_option("-c,--codec", options->codec, "Default: by the output's name, h.264 in containers")
         ->check(CLI::IsMember({"mpeg-2", "h.264", "h.265"}));

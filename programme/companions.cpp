@@ -33,8 +33,9 @@ bool is_left_out(const AVPacket& packet) { return packet.flags & AV_PKT_FLAG_DIS
 
 }  // namespace
 
-CompanionStreams::CompanionStreams(Input& input, const SoundChoice& sound, const OutputFormat& format)
-    : input_(input), first_(input.take_packets()), zero_(input.origin()) {
+CompanionStreams::CompanionStreams(Input& input, const SoundChoice& sound, const OutputFormat& format,
+                                   std::map<int, Loudness> loudness)
+    : input_(input), loudness_(std::move(loudness)), first_(input.take_packets()), zero_(input.origin()) {
     for (const PlannedStream& planned : input.plan().others) {
         const AVStream& source = *input.container().streams[planned.index];
         streams_.push_back(
@@ -44,7 +45,8 @@ CompanionStreams::CompanionStreams(Input& input, const SoundChoice& sound, const
              .counts_samples = format.container == Container::kMov && bytes_per_sample(*source.codecpar) > 0,
              .next = AV_NOPTS_VALUE,
              .start_up = nullptr,
-             .damaged = 0});
+             .damaged = 0,
+             .written = 0});
     }
     int64_t earliest = zero_;
     for (const PacketPtr& packet : first_) {
@@ -65,22 +67,23 @@ std::unique_ptr<StreamConverter> CompanionStreams::converter_of(const PlannedStr
                                                                 const AVStream& source,
                                                                 const SoundChoice& sound,
                                                                 const OutputFormat& format) const {
-    const AVMediaType type = source.codecpar->codec_type;
-    const bool by_choice = type == AVMEDIA_TYPE_AUDIO && !sound.is_copy();
-    if (planned.treatment == Treatment::kCarried && !by_choice) return nullptr;
-    const std::string usual(conversion_of(type, format.container));
-    if (type != AVMEDIA_TYPE_AUDIO) return convert_text(source, usual);
-    SoundForm form = {.choice = sound, .global_header = format.wants_global_header()};
-    if (sound.is_copy()) form.choice.codec = usual;
-    if (format.container == Container::kMxf) {
-        form.choice.codec = usual;
-        form.choice.sample_rate = 48'000;
-        form.begin = input_.origin();
-    }
-    const auto first = std::find_if(first_.begin(), first_.end(), [&](const PacketPtr& packet) {
-        return packet->stream_index == planned.index;
-    });
-    return convert_sound(source, first == first_.end() ? nullptr : first->get(), form);
+    if (source.codecpar->codec_type != AVMEDIA_TYPE_AUDIO)
+        return planned.treatment == Treatment::kCarried
+                   ? nullptr
+                   : convert_text(source,
+                                  std::string(conversion_of(source.codecpar->codec_type, format.container)));
+    std::optional<SoundForm> form = sound_form(source, planned.treatment, sound, format);
+    if (!form) return nullptr;
+    if (format.container == Container::kMxf) form->begin = input_.origin();
+    if (const auto measured = loudness_.find(planned.index); measured != loudness_.end())
+        form->level = level_for(sound, measured->second);
+    return convert_sound(source, first_of(planned.index), *form);
+}
+
+const AVPacket* CompanionStreams::first_of(int index) const {
+    const auto first = std::find_if(first_.begin(), first_.end(),
+                                    [&](const PacketPtr& packet) { return packet->stream_index == index; });
+    return first == first_.end() ? nullptr : first->get();
 }
 
 Companions CompanionStreams::companions() const {
@@ -88,9 +91,7 @@ Companions CompanionStreams::companions() const {
     companions.input = &input_.container();
     companions.program = input_.plan().program;
     for (const Stream& stream : streams_)
-        companions.streams.push_back(
-            {.form = stream.converter ? &stream.converter->form() : stream.source->codecpar,
-             .source = stream.source});
+        companions.streams.push_back({.form = &stream.form(), .source = stream.source});
     companions.start = input_.origin() - zero_;
     companions.zero = zero_;
     companions.time_of = [this](int64_t number) { return input_.time_of(number); };
@@ -159,6 +160,7 @@ void CompanionStreams::fill_pause(Output& output, Stream& stream, const AVPacket
 
 void CompanionStreams::pass(Output& output, Stream& stream, PacketPtr packet) {
     place(*packet, stream);
+    stream.written++;
     output.pass(static_cast<size_t>(&stream - streams_.data()), std::move(packet));
 }
 
@@ -169,16 +171,41 @@ std::string CompanionStreams::notes(const Output& output) const {
             "{:.3f} s of sound before the first picture are left out: MXF begins with the picture; a .mov "
             "or .mkv file has them\n",
             static_cast<double>(heard_before_) * av_q2d(kTimeUnit));
-    for (const Stream& stream : streams_) {
-        const uint64_t damaged = std::max(stream.damaged, stream.converter ? stream.converter->refused() : 0);
-        if (damaged > 0)
-            notes += fmt::format("{}: {} packets are damaged\n", describe(*stream.source), damaged);
-    }
+    for (const Stream& stream : streams_)
+        if (stream.lost() > 0)
+            notes += fmt::format("{}: {} packets are damaged\n", describe(*stream.source), stream.lost());
     if (const uint64_t overlapping = output.overlapping(); overlapping > 0)
         notes += fmt::format(
             "{} packets beside the pictures overlapped others where clocks jumped, and are left out\n",
             overlapping);
     return notes;
+}
+
+std::vector<StreamAccount> CompanionStreams::accounts() const {
+    std::vector<StreamAccount> accounts;
+    const auto describe = [&](const AVStream& stream) -> StreamAccount& {
+        StreamAccount& account = accounts.emplace_back();
+        account.index = stream.index;
+        account.kind = kind_of(stream);
+        account.codec = codec_name(stream);
+        account.language = language_of(stream);
+        return account;
+    };
+    for (const Stream& stream : streams_) {
+        StreamAccount& account = describe(*stream.source);
+        account.treatment = stream.converter ? Treatment::kConverted : Treatment::kCarried;
+        account.codec_out = avcodec_get_name(stream.form().codec_id);
+        account.packets = stream.written;
+        account.damaged = stream.lost();
+        if (const auto measured = loudness_.find(stream.index); measured != loudness_.end())
+            account.loudness = measured->second;
+        if (stream.converter) account.loudness_out = stream.converter->loudness();
+    }
+    for (const LeftOutStream& left_out : input_.plan().left_out)
+        describe(*input_.container().streams[left_out.index]).why = left_out.why;
+    std::sort(accounts.begin(), accounts.end(),
+              [](const StreamAccount& a, const StreamAccount& b) { return a.index < b.index; });
+    return accounts;
 }
 
 CompanionStreams::Stream* CompanionStreams::find(int index) {

@@ -2,7 +2,9 @@
 
 // The streams beside the picture on their way from an input to an output: sound, subtitles, data.
 
+#include <algorithm>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -10,6 +12,7 @@
 #include "programme/av.h"
 #include "programme/input.h"
 #include "programme/output.h"
+#include "programme/stream_account.h"
 #include "programme/stream_converter.h"
 
 namespace gsve::programme {
@@ -19,7 +22,9 @@ public:
     /// Looks at what the input has read so far: the earliest sound is where the output begins, so that what
     /// is heard before the first picture is not lost. Throws UsageError and Failure for sound that cannot
     /// become what is asked for.
-    CompanionStreams(Input& input, const SoundChoice& sound, const OutputFormat& format);
+    /// `loudness`: by the stream's index, of those that are to be brought to another.
+    CompanionStreams(Input& input, const SoundChoice& sound, const OutputFormat& format,
+                     std::map<int, Loudness> loudness);
 
     /// For the output to open with.
     Companions companions() const;
@@ -33,6 +38,9 @@ public:
     /// What was lost of the streams so far, a line each.
     std::string notes(const Output& output) const;
 
+    /// What became of each, once they are finished.
+    std::vector<StreamAccount> accounts() const;
+
 private:
     struct Stream {
         int index = 0;  ///< in the input
@@ -42,17 +50,23 @@ private:
         int64_t next = AV_NOPTS_VALUE;               ///< time after the latest packet, in the source's unit
         PacketPtr start_up;                          ///< the latest that an edit list leaves out
         uint64_t damaged = 0;                        ///< packets, as the container says
+        uint64_t written = 0;                        ///< packets
+
+        uint64_t lost() const { return std::max(damaged, converter ? converter->refused() : 0); }
+        const AVCodecParameters& form() const { return converter ? converter->form() : *source->codecpar; }
     };
 
     Stream* find(int index);
     std::unique_ptr<StreamConverter> converter_of(const PlannedStream& planned, const AVStream& source,
                                                   const SoundChoice& sound, const OutputFormat& format) const;
+    const AVPacket* first_of(int index) const;
     void carry(Output& output, Stream& stream, PacketPtr packet);
     void fill_pause(Output& output, Stream& stream, const AVPacket& packet);
     void pass(Output& output, Stream& stream, PacketPtr packet);
     void place(AVPacket& packet, const Stream& stream) const;
 
     Input& input_;
+    std::map<int, Loudness> loudness_;
     std::vector<PacketPtr> first_;  ///< read before the output was open
     std::vector<Stream> streams_;
     int64_t heard_before_ =

@@ -12,6 +12,7 @@ extern "C" {
 #include "encoding/error.h"
 #include "encoding/settings.h"
 #include "programme/caption_files.h"
+#include "programme/file_name.h"
 #include "programme/output.h"
 
 namespace gsve::programme {
@@ -59,6 +60,19 @@ void check(const TransportChoice& choice, const OutputFormat& format) {
         throw UsageError(fmt::format("--program-number takes 1 to 65535, not {}", choice.program));
 }
 
+void check(const SoundChoice& sound, const EncodeJob& job) {
+    if (!sound.loudness) return;
+    if (!job.choice.sound) throw UsageError("--loudness and --no-sound contradict each other: give one");
+    if (output_format(job.output, job.format).container == Container::kElementary)
+        throw UsageError(
+            fmt::format("--loudness: {} has no room for sound; name a .ts, .mp4, .mov, .mkv or "
+                        ".mxf file",
+                        job.output));
+    if (is_standard_stream(job.input))
+        throw UsageError(
+            "--loudness reads the input twice, which a pipe cannot be: store it in a file first");
+}
+
 }  // namespace
 
 void check(const EncodeJob& job) {
@@ -70,6 +84,7 @@ void check(const EncodeJob& job) {
             "--timecode: {} has no place for one in {}; name a .mov, .mp4 or .mkv file", codec, job.output));
     job_frame_rate(job);
     check_output(job.output, job.format, job.input);
+    check(job.sound, job);
     check(job.transport, output_format(job.output, job.format));
 }
 

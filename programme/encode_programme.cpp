@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cmath>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <stdexcept>
 
@@ -82,6 +83,7 @@ private:
     void open_encoder();
     void open_captions();
     void open_timecodes();
+    std::map<int, Loudness> measured_loudness();
     void open_output();
     void check_mux_rate(const Companions& companions) const;
     void encode(const Picture& picture);
@@ -216,8 +218,23 @@ void ProgrammeEncoding::open_timecodes() {
     }
 }
 
+/// Of each track that is to be brought to another: what a first reading of the whole input tells.
+std::map<int, Loudness> ProgrammeEncoding::measured_loudness() {
+    if (!job_.sound.loudness) return {};
+    observer_.note("measuring how loud the sound is, in a first reading\n");
+    const auto measured = measure_loudness(
+        job_.input,
+        {.choice = job_.choice, .container = format_.container, .lines = DecoderLog::Lines::kSwallowed},
+        job_.sound, format_, [this] { return observer_.stop_reason() != 0; });
+    for (const auto& [index, loudness] : measured)
+        if (!loudness.integrated)
+            observer_.note(fmt::format("{} is too quiet or short to have a loudness, and stays as it is\n",
+                                       describe(*input_.container().streams[index])));
+    return measured;
+}
+
 void ProgrammeEncoding::open_output() {
-    companions_.emplace(input_, job_.sound, format_);
+    companions_.emplace(input_, job_.sound, format_, measured_loudness());
     Companions companions = companions_->companions();
     companions.transport = job_.transport;
     if (job_.transport.rate > 0) check_mux_rate(companions);
@@ -297,6 +314,7 @@ EncodeResult ProgrammeEncoding::result() {
     result.frame_rate = encoding::caption_rate(encoder_.encoded_rate());
     result.adapts_to_load = encoder_.codec_id == encoding::kMpeg2 && job_.adapt;
     result.repeatable = repeats_its_bytes(encoder_, result.adapts_to_load);
+    result.streams = companions_->accounts();
     result.captions = captions_->account(encoder_.input_frame_count);
     result.captions.source = caption_source_;
     result.captions.parity = input_.parity_damage();

@@ -11,6 +11,7 @@
 #include "encoding/caption_account.h"
 #include "programme/damage.h"
 #include "programme/encode_job.h"
+#include "programme/stream_account.h"
 #include "programme/tally.h"
 
 namespace gsve::programme {
@@ -26,8 +27,9 @@ struct EncodeResult {
     Tally tally{captions::kRate25};
     std::optional<uint64_t> source_pictures;  ///< decoded, where repeating or leaving out changed the number
     encoding::CaptionAccount captions;
-    Damage damage;         ///< of the input, as far as it was read
-    std::string timecode;  ///< of the first picture; empty: none was written
+    std::vector<StreamAccount> streams;  ///< of the input, beside the picture, that were chosen
+    Damage damage;                       ///< of the input, as far as it was read
+    std::string timecode;                ///< of the first picture; empty: none was written
     std::vector<std::pair<std::string, std::string>> status;  ///< the encoder's report
     double elapsed = 0;                                       ///< seconds of work
     int stopped_by = 0;   ///< why it ended early on request, the observer's stop_reason()

@@ -19,6 +19,9 @@ struct StreamChoice {
     friend bool operator==(const StreamChoice&, const StreamChoice&) = default;
 };
 
+/// The highest true peak that EBU R 128 permits, in dBTP.
+inline constexpr double kHighestTruePeak = -1;
+
 /// What becomes of the sound.
 struct SoundChoice {
     std::string
@@ -26,8 +29,11 @@ struct SoundChoice {
     int64_t bit_rate = 0;  ///< bits/s of a track; 0: by its channels
     std::string layout;    ///< of the channels, as FFmpeg calls it: "stereo", "5.1"; empty: the source's
     int sample_rate = 0;   ///< 0: the source's
+    std::optional<double> loudness;       ///< LUFS that each track is brought to; nothing: as it is
+    double true_peak = kHighestTruePeak;  ///< dBTP that peaks are then limited to
 
-    bool is_copy() const { return codec.empty(); }
+    /// Whether sound that the output takes stays as it is.
+    bool is_copy() const { return codec.empty() && !loudness; }
 
     friend bool operator==(const SoundChoice&, const SoundChoice&) = default;
 };

@@ -9,7 +9,8 @@
 #include <vector>
 
 #include "programme/av.h"
-#include "programme/stream_choice.h"
+#include "programme/loudness.h"
+#include "programme/sound_form.h"
 
 namespace gsve::programme {
 
@@ -30,20 +31,13 @@ public:
 
     /// Packets that could not be decoded.
     virtual uint64_t refused() const = 0;
+
+    /// Of what it has made, at the end; nothing where that is not measured.
+    virtual std::optional<Loudness> loudness() { return std::nullopt; }
 };
 
-/// How sound is to be encoded.
-struct SoundForm {
-    SoundChoice choice;          ///< with a codec
-    bool global_header = false;  ///< the container wants the codec's header in its own
-    /// Where the container has no time for the first sample: when it is to be heard, in kTimeUnit on the
-    /// input's time line. What comes before is cut, and what is missing is silent.
-    std::optional<int64_t> begin = {};
-};
-
-/// Sound to sound. Where its times leave a pause, it is silent; where it is slower or faster than its times,
-/// it is stretched. `first`: its first packet, whose AC-3 metadata are kept; null: none is known. Throws
-/// UsageError for what the encoder does not take, and Failure.
+/// Sound to sound, on a line without pauses. `first`: its first packet, whose AC-3 metadata are kept; null:
+/// none is known. Throws UsageError for what the encoder does not take, and Failure.
 std::unique_ptr<StreamConverter> convert_sound(const AVStream& source, const AVPacket* first,
                                                const SoundForm& form);
 

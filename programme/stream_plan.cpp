@@ -24,16 +24,6 @@ bool is_timecode_track(const AVStream& stream) {
     return stream.codecpar->codec_tag == MKTAG('t', 'm', 'c', 'd');
 }
 
-std::string_view kind_of(const AVStream& stream) {
-    switch (stream.codecpar->codec_type) {
-        case AVMEDIA_TYPE_VIDEO: return is_cover(stream) ? "cover" : "picture";
-        case AVMEDIA_TYPE_AUDIO: return "sound";
-        case AVMEDIA_TYPE_SUBTITLE: return "subtitles";
-        case AVMEDIA_TYPE_ATTACHMENT: return "attachment";
-        default: return "data";
-    }
-}
-
 bool has(const AVProgram& program, int stream) {
     const std::span<const unsigned> members(program.stream_index, program.nb_stream_indexes);
     return std::find(members.begin(), members.end(), static_cast<unsigned>(stream)) != members.end();
@@ -94,7 +84,6 @@ private:
 /// The best of the chosen pictures: libavformat knows, unless it is told which.
 int choose_video(AVFormatContext& input, const std::string& path, const Chosen& chosen,
                  const AVCodec*& codec) {
-    std::vector<std::pair<AVStream*, AVDiscard>> hidden;
     const AVCodec* found = nullptr;
     int best = av_find_best_stream(&input, AVMEDIA_TYPE_VIDEO, -1, -1, &found, 0);
     if (best >= 0 && !chosen(*input.streams[best])) {
@@ -149,13 +138,30 @@ Treatment treatment_of(const AVStream& stream, Container container) {
 
 }  // namespace
 
-std::string describe(const AVStream& stream) {
+std::string_view kind_of(const AVStream& stream) {
+    switch (stream.codecpar->codec_type) {
+        case AVMEDIA_TYPE_VIDEO: return is_cover(stream) ? "cover" : "picture";
+        case AVMEDIA_TYPE_AUDIO: return "sound";
+        case AVMEDIA_TYPE_SUBTITLE: return "subtitles";
+        case AVMEDIA_TYPE_ATTACHMENT: return "attachment";
+        default: return "data";
+    }
+}
+
+std::string codec_name(const AVStream& stream) {
+    const AVCodecID codec = stream.codecpar->codec_id;
+    return codec == AV_CODEC_ID_NONE ? "unknown codec" : avcodec_get_name(codec);
+}
+
+std::string language_of(const AVStream& stream) {
     const AVDictionaryEntry* language = av_dict_get(stream.metadata, "language", nullptr, 0);
-    return fmt::format("stream {} ({}, {}{})", stream.index, kind_of(stream),
-                       stream.codecpar->codec_id == AV_CODEC_ID_NONE
-                           ? "unknown codec"
-                           : avcodec_get_name(stream.codecpar->codec_id),
-                       language ? fmt::format(", {}", language->value) : "");
+    return language ? language->value : "";
+}
+
+std::string describe(const AVStream& stream) {
+    const std::string language = language_of(stream);
+    return fmt::format("stream {} ({}, {}{}{})", stream.index, kind_of(stream), codec_name(stream),
+                       language.empty() ? "" : ", ", language);
 }
 
 StreamPlan plan_streams(AVFormatContext& input, const std::string& path, const StreamChoice& choice,
@@ -179,8 +185,8 @@ StreamPlan plan_streams(AVFormatContext& input, const std::string& path, const S
             continue;
         const Treatment treatment = treatment_of(*stream, container);
         if (treatment == Treatment::kNamed) {
-            plan.notes +=
-                fmt::format("{} is left out: {}\n", describe(*stream), why_left_out(*stream, container));
+            plan.left_out.push_back({.index = stream->index, .why = why_left_out(*stream, container)});
+            plan.notes += fmt::format("{} is left out: {}\n", describe(*stream), plan.left_out.back().why);
             continue;
         }
         if (treatment == Treatment::kConverted)

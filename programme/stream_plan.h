@@ -3,6 +3,7 @@
 // What becomes of each stream of an input.
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "programme/stream_choice.h"
@@ -16,13 +17,29 @@ struct PlannedStream {
     Treatment treatment = Treatment::kCarried;
 };
 
+/// A stream that the output has no room for.
+struct LeftOutStream {
+    int index = 0;
+    std::string why;
+};
+
 struct StreamPlan {
     int video = -1;                  ///< index of the picture that is encoded
     const AVCodec* codec = nullptr;  ///< which decodes it
     const AVProgram* program = nullptr;
     std::vector<PlannedStream> others;  ///< in the input's order
-    std::string notes;                  ///< a line for each stream that is left out or converted
+    std::vector<LeftOutStream> left_out;
+    std::string notes;  ///< a line for each stream that is left out or converted
 };
+
+/// "picture", "sound", "subtitles", ...
+std::string_view kind_of(const AVStream& stream);
+
+/// As FFmpeg calls it; "unknown codec" where it knows none.
+std::string codec_name(const AVStream& stream);
+
+/// As the container tells it: "deu"; empty: it does not.
+std::string language_of(const AVStream& stream);
 
 /// As users know a stream: "stream 2 (sound, aac, deu)".
 std::string describe(const AVStream& stream);

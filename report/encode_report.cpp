@@ -17,6 +17,8 @@ using encoding::CaptionAccount;
 using encoding::CaptionCount;
 using encoding::LostCaption;
 using programme::EncodeResult;
+using programme::Loudness;
+using programme::StreamAccount;
 using programme::Tally;
 
 std::string rate_text(double bits_per_second) { return fmt::format("{:.3f} Mbit/s", bits_per_second / 1e6); }
@@ -88,6 +90,65 @@ nlohmann::ordered_json captions_json(const CaptionAccount& account) {
             {"warnings", account.warnings}};
 }
 
+std::string loudness_text(const Loudness& loudness) {
+    return fmt::format(
+        "{}, true peak {}",
+        loudness.integrated ? fmt::format("{:.1f} LUFS", *loudness.integrated) : "no loudness",
+        std::isinf(loudness.true_peak) ? "none" : fmt::format("{:.1f} dBTP", loudness.true_peak));
+}
+
+nlohmann::ordered_json loudness_json(const std::optional<Loudness>& loudness) {
+    if (!loudness) return nullptr;
+    nlohmann::ordered_json json = {{"integrated", nullptr}, {"true_peak", nullptr}};
+    if (loudness->integrated) json["integrated"] = *loudness->integrated;
+    if (!std::isinf(loudness->true_peak)) json["true_peak"] = loudness->true_peak;
+    return json;
+}
+
+const char* treatment_name(programme::Treatment treatment) {
+    switch (treatment) {
+        case programme::Treatment::kCarried: return "carried";
+        case programme::Treatment::kConverted: return "converted";
+        case programme::Treatment::kNamed: break;
+    }
+    return "left out";
+}
+
+/// A line for each stream that is in the output, and its loudness where that was measured.
+std::string streams_text(const std::vector<StreamAccount>& streams) {
+    std::string text;
+    for (const StreamAccount& stream : streams) {
+        if (stream.codec_out.empty()) continue;
+        text += fmt::format(
+            "  stream {:<2} {}{}{}, {}{}, {} packets{}\n", stream.index, stream.kind,
+            stream.language.empty() ? "" : " ", stream.language, stream.codec,
+            stream.treatment == programme::Treatment::kCarried ? " as it is" : " to " + stream.codec_out,
+            stream.packets,
+            stream.damaged > 0 ? fmt::format(", {} of the input damaged", stream.damaged) : "");
+        if (stream.loudness && stream.loudness_out)
+            text += fmt::format("  loudness  {}; before {}\n", loudness_text(*stream.loudness_out),
+                                loudness_text(*stream.loudness));
+    }
+    return text;
+}
+
+nlohmann::ordered_json streams_json(const std::vector<StreamAccount>& streams) {
+    nlohmann::ordered_json list = nlohmann::ordered_json::array();
+    for (const StreamAccount& stream : streams)
+        list.push_back({{"number", stream.index},
+                        {"kind", stream.kind},
+                        {"codec", stream.codec},
+                        {"language", stream.language},
+                        {"treatment", treatment_name(stream.treatment)},
+                        {"codec_out", stream.codec_out},
+                        {"why_left_out", stream.why},
+                        {"packets", stream.packets},
+                        {"damaged", stream.damaged},
+                        {"loudness", loudness_json(stream.loudness)},
+                        {"loudness_out", loudness_json(stream.loudness_out)}});
+    return list;
+}
+
 }  // namespace
 
 std::string caption_losses(const EncodeResult& result) {
@@ -141,6 +202,7 @@ std::string summary_text(const EncodeResult& result) {
                         result.adapts_to_load ? "quality follows the processor's load"
                         : result.repeatable   ? "the same bytes each time"
                                             : "other bytes each time (but for --set \"maximum threads=1\")");
+    text += streams_text(result.streams);
     if (result.captions.source != "none")
         text += fmt::format("  captions  {} from the {}, {} late, at most {:.2f} s\n",
                             count_text(result.captions.carried), result.captions.source,
@@ -195,6 +257,7 @@ std::string encode_json(const EncodeResult& result) {
         {"damage", damage_json(result.damage)},
         {"bytes", tally.bytes},
         {"bit_rate", {{"mean", tally.mean_bit_rate()}, {"peak", tally.peak_bit_rate()}}},
+        {"streams", streams_json(result.streams)},
         {"captions", captions_json(result.captions)},
         {"timecode", result.timecode},
         {"seconds", tally.seconds()},

@@ -89,7 +89,9 @@ std::string job_json(const EncodeJob& job) {
          {{"codec", job.sound.codec},
           {"bit_rate", job.sound.bit_rate},
           {"layout", job.sound.layout},
-          {"sample_rate", job.sound.sample_rate}}},
+          {"sample_rate", job.sound.sample_rate},
+          {"loudness", job.sound.loudness ? Json(*job.sound.loudness) : Json()},
+          {"true_peak", job.sound.true_peak}}},
         {"transport",
          {{"rate", job.transport.rate},
           {"service", text(job.transport.service, "service's name")},
@@ -135,6 +137,9 @@ EncodeJob parse_job(std::string_view json) {
     sound.read("bit_rate", job.sound.bit_rate);
     sound.read("layout", job.sound.layout);
     sound.read("sample_rate", job.sound.sample_rate);
+    if (Json loudness = sound.at("loudness"); !loudness.is_null())
+        sound.read("loudness", job.sound.loudness.emplace());
+    sound.read("true_peak", job.sound.true_peak);
     sound.expect_no_more();
     Members transport(members.at("transport"), "\"transport\"");
     transport.read("rate", job.transport.rate);

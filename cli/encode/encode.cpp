@@ -17,6 +17,7 @@ extern "C" {
 #include "encoding/error.h"
 #include "encoding/settings.h"
 #include "programme/encode_programme.h"
+#include "programme/file_name.h"
 #include "programme/output.h"
 #include "report/damage_report.h"
 #include "report/encode_report.h"
@@ -72,7 +73,7 @@ private:
 
 void print_results(const EncodeOptions& options, const EncodeResult& result) {
     // Beside the stream, where that goes to standard output.
-    std::FILE* const out = options.output == "-" ? user_stream() : stdout;
+    std::FILE* const out = programme::is_standard_stream(options.output) ? user_stream() : stdout;
     if (options.report == ReportFormat::kJson) {
         fmt::print(out, "{}", report::encode_json(result));
         return;
@@ -127,7 +128,7 @@ int encode(const EncodeOptions& options) {
     av_log_set_level(options.verbose ? AV_LOG_INFO : AV_LOG_ERROR);
     const programme::EncodeJob job = job_of(options);
     check(job);
-    if (options.output != "-") check_overwriting(options.output, options.overwrite);
+    if (!programme::is_standard_stream(options.output)) check_overwriting(options.output, options.overwrite);
 
     catch_stop_signals();
     std::signal(SIGPIPE, SIG_IGN);  // a reader that goes away is told of like a full disk

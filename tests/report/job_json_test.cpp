@@ -32,7 +32,12 @@ EncodeJob full_job() {
                     .start = "01:00:00:00",
                     .scte20 = true};
     job.choice = {.streams = {0, 3}, .program = 2, .sound = false};
-    job.sound = {.codec = "ac3", .bit_rate = 384000, .layout = "5.1", .sample_rate = 48000};
+    job.sound = {.codec = "ac3",
+                 .bit_rate = 384000,
+                 .layout = "5.1",
+                 .sample_rate = 48000,
+                 .loudness = -23.5,
+                 .true_peak = -2};
     job.format = "ts";
     job.transport = {.rate = 5'000'000,
                      .service = "Eins",
