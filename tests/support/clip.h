@@ -242,14 +242,14 @@ inline DecodedClip decode_clip(const std::string& path) {
 /// Luma PSNR of a decoded picture against picture `number` of the clip, over the decoded size.
 inline double luma_psnr(const ClipPicture& decoded, const ClipFormat& format, unsigned number) {
     const TestPicture source = clip_picture(format, number);
-    double squares = 0;
-    for (int row = 0; row < decoded.height; row++)
-        for (int column = 0; column < decoded.width; column++) {
-            const double difference = decoded.luma[static_cast<size_t>(row) * decoded.width + column] -
-                                      source.y[static_cast<size_t>(row) * source.width + column];
-            squares += difference * difference;
-        }
-    const double mean = squares / (static_cast<double>(decoded.width) * decoded.height);
+    int64_t squares = 0;
+    for (int row = 0; row < decoded.height; row++) {
+        const uint8_t* const a = decoded.luma.data() + static_cast<size_t>(row) * decoded.width;
+        const uint8_t* const b = source.y.data() + static_cast<size_t>(row) * source.width;
+        for (int column = 0; column < decoded.width; column++)
+            squares += (a[column] - b[column]) * (a[column] - b[column]);
+    }
+    const double mean = static_cast<double>(squares) / (static_cast<double>(decoded.width) * decoded.height);
     return mean > 0 ? 10 * std::log10(255 * 255 / mean) : 100;
 }
 
