@@ -94,7 +94,7 @@ TEST(SettingsCommand, FailsWhenItCannotBeWritten) {
 }
 
 TEST(Program, PrintsItsVersion) {
-    const ProgramResult shown = run({"--version"});
+    const ProgramResult shown = Program(gsve_program(), {"--version"}).wait();
     EXPECT_EQ(shown.status, 0);
     EXPECT_THAT(shown.out, StartsWith("gsve 4."));
     EXPECT_THAT(shown.out, HasSubstr("libavcodec"));

@@ -3,18 +3,22 @@
 // Runs the gsve program the way a user does: by its command line, with its output and exit status.
 
 #include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
+#include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "support/scratch.h"
+extern "C" {
+#include <libavutil/log.h>
+}
 
-extern char** environ;
+#include "cli/commands.h"
+#include "support/scratch.h"
 
 namespace gsve::test {
 
@@ -24,39 +28,49 @@ struct ProgramResult {
     std::string err;
 };
 
-/// The program under test: the built one, or another that the environment names.
-inline const char* gsve_program() {
-    const char* other = std::getenv("GSVE_PROGRAM");
-    return other ? other : GSVE_PROGRAM;
-}
+/// Another program of the same command line that the environment names; null: gsve itself.
+inline const char* other_program() { return std::getenv("GSVE_PROGRAM"); }
 
-/// A running gsve.
+#ifdef GSVE_PROGRAM
+/// The built program, for who starts it in other ways.
+inline const char* gsve_program() { return other_program() ? other_program() : GSVE_PROGRAM; }
+#endif
+
+/// A running gsve. It begins where the built program's main() does, in a process of its own: to load FFmpeg's
+/// 170 libraries would take longer than most runs, and the test has them.
 class Program {
 public:
     /// `standard_output`: a file for it in place of the one that wait() returns.
-    explicit Program(const std::vector<std::string>& arguments, const std::string& standard_output = {}) {
-        std::vector<char*> argv = {const_cast<char*>(gsve_program())};
+    explicit Program(const std::vector<std::string>& arguments, const std::string& standard_output = {})
+        : Program(other_program(), arguments, standard_output) {}
+
+    /// Runs the program of that name; null: gsve itself.
+    Program(const char* program, const std::vector<std::string>& arguments,
+            const std::string& standard_output = {}) {
+        std::vector<char*> argv = {const_cast<char*>(program ? program : "gsve")};
         for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
         argv.push_back(nullptr);
-        posix_spawn_file_actions_t files;
-        posix_spawn_file_actions_init(&files);
-        const int flags = O_WRONLY | O_CREAT | O_TRUNC;
-        posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
         const std::string out = standard_output.empty() ? directory_ / "out" : standard_output;
-        posix_spawn_file_actions_addopen(&files, 1, out.c_str(), flags, 0600);
-        posix_spawn_file_actions_addopen(&files, 2, (directory_ / "err").c_str(), flags, 0600);
+        const std::string err = directory_ / "err";
+        std::fflush(nullptr);  // what waits here would be written twice
+        pid_ = fork();
+        if (pid_ < 0) throw std::runtime_error("cannot start a process");
+        if (pid_ > 0) return;
+        constexpr int kWritten = O_WRONLY | O_CREAT | O_TRUNC;
+        redirect(0, "/dev/null", O_RDONLY);
+        redirect(1, out, kWritten);
+        redirect(2, err, kWritten);
         // As a terminal starts it, even where this process was started to ignore signals.
-        posix_spawnattr_t attributes;
-        posix_spawnattr_init(&attributes);
-        sigset_t signals;
-        sigemptyset(&signals);
-        for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, signal);
-        posix_spawnattr_setsigdefault(&attributes, &signals);
-        posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
-        const int error = posix_spawn(&pid_, gsve_program(), &files, &attributes, argv.data(), environ);
-        posix_spawnattr_destroy(&attributes);
-        posix_spawn_file_actions_destroy(&files);
-        if (error) throw std::runtime_error(std::string("cannot start ") + gsve_program());
+        for (const int signal : {SIGINT, SIGTERM, SIGHUP}) std::signal(signal, SIG_DFL);
+        if (!program) {
+            av_log_set_level(AV_LOG_INFO);
+            av_log_set_callback(av_log_default_callback);
+            const int status = cli::run(static_cast<int>(argv.size()) - 1, argv.data());
+            std::fflush(nullptr);
+            _exit(status);  // what the test still needs is its own to tidy away
+        }
+        execv(program, argv.data());
+        _exit(127);
     }
 
     void send(int signal) const { kill(pid_, signal); }
@@ -69,6 +83,12 @@ public:
     }
 
 private:
+    static void redirect(int descriptor, const std::string& path, int flags) {
+        const int file = open(path.c_str(), flags, 0600);
+        if (file < 0 || dup2(file, descriptor) < 0) _exit(126);
+        close(file);
+    }
+
     ScratchDirectory directory_;
     pid_t pid_ = -1;
 };

@@ -1,0 +1,301 @@
+#include "cli/commands.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <system_error>
+
+#include <fmt/format.h>
+#include <CLI/CLI.hpp>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavcodec/version.h>
+}
+
+#include "cli/encode/encode.h"
+#include "cli/exit_status.h"
+#include "cli/inspect/inspect.h"
+#include "cli/stop.h"
+#include "encoding/error.h"
+#include "report/settings_report.h"
+#include "report/treatments_report.h"
+
+namespace {
+
+using namespace gsve;
+using namespace gsve::cli;
+
+using Command = std::function<int()>;
+
+const std::map<std::string, ReportFormat> kReports = {{"text", ReportFormat::kText},
+                                                      {"json", ReportFormat::kJson}};
+
+// Each command adds its options to the parser, and itself as what is to run once they have been read.
+
+void add_ancillary_options(CLI::App& app, const std::shared_ptr<EncodeOptions>& options) {
+    CLI::Option* files =
+        app.add_option("--captions", options->captions.files,
+                       "SCC, MCC, SRT or WebVTT file, in place of the input's captions; a second file is "
+                       "for the other field")
+            ->take_all()
+            ->expected(1)
+            ->allow_extra_args(false)
+            ->check(CLI::ExistingFile);
+    app.add_option("--captions-field", options->captions.field, "Field of the (first) file: 1 (default) or 2")
+        ->check(CLI::Range(1, 2))
+        ->needs(files);
+    app.add_option("--captions-start", options->captions.start,
+                   "Time code in the file that is the first picture's; SRT, WebVTT: HH:MM:SS[.mmm], too; "
+                   "default 00:00:00:00")
+        ->needs(files);
+    app.add_option("--caption-rows", options->captions.rows, "SRT, WebVTT: rows of a caption; default 2")
+        ->check(CLI::Range(1, 15))
+        ->needs(files);
+    app.add_flag("!--no-captions", options->captions.carry_over, "Leave the input's captions out")
+        ->excludes(files);
+    app.add_flag("--scte20", options->captions.scte20,
+                 "MPEG-2: send EIA-608 captions as SCTE 20 user data, too");
+    app.add_option("--timecode", options->timecode,
+                   "MPEG-2: GOP time code of the first picture, HH:MM:SS:FF, HH:MM:SS;FF (drop-frame), or "
+                   "\"source\": the input's");
+}
+
+void add_bit_rate(CLI::App& app, const char* name, int64_t& rate, const char* description) {
+    app.add_option(name, rate, description)
+        ->transform(CLI::AsNumberWithUnit(std::map<std::string, int64_t>{{"k", 1000}, {"M", 1'000'000}}))
+        ->check(CLI::PositiveNumber)
+        ->type_name("BITS");
+}
+
+void add_stream_options(CLI::App& app, const std::shared_ptr<EncodeOptions>& options) {
+    app.add_option("--streams", options->choice.streams,
+                   "The input's streams to take, by their numbers: 0,2,3; default: all that the output takes")
+        ->delimiter(',')
+        ->type_name("LIST");
+    app.add_option_function<int>(
+           "--program", [options](int number) { options->choice.program = number; },
+           "Of a transport stream with several programs, the one to encode; default: that of the best "
+           "picture")
+        ->type_name("N");
+    app.add_option_function<std::string>(
+           "--sound",
+           [options](const std::string& codec) { options->sound.codec = codec == "copy" ? "" : codec; },
+           "copy (default: as it is, or as aac where the output does not take it), aac, ac3, eac3 or mp2")
+        ->check(CLI::IsMember({"copy", "aac", "ac3", "eac3", "mp2"}));
+    add_bit_rate(app, "--sound-bitrate", options->sound.bit_rate,
+                 "Bits/s of each track that is encoded, as 384k; default: by its channels");
+    app.add_option("--sound-layout", options->sound.layout,
+                   "Channels of each track that is encoded: mono, stereo, 5.1; default: the source's");
+    app.add_option("--sound-rate", options->sound.sample_rate,
+                   "Samples/s of each track that is encoded; default: the source's")
+        ->check(CLI::PositiveNumber)
+        ->type_name("HZ");
+    CLI::Option* loudness =
+        app.add_option_function<double>(
+               "--loudness", [options](double level) { options->sound.loudness = level; },
+               "Bring each track to this loudness, in LUFS: -23 by EBU R 128, -24 by ATSC A/85. The input is "
+               "read twice; sound that would be copied is encoded")
+            ->check(CLI::Range(-60.0, -5.0))
+            ->type_name("LUFS");
+    app.add_option("--true-peak", options->sound.true_peak,
+                   "dBTP that peaks are limited to where --loudness raises them above; EBU R 128: -1, ATSC "
+                   "A/85: -2")
+        ->check(CLI::Range(-20.0, 0.0))
+        ->needs(loudness)
+        ->capture_default_str()
+        ->type_name("DBTP");
+    app.add_flag_callback(
+        "--no-sound", [options] { options->choice.sound = false; }, "Leave the sound out");
+    add_bit_rate(app, "--mux-rate", options->transport.rate,
+                 "Bits/s of a transport stream of constant rate, as 12M");
+    app.add_option("--service-name", options->transport.service,
+                   "Of a transport stream; default: the input's");
+    app.add_option("--provider", options->transport.provider, "Of a transport stream; default: the input's");
+    app.add_option("--program-number", options->transport.program, "Of a transport stream; default: 1")
+        ->check(CLI::Range(1, 65535))
+        ->type_name("N");
+    app.add_option("--pmt-pid", options->transport.pmt_pid, "PID of the program's table; default: 0x1000")
+        ->type_name("PID");
+    app.add_option("--pids", options->transport.pids,
+                   "PIDs of the picture and the other streams, in their order; default: from 0x100 on")
+        ->delimiter(',')
+        ->type_name("LIST");
+    app.add_option("--longest-repeat", options->longest_repeat,
+                   "Seconds for which a pause in a file's pictures is filled with the last one; a longer "
+                   "pause stays a pause in the output's times")
+        ->check(CLI::NonNegativeNumber)
+        ->capture_default_str()
+        ->type_name("SECONDS");
+}
+
+void add_encode(CLI::App& app, Command& command) {
+    auto options = std::make_shared<EncodeOptions>();
+    CLI::App* encode_app = app.add_subcommand("encode", "Encode a media file to MPEG-2, H.264 or H.265");
+    encode_app->add_option("INPUT", options->input, "Any file that libavformat opens; - is standard input")
+        ->required();
+    encode_app
+        ->add_option("--format", options->format,
+                     "Of the output, as a file's extension: ts, mp4, ...; default: by its name")
+        ->type_name("EXTENSION");
+    encode_app
+        ->add_option("OUTPUT", options->output,
+                     "Elementary stream (.m2v .h264 .264 .h265 .265 .hevc) or container (.ts .mp4 .mov .mkv "
+                     ".mxf); - is standard output")
+        ->required();
+    encode_app->add_option("-c,--codec", options->codec, "Default: by the output's name, h.264 in containers")
+        ->check(CLI::IsMember({"mpeg-2", "h.264", "h.265"}));
+    encode_app
+        ->add_option("-s,--set", options->settings,
+                     "\"KEY=VALUE\", repeatable; \"gsve settings\" lists the keys, and what \"KEY=\" sets")
+        ->take_all()
+        ->expected(1)
+        ->allow_extra_args(false);
+    encode_app->add_option("--rate", options->frame_rate,
+                           "Make this the source's frame rate: 25, 30000/1001, ...; 1 to 1000");
+    add_stream_options(*encode_app, options);
+    add_ancillary_options(*encode_app, options);
+    encode_app->add_flag("--adapt", options->adapt,
+                         "MPEG-2: let quality follow the processor's load, as on air; without it the same "
+                         "input gives the same bytes on the same number of threads");
+    encode_app
+        ->add_option_function<std::string>(
+            "--report", [options](const std::string& kind) { options->report = kReports.at(kind); },
+            "Print the encoder's status pairs as text, or everything as json")
+        ->check(CLI::IsMember(kReports));
+    encode_app->add_flag(
+        "--strict", options->strict,
+        "Exit with 1 where the input is damaged or ends early; the output is complete all the "
+        "same");
+    encode_app->add_flag("-y,--overwrite", options->overwrite, "Overwrite OUTPUT");
+    encode_app->add_flag("-q,--quiet", options->quiet, "No notes, progress or summary; errors remain");
+    encode_app->add_flag("-v,--verbose", options->verbose,
+                         "Show what the encoder and the codecs report, as it comes; else it is shown where "
+                         "the encoding fails");
+    encode_app->callback([options, &command] { command = [options] { return encode(*options); }; });
+}
+
+void add_inspect(CLI::App& app, Command& command) {
+    auto options = std::make_shared<InspectOptions>();
+    CLI::App* inspect_app =
+        app.add_subcommand("inspect", "Show a stream's pictures, GOPs, time codes and captions");
+    inspect_app->add_option("FILE", options->input, "Any file that libavformat opens")->required();
+    inspect_app->add_flag("--json", options->json, "As JSON");
+    CLI::Option* scc =
+        inspect_app->add_option("--scc", options->scc, "Write the EIA-608 byte pairs to this file");
+    inspect_app->add_option("--field", options->scc_field, "The field to write: 1 (default) or 2")
+        ->check(CLI::IsMember({1, 2}))
+        ->needs(scc);
+    inspect_app->add_flag("-y,--overwrite", options->overwrite, "Overwrite the file of --scc")->needs(scc);
+    inspect_app->add_flag("--pictures", options->pictures, "List every GOP and picture");
+    inspect_app->callback([options, &command] { command = [options] { return inspect(*options); }; });
+}
+
+void add_settings(CLI::App& app, Command& command) {
+    using List = std::string (*)();
+    auto list = std::make_shared<List>(report::settings_text);
+    CLI::App* settings_app =
+        app.add_subcommand("settings", "List all settings: key, default, syntax, meaning");
+    const auto add_form = [&](const char* name, List form, const char* description) {
+        return settings_app->add_flag_callback(
+            name, [list, form] { *list = form; }, description);
+    };
+    CLI::Option* json = add_form("--json", report::settings_json, "As JSON");
+    add_form("--markdown", report::settings_markdown, "As tables in Markdown")->excludes(json);
+    settings_app->callback([list, &command] {
+        command = [list] {
+            fmt::print("{}", (*list)());
+            return 0;
+        };
+    });
+}
+
+void add_streams(CLI::App& app, Command& command) {
+    using List = std::string (*)();
+    auto list = std::make_shared<List>(report::treatments_text);
+    CLI::App* streams_app =
+        app.add_subcommand("streams", "List which streams each container carries, converts or leaves out");
+    streams_app->add_flag_callback(
+        "--markdown", [list] { *list = report::treatments_markdown; }, "As a table in Markdown");
+    streams_app->callback([list, &command] {
+        command = [list] {
+            fmt::print("{}", (*list)());
+            return 0;
+        };
+    });
+}
+
+void add_help(CLI::App& app, Command& command) {
+    auto topic = std::make_shared<std::string>();
+    CLI::App* help_app = app.add_subcommand("help", "Explain a command");
+    help_app->add_option("COMMAND", *topic);
+    help_app->callback([topic, &app, &command] {
+        command = [topic, &app] {
+            try {
+                app.clear();  // else the parser explains the command that it has read, which is this one
+                fmt::print("{}",
+                           topic->empty() ? app.help() : app.get_subcommand(*topic)->help(app.get_name()));
+            } catch (const CLI::OptionNotFound&) {
+                throw UsageError(fmt::format("there is no command \"{}\"; gsve help lists them", *topic));
+            }
+            return 0;
+        };
+    });
+}
+
+std::string version() {
+    const unsigned codec = avcodec_version();
+    return fmt::format("gsve {} (libavcodec {}.{}.{})", GSVE_VERSION, AV_VERSION_MAJOR(codec),
+                       AV_VERSION_MINOR(codec), AV_VERSION_MICRO(codec));
+}
+
+int complain(std::string_view text, int status) {
+    fmt::print(stderr, "gsve: {}\n", text);
+    return status;
+}
+
+int complain_of_lost_results(int error) {
+    return complain(fmt::format("cannot write the results to standard output: {}; send it elsewhere",
+                                std::strerror(error)),
+                    kExitFailure);
+}
+
+int run_command(int argc, const char* const* argv) {
+    CLI::App app("Encodes video for broadcast: MPEG-2, H.264 and H.265 with captions and time codes", "gsve");
+    app.set_version_flag("--version", version());
+    app.require_subcommand(0, 1);  // with 1 required, the parser would not name an unknown word
+    Command command;
+    add_encode(app, command);
+    add_inspect(app, command);
+    add_settings(app, command);
+    add_streams(app, command);
+    add_help(app, command);
+    try {
+        app.parse(argc, argv);
+        if (!command) throw UsageError("a command is missing (gsve help lists them)");
+        return command();
+    } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() == 0) return app.exit(error);  // --help, --version
+        const std::vector<CLI::App*> commands = app.get_subcommands();
+        const std::string topic = commands.empty() ? "" : " " + commands.front()->get_name();
+        return complain(fmt::format("{} (gsve help{} explains)", error.what(), topic), kExitUsage);
+    } catch (const UsageError& error) {
+        return complain(error.what(), kExitUsage);
+    } catch (const std::system_error& error) {
+        if (!std::ferror(stdout)) return complain(error.what(), kExitFailure);
+        return complain_of_lost_results(error.code().value());
+    } catch (const std::exception& error) {
+        return complain(error.what(), stop_signal() ? kExitSignal + stop_signal() : kExitFailure);
+    }
+}
+
+/// Results that were lost on the way out are a failure, where there was none before.
+int deliver_results(int status) {
+    if (std::fflush(stdout) == 0 && !std::ferror(stdout)) return status;
+    const int error = errno;
+    return status == kExitFailure || status == kExitUsage ? status : complain_of_lost_results(error);
+}
+
+}  // namespace
+
+int gsve::cli::run(int argc, const char* const* argv) { return deliver_results(run_command(argc, argv)); }
