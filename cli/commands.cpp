@@ -121,6 +121,12 @@ void add_stream_options(CLI::App& app, const std::shared_ptr<EncodeOptions>& opt
                    "PIDs of the picture and the other streams, in their order; default: from 0x100 on")
         ->delimiter(',')
         ->type_name("LIST");
+    app.add_option("--segments", options->hls.segments, "HLS: ts or fmp4; default: fmp4 for h.265, else ts")
+        ->check(CLI::IsMember({"ts", "fmp4"}));
+    app.add_option("--segment-seconds", options->hls.seconds, "HLS: length of a segment")
+        ->check(CLI::Range(0.5, 60.0))
+        ->capture_default_str()
+        ->type_name("SECONDS");
     app.add_option("--longest-repeat", options->longest_repeat,
                    "Seconds for which a pause in a file's pictures is filled with the last one; a longer "
                    "pause stays a pause in the output's times")
@@ -141,7 +147,7 @@ void add_encode(CLI::App& app, Command& command) {
     encode_app
         ->add_option("OUTPUT", options->output,
                      "Elementary stream (.m2v .h264 .264 .h265 .265 .hevc) or container (.ts .mp4 .mov .mkv "
-                     ".mxf); - is standard output")
+                     ".mxf) or HLS (.m3u8); - is standard output")
         ->required();
     encode_app->add_option("-c,--codec", options->codec, "Default: by the output's name, h.264 in containers")
         ->check(CLI::IsMember({"mpeg-2", "h.264", "h.265"}));

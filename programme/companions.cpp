@@ -46,7 +46,8 @@ CompanionStreams::CompanionStreams(Input& input, const SoundChoice& sound, const
              .next = AV_NOPTS_VALUE,
              .start_up = nullptr,
              .damaged = 0,
-             .written = 0});
+             .written = 0,
+             .end = zero_});
     }
     int64_t earliest = zero_;
     for (const PacketPtr& packet : first_) {
@@ -56,8 +57,9 @@ CompanionStreams::CompanionStreams(Input& input, const SoundChoice& sound, const
             earliest = std::min(earliest, av_rescale_q(first_heard(*packet, *stream->source),
                                                        stream->source->time_base, kTimeUnit));
     }
-    // MXF begins with the picture.
-    if (format.container == Container::kMxf)
+    // MXF has its sound cut into what goes with each picture.
+    as_long_as_picture_ = format.container == Container::kMxf;
+    if (as_long_as_picture_)
         heard_before_ = zero_ - earliest;
     else
         zero_ = earliest;
@@ -73,7 +75,14 @@ std::unique_ptr<StreamConverter> CompanionStreams::converter_of(const PlannedStr
                    : convert_text(source,
                                   std::string(conversion_of(source.codecpar->codec_type, format.container)));
     std::optional<SoundForm> form = sound_form(source, planned.treatment, sound, format);
-    if (!form) return nullptr;
+    if (!form) {
+        // libavformat's multiplexers repack it themselves, but for this one.
+        const bool has_headers =
+            source.codecpar->codec_id == AV_CODEC_ID_AAC && source.codecpar->extradata_size == 0;
+        return has_headers && format.container == Container::kHls && format.fragments
+                   ? repack_aac(source, first_of(planned.index))
+                   : nullptr;
+    }
     if (format.container == Container::kMxf) form->begin = input_.origin();
     if (const auto measured = loudness_.find(planned.index); measured != loudness_.end())
         form->level = level_for(sound, measured->second);
@@ -114,12 +123,15 @@ void CompanionStreams::pass(Output& output) {
     }
 }
 
-void CompanionStreams::finish(Output& output) {
+void CompanionStreams::finish(Output& output, int64_t end) {
     pass(output);
-    for (Stream& stream : streams_)
-        if (stream.converter)
-            for (PacketPtr& converted : stream.converter->convert(nullptr))
-                pass(output, stream, std::move(converted));
+    for (Stream& stream : streams_) {
+        if (!stream.converter) continue;
+        if (as_long_as_picture_) stream.converter->end_at(end);
+        for (PacketPtr& converted : stream.converter->convert(nullptr))
+            pass(output, stream, std::move(converted));
+        if (as_long_as_picture_) heard_after_ = std::max(heard_after_, stream.end - end);
+    }
 }
 
 /// Of what an edit list leaves out, the packet that the decoder of the first one heard starts up with is
@@ -161,16 +173,21 @@ void CompanionStreams::fill_pause(Output& output, Stream& stream, const AVPacket
 void CompanionStreams::pass(Output& output, Stream& stream, PacketPtr packet) {
     place(*packet, stream);
     stream.written++;
+    if (packet->pts != AV_NOPTS_VALUE) stream.end = packet->pts + packet->duration + zero_;
     output.pass(static_cast<size_t>(&stream - streams_.data()), std::move(packet));
 }
 
 std::string CompanionStreams::notes(const Output& output) const {
     std::string notes;
-    if (heard_before_ > kTimeUnit.den / 1000)
-        notes += fmt::format(
-            "{:.3f} s of sound before the first picture are left out: MXF begins with the picture; a .mov "
-            "or .mkv file has them\n",
-            static_cast<double>(heard_before_) * av_q2d(kTimeUnit));
+    const auto note_cut = [&](int64_t time, const char* place) {
+        if (time > kTimeUnit.den / 1000)
+            notes += fmt::format(
+                "{:.3f} s of sound {} picture are left out: MXF is as long as its pictures; a .mov or .mkv "
+                "file has them\n",
+                static_cast<double>(time) * av_q2d(kTimeUnit), place);
+    };
+    note_cut(heard_before_, "before the first");
+    note_cut(heard_after_, "after the last");
     for (const Stream& stream : streams_)
         if (stream.lost() > 0)
             notes += fmt::format("{}: {} packets are damaged\n", describe(*stream.source), stream.lost());
@@ -193,7 +210,8 @@ std::vector<StreamAccount> CompanionStreams::accounts() const {
     };
     for (const Stream& stream : streams_) {
         StreamAccount& account = describe(*stream.source);
-        account.treatment = stream.converter ? Treatment::kConverted : Treatment::kCarried;
+        account.treatment = stream.converter && !stream.converter->keeps_coding() ? Treatment::kConverted
+                                                                                  : Treatment::kCarried;
         account.codec_out = avcodec_get_name(stream.form().codec_id);
         account.packets = stream.written;
         account.damaged = stream.lost();

@@ -32,8 +32,9 @@ public:
     /// Hands over what the input has read since.
     void pass(Output& output);
 
-    /// Hands over the rest, once the input is at its end.
-    void finish(Output& output);
+    /// Hands over the rest, once the input is at its end. `end`: of the last picture, in kTimeUnit on the
+    /// input's time line.
+    void finish(Output& output, int64_t end);
 
     /// What was lost of the streams so far, a line each.
     std::string notes(const Output& output) const;
@@ -51,6 +52,7 @@ private:
         PacketPtr start_up;                          ///< the latest that an edit list leaves out
         uint64_t damaged = 0;                        ///< packets, as the container says
         uint64_t written = 0;                        ///< packets
+        int64_t end = 0;  ///< of the latest of them, in kTimeUnit on the input's time line
 
         uint64_t lost() const { return std::max(damaged, converter ? converter->refused() : 0); }
         const AVCodecParameters& form() const { return converter ? converter->form() : *source->codecpar; }
@@ -69,9 +71,11 @@ private:
     std::map<int, Loudness> loudness_;
     std::vector<PacketPtr> first_;  ///< read before the output was open
     std::vector<Stream> streams_;
-    int64_t heard_before_ =
-        0;          ///< by how much sound begins before an output that has no room for it, in kTimeUnit
-    int64_t zero_;  ///< on the input's time line, where the output's begins
+    // By how much sound is longer than the pictures of an output that has no room for it, in kTimeUnit.
+    int64_t heard_before_ = 0;
+    int64_t heard_after_ = 0;
+    bool as_long_as_picture_ = false;  ///< such an output
+    int64_t zero_;                     ///< on the input's time line, where the output's begins
 };
 
 }  // namespace gsve::programme

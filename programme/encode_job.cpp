@@ -24,6 +24,14 @@ std::string setting_of(const EncodeJob& job, const std::string& key) {
     return last;
 }
 
+OutputFormat output_of(const EncodeJob& job) {
+    OutputFormat format = output_format(job.output, job.format);
+    format.fragments =
+        job.hls.segments == "fmp4" || (job.hls.segments.empty() && setting_of(job, "encoder") == "h.265");
+    format.segment_seconds = job.hls.seconds;
+    return format;
+}
+
 std::optional<captions::FrameRate> job_frame_rate(const EncodeJob& job) {
     if (job.frame_rate.empty()) return std::nullopt;
     AVRational rate = {0, 1};
@@ -63,10 +71,10 @@ void check(const TransportChoice& choice, const OutputFormat& format) {
 void check(const SoundChoice& sound, const EncodeJob& job) {
     if (!sound.loudness) return;
     if (!job.choice.sound) throw UsageError("--loudness and --no-sound contradict each other: give one");
-    if (output_format(job.output, job.format).container == Container::kElementary)
+    if (output_of(job).container == Container::kElementary)
         throw UsageError(
-            fmt::format("--loudness: {} has no room for sound; name a .ts, .mp4, .mov, .mkv or "
-                        ".mxf file",
+            fmt::format("--loudness: {} has no room for sound; name a .ts, .mp4, .mov, .mkv, "
+                        ".mxf or .m3u8 file",
                         job.output));
     if (is_standard_stream(job.input))
         throw UsageError(
@@ -76,16 +84,23 @@ void check(const SoundChoice& sound, const EncodeJob& job) {
 }  // namespace
 
 void check(const EncodeJob& job) {
+    const OutputFormat format = output_of(job);
     encoding::check_together(job.settings);
     const std::string codec = setting_of(job, "encoder");
     check_caption_choice(job.captions, codec);
-    if (!job.timecode.empty() && codec != "mpeg-2" && !output_format(job.output, job.format).has_timecode())
+    if (!job.timecode.empty() && codec != "mpeg-2" && !format.has_timecode())
         throw UsageError(fmt::format(
             "--timecode: {} has no place for one in {}; name a .mov, .mp4 or .mkv file", codec, job.output));
     job_frame_rate(job);
     check_output(job.output, job.format, job.input);
     check(job.sound, job);
-    check(job.transport, output_format(job.output, job.format));
+    if (format.container == Container::kHls && job.sound.codec == "mp2")
+        throw UsageError("--sound mp2: players of HLS do not take it; choose aac, ac3 or eac3");
+    check(job.transport, format);
+    if (job.hls.is_given() && format.container != Container::kHls)
+        throw UsageError("--segments and --segment-seconds are for HLS: name a .m3u8 file");
+    if (job.hls.segments == "ts" && codec == "h.265")
+        throw UsageError("--segments ts: players of HLS take H.265 in fmp4 alone; leave it out");
 }
 
 }  // namespace gsve::programme

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "captions/timecode.h"
+#include "programme/output.h"
 #include "programme/stream_choice.h"
 
 namespace gsve::programme {
@@ -41,6 +42,7 @@ struct EncodeJob {
     StreamChoice choice;
     SoundChoice sound;
     TransportChoice transport;
+    HlsChoice hls;
     double longest_repeat =
         kLongestRepeat;    ///< seconds for which a file's pause is filled with its last picture
     std::string timecode;  ///< of the first picture, at the encoded rate; kSourceTimecode; empty: none
@@ -52,6 +54,9 @@ struct EncodeJob {
 
 /// The last value of a setting; empty where it is not given.
 std::string setting_of(const EncodeJob& job, const std::string& key);
+
+/// The kind of its output. Throws UsageError where there is none of this name.
+OutputFormat output_of(const EncodeJob& job);
 
 /// Throws UsageError for a job that contradicts itself, or its output's format.
 void check(const EncodeJob& job);

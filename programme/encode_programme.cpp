@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cmath>
 #include <filesystem>
+#include <limits>
 #include <map>
 #include <memory>
 #include <stdexcept>
@@ -24,6 +25,7 @@ extern "C" {
 #include "encoding/status_text.h"
 #include "encoding/timecode_track.h"
 #include "programme/caption_files.h"
+#include "programme/caption_services.h"
 #include "programme/companions.h"
 #include "programme/input.h"
 #include "programme/output.h"
@@ -45,8 +47,11 @@ InputOptions input_options(const EncodeJob& job) {
             .chroma_format = setting_of(job, "chroma format"),
             .captions = job.captions.carry_over && job.captions.files.empty(),
             .choice = job.choice,
-            .container = output_format(job.output, job.format).container,
-            .longest_repeat = job.longest_repeat};
+            .container = output_of(job).container,
+            // MXF has no times in which a pause could be.
+            .longest_repeat = output_of(job).container == Container::kMxf
+                                  ? std::numeric_limits<double>::infinity()
+                                  : job.longest_repeat};
 }
 
 /// That of the first picture, at the counting rate.
@@ -86,6 +91,7 @@ private:
     std::map<int, Loudness> measured_loudness();
     void open_output();
     void check_mux_rate(const Companions& companions) const;
+    void check_mxf_rate() const;
     void encode(const Picture& picture);
     void take_in_captions();
     Ancillary ancillary_of(const Picture& picture);
@@ -103,6 +109,7 @@ private:
     std::optional<CaptionTrack> captions_;
     std::string caption_source_ = "none";
     captions::Report caption_report_;
+    SentServices services_;
     std::optional<TimecodeTrack> timecodes_;
     std::string first_timecode_;
     std::optional<CompanionStreams> companions_;
@@ -115,9 +122,10 @@ private:
 ProgrammeEncoding::ProgrammeEncoding(const EncodeJob& job, Observer& observer)
     : job_(job),
       observer_(observer),
-      format_(output_format(job.output, job.format)),
+      format_(output_of(job)),
       input_(job.input, input_options(job), [&observer] { return observer.stop_reason() != 0; }),
       encoder_(std::filesystem::path(job.output).stem()),
+      services_(encoding::caption_rate(input_.format().frame_rate)),
       tally_(encoding::caption_rate(input_.format().frame_rate)) {}
 
 EncodeResult ProgrammeEncoding::run() {
@@ -147,6 +155,10 @@ void ProgrammeEncoding::configure_encoder() {
                           .present = input_.has_captions() || has_files(),
                           .scte20 = job_.captions.scte20},
                          job_.decided);
+    if (format_.container == Container::kHls && setting_of(job_, "closed gop").empty()) {
+        encoder_.apply("closed gop", "1");
+        observer_.note("\"closed gop\" is 1: players of HLS begin with any segment\n");
+    }
     encoder_.global_header = format_.wants_global_header();
     if (const std::string warning = long_picture_warning(encoder_); !warning.empty()) observer_.warn(warning);
 }
@@ -238,6 +250,7 @@ void ProgrammeEncoding::open_output() {
     Companions companions = companions_->companions();
     companions.transport = job_.transport;
     if (job_.transport.rate > 0) check_mux_rate(companions);
+    if (format_.container == Container::kMxf) check_mxf_rate();
     if (format_.has_timecode()) companions.timecode = first_timecode_;
     output_ = programme::open_output(format_, job_.output, encoder_, companions);
 }
@@ -260,6 +273,19 @@ void ProgrammeEncoding::check_mux_rate(const Companions& companions) const {
             fmt::format("--mux-rate {} is too low for the picture, the sound and what is inserted: give at "
                         "least {:.0f}, or lower \"max bitrate\" and \"bitrate\"",
                         job_.transport.rate, std::ceil(needed / 1000) * 1000));
+}
+
+/// Throws UsageError where MXF has no edit unit of a picture's duration (SMPTE ST 326, table 1).
+void ProgrammeEncoding::check_mxf_rate() const {
+    constexpr captions::FrameRate kRates[] = {{24000, 1001}, {24, 1}, {25, 1},       {30000, 1001},
+                                              {30, 1},       {50, 1}, {60000, 1001}, {60, 1}};
+    const captions::FrameRate rate = encoding::caption_rate(encoder_.encoded_rate());
+    for (const captions::FrameRate& known : kRates)
+        if (rate.num * known.den == known.num * rate.den) return;
+    throw UsageError(fmt::format(
+        "MXF has 24, 25, 30, 50 or 60 pictures/s, or 23.976, 29.97 or 59.94, not {:.3f}: give --rate, or "
+        "another \"frame rate limit\"",
+        rate.per_second()));
 }
 
 void ProgrammeEncoding::encode(const Picture& picture) {
@@ -289,6 +315,7 @@ Ancillary ProgrammeEncoding::ancillary_of(const Picture& picture) {
         ancillary.timecode = captions::gop_timecode(
             timecodes_->at(number / static_cast<int64_t>(encoder_.frame_rate_divider)));
     ancillary.captions = captions_->next(picture.number, encoder_.input_frame_count);
+    services_.note(number, ancillary.captions);
     // Readers take the order of the fields from the picture's top_field_first, which is 0 in progressive
     // ones.
     const bool top_field_first = picture.field_order == 1 && encoder_.resize_deinterlace < 0;
@@ -298,7 +325,8 @@ Ancillary ProgrammeEncoding::ancillary_of(const Picture& picture) {
 
 void ProgrammeEncoding::finish() {
     tally_.held_back = encoder_.drain();
-    companions_->finish(*output_);
+    companions_->finish(*output_, input_.origin() + input_.time_of(static_cast<int64_t>(tally_.pictures)));
+    output_->declare_captions(services_.names());
     // Packets are read ahead of the pictures, and more so the farther the codec looks ahead.
     if (observer_.stop_reason() != 0) output_->end_with_picture();
     output_->finish();

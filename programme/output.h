@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "encoding/picture_encoder.h"
 #include "programme/av.h"
@@ -21,6 +22,8 @@ struct OutputFormat {
     std::string_view codec;  ///< the elementary stream's, as the setting "encoder" names it; empty: any
     std::string_view muxer;  ///< libavformat's name of the container; empty: elementary stream
     Container container = Container::kElementary;
+    bool fragments = false;  ///< HLS: segments of fragmented MP4, not of a transport stream
+    double segment_seconds = kSegmentSeconds;
 
     /// Whether it has a place for the time code of the first picture.
     bool has_timecode() const;
@@ -66,6 +69,9 @@ public:
 
     /// Leaves out what has been passed from the end of the last picture on.
     virtual void end_with_picture() {}
+
+    /// The caption services in the pictures, as playlists name them: "CC1", "SERVICE1".
+    virtual void declare_captions(const std::vector<std::string>&) {}
 
     /// Packets that were left out since they overlapped those before them.
     virtual uint64_t overlapping() const { return 0; }

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <optional>
 #include <string>
 #include <utility>
@@ -6,6 +7,7 @@
 
 extern "C" {
 #include <libavutil/audio_fifo.h>
+#include <libavutil/samplefmt.h>
 }
 
 #include "encoding/error.h"
@@ -39,12 +41,14 @@ public:
     const AVCodecParameters& form() const override { return *form_; }
     AVRational time_base() const override { return encoder_->time_base; }
     std::vector<PacketPtr> convert(const AVPacket* packet) override;
+    void end_at(int64_t time) override { end_ = av_rescale_q(time, kTimeUnit, encoder_->time_base); }
     uint64_t refused() const override { return decoder_.refused() + refused_; }
     std::optional<Loudness> loudness() override;
 
 private:
     void open_encoder(const SoundForm& form, const std::optional<Ac3Metadata>& metadata);
     void take(AVFrame& frame);
+    void fill_with_silence();
     void encode_samples(int count);
     void encode(AVFrame* frame);
 
@@ -52,8 +56,9 @@ private:
     CodecContextPtr encoder_;
     ParametersPtr form_;
     std::optional<LoudnessMeter> meter_;
-    SamplesPtr samples_;   ///< decoded, and not yet encoded
-    int64_t encoded_ = 0;  ///< samples
+    SamplesPtr samples_;          ///< decoded, and not yet encoded
+    int64_t encoded_ = 0;         ///< samples
+    std::optional<int64_t> end_;  ///< in samples on the input's time line
     uint64_t refused_ = 0;
     std::vector<PacketPtr> packets_;
 };
@@ -96,6 +101,7 @@ void SoundConverter::open_encoder(const SoundForm& form, const std::optional<Ac3
 std::vector<PacketPtr> SoundConverter::convert(const AVPacket* packet) {
     decoder_.push(packet);
     if (!packet) {
+        fill_with_silence();
         encode_samples(av_audio_fifo_size(samples_.get()));
         encode(nullptr);
     }
@@ -110,6 +116,25 @@ void SoundConverter::take(AVFrame& frame) {
     const int whole = encoder_->frame_size;
     while (whole > 0 && av_audio_fifo_size(samples_.get()) >= whole) encode_samples(whole);
     if (whole == 0) encode_samples(av_audio_fifo_size(samples_.get()));
+}
+
+void SoundConverter::fill_with_silence() {
+    if (!end_ || !decoder_.begin()) return;
+    const int rate = encoder_->sample_rate;
+    const FramePtr silence = new_frame();
+    silence->format = encoder_->sample_fmt;
+    silence->sample_rate = rate;
+    silence->nb_samples = rate;
+    check_memory(av_channel_layout_copy(&silence->ch_layout, &encoder_->ch_layout) >= 0 &&
+                 av_frame_get_buffer(silence.get(), 0) >= 0);
+    av_samples_set_silence(silence->extended_data, 0, rate, encoder_->ch_layout.nb_channels,
+                           encoder_->sample_fmt);
+    for (;;) {
+        const int64_t end = *decoder_.begin() + encoded_ + av_audio_fifo_size(samples_.get());
+        silence->nb_samples = static_cast<int>(std::min<int64_t>(*end_ - end, rate));
+        if (silence->nb_samples <= 0) return;
+        take(*silence);
+    }
 }
 
 void SoundConverter::encode_samples(int count) {

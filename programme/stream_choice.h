@@ -53,6 +53,19 @@ struct TransportChoice {
     friend bool operator==(const TransportChoice&, const TransportChoice&) = default;
 };
 
+/// How long a segment of HLS is, as its makers recommend.
+inline constexpr double kSegmentSeconds = 6;
+
+/// How HLS is to be made.
+struct HlsChoice {
+    std::string segments;              ///< "ts" or "fmp4"; empty: "fmp4" for H.265, else "ts"
+    double seconds = kSegmentSeconds;  ///< of a segment; it ends with the next GOP
+
+    bool is_given() const { return *this != HlsChoice(); }
+
+    friend bool operator==(const HlsChoice&, const HlsChoice&) = default;
+};
+
 /// For how long a file's pause is filled with its last picture, in seconds, unless the user says.
 inline constexpr double kLongestRepeat = 60;
 

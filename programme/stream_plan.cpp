@@ -105,8 +105,8 @@ int choose_video(AVFormatContext& input, const std::string& path, const Chosen& 
 
 /// The containers that carry a stream, as their extensions.
 std::string containers_for(const AVCodecParameters& stream) {
-    constexpr std::array<std::string_view, kContainers.size()> kExtensions = {".ts", ".mp4", ".mov", ".mkv",
-                                                                              ".mxf"};
+    constexpr std::array<std::string_view, kContainers.size()> kExtensions = {".ts",  ".mp4", ".mov",
+                                                                              ".mkv", ".mxf", ".m3u8"};
     std::vector<std::string_view> taking;
     for (const Container container : kContainers)
         if (treatment_of(stream, container) == Treatment::kCarried)

@@ -10,10 +10,10 @@
 namespace gsve::programme {
 
 /// The containers that differ in what they take.
-enum class Container { kTransportStream, kMp4, kMov, kMatroska, kMxf, kElementary };
+enum class Container { kTransportStream, kMp4, kMov, kMatroska, kMxf, kHls, kElementary };
 
 inline constexpr std::array kContainers = {Container::kTransportStream, Container::kMp4, Container::kMov,
-                                           Container::kMatroska, Container::kMxf};
+                                           Container::kMatroska,        Container::kMxf, Container::kHls};
 
 /// As in the heads of tables: "TS", "MP4", ...
 std::string_view name_of(Container container);

@@ -99,6 +99,7 @@ std::string job_json(const EncodeJob& job) {
           {"program", job.transport.program},
           {"pmt_pid", job.transport.pmt_pid},
           {"pids", job.transport.pids}}},
+        {"hls", {{"segments", job.hls.segments}, {"seconds", job.hls.seconds}}},
         {"longest_repeat", job.longest_repeat},
         {"timecode", job.timecode},
         {"adapt", job.adapt},
@@ -149,6 +150,10 @@ EncodeJob parse_job(std::string_view json) {
     transport.read("pmt_pid", job.transport.pmt_pid);
     transport.read("pids", job.transport.pids);
     transport.expect_no_more();
+    Members hls(members.at("hls"), "\"hls\"");
+    hls.read("segments", job.hls.segments);
+    hls.read("seconds", job.hls.seconds);
+    hls.expect_no_more();
     members.read("longest_repeat", job.longest_repeat);
     members.read("timecode", job.timecode);
     members.read("adapt", job.adapt);

@@ -117,6 +117,7 @@ programme::EncodeJob job_of(const EncodeOptions& options) {
     job.choice = options.choice;
     job.sound = options.sound;
     job.transport = options.transport;
+    job.hls = options.hls;
     job.longest_repeat = options.longest_repeat;
     job.captions = options.captions;
     job.timecode = options.timecode;

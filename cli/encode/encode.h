@@ -21,6 +21,7 @@ struct EncodeOptions {
     programme::StreamChoice choice;
     programme::SoundChoice sound;
     programme::TransportChoice transport;
+    programme::HlsChoice hls;
     double longest_repeat = programme::kLongestRepeat;  ///< seconds
     programme::CaptionChoice captions;
     std::string timecode;  ///< of the first picture, at the encoded rate; "source": the input's; empty: none

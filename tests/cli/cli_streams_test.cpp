@@ -30,7 +30,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 
-constexpr const char* kExtensions[] = {".ts", ".mp4", ".mov", ".mkv", ".mxf"};
+constexpr const char* kExtensions[] = {".ts", ".mp4", ".mov", ".mkv", ".mxf", ".m3u8"};
 
 /// The program's table: kind of stream, and what becomes of it in each container.
 std::map<std::string, std::vector<std::string>> table() {
@@ -38,7 +38,7 @@ std::map<std::string, std::vector<std::string>> table() {
     std::istringstream lines(run({"streams"}).out);
     std::string line;
     std::getline(lines, line);
-    EXPECT_THAT(line, AllOf(HasSubstr("TS"), HasSubstr("MXF")));
+    EXPECT_THAT(line, AllOf(HasSubstr("TS"), HasSubstr("MXF"), HasSubstr("HLS")));
     while (std::getline(lines, line)) {
         const size_t name_end = line.find("  ");
         std::istringstream words(line.substr(name_end));

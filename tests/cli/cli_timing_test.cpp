@@ -147,18 +147,32 @@ protected:
             "--set",  "bitrate=1000000",          "--set", "h.264 preset=ultrafast"};
         arguments.insert(arguments.end(), shape.options.begin(), shape.options.end());
         arguments.insert(arguments.end(), target.options.begin(), target.options.end());
+        const bool is_mxf = std::string_view(target.extension) == ".mxf";
         const ProgramResult result = run(arguments);
+        if (is_mxf && shape.period == 0.08) {
+            EXPECT_THAT(result.err, HasSubstr("MXF has 24, 25, 30, 50 or 60 pictures/s"));
+            return;
+        }
         ASSERT_EQ(result.status, 0) << result.err;
-        EXPECT_THAT(result.err, HasSubstr(shape.note));
+        if (!is_mxf) {
+            EXPECT_THAT(result.err, HasSubstr(shape.note));
+        }
         const Events events = events_of(out);
         EXPECT_EQ(events.errors, 0);
         ASSERT_EQ(events.flashes.size(), shape.flashes.size());
-        ASSERT_EQ(events.clicks.size(), shape.clicks.size());
+        std::vector<double> clicks = shape.clicks;
+        // MXF is as long as its pictures.
+        if (is_mxf)
+            std::erase_if(clicks, [&](double time) {
+                return time < shape.flashes.front() - 0.4 || time > shape.flashes.back() + 0.6;
+            });
+        ASSERT_EQ(events.clicks.size(), clicks.size());
         // The zero is the output's own; it is that of the sound.
-        const double zero = events.clicks.back() - shape.clicks.back();
+        const double zero = events.clicks.back() - clicks.back();
         const double heard = std::max(target.tick, kSample) + target.smear + 3 * kSample;
+        for (size_t n = 0; n < clicks.size(); n++)
+            EXPECT_NEAR(events.clicks[n] - zero, clicks[n], heard) << "click " << n;
         for (size_t n = 0; n < shape.flashes.size(); n++) {
-            EXPECT_NEAR(events.clicks[n] - zero, shape.clicks[n], heard) << "click " << n;
             EXPECT_NEAR(events.flashes[n] - zero, shape.flashes[n], shape.period / 2 + heard)
                 << "flash " << n;
         }
@@ -176,6 +190,9 @@ TEST_P(Timing, IsKeptInEveryContainer) {
         {".mkv", 1.0 / 1000},
         {".ts", 1.0 / 90000, {"--codec", "mpeg-2", "--sound", "ac3"}, 0.0005},
         {".mp4", 1.0 / 48000, {"--sound", "aac"}, 0.0005},
+        {".mxf", 1.0 / 48000, {"--codec", "mpeg-2"}, 0.0005},
+        {".m3u8", 1.0 / 90000, {"--segments", "ts"}, 0.0005},
+        {".m3u8", 1.0 / 48000, {"--segments", "fmp4"}, 0.0005},
     };
     for (const Target& target : targets) {
         SCOPED_TRACE(std::string(target.extension) +

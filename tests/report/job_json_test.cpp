@@ -39,6 +39,7 @@ EncodeJob full_job() {
                  .loudness = -23.5,
                  .true_peak = -2};
     job.format = "ts";
+    job.hls = {.segments = "fmp4", .seconds = 4};
     job.transport = {.rate = 5'000'000,
                      .service = "Eins",
                      .provider = "Haus",
