@@ -80,8 +80,9 @@ TEST_F(Sound, IsBroughtToALoudnessInEveryTrack) {
     for (const auto& [out, target] :
          {std::pair("out.mkv", -23.0), std::pair("out.ts", -24.0), std::pair("out.mxf", -30.0)}) {
         SCOPED_TRACE(out);
-        const ProgramResult result =
-            encode("two.mkv", out, {"--loudness", std::to_string(target), "--report", "json"});
+        const ProgramResult result = encode("two.mkv", out,
+                                            {"--loudness", std::to_string(target), "--sound", "ac3",
+                                             "--sound-bitrate", "448k", "--report", "json"});
         ASSERT_EQ(result.status, 0) << result.err;
         const json streams = json::parse(result.out)["streams"];
         ASSERT_EQ(streams.size(), 2u);
