@@ -31,7 +31,7 @@
 namespace gsve::test {
 
 inline constexpr int kPictures = 5;
-inline constexpr int kWidth = 96, kHeight = 64;
+inline constexpr int kWidth = 64, kHeight = 48;
 inline const std::string kLongText(200, 't');
 
 /// A captioned, interlaced source that is scaled and deinterlaced by its motion, dumped to a file, with
@@ -52,8 +52,8 @@ public:
         codec_id = codec_of_subject;
         enabled = true;
         input_interlaced = 1;
-        resize_width = 80;
-        resize_height = 48;
+        resize_width = 48;
+        resize_height = 32;
         resize_deinterlace = 4;
         bitrate = 1000000;
         b_frames = codec_id == kH265 ? 0 : 1;
