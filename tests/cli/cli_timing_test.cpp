@@ -19,6 +19,7 @@ extern "C" {
 #include "support/media_files.h"
 #include "support/program.h"
 #include "support/scratch.h"
+#include "support/soft_telecine.h"
 
 namespace {
 
@@ -67,6 +68,13 @@ public:
                    "pcm_s16le paused.mkv");
         ffmpeg(dir,
                flash_and_click(4, "24000/1001") + "-c:v mpeg2video -b:v 1M -bf 2 -c:a ac3 -b:a 96k film.ts");
+        ffmpeg(dir,
+               flash_and_click(4, "24000/1001") +
+                   "-an -vf crop=160:96 -flags +ildct+ilme -c:v mpeg2video -b:v 1M -bf 0 -g 12 film.m2v");
+        write_bytes(path("telecine.m2v"), SoftTelecine(read_file(path("film.m2v")), false).stream());
+        put_into_container(path("telecine.m2v"), path("silent.ts"));
+        ffmpeg(dir,
+               "-i silent.ts " + flash_and_click(4) + "-map 0:v -map 2:a -c:v copy -c:a mp2 telecine.ts");
         join("mp2.ts", "mp2.ts", "again.ts");
         join("mp2.ts", "later.ts", "forward.ts");
         join("later.ts", "mp2.ts", "back.ts");
@@ -117,6 +125,7 @@ std::vector<Shape> shapes() {
         {"half of the pictures", "mp2.ts", four, four, {"--set", "frame rate limit=13"}, "", 0.08},
         {"twice the pictures", "mp2.ts", four, four, {"--rate", "50"}, "", 0.02},
         {"film", "film.ts", four, four, {}, "", 1001.0 / 24000},
+        {"soft telecine", "telecine.ts", four, four, {}, "", 0.075},
         {"a pause that is filled",
          "paused.mkv",
          paused,
