@@ -3,6 +3,7 @@
 // libavformat and libavfilter, as a programme uses them: one owner per kind of object, and all that differs
 // between FFmpeg's releases.
 
+#include <cstring>
 #include <memory>
 #include <span>
 
@@ -44,6 +45,27 @@ inline void describe_frames(AVBufferSrcParameters& parameters, const AVFrame& fr
 #if LIBAVFILTER_VERSION_MAJOR >= 10
     parameters.color_space = frame.colorspace;
     parameters.color_range = frame.color_range;
+#endif
+}
+
+/// Tells players of `to` to turn the picture as those of `from` do.
+inline void copy_rotation(AVStream& to, const AVStream& from) {
+#if LIBAVFORMAT_VERSION_INT >= AV_VERSION_INT(60, 15, 100)
+    const AVPacketSideData* matrix = av_packet_side_data_get(
+        from.codecpar->coded_side_data, from.codecpar->nb_coded_side_data, AV_PKT_DATA_DISPLAYMATRIX);
+    if (!matrix) return;
+    AVPacketSideData* copy =
+        av_packet_side_data_new(&to.codecpar->coded_side_data, &to.codecpar->nb_coded_side_data,
+                                AV_PKT_DATA_DISPLAYMATRIX, matrix->size, 0);
+    check_memory(copy != nullptr);
+    std::memcpy(copy->data, matrix->data, matrix->size);
+#else
+    size_t size = 0;
+    const uint8_t* matrix = av_stream_get_side_data(&from, AV_PKT_DATA_DISPLAYMATRIX, &size);
+    if (!matrix) return;
+    uint8_t* copy = av_stream_new_side_data(&to, AV_PKT_DATA_DISPLAYMATRIX, size);
+    check_memory(copy != nullptr);
+    std::memcpy(copy, matrix, size);
 #endif
 }
 

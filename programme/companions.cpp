@@ -1,14 +1,20 @@
 #include "programme/companions.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
+#include <span>
+#include <string_view>
 #include <utility>
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 extern "C" {
 #include <libavutil/intreadwrite.h>
 }
+
+#include "programme/muxer.h"
 
 namespace gsve::programme {
 namespace {
@@ -28,6 +34,44 @@ int bytes_per_sample(const AVCodecParameters& stream) {
     return av_get_exact_bits_per_sample(stream.codec_id) / 8 * stream.ch_layout.nb_channels;
 }
 
+/// What a frame of coded sound tells of its samples, in no unit; nothing where it does not tell. ISO/IEC
+/// 13818-7, 6.2 (ADTS); ATSC A/52, 5.3; ISO/IEC 11172-3, 2.4.1.3.
+std::optional<uint32_t> coded_form(AVCodecID codec, std::span<const uint8_t> frame) {
+    if (frame.size() < 8) return std::nullopt;
+    const uint32_t head = AV_RB32(frame.data());
+    switch (codec) {
+        case AV_CODEC_ID_AAC:
+            if (head >> 20 != 0xFFF) return std::nullopt;
+            return head >> 6 & 0xF7;  // sampling frequency and channels
+        case AV_CODEC_ID_AC3:
+            if (head >> 16 != 0x0B77) return std::nullopt;
+            return static_cast<uint32_t>(frame[4] >> 6 << 3 | frame[6] >> 5);
+        case AV_CODEC_ID_MP2:
+        case AV_CODEC_ID_MP3:
+            if (head >> 21 != 0x7FF) return std::nullopt;
+            return (head >> 10 & 3) << 8 | (head >> 17 & 0xF) << 1 | ((head >> 6 & 3) == 3);
+        default: return std::nullopt;
+    }
+}
+
+/// Whether a track has one description for all of its packets.
+bool describes_once(const OutputFormat& format) {
+    return format.container == Container::kMp4 || format.container == Container::kMov ||
+           format.container == Container::kMatroska ||
+           (format.container == Container::kHls && format.fragments);
+}
+
+/// Outputs that end with their last picture.
+bool ends_with_picture(Container container) {
+    return container == Container::kMxf || container == Container::kHls;
+}
+
+bool has_chapters(Container container) {
+    return container == Container::kMp4 || container == Container::kMov || container == Container::kMatroska;
+}
+
+bool is_sound(const AVStream& stream) { return stream.codecpar->codec_type == AVMEDIA_TYPE_AUDIO; }
+
 /// By an edit list: the packet is there for the decoder alone.
 bool is_left_out(const AVPacket& packet) { return packet.flags & AV_PKT_FLAG_DISCARD; }
 
@@ -35,7 +79,12 @@ bool is_left_out(const AVPacket& packet) { return packet.flags & AV_PKT_FLAG_DIS
 
 CompanionStreams::CompanionStreams(Input& input, const SoundChoice& sound, const OutputFormat& format,
                                    std::map<int, Loudness> loudness)
-    : input_(input), loudness_(std::move(loudness)), first_(input.take_packets()), zero_(input.origin()) {
+    : input_(input),
+      sound_(sound),
+      format_(format),
+      loudness_(std::move(loudness)),
+      first_(input.take_packets()),
+      zero_(input.origin()) {
     for (const PlannedStream& planned : input.plan().others) {
         const AVStream& source = *input.container().streams[planned.index];
         streams_.push_back(
@@ -47,6 +96,7 @@ CompanionStreams::CompanionStreams(Input& input, const SoundChoice& sound, const
              .start_up = nullptr,
              .damaged = 0,
              .written = 0,
+             .treatment = planned.treatment,
              .end = zero_});
     }
     int64_t earliest = zero_;
@@ -58,8 +108,7 @@ CompanionStreams::CompanionStreams(Input& input, const SoundChoice& sound, const
                                                        stream->source->time_base, kTimeUnit));
     }
     // MXF has its sound cut into what goes with each picture.
-    as_long_as_picture_ = format.container == Container::kMxf;
-    if (as_long_as_picture_)
+    if (format.container == Container::kMxf)
         heard_before_ = zero_ - earliest;
     else
         zero_ = earliest;
@@ -99,6 +148,7 @@ Companions CompanionStreams::companions() const {
     Companions companions;
     companions.input = &input_.container();
     companions.program = input_.plan().program;
+    companions.picture = input_.container().streams[input_.plan().video];
     for (const Stream& stream : streams_)
         companions.streams.push_back({.form = &stream.form(), .source = stream.source});
     companions.start = input_.origin() - zero_;
@@ -114,6 +164,7 @@ void CompanionStreams::pass(Output& output) {
         Stream* stream = find(packet->stream_index);
         if (!stream) continue;
         stream->damaged += (packet->flags & AV_PKT_FLAG_CORRUPT) != 0;
+        if (is_sound(*stream->source)) watch_pauses(*stream, *packet);
         if (!stream->converter) {
             carry(output, *stream, std::move(packet));
             continue;
@@ -126,17 +177,20 @@ void CompanionStreams::pass(Output& output) {
 void CompanionStreams::finish(Output& output, int64_t end) {
     pass(output);
     for (Stream& stream : streams_) {
-        if (!stream.converter) continue;
-        if (as_long_as_picture_) stream.converter->end_at(end);
-        for (PacketPtr& converted : stream.converter->convert(nullptr))
-            pass(output, stream, std::move(converted));
-        if (as_long_as_picture_) heard_after_ = std::max(heard_after_, stream.end - end);
+        if (stream.converter) {
+            if (format_.container == Container::kMxf) stream.converter->end_at(end);
+            for (PacketPtr& converted : stream.converter->convert(nullptr))
+                pass(output, stream, std::move(converted));
+        }
+        if (ends_with_picture(format_.container)) heard_after_ = std::max(heard_after_, stream.end - end);
     }
+    if (ends_with_picture(format_.container)) output.end_with_picture();
 }
 
 /// Of what an edit list leaves out, the packet that the decoder of the first one heard starts up with is
 /// carried.
 void CompanionStreams::carry(Output& output, Stream& stream, PacketPtr packet) {
+    if (describes_once(format_)) watch_form(stream, *packet);
     if (is_left_out(*packet)) {
         stream.start_up = std::move(packet);
         return;
@@ -144,6 +198,27 @@ void CompanionStreams::carry(Output& output, Stream& stream, PacketPtr packet) {
     if (stream.start_up) pass(output, stream, std::move(stream.start_up));
     if (stream.counts_samples) fill_pause(output, stream, *packet);
     pass(output, stream, std::move(packet));
+}
+
+void CompanionStreams::watch_form(Stream& stream, const AVPacket& packet) const {
+    const auto form = coded_form(stream.source->codecpar->codec_id, bytes_of(packet));
+    if (!form) return;
+    if (!stream.coded_form) stream.coded_form = form;
+    if (*form == *stream.coded_form || stream.form_changes) return;
+    const int64_t time = av_rescale_q(packet.pts, stream.source->time_base, kTimeUnit) - zero_;
+    stream.form_changes = static_cast<double>(time) * av_q2d(kTimeUnit);
+}
+
+void CompanionStreams::watch_pauses(Stream& stream, const AVPacket& packet) const {
+    if (packet.pts == AV_NOPTS_VALUE) return;
+    constexpr int64_t kShortest = 705'600'000 / 2;
+    const AVRational unit = stream.source->time_base;
+    const int64_t time = av_rescale_q(packet.pts, unit, kTimeUnit);
+    if (stream.heard_to && time - *stream.heard_to > kShortest) {
+        stream.pauses++;
+        stream.paused += time - *stream.heard_to;
+    }
+    stream.heard_to = time + av_rescale_q(packet.duration, unit, kTimeUnit);
 }
 
 /// Where a container tells the time by counting samples, silence keeps what comes after a pause in its place.
@@ -177,20 +252,100 @@ void CompanionStreams::pass(Output& output, Stream& stream, PacketPtr packet) {
     output.pass(static_cast<size_t>(&stream - streams_.data()), std::move(packet));
 }
 
+void CompanionStreams::describe_change(std::string& notes, const Stream& stream) const {
+    const AVCodecParameters &from = *stream.source->codecpar, &to = stream.form();
+    const std::string name = describe(*stream.source);
+    const char* const codec = avcodec_get_name(to.codec_id);
+    if (stream.treatment == Treatment::kConverted)
+        notes += fmt::format("{} is encoded as {}: {} does not take it as it is\n", name, codec,
+                             name_of(format_.container));
+    if (from.codec_type != AVMEDIA_TYPE_AUDIO) return;
+    if (sound_.layout.empty() && to.ch_layout.nb_channels != from.ch_layout.nb_channels)
+        notes += fmt::format("{}: its {} channels become {}, the most that {} takes\n", name,
+                             from.ch_layout.nb_channels, to.ch_layout.nb_channels, codec);
+    if (sound_.sample_rate == 0 && to.sample_rate != from.sample_rate)
+        notes += fmt::format("{}: its {} samples/s become {}, which {} takes\n", name, from.sample_rate,
+                             to.sample_rate, format_.container == Container::kMxf ? "MXF" : codec);
+    if (sound_.bit_rate > 0 && to.bit_rate != sound_.bit_rate)
+        notes += fmt::format("{} is encoded at {} bits/s: {} does not take {}\n", name, to.bit_rate, codec,
+                             sound_.bit_rate);
+}
+
+std::string CompanionStreams::opening_notes() const {
+    std::string notes;
+    const bool asks_for_form = sound_.bit_rate > 0 || !sound_.layout.empty() || sound_.sample_rate > 0;
+    bool has_language = false;
+    for (const Stream& stream : streams_) {
+        has_language |= !language_of(*stream.source).empty();
+        if (stream.converter && !stream.converter->keeps_coding())
+            describe_change(notes, stream);
+        else if (is_sound(*stream.source) && asks_for_form)
+            notes += fmt::format(
+                "{} stays as it is: --sound-bitrate, --sound-layout and --sound-rate are for sound that is "
+                "encoded, with --sound\n",
+                describe(*stream.source));
+    }
+    const std::string_view container = name_of(format_.container);
+    const AVFormatContext& input = input_.container();
+    if (input.nb_chapters > 0 && !has_chapters(format_.container))
+        notes += fmt::format("{} chapters are left out: {} has none; a .mp4, .mov or .mkv file has\n",
+                             input.nb_chapters, container);
+    std::vector<std::string> entries;
+    const AVDictionaryEntry* entry = nullptr;
+    while ((entry = av_dict_get(input.metadata, "", entry, AV_DICT_IGNORE_SUFFIX)))
+        if (!is_of_the_file(entry->key)) entries.emplace_back(entry->key);
+    if (!entries.empty() && !has_chapters(format_.container))
+        notes += fmt::format("the input's {} are left out: {} has no place for them; a .mkv file has\n",
+                             fmt::join(entries, ", "), container);
+    if (has_language && format_.container == Container::kMxf)
+        notes +=
+            "the languages of the sound are left out: MXF has no place for them; a .mov or .mkv file has\n";
+    return notes;
+}
+
+/// Where the loudness that was asked for was missed.
+std::string CompanionStreams::loudness_note(const Stream& stream) const {
+    constexpr double kNear = 0.5;
+    const auto loudness = sound_.loudness && stream.converter ? stream.converter->loudness() : std::nullopt;
+    if (!loudness || !loudness->integrated || std::abs(*loudness->integrated - *sound_.loudness) < kNear)
+        return "";
+    const auto before = loudness_.find(stream.index);
+    if (before == loudness_.end() || !before->second.integrated) return "";
+    return fmt::format("{} is at {:.1f} LUFS, not {:.1f}: {}\n", describe(*stream.source),
+                       *loudness->integrated, *sound_.loudness,
+                       level_for(sound_, before->second).ceiling
+                           ? fmt::format("its peaks had to be limited to {:.1f} dBTP", sound_.true_peak)
+                           : "its codec changes it by as much; --sound-bitrate gives it more bits");
+}
+
 std::string CompanionStreams::notes(const Output& output) const {
     std::string notes;
     const auto note_cut = [&](int64_t time, const char* place) {
-        if (time > kTimeUnit.den / 1000)
+        if (time > kTimeUnit.den / 10)
             notes += fmt::format(
-                "{:.3f} s of sound {} picture are left out: MXF is as long as its pictures; a .mov or .mkv "
-                "file has them\n",
-                static_cast<double>(time) * av_q2d(kTimeUnit), place);
+                "{:.3f} s of sound {} picture are left out: {} is as long as its pictures; a .mov or .mkv "
+                "file "
+                "has them\n",
+                static_cast<double>(time) * av_q2d(kTimeUnit), place, name_of(format_.container));
     };
     note_cut(heard_before_, "before the first");
     note_cut(heard_after_, "after the last");
-    for (const Stream& stream : streams_)
+    for (const Stream& stream : streams_) {
         if (stream.lost() > 0)
             notes += fmt::format("{}: {} packets are damaged\n", describe(*stream.source), stream.lost());
+        if (stream.pauses > 0)
+            notes +=
+                fmt::format("{}: nothing comes {} times, for {:.3f} s in all\n", describe(*stream.source),
+                            stream.pauses, static_cast<double>(stream.paused) * av_q2d(kTimeUnit));
+        if (stream.form_changes)
+            notes += fmt::format(
+                "{}: its form changes after {:.3f} s, and players of {} take all for the first one; --sound "
+                "{} "
+                "makes it one\n",
+                describe(*stream.source), *stream.form_changes, name_of(format_.container),
+                conversion_of(AVMEDIA_TYPE_AUDIO, format_.container));
+        notes += loudness_note(stream);
+    }
     if (const uint64_t overlapping = output.overlapping(); overlapping > 0)
         notes += fmt::format(
             "{} packets beside the pictures overlapped others where clocks jumped, and are left out\n",

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -36,6 +37,9 @@ public:
     /// input's time line.
     void finish(Output& output, int64_t end);
 
+    /// What the output does otherwise than the input, or has no room for, a line each.
+    std::string opening_notes() const;
+
     /// What was lost of the streams so far, a line each.
     std::string notes(const Output& output) const;
 
@@ -52,6 +56,12 @@ private:
         PacketPtr start_up;                          ///< the latest that an edit list leaves out
         uint64_t damaged = 0;                        ///< packets, as the container says
         uint64_t written = 0;                        ///< packets
+        uint64_t pauses = 0;                         ///< of sound, where none came
+        std::optional<int64_t> heard_to = {};        ///< end of the latest packet of sound, in kTimeUnit
+        int64_t paused = 0;                          ///< how long they were in all, in kTimeUnit
+        std::optional<uint32_t> coded_form = {};     ///< of the first packet
+        std::optional<double> form_changes = {};     ///< after so many seconds
+        Treatment treatment = Treatment::kCarried;   ///< what the container makes of it
         int64_t end = 0;  ///< of the latest of them, in kTimeUnit on the input's time line
 
         uint64_t lost() const { return std::max(damaged, converter ? converter->refused() : 0); }
@@ -63,19 +73,24 @@ private:
                                                   const SoundChoice& sound, const OutputFormat& format) const;
     const AVPacket* first_of(int index) const;
     void carry(Output& output, Stream& stream, PacketPtr packet);
+    void watch_form(Stream& stream, const AVPacket& packet) const;
+    void watch_pauses(Stream& stream, const AVPacket& packet) const;
+    std::string loudness_note(const Stream& stream) const;
+    void describe_change(std::string& notes, const Stream& stream) const;
     void fill_pause(Output& output, Stream& stream, const AVPacket& packet);
     void pass(Output& output, Stream& stream, PacketPtr packet);
     void place(AVPacket& packet, const Stream& stream) const;
 
     Input& input_;
+    SoundChoice sound_;
+    OutputFormat format_;
     std::map<int, Loudness> loudness_;
     std::vector<PacketPtr> first_;  ///< read before the output was open
     std::vector<Stream> streams_;
     // By how much sound is longer than the pictures of an output that has no room for it, in kTimeUnit.
     int64_t heard_before_ = 0;
     int64_t heard_after_ = 0;
-    bool as_long_as_picture_ = false;  ///< such an output
-    int64_t zero_;                     ///< on the input's time line, where the output's begins
+    int64_t zero_;  ///< on the input's time line, where the output's begins
 };
 
 }  // namespace gsve::programme

@@ -1,6 +1,7 @@
 #include "programme/encode_job.h"
 
 #include <algorithm>
+#include <cmath>
 #include <string_view>
 
 #include <fmt/format.h>
@@ -40,6 +41,9 @@ std::optional<captions::FrameRate> job_frame_rate(const EncodeJob& job) {
             fmt::format("--rate takes a frame rate such as 25 or 30000/1001, not \"{}\"", job.frame_rate));
     if (av_q2d(rate) < 1 || av_q2d(rate) > 1000)
         throw UsageError(fmt::format("--rate takes 1 to 1000 pictures/s, not \"{}\"", job.frame_rate));
+    // 29.97 and the like are short for what broadcast has.
+    for (const int whole : {24, 30, 48, 60, 120})
+        if (std::abs(av_q2d(rate) - whole / 1.001) < 0.005) rate = {whole * 1000, 1001};
     return captions::FrameRate{rate.num, rate.den};
 }
 
@@ -94,6 +98,12 @@ void check(const EncodeJob& job) {
     job_frame_rate(job);
     check_output(job.output, job.format, job.input);
     check(job.sound, job);
+    if (format.container == Container::kMxf) {
+        if (codec == "h.265") throw UsageError("MXF does not take h.265; choose mpeg-2 or h.264");
+        if (!job.sound.codec.empty() || (job.sound.sample_rate != 0 && job.sound.sample_rate != 48'000))
+            throw UsageError(
+                "MXF has its sound as PCM at 48000 samples/s; leave --sound and --sound-rate out");
+    }
     if (format.container == Container::kHls && job.sound.codec == "mp2")
         throw UsageError("--sound mp2: players of HLS do not take it; choose aac, ac3 or eac3");
     check(job.transport, format);

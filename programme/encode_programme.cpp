@@ -7,6 +7,7 @@
 #include <limits>
 #include <map>
 #include <memory>
+#include <set>
 #include <stdexcept>
 
 #include <fmt/format.h>
@@ -76,6 +77,23 @@ Ancillary signalled_by(const Picture& picture) {
     ancillary.display_aspect = picture.display_aspect;
     ancillary.field_order = picture.field_order;
     return ancillary;
+}
+
+/// Throws UsageError where two of a transport stream's streams would have one PID.
+void check_pids(const TransportChoice& transport, size_t streams) {
+    constexpr int kUsualTable = 0x1000, kUsualFirst = 0x100;  // libavformat's
+    if (transport.pids.size() > streams)
+        throw UsageError(
+            fmt::format("--pids has {} PIDs for {} streams: leave some out", transport.pids.size(), streams));
+    std::set<int> used = {transport.pmt_pid > 0 ? transport.pmt_pid : kUsualTable};
+    for (size_t n = 0; n < streams; n++) {
+        const int pid = n < transport.pids.size() ? transport.pids[n] : kUsualFirst + static_cast<int>(n);
+        if (!used.insert(pid).second)
+            throw UsageError(fmt::format(
+                "--pids, --pmt-pid: {} is that of another stream, or of the program's table; --pids with {} "
+                "PIDs gives each its own",
+                pid, streams));
+    }
 }
 
 class ProgrammeEncoding {
@@ -211,6 +229,12 @@ void ProgrammeEncoding::open_timecodes() {
     // A container's own place is filled with the input's time code unasked; GOP headers only where it is
     // wanted.
     const bool carried = job_.timecode.empty() && format_.has_timecode() && !input_.timecode().empty();
+    if (job_.timecode.empty() && !format_.has_timecode() && input_.container_has_timecode())
+        observer_.note(
+            fmt::format("the input's time code {} is left out: {}\n", input_.timecode(),
+                        encoder_.codec_id == encoding::kMpeg2
+                            ? "--timecode source carries it in GOP headers"
+                            : "H.264 and H.265 have no place for it here; a .mov or .mp4 file has"));
     if (job_.timecode.empty() && !carried) return;
     const bool of_input = carried || job_.timecode == kSourceTimecode;
     const captions::FrameRate encoded = encoding::caption_rate(encoder_.encoded_rate());
@@ -247,27 +271,35 @@ std::map<int, Loudness> ProgrammeEncoding::measured_loudness() {
 
 void ProgrammeEncoding::open_output() {
     companions_.emplace(input_, job_.sound, format_, measured_loudness());
+    observer_.note(companions_->opening_notes());
     Companions companions = companions_->companions();
     companions.transport = job_.transport;
     if (job_.transport.rate > 0) check_mux_rate(companions);
     if (format_.container == Container::kMxf) check_mxf_rate();
+    if (format_.container == Container::kTransportStream)
+        check_pids(job_.transport, companions.streams.size() + 1);
     if (format_.has_timecode()) companions.timecode = first_timecode_;
     output_ = programme::open_output(format_, job_.output, encoder_, companions);
 }
 
 /// Throws UsageError where the streams do not fit into the transport stream.
 void ProgrammeEncoding::check_mux_rate(const Companions& companions) const {
-    // Packet headers, tables and clocks: PES and transport packets' share, and what is repeated every tenth
-    // of a second.
-    constexpr double kShare = 1.04, kTables = 40'000, kUnknownSound = 448'000;
-    double needed = std::max(encoder_.bitrate, encoder_.max_bitrate);
+    // Every transport packet has a header; every PES packet one of its own, and fills up its last transport
+    // packet. Sound is gathered into PES packets of 2930 bytes, a picture has one. Tables come every tenth of
+    // a second, clocks every 20 ms.
+    constexpr double kPackets = 188.0 / 184, kPes = 8 * (188 + 27), kTables = 33'000, kClocks = 75'000;
+    constexpr double kSoundPes = 8 * 2930;
+    constexpr double kUnknownSound = 448'000, kUnknownSubtitles = 200'000, kUnknownData = 50'000;
+    double needed = std::max(encoder_.bitrate, encoder_.max_bitrate) * kPackets +
+                    encoding::caption_rate(encoder_.encoded_rate()).per_second() * kPes + kTables + kClocks;
     for (const Companions::Stream& stream : companions.streams) {
-        const bool is_sound = stream.form->codec_type == AVMEDIA_TYPE_AUDIO;
-        needed += stream.form->bit_rate > 0 ? static_cast<double>(stream.form->bit_rate)
-                  : is_sound                ? kUnknownSound
-                                            : 0;
+        const AVMediaType type = stream.form->codec_type;
+        const double rate = stream.form->bit_rate > 0       ? static_cast<double>(stream.form->bit_rate)
+                            : type == AVMEDIA_TYPE_AUDIO    ? kUnknownSound
+                            : type == AVMEDIA_TYPE_SUBTITLE ? kUnknownSubtitles
+                                                            : kUnknownData;
+        needed += rate * kPackets + (rate / kSoundPes + 3) * kPes;
     }
-    needed = needed * kShare + kTables;
     if (static_cast<double>(job_.transport.rate) < needed)
         throw UsageError(
             fmt::format("--mux-rate {} is too low for the picture, the sound and what is inserted: give at "

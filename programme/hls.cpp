@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -56,19 +57,34 @@ public:
     std::string operator/(const std::string& name) const { return written_ / name; }
     std::string name() const { return target_.filename(); }
 
-    /// Puts the folder in place, and then the playlist that names what is in it.
+    /// Puts the folder and the playlist that names what is in it in place: both, or none.
     void commit(const std::string& playlist) {
-        std::error_code error;
+        OutputFile master(path_);
+        write_bytes(master, playlist);
         const fs::path old = hidden(fmt::format("{}.old", getpid()));
-        if (fs::exists(target_)) fs::rename(target_, old, error);
-        if (!error) fs::rename(written_, target_, error);
-        if (error) fail_to_write(path_, AVERROR(error.value()));
+        const bool replaces = fs::exists(target_);
+        if (replaces) move(target_, old);
+        try {
+            move(written_, target_);
+            master.commit();
+        } catch (...) {
+            std::error_code none;
+            if (fs::exists(target_)) fs::rename(target_, written_, none);
+            if (replaces) fs::rename(old, target_, none);
+            throw;
+        }
         written_.clear();
-        write_file(path_, playlist);
-        fs::remove_all(old, error);
+        std::error_code none;
+        fs::remove_all(old, none);
     }
 
 private:
+    void move(const fs::path& from, const fs::path& to) const {
+        std::error_code error;
+        fs::rename(from, to, error);
+        if (error) fail_to_write(path_, AVERROR(error.value()));
+    }
+
     fs::path hidden(const std::string& end) const {
         return target_.parent_path() / fmt::format(".{}.{}", target_.filename().string(), end);
     }
@@ -148,6 +164,23 @@ std::string h265_name(std::span<const uint8_t> unit) {
 /// In edit lists, a track's start is rounded to this unit: the default's is a millisecond.
 constexpr const char* kPreciseEdits = "movie_timescale=90000";
 
+/// The short name of a language (RFC 5646), where the long one that containers have (ISO 639-2) is a usual
+/// one; else itself.
+std::string short_language(const std::string& name) {
+    constexpr std::array<std::pair<std::string_view, std::string_view>, 38> kLanguages = {{
+        {"ara", "ar"}, {"bul", "bg"}, {"ces", "cs"}, {"chi", "zh"}, {"cym", "cy"}, {"cze", "cs"},
+        {"dan", "da"}, {"deu", "de"}, {"dut", "nl"}, {"ell", "el"}, {"eng", "en"}, {"est", "et"},
+        {"fin", "fi"}, {"fra", "fr"}, {"fre", "fr"}, {"ger", "de"}, {"gle", "ga"}, {"gre", "el"},
+        {"heb", "he"}, {"hin", "hi"}, {"hrv", "hr"}, {"hun", "hu"}, {"ita", "it"}, {"jpn", "ja"},
+        {"kor", "ko"}, {"nld", "nl"}, {"nor", "no"}, {"pol", "pl"}, {"por", "pt"}, {"ron", "ro"},
+        {"rum", "ro"}, {"rus", "ru"}, {"slk", "sk"}, {"spa", "es"}, {"swe", "sv"}, {"tur", "tr"},
+        {"ukr", "uk"}, {"zho", "zh"},
+    }};
+    for (const auto& [known, brief] : kLanguages)
+        if (known == name) return std::string(brief);
+    return name;
+}
+
 /// Sound in a playlist of its own.
 struct Rendition {
     std::string name;      ///< of its files
@@ -202,7 +235,7 @@ private:
             };
             Rendition rendition = {.name = fmt::format("sound-{}", found.size() + 1),
                                    .title = told("title"),
-                                   .language = told("language"),
+                                   .language = short_language(told("language")),
                                    .is_default = (stream.source->disposition & AV_DISPOSITION_DEFAULT) != 0};
             if (rendition.title.empty())
                 rendition.title = fmt::format(

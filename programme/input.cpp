@@ -190,6 +190,11 @@ std::string Input::timing_notes() const {
         notes += fmt::format("the input has no picture for {:.3f} s: {}\n",
                              static_cast<double>(pause.lasted) * av_q2d(packets_.stream().time_base),
                              pause.skipped ? "the output has none either" : "the one before is repeated");
+    for (const int late : packets_.late_streams())
+        notes += fmt::format(
+            "stream {} begins after the output's header was written, and is left out: it is known from the "
+            "start only in a file\n",
+            late);
     if (pauses.size() > kMostNamed)
         notes += fmt::format("the input has {} more such pauses\n", pauses.size() - kMostNamed);
     return notes;

@@ -111,6 +111,7 @@ public:
 
     /// Time code of the first picture, as the stream or its container has it; empty: none.
     const std::string& timecode() const { return timecode_; }
+    bool container_has_timecode() const { return container_has_timecode_; }
 
     uint64_t decoded() const { return decoder_.decoded(); }  ///< pictures that came out of the decoder
     std::optional<uint64_t> expected_pictures() const;       ///< as far as the container tells

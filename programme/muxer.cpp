@@ -1,6 +1,8 @@
 #include "programme/muxer.h"
 
 #include <algorithm>
+#include <cctype>
+#include <iterator>
 #include <string_view>
 
 #include <fmt/format.h>
@@ -12,15 +14,6 @@
 namespace gsve::programme {
 namespace {
 
-/// Entries that name the file that was read, or how it was written.
-bool is_of_the_file(std::string_view key) {
-    constexpr std::string_view kKeys[] = {"major_brand", "minor_version", "compatible_brands", "encoder",
-                                          "duration",    "handler_name",  "vendor_id",         "timecode"};
-    return std::find(std::begin(kKeys), std::end(kKeys), key) != std::end(kKeys) ||
-           key.starts_with("DURATION") || key.starts_with("_STATISTICS") || key.starts_with("NUMBER_OF_") ||
-           key == "BPS";
-}
-
 void copy_metadata(AVDictionary*& to, const AVDictionary* from) {
     const AVDictionaryEntry* entry = nullptr;
     while ((entry = av_dict_get(from, "", entry, AV_DICT_IGNORE_SUFFIX)))
@@ -28,6 +21,18 @@ void copy_metadata(AVDictionary*& to, const AVDictionary* from) {
 }
 
 }  // namespace
+
+bool is_of_the_file(std::string_view key) {
+    constexpr std::string_view kKeys[] = {"major_brand", "minor_version", "compatible_brands",
+                                          "encoder",     "duration",      "handler_name",
+                                          "vendor_id",   "timecode",      "bps"};
+    constexpr std::string_view kBeginnings[] = {"duration", "_statistics", "number_of_"};
+    std::string name(key);  // which containers write in capitals, too
+    for (char& letter : name) letter = static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
+    return std::find(std::begin(kKeys), std::end(kKeys), name) != std::end(kKeys) ||
+           std::any_of(std::begin(kBeginnings), std::end(kBeginnings),
+                       [&](std::string_view beginning) { return name.starts_with(beginning); });
+}
 
 Muxer::Muxer(const OutputFormat& format, const MuxerTarget& target, const encoding::PictureEncoder& encoder,
              const Companions& companions)
@@ -41,11 +46,13 @@ Muxer::Muxer(const OutputFormat& format, const MuxerTarget& target, const encodi
     check(avformat_alloc_output_context2(&context, nullptr, std::string(format.muxer).c_str(),
                                          target.url.c_str()));
     output_.reset(context);
-    add_picture(encoder, format.container == Container::kHls);
+    add_picture(encoder, companions.picture, format.container == Container::kHls);
     for (const Companions::Stream& stream : companions.streams) add(stream);
     describe(companions);
     describe(companions.transport);
-    // The multiplexer of several files opens them itself.
+    // The multiplexer of several files opens them itself, and does not look whether they were written.
+    context->opaque = this;
+    context->io_close2 = close_segment;
     if (!(context->oformat->flags & AVFMT_NOFILE))
         check(avio_open(&context->pb, target.url.c_str(), AVIO_FLAG_WRITE));
     context->max_delay = AV_TIME_BASE * 7 / 10;  // a transport stream's clock runs this far ahead
@@ -78,10 +85,11 @@ void Muxer::end_with_picture() { waiting_.erase(waiting_.lower_bound(picture_end
 void Muxer::finish() {
     write_waiting(std::numeric_limits<int64_t>::max());
     check(av_write_trailer(output_.get()));
+    check(segment_error_);
     if (output_->pb) check(avio_closep(&output_->pb));
 }
 
-void Muxer::add_picture(const encoding::PictureEncoder& encoder, bool is_hls) {
+void Muxer::add_picture(const encoding::PictureEncoder& encoder, const AVStream* source, bool is_hls) {
     AVStream* stream = avformat_new_stream(output_.get(), nullptr);
     check_memory(stream != nullptr);
     check(avcodec_parameters_from_context(stream->codecpar, encoder.mpeg_context));
@@ -101,6 +109,15 @@ void Muxer::add_picture(const encoding::PictureEncoder& encoder, bool is_hls) {
     stream->avg_frame_rate = {encoder.frame_rate_num,
                               encoder.frame_rate_den * static_cast<int>(encoder.frame_rate_divider)};
     stream->sample_aspect_ratio = stream->codecpar->sample_aspect_ratio;
+    if (!source) return;
+    stream->disposition = source->disposition;
+    copy_metadata(stream->metadata, source->metadata);
+    AVCodecParameters& form = *stream->codecpar;
+    if (form.color_primaries == AVCOL_PRI_UNSPECIFIED)
+        form.color_primaries = source->codecpar->color_primaries;
+    if (form.color_trc == AVCOL_TRC_UNSPECIFIED) form.color_trc = source->codecpar->color_trc;
+    if (form.color_space == AVCOL_SPC_UNSPECIFIED) form.color_space = source->codecpar->color_space;
+    copy_rotation(*stream, *source);
 }
 
 void Muxer::add(const Companions::Stream& companion) {
@@ -195,6 +212,7 @@ void Muxer::write(AVPacket& packet, int index) {
     } else {
         check(av_write_frame(output_.get(), &packet));
     }
+    check(segment_error_);
     if (output_->pb) check(output_->pb->error);  // of an earlier packet, which was written only now
 }
 
@@ -218,6 +236,17 @@ void Muxer::make_rise(AVPacket& packet, Written& written) const {
         packet.dts = std::max(packet.dts, written.dts + (may_repeat ? 0 : 1));
     if (packet.pts != AV_NOPTS_VALUE) packet.pts = std::max(packet.pts, packet.dts);
     written.dts = packet.dts;
+}
+
+int Muxer::close_segment(AVFormatContext* output, AVIOContext* file) {
+    if (!file) return 0;
+    avio_flush(file);
+    const int before = file->error;
+    const int closed = avio_close(file);
+    const int error = before < 0 ? before : closed;
+    int& kept = static_cast<Muxer*>(output->opaque)->segment_error_;
+    if (kept == 0) kept = std::min(error, 0);
+    return error;
 }
 
 void Muxer::check(int result) const {

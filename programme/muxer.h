@@ -7,6 +7,7 @@
 #include <limits>
 #include <map>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -15,6 +16,9 @@
 #include "programme/output.h"
 
 namespace gsve::programme {
+
+/// Whether an entry of metadata names the file that was read, or how it was written.
+bool is_of_the_file(std::string_view key);
 
 /// Where a container goes.
 struct MuxerTarget {
@@ -47,7 +51,7 @@ private:
         int64_t dts = std::numeric_limits<int64_t>::min();   ///< in the stream's unit
     };
 
-    void add_picture(const encoding::PictureEncoder& encoder, bool is_hls);
+    void add_picture(const encoding::PictureEncoder& encoder, const AVStream* source, bool is_hls);
     void add(const Companions::Stream& companion);
     void describe(const Companions& companions);
     void describe(const TransportChoice& transport);
@@ -59,6 +63,7 @@ private:
     bool follows(const AVPacket& packet, Written& written);
     void make_rise(AVPacket& packet, Written& written) const;
     void check(int result) const;
+    static int close_segment(AVFormatContext* output, AVIOContext* file);
 
     std::string path_;
     bool edit_units_;  ///< the multiplexer cuts sound into what goes with each picture
@@ -73,6 +78,7 @@ private:
     int64_t latest_ = 0;
     int64_t picture_end_ = 0;
     uint64_t overlapping_ = 0;
+    int segment_error_ = 0;  ///< of a file that the multiplexer opened and closed itself
 };
 
 }  // namespace gsve::programme

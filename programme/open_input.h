@@ -2,7 +2,9 @@
 
 // Opening a media file.
 
+#include <filesystem>
 #include <string>
+#include <system_error>
 
 #include <fmt/format.h>
 
@@ -19,6 +21,12 @@ inline InputPtr open_input(const std::string& path, AVIOInterruptCB interrupt = 
     check_memory(context != nullptr);
     context->interrupt_callback = interrupt;
     context->correct_ts_overflow = 0;  // it knows of one wrap alone; the time line knows of all
+    // A stream may be announced long before it begins. Only where one's form is not known is so much read.
+    std::error_code none;
+    if (std::filesystem::is_regular_file(path, none)) {
+        context->probesize = 64'000'000;
+        context->max_analyze_duration = 60 * int64_t{AV_TIME_BASE};
+    }
     if (const int error = avformat_open_input(&context, input_url(path).c_str(), nullptr, nullptr); error < 0)
         throw Failure(
             fmt::format("cannot open {}: {}; {}", path, av_error_text(error), opening_advice(error)));

@@ -49,6 +49,7 @@ struct Companions {
 
     const AVFormatContext* input = nullptr;  ///< its metadata and chapters are taken; null: there are none
     const AVProgram* program = nullptr;      ///< the input's; null: it has none
+    const AVStream* picture = nullptr;       ///< the input's
     std::vector<Stream> streams;
     TransportChoice transport;
     std::string timecode;  ///< of the first picture; empty: none

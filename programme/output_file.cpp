@@ -100,14 +100,19 @@ void OutputFile::commit() {
     forget(written_);
 }
 
-void write_file(const std::string& path, const std::string& bytes) {
-    OutputFile output(path);
+void write_bytes(const OutputFile& output, const std::string& bytes) {
+    const std::string& path = output.path();
     std::FILE* const file = std::fopen(output.written_path().c_str(), "wb");
     if (!file) fail_to_write(path, AVERROR(errno));
     const bool written = std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
     const int error = errno;
     const bool closed = std::fclose(file) == 0;
     if (!written || !closed) fail_to_write(path, AVERROR(written ? errno : error));
+}
+
+void write_file(const std::string& path, const std::string& bytes) {
+    OutputFile output(path);
+    write_bytes(output, bytes);
     output.commit();
 }
 

@@ -33,6 +33,9 @@ private:
 /// signal handler.
 void remove_temporary_files();
 
+/// Writes the whole of a file that is not yet committed. Throws Failure.
+void write_bytes(const OutputFile& output, const std::string& bytes);
+
 /// Writes a whole file in this way. Throws Failure.
 void write_file(const std::string& path, const std::string& bytes);
 

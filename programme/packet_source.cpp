@@ -96,6 +96,9 @@ int PacketSource::read_any() {
     }
     const auto index = static_cast<unsigned>(packet->stream_index);
     // A stream that appears only now has no place in the output any more.
+    if (index >= planned_ && reading_.container != Container::kElementary &&
+        std::find(late_streams_.begin(), late_streams_.end(), packet->stream_index) == late_streams_.end())
+        late_streams_.push_back(packet->stream_index);
     if (index >= planned_ || format_->streams[index]->discard == AVDISCARD_ALL) return 0;
     if (format_->streams[index] == stream_) note_extent(*packet);
     timeline_.put(std::move(packet));

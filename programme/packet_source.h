@@ -58,6 +58,9 @@ public:
     /// The packets of other streams that were read since the last call, in their order.
     std::vector<PacketPtr> take_others() { return std::exchange(others_, {}); }
 
+    /// Streams that began when the output's header was written, and are left out.
+    const std::vector<int>& late_streams() const { return late_streams_; }
+
     /// Where the input's clock was set anew, so far.
     const std::vector<ClockJump>& clock_jumps() const { return timeline_.jumps(); }
 
@@ -94,6 +97,7 @@ private:
     AVStream* stream_;
     Timeline timeline_;
     unsigned planned_;  ///< streams when the file was opened
+    std::vector<int> late_streams_;
     int read_end_ = 0;  ///< what reading the file ended with
     std::vector<PacketPtr> others_;
     UnitJoiner joiner_;

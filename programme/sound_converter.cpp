@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cmath>
 #include <optional>
 #include <string>
 #include <utility>
@@ -34,6 +35,41 @@ std::optional<Ac3Metadata> metadata_for(const AVPacket* first, const SoundChoice
     return metadata;
 }
 
+/// Hears what an encoder made, as a receiver does.
+class CodedMeter {
+public:
+    explicit CodedMeter(const AVCodecParameters& form) : form_(form) {
+        const AVCodec* codec = avcodec_find_decoder(form.codec_id);
+        decoder_.reset(avcodec_alloc_context3(codec));
+        check_memory(decoder_ && avcodec_parameters_to_context(decoder_.get(), &form) >= 0);
+        if (const int error = avcodec_open2(decoder_.get(), codec, nullptr); error < 0)
+            throw Failure(fmt::format("cannot hear what {} encodes: {}; leave --loudness out",
+                                      avcodec_get_name(form.codec_id), av_error_text(error)));
+    }
+
+    /// Null: there is no more.
+    void add(const AVPacket* packet) {
+        avcodec_send_packet(decoder_.get(), packet);
+        while (avcodec_receive_frame(decoder_.get(), frame_.get()) >= 0) {
+            if (frame_->ch_layout.order == AV_CHANNEL_ORDER_UNSPEC)
+                check_memory(av_channel_layout_copy(&frame_->ch_layout, &form_.ch_layout) >= 0);
+            if (!meter_) meter_.emplace(form_of(*frame_));
+            meter_->add(*frame_);
+            av_frame_unref(frame_.get());
+        }
+    }
+
+    Loudness loudness() {
+        return meter_ ? meter_->finish() : Loudness{.integrated = {}, .true_peak = -HUGE_VAL};
+    }
+
+private:
+    const AVCodecParameters& form_;
+    CodecContextPtr decoder_;
+    FramePtr frame_ = new_frame();
+    std::optional<LoudnessMeter> meter_;
+};
+
 class SoundConverter final : public StreamConverter {
 public:
     SoundConverter(const AVStream& source, const AVPacket* first, const SoundForm& form);
@@ -55,7 +91,7 @@ private:
     SoundDecoder decoder_;
     CodecContextPtr encoder_;
     ParametersPtr form_;
-    std::optional<LoudnessMeter> meter_;
+    std::optional<CodedMeter> meter_;
     SamplesPtr samples_;          ///< decoded, and not yet encoded
     int64_t encoded_ = 0;         ///< samples
     std::optional<int64_t> end_;  ///< in samples on the input's time line
@@ -91,7 +127,7 @@ void SoundConverter::open_encoder(const SoundForm& form, const std::optional<Ac3
                         name, samples.layout, samples.rate, encoder_->bit_rate, av_error_text(error)));
     form_.reset(avcodec_parameters_alloc());
     check_memory(form_ && avcodec_parameters_from_context(form_.get(), encoder_.get()) >= 0);
-    if (form.choice.loudness) meter_.emplace(samples);
+    if (form.choice.loudness) meter_.emplace(*form_);
 
     const auto begin =
         form.begin ? std::optional(av_rescale_q(*form.begin, kTimeUnit, encoder_->time_base)) : std::nullopt;
@@ -109,7 +145,6 @@ std::vector<PacketPtr> SoundConverter::convert(const AVPacket* packet) {
 }
 
 void SoundConverter::take(AVFrame& frame) {
-    if (meter_) meter_->add(frame);
     const int count = frame.nb_samples;
     void** const data = reinterpret_cast<void**>(frame.extended_data);
     check_memory(av_audio_fifo_write(samples_.get(), data, count) == count);
@@ -159,13 +194,15 @@ void SoundConverter::encode(AVFrame* frame) {
     }
     for (;;) {
         PacketPtr packet = new_packet();
-        if (avcodec_receive_packet(encoder_.get(), packet.get()) < 0) return;
+        if (avcodec_receive_packet(encoder_.get(), packet.get()) < 0) break;
+        if (meter_) meter_->add(packet.get());
         packets_.push_back(std::move(packet));
     }
+    if (!frame && meter_) meter_->add(nullptr);
 }
 
 std::optional<Loudness> SoundConverter::loudness() {
-    return meter_ ? std::optional(meter_->finish()) : std::nullopt;
+    return meter_ ? std::optional(meter_->loudness()) : std::nullopt;
 }
 
 }  // namespace

@@ -26,6 +26,13 @@ struct Layout {
     bool valid = false;
 };
 
+/// AAC has its surround channels behind the listener; with those beside, it needs a description that few
+/// players read.
+std::string usual_layout(const AVCodec& encoder, const std::string& layout) {
+    if (encoder.id != AV_CODEC_ID_AAC) return layout;
+    return layout == "5.1(side)" ? "5.1" : layout == "5.0(side)" ? "5.0" : layout;
+}
+
 /// What the encoder takes of the wanted layout, or, where none was asked for, the most channels of the
 /// source's.
 std::string choose_layout(const AVCodec& encoder, const std::string& source, const std::string& wanted) {
@@ -35,7 +42,7 @@ std::string choose_layout(const AVCodec& encoder, const std::string& source, con
         throw UsageError(
             fmt::format("--sound-layout takes a layout such as mono, stereo or 5.1, not \"{}\"", wanted));
     const auto supported = channel_layouts(encoder);
-    if (supported.empty()) return name;
+    if (supported.empty()) return wanted.empty() ? usual_layout(encoder, name) : name;
     const AVChannelLayout* best = nullptr;
     for (const AVChannelLayout& other : supported) {
         if (av_channel_layout_compare(&other, &layout.value) == 0) return name;

@@ -29,7 +29,7 @@ struct StreamAccount {
     uint64_t packets = 0;                  ///< in the output
     uint64_t damaged = 0;                  ///< packets of the input
     std::optional<Loudness> loudness;      ///< of the input, where it was measured
-    std::optional<Loudness> loudness_out;  ///< of the output, before it was encoded
+    std::optional<Loudness> loudness_out;  ///< of the output, decoded again
 };
 
 }  // namespace gsve::programme

@@ -19,9 +19,11 @@ std::span<AVProgram* const> programs_of(const AVFormatContext& input) {
 
 bool is_cover(const AVStream& stream) { return stream.disposition & AV_DISPOSITION_ATTACHED_PIC; }
 
-/// QuickTime's track of time codes, which the programme's time code is read from.
-bool is_timecode_track(const AVStream& stream) {
-    return stream.codecpar->codec_tag == MKTAG('t', 'm', 'c', 'd');
+/// QuickTime's tracks of time codes and chapters, which are read from there and carried otherwise.
+bool is_read_already(const AVFormatContext& input, const AVStream& stream) {
+    const bool is_text = stream.codecpar->codec_type == AVMEDIA_TYPE_DATA &&
+                         stream.codecpar->codec_tag == MKTAG('t', 'e', 'x', 't');
+    return stream.codecpar->codec_tag == MKTAG('t', 'm', 'c', 'd') || (is_text && input.nb_chapters > 0);
 }
 
 bool has(const AVProgram& program, int stream) {
@@ -39,6 +41,17 @@ std::vector<const AVProgram*> television(const AVFormatContext& input) {
                 break;
             }
     return found;
+}
+
+/// Radio.
+bool has_sound_alone(const AVFormatContext& input, const AVProgram& program) {
+    bool sound = false;
+    for (const AVStream* stream : streams_of(input)) {
+        if (!has(program, stream->index)) continue;
+        if (stream->codecpar->codec_type == AVMEDIA_TYPE_VIDEO) return false;
+        sound |= stream->codecpar->codec_type == AVMEDIA_TYPE_AUDIO;
+    }
+    return sound;
 }
 
 std::string numbers_of(const std::vector<const AVProgram*>& programs) {
@@ -103,13 +116,27 @@ int choose_video(AVFormatContext& input, const std::string& path, const Chosen& 
     return best;
 }
 
-/// The containers that carry a stream, as their extensions.
-std::string containers_for(const AVCodecParameters& stream) {
+/// Whether enough is known of a stream to describe it to a container. Of one that has not begun, it is not.
+bool has_form(const AVCodecParameters& stream) {
+    return stream.codec_type != AVMEDIA_TYPE_AUDIO ||
+           (stream.sample_rate > 0 && stream.ch_layout.nb_channels > 0);
+}
+
+Treatment treatment_of(const AVStream& stream, Container container) {
+    const AVCodecParameters& parameters = *stream.codecpar;
+    if (parameters.codec_type == AVMEDIA_TYPE_VIDEO) {
+        return is_cover(stream) && container == Container::kMp4 ? Treatment::kCarried : Treatment::kNamed;
+    }
+    return has_form(parameters) ? programme::treatment_of(parameters, container) : Treatment::kNamed;
+}
+
+/// The containers that take a stream, as it is or converted, as their extensions.
+std::string containers_for(const AVStream& stream) {
     constexpr std::array<std::string_view, kContainers.size()> kExtensions = {".ts",  ".mp4", ".mov",
                                                                               ".mkv", ".mxf", ".m3u8"};
     std::vector<std::string_view> taking;
     for (const Container container : kContainers)
-        if (treatment_of(stream, container) == Treatment::kCarried)
+        if (treatment_of(stream, container) != Treatment::kNamed)
             taking.push_back(kExtensions[static_cast<size_t>(container)]);
     return fmt::format("{}", fmt::join(taking, " or "));
 }
@@ -118,22 +145,14 @@ std::string why_left_out(const AVStream& stream, Container container) {
     const AVCodecParameters& parameters = *stream.codecpar;
     if (parameters.codec_type == AVMEDIA_TYPE_VIDEO && !is_cover(stream))
         return fmt::format("one picture is encoded; --streams {} chooses this one", stream.index);
-    const std::string taking = containers_for(parameters);
-    if (container == Container::kElementary)
-        return fmt::format("an elementary stream has room for the picture alone; a name in {} carries it",
-                           taking.empty() ? ".ts, .mp4, .mov or .mkv" : taking);
     if (parameters.codec_id == AV_CODEC_ID_NONE) return "its codec is unknown";
+    if (!has_form(parameters)) return "none of it comes in the time that is searched for its form";
+    const std::string taking = containers_for(stream);
     if (taking.empty()) return "no container that is written here takes it";
-    return fmt::format("{} does not take it; a name in {} carries it", name_of(container), taking);
-}
-
-Treatment treatment_of(const AVStream& stream, Container container) {
-    const AVCodecParameters& parameters = *stream.codecpar;
-    if (parameters.codec_type == AVMEDIA_TYPE_VIDEO) {
-        const bool takes_covers = container == Container::kMp4 || container == Container::kMov;
-        return is_cover(stream) && takes_covers ? Treatment::kCarried : Treatment::kNamed;
-    }
-    return programme::treatment_of(parameters, container);
+    if (container == Container::kElementary)
+        return fmt::format("an elementary stream has room for the picture alone; a name in {} takes it",
+                           taking);
+    return fmt::format("{} does not take it; a name in {} does", name_of(container), taking);
 }
 
 }  // namespace
@@ -169,6 +188,11 @@ StreamPlan plan_streams(AVFormatContext& input, const std::string& path, const S
     StreamPlan plan;
     check_streams(input, path, choice.streams);
     if (choice.program) plan.program = wanted_program(input, path, *choice.program);
+    if (plan.program)
+        for (const int number : choice.streams)
+            if (!has(*plan.program, number))
+                throw UsageError(fmt::format("--streams: stream {} is not of program {}; leave --program out",
+                                             number, plan.program->id));
     plan.video = choose_video(input, path, Chosen(choice, plan.program), plan.codec);
     const auto programs = television(input);
     if (!plan.program)
@@ -178,10 +202,15 @@ StreamPlan plan_streams(AVFormatContext& input, const std::string& path, const S
         plan.notes += fmt::format("the input has programs {}: {} is encoded; --program chooses another\n",
                                   numbers_of(programs), plan.program->id);
 
+    if (!choice.program && choice.streams.empty())
+        for (const AVProgram* program : programs_of(input))
+            if (program->nb_stream_indexes > 0 && has_sound_alone(input, *program))
+                plan.notes += fmt::format(
+                    "program {} has no picture and is left out; --streams takes its streams\n", program->id);
     const Chosen chosen(choice, plan.program);
     for (const AVStream* stream : streams_of(input)) {
         const bool unwanted = stream->codecpar->codec_type == AVMEDIA_TYPE_AUDIO && !choice.sound;
-        if (stream->index == plan.video || !chosen(*stream) || unwanted || is_timecode_track(*stream))
+        if (stream->index == plan.video || !chosen(*stream) || unwanted || is_read_already(input, *stream))
             continue;
         const Treatment treatment = treatment_of(*stream, container);
         if (treatment == Treatment::kNamed) {
@@ -189,10 +218,6 @@ StreamPlan plan_streams(AVFormatContext& input, const std::string& path, const S
             plan.notes += fmt::format("{} is left out: {}\n", describe(*stream), plan.left_out.back().why);
             continue;
         }
-        if (treatment == Treatment::kConverted)
-            plan.notes +=
-                fmt::format("{} is encoded as {}: {} does not take it as it is\n", describe(*stream),
-                            conversion_of(stream->codecpar->codec_type, container), name_of(container));
         plan.others.push_back({.index = stream->index, .treatment = treatment});
     }
     return plan;

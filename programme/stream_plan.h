@@ -29,7 +29,7 @@ struct StreamPlan {
     const AVProgram* program = nullptr;
     std::vector<PlannedStream> others;  ///< in the input's order
     std::vector<LeftOutStream> left_out;
-    std::string notes;  ///< a line for each stream that is left out or converted
+    std::string notes;  ///< a line for each stream that is left out
 };
 
 /// "picture", "sound", "subtitles", ...

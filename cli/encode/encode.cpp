@@ -2,8 +2,11 @@
 
 #include <csignal>
 #include <optional>
+#include <string>
+#include <vector>
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 extern "C" {
 #include <libavutil/log.h>
@@ -82,8 +85,15 @@ void print_results(const EncodeOptions& options, const EncodeResult& result) {
     if (options.report == ReportFormat::kText) fmt::print(out, "{}", report::status_text(result));
 }
 
+/// What is damaged or missing of the input; empty: nothing is known to be.
 std::string damage_note(const EncodeResult& result) {
-    return fmt::format("the input is damaged: {}", report::damage_text(result.damage));
+    std::vector<std::string> parts;
+    if (result.damage.any()) parts.push_back(report::damage_text(result.damage));
+    for (const programme::StreamAccount& stream : result.streams)
+        if (stream.damaged > 0)
+            parts.push_back(
+                fmt::format("{} packets of stream {} ({})", stream.damaged, stream.index, stream.kind));
+    return parts.empty() ? "" : fmt::format("the input is damaged: {}", fmt::join(parts, "; "));
 }
 
 /// Encodes, and tells of it.
@@ -92,12 +102,12 @@ int encode(const programme::EncodeJob& job, const EncodeOptions& options, Termin
     terminal.end_progress();
     if (!result.stopped_by) terminal.note(report::caption_losses(result));
     print_results(options, result);
-    if (result.damage.any() && !options.strict)
-        terminal.warn(damage_note(result) + "; --strict makes this a failure");
+    const std::string damage = damage_note(result);
+    if (!damage.empty() && !options.strict) terminal.warn(damage + "; --strict makes this a failure");
 
     if (!result.problem.empty()) throw Failure(result.problem);
     check_complete(result.tally);
-    if (options.strict && result.damage.any()) throw Failure(damage_note(result));
+    if (options.strict && !damage.empty()) throw Failure(damage);
     return result.stopped_by ? kExitSignal + result.stopped_by : 0;
 }
 

@@ -155,10 +155,10 @@ TEST_F(Hls, HasARenditionForEachOfSeveralTracks) {
     for (const char* segments : {"ts", "fmp4"}) {
         ASSERT_EQ(encode({"--segments", segments}, "two.mkv").status, 0);
         EXPECT_THAT(master(),
-                    HasSubstr("#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"sound\",NAME=\"deu 1\",LANGUAGE=\"deu\","
+                    HasSubstr("#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"sound\",NAME=\"de 1\",LANGUAGE=\"de\","
                               "AUTOSELECT=YES,URI=\"out.segments/sound-1.m3u8\"\n"));
         EXPECT_THAT(master(),
-                    HasSubstr("NAME=\"Piste deux\",LANGUAGE=\"fra\",DEFAULT=YES,AUTOSELECT=YES,URI="));
+                    HasSubstr("NAME=\"Piste deux\",LANGUAGE=\"fr\",DEFAULT=YES,AUTOSELECT=YES,URI="));
         EXPECT_EQ(attribute("AUDIO"), "\"sound");
         const Found found = look(directory / "out.m3u8");
         EXPECT_EQ(found.pictures, 1);
@@ -226,6 +226,31 @@ TEST_F(Hls, ReplacesAnOlderOneAsAWhole) {
     EXPECT_LT(names_in("out.segments").size(), files.size());
     EXPECT_THAT(names_in(""), ElementsAre("in.ts", "out.m3u8", "out.segments", "short.ts"))
         << "nothing hidden";
+}
+
+TEST_F(Hls, LeavesTheOlderOneWhereTheDiskIsFull) {
+    ASSERT_EQ(encode().status, 0);
+    const std::string before = master();
+    const std::vector<std::string> files = names_in("out.segments");
+    // Segments of 100 kB do not fit.
+    const std::string command = "trap '' XFSZ; ulimit -f 100; '" + std::string(gsve_program()) +
+                                "' encode '" + (directory / "in.ts") + "' '" + (directory / "out.m3u8") +
+                                "' -y -q 2>'" + (directory / "err.txt") + "'";
+    EXPECT_EQ(WEXITSTATUS(std::system(command.c_str())), 1);
+    EXPECT_THAT(read_file(directory / "err.txt"), HasSubstr("out.m3u8: File too large; "));
+    EXPECT_EQ(master(), before);
+    EXPECT_EQ(names_in("out.segments"), files);
+    EXPECT_THAT(names_in(""), ElementsAre("err.txt", "in.ts", "out.m3u8", "out.segments"));
+}
+
+TEST_F(Hls, EndsWithThePicture) {
+    ffmpeg(directory / "", "-i in.ts -t 3 -an -c:v copy picture.ts");
+    ffmpeg(directory / "", "-i picture.ts -i in.ts -map 0:v -map 1:a -c copy longer.mkv");
+    const ProgramResult result = encode({}, "longer.mkv");
+    EXPECT_THAT(result.err, HasSubstr(" s of sound after the last picture are left out: HLS is as long as"));
+    const Events events = events_of(directory / "out.m3u8");
+    EXPECT_EQ(events.flashes.size(), 3u);
+    EXPECT_EQ(events.clicks.size(), 3u);
 }
 
 TEST_F(Hls, LeavesAFolderAloneThatNoPlaylistNames) {

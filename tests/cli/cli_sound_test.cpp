@@ -80,9 +80,11 @@ TEST_F(Sound, IsBroughtToALoudnessInEveryTrack) {
     for (const auto& [out, target] :
          {std::pair("out.mkv", -23.0), std::pair("out.ts", -24.0), std::pair("out.mxf", -30.0)}) {
         SCOPED_TRACE(out);
-        const ProgramResult result = encode("two.mkv", out,
-                                            {"--loudness", std::to_string(target), "--sound", "ac3",
-                                             "--sound-bitrate", "448k", "--report", "json"});
+        std::vector<std::string> options = {"--loudness", std::to_string(target), "--report", "json"};
+        // A codec that keeps noise as loud as it is.
+        if (out == std::string("out.ts"))
+            options.insert(options.end(), {"--sound", "ac3", "--sound-bitrate", "448k"});
+        const ProgramResult result = encode("two.mkv", out, options);
         ASSERT_EQ(result.status, 0) << result.err;
         const json streams = json::parse(result.out)["streams"];
         ASSERT_EQ(streams.size(), 2u);
@@ -91,8 +93,8 @@ TEST_F(Sound, IsBroughtToALoudnessInEveryTrack) {
             EXPECT_NEAR(after.loudness, target, 0.3) << track;
             EXPECT_NEAR(streams[track]["loudness"]["integrated"], before.loudness, 0.2) << track;
             EXPECT_NEAR(streams[track]["loudness"]["true_peak"], before.true_peak, 0.2) << track;
-            EXPECT_NEAR(streams[track]["loudness_out"]["integrated"], target, 0.1) << track;
-            EXPECT_NEAR(streams[track]["loudness_out"]["true_peak"], after.true_peak, 0.7) << track;
+            EXPECT_NEAR(streams[track]["loudness_out"]["integrated"], after.loudness, 0.1) << track;
+            EXPECT_NEAR(streams[track]["loudness_out"]["true_peak"], after.true_peak, 0.2) << track;
         }
     }
 }
@@ -135,6 +137,8 @@ TEST_F(Sound, IsLimitedWhereItsPeaksWouldGoTooHigh) {
         EXPECT_LE(after.true_peak, highest + 0.1);
         EXPECT_GT(after.true_peak, highest - 0.5);
         EXPECT_GT(after.loudness, before.loudness - before.true_peak + highest - 0.2);
+        EXPECT_THAT(result.err, HasSubstr("its peaks had to be limited to " +
+                                          std::string(highest == -1 ? "-1.0" : "-3.0")));
 
         const Events source = events_of(directory / "clicks.mov"), events = events_of(directory / "out.mov");
         ASSERT_EQ(events.clicks.size(), 6u);

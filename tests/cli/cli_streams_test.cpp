@@ -435,4 +435,120 @@ TEST_F(Streams, OfSoundMayChangeTheirFormInTheMiddle) {
     for (size_t n = 0; n < 4; n++) EXPECT_NEAR(events.clicks[n], events.flashes[n], 0.022) << n;
 }
 
+/// Puts another sound, of other parameters, behind the one of a transport stream.
+TEST_F(Streams, ThatChangeTheirFormAreNamedWhereOneHeaderStandsForAll) {
+    const std::string dir = directory / "", in = directory / "both.ts";
+    ffmpeg(dir, flash_and_click(2) + "-c:v mpeg2video -c:a aac -ar 48000 one.ts");
+    ffmpeg(dir, flash_and_click(2) + "-c:v mpeg2video -c:a aac -ar 44100 -ac 2 two.ts");
+    write_bytes(in, read_file(directory / "one.ts") + read_file(directory / "two.ts"));
+    for (const std::string out : {"out.mp4", "out.mov", "out.mkv"})
+        EXPECT_THAT(encode(in, directory / out).err,
+                    HasSubstr("players of " +
+                              (out == "out.mp4"   ? std::string("MP4")
+                               : out == "out.mov" ? "MOV"
+                                                  : "MKV") +
+                              " take all for the first one; --sound aac makes it one"));
+    EXPECT_THAT(encode(in, directory / "out.ts").err, Not(HasSubstr("form changes")));
+    EXPECT_THAT(encode(in, directory / "out.mp4", {"--sound", "aac"}).err, Not(HasSubstr("form changes")));
+}
+
+TEST_F(Streams, ThatBeginLateAreFoundInFilesAndNamedInPipes) {
+    const std::string dir = directory / "", in = directory / "late.ts";
+    ffmpeg(dir, flash_and_click(9) +
+                    "-c:v mpeg2video -b:v 6M -minrate 6M -maxrate 6M -bufsize 2M -c:a mp2 all.ts");
+    // The sound is announced from the start, and comes 7 s later.
+    std::string bytes = read_file(directory / "all.ts"), late;
+    const size_t begins = bytes.size() * 7 / 9 / kTransportPacket * kTransportPacket;
+    for (size_t at = 0; at + kTransportPacket <= bytes.size(); at += kTransportPacket) {
+        const int pid = AV_RB16(reinterpret_cast<const uint8_t*>(bytes.data()) + at + 1) & 0x1FFF;
+        if (pid != 0x101 || at >= begins) late += bytes.substr(at, kTransportPacket);
+    }
+    write_bytes(in, late);
+    ASSERT_EQ(encode(in, directory / "out.ts").status, 0);
+    const std::vector<Track> tracks = tracks_of(directory / "out.ts");
+    ASSERT_EQ(tracks.size(), 2u);
+    EXPECT_EQ(tracks[1].codec, "mp2");
+
+    // One that never comes.
+    std::string silent;
+    for (size_t at = 0; at + kTransportPacket <= bytes.size(); at += kTransportPacket)
+        if ((AV_RB16(reinterpret_cast<const uint8_t*>(bytes.data()) + at + 1) & 0x1FFF) != 0x101)
+            silent += bytes.substr(at, kTransportPacket);
+    write_bytes(in, silent);
+    const ProgramResult result = encode(in, directory / "out.ts");
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_THAT(result.err, HasSubstr(") is left out: none of it comes"));
+    EXPECT_EQ(tracks_of(directory / "out.ts").size(), 1u);
+}
+
+TEST_F(Streams, OfOtherKindsThanPacketsAreNamedWhereTheyHaveNoPlace) {
+    const std::string dir = directory / "", in = directory / "full.mkv";
+    write_bytes(
+        directory / "chapters.txt",
+        ";FFMETADATA1\ntitle=A film\nartist=Some\n[CHAPTER]\nTIMEBASE=1/1000\nSTART=0\nEND=900\ntitle=One\n");
+    ffmpeg(dir, flash_and_click(1) +
+                    "-i chapters.txt -map 0 -map 1 -map_metadata 2 -map_chapters 2 -c:v mpeg2video "
+                    "-c:a mp2 -metadata:s:v title='Main picture' -metadata:s:v language=fre "
+                    "-metadata:s:a language=deu full.mkv");
+    for (const std::string out : {"out.ts", "out.mxf", "out.m2v", "out.m3u8"}) {
+        const ProgramResult result = encode(in, directory / out);
+        EXPECT_THAT(result.err, HasSubstr("1 chapters are left out: ")) << out;
+        EXPECT_THAT(result.err, HasSubstr("the input's title, ARTIST are left out: ")) << out;
+    }
+    EXPECT_THAT(encode(in, directory / "out.mxf").err, HasSubstr("the languages of the sound are left out"));
+    EXPECT_THAT(encode(in, directory / "out.mkv").err, Not(HasSubstr("left out: ")));
+    AVFormatContext* input = nullptr;
+    ASSERT_GE(avformat_open_input(&input, (directory / "out.mkv").c_str(), nullptr, nullptr), 0);
+    EXPECT_EQ(input->nb_chapters, 1u);
+    EXPECT_STREQ(av_dict_get(input->metadata, "title", nullptr, 0)->value, "A film");
+    EXPECT_STREQ(av_dict_get(input->streams[0]->metadata, "title", nullptr, 0)->value, "Main picture");
+    EXPECT_STREQ(av_dict_get(input->streams[0]->metadata, "language", nullptr, 0)->value, "fre");
+    avformat_close_input(&input);
+}
+
+TEST_F(Streams, KeepTheTurnAndTheColoursOfThePicture) {
+    const std::string dir = directory / "", in = directory / "turned.mp4";
+    ffmpeg(dir, flash_and_click(1) +
+                    "-c:v libx264 -preset ultrafast -color_primaries bt2020 -color_trc smpte2084 "
+                    "-colorspace bt2020nc -c:a aac upright.mp4");
+    ffmpeg(dir, "-i upright.mp4 -c copy -metadata:s:v rotate=90 turned.mp4");
+    ASSERT_EQ(run({"encode", in, directory / "out.mp4", "-y"}).status, 0);
+    for (const std::string& path : {in, directory / "out.mp4"}) {
+        AVFormatContext* input = nullptr;
+        ASSERT_GE(avformat_open_input(&input, path.c_str(), nullptr, nullptr), 0);
+        ASSERT_GE(avformat_find_stream_info(input, nullptr), 0);
+        const AVCodecParameters& form = *input->streams[0]->codecpar;
+        EXPECT_EQ(form.color_primaries, AVCOL_PRI_BT2020) << path;
+        EXPECT_EQ(form.color_trc, AVCOL_TRC_SMPTE2084) << path;
+        EXPECT_EQ(form.color_space, AVCOL_SPC_BT2020_NCL) << path;
+#if LIBAVFORMAT_VERSION_INT < AV_VERSION_INT(60, 15, 100)
+        size_t size = 0;
+        EXPECT_NE(av_stream_get_side_data(input->streams[0], AV_PKT_DATA_DISPLAYMATRIX, &size), nullptr)
+            << path;
+#else
+        EXPECT_NE(
+            av_packet_side_data_get(form.coded_side_data, form.nb_coded_side_data, AV_PKT_DATA_DISPLAYMATRIX),
+            nullptr)
+            << path;
+#endif
+        avformat_close_input(&input);
+    }
+}
+
+TEST_F(Streams, ThatCannotBeTogetherAreRefused) {
+    const std::string dir = directory / "", in = directory / "in.ts", out = directory / "out.ts";
+    ffmpeg(dir, flash_and_click(1) + "-c:v mpeg2video -c:a mp2 in.ts");
+    EXPECT_THAT(encode(in, out, {"--pids", "4096"}).err, HasSubstr("4096 is that of another stream"));
+    EXPECT_THAT(encode(in, out, {"--pids", "257"}).err, HasSubstr("257 is that of another stream"));
+    EXPECT_THAT(encode(in, out, {"--pids", "300,301,302"}).err, HasSubstr("3 PIDs for 2 streams"));
+    EXPECT_EQ(encode(in, out, {"--pids", "257,256"}).status, 0);
+    EXPECT_THAT(run({"encode", in, directory / "out.mxf", "--codec", "h.265"}).err,
+                HasSubstr("choose mpeg-2 or h.264"));
+    EXPECT_THAT(encode(in, directory / "out.mxf", {"--sound", "ac3"}).err,
+                HasSubstr("MXF has its sound as PCM"));
+    EXPECT_EQ(encode(in, directory / "out.mxf", {"--rate", "59.94"}).status, 0);
+    EXPECT_THAT(encode(in, out, {"--sound-bitrate", "96k"}).err,
+                HasSubstr("stream 1 (sound, mp2) stays as it is"));
+}
+
 }  // namespace

@@ -49,8 +49,11 @@ TEST(JobFrameRate, TakesFractionsAndNamesUpTo1000) {
     const struct {
         const char* text;
         int num, den;
-    } rows[] = {{"25", 25, 1}, {"30000/1001", 30000, 1001}, {"ntsc", 30000, 1001},
-                {"1", 1, 1},   {"1000", 1000, 1},           {"12.5", 25, 2}};
+    } rows[] = {{"25", 25, 1},          {"30000/1001", 30000, 1001},
+                {"ntsc", 30000, 1001},  {"1", 1, 1},
+                {"1000", 1000, 1},      {"12.5", 25, 2},
+                {"29.97", 30000, 1001}, {"59.94", 60000, 1001},
+                {"23.98", 24000, 1001}, {"30", 30, 1}};
     EncodeJob job;
     EXPECT_FALSE(job_frame_rate(job));
     for (const auto& row : rows) {

@@ -538,8 +538,7 @@ TEST_F(Reading, SaysWhatIsChangedOrLeftOut) {
          96,
          {25, 1},
          "stream 1 (sound, pcm_s16le) is left out: an elementary stream has room for the picture alone; a "
-         "name in .mov "
-         "or .mkv carries it\n"},
+         "name in .ts or .mp4 or .mov or .mkv or .mxf or .m3u8 takes it\n"},
         {"ten bits",
          {},
          AV_PIX_FMT_YUV420P10,
