@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <numeric>
 #include <optional>
-#include <regex>
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
@@ -178,19 +177,44 @@ const Setting& find(std::string_view key) {
     return nearest;
 }
 
+bool is_digit(char letter) { return letter >= '0' && letter <= '9'; }
+
+/// Takes digits from the front of a text. None, or a leading zero, is no number.
+std::string_view take_digits(std::string_view& text) {
+    const size_t count =
+        static_cast<size_t>(std::find_if_not(text.begin(), text.end(), is_digit) - text.begin());
+    const std::string_view digits = text.substr(0, count);
+    if (digits.size() > 1 && digits.front() == '0') return {};
+    text.remove_prefix(count);
+    return digits;
+}
+
 /// The number that a whole text is, or nothing. Leading zeros are no way to write one: for some settings the
 /// encoder reads them as octal.
 std::optional<double> number(Syntax syntax, const std::string& text) {
-    static const std::regex whole_number("-?(0|[1-9][0-9]*)"), real_number("-?(0|[1-9][0-9]*)(\\.[0-9]*)?");
-    if (!std::regex_match(text, syntax == kWhole ? whole_number : real_number)) return std::nullopt;
+    std::string_view rest = text;
+    if (rest.starts_with('-')) rest.remove_prefix(1);
+    if (take_digits(rest).empty()) return std::nullopt;
+    if (syntax != kWhole && rest.starts_with('.')) {
+        rest.remove_prefix(1);
+        rest.remove_prefix(
+            static_cast<size_t>(std::find_if_not(rest.begin(), rest.end(), is_digit) - rest.begin()));
+    }
+    if (!rest.empty()) return std::nullopt;
     return std::strtod(text.c_str(), nullptr);
 }
 
+bool is_side(std::string_view digits) {
+    constexpr size_t kMostDigits = 5;
+    return !digits.empty() && digits.size() <= kMostDigits && digits != "0" &&
+           std::stoi(std::string(digits)) <= kLargestSize;
+}
+
 bool is_size(const std::string& text) {
-    static const std::regex size("([1-9][0-9]{0,4})x([1-9][0-9]{0,4})");
-    std::smatch sides;
-    return std::regex_match(text, sides, size) && std::stoi(sides[1]) <= kLargestSize &&
-           std::stoi(sides[2]) <= kLargestSize;
+    std::string_view rest = text;
+    if (!is_side(take_digits(rest)) || !rest.starts_with('x')) return false;
+    rest.remove_prefix(1);
+    return is_side(take_digits(rest)) && rest.empty();
 }
 
 bool takes(const Values& values, const std::string& text) {
