@@ -14,7 +14,7 @@ extern "C" {
 #include "encoding/settings.h"
 #include "programme/caption_files.h"
 #include "programme/file_name.h"
-#include "programme/output.h"
+#include "programme/job_output.h"
 
 namespace gsve::programme {
 

@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "captions/timecode.h"
-#include "programme/output.h"
 #include "programme/stream_choice.h"
 
 namespace gsve::programme {
@@ -54,9 +53,6 @@ struct EncodeJob {
 
 /// The last value of a setting; empty where it is not given.
 std::string setting_of(const EncodeJob& job, const std::string& key);
-
-/// The kind of its output. Throws UsageError where there is none of this name.
-OutputFormat output_of(const EncodeJob& job);
 
 /// Throws UsageError for a job that contradicts itself, or its output's format.
 void check(const EncodeJob& job);

@@ -29,7 +29,7 @@ extern "C" {
 #include "programme/caption_services.h"
 #include "programme/companions.h"
 #include "programme/input.h"
-#include "programme/output.h"
+#include "programme/job_output.h"
 
 namespace gsve::programme {
 namespace {

@@ -14,7 +14,6 @@ namespace gsve::programme {
 namespace {
 
 // What is still one clock, in seconds.
-constexpr double kLargestStepBack = 0.5;
 
 // What is worth to be told of, in seconds.
 constexpr double kPause = 2;

@@ -12,7 +12,6 @@ namespace {
 constexpr int64_t units(double seconds) { return static_cast<int64_t>(seconds * kTimeUnit.den); }
 
 // Packets that go back by more belong to another clock.
-constexpr int64_t kLargestStepBack = units(0.5);
 
 // Around a splice, packets of both clocks come in turn.
 constexpr size_t kClocksInUse = 4;
@@ -92,7 +91,7 @@ size_t Timeline::nearest_clock(int64_t time, int64_t expected) const {
 bool Timeline::fits(const Stream& stream, int64_t time) const {
     if (!stream.is.continuous || !stream.next) return true;
     const int64_t step = time - *stream.next;
-    if (step < -kLargestStepBack) return false;
+    if (step < -units(kLargestStepBack)) return false;
     // Sound that pauses goes on where the pictures are.
     return !jumps_forward_ || step <= units(kLargestGap) || std::abs(time - now_) <= units(kLargestGap);
 }

@@ -19,6 +19,9 @@ namespace gsve::programme {
 /// whole multiples.
 inline constexpr AVRational kTimeUnit = {1, 705'600'000};
 
+/// A clock that goes back by more was set anew, in seconds; by less, its times are out of order.
+inline constexpr double kLargestStepBack = 0.5;
+
 /// What a time line has to know of a stream.
 struct TimedStream {
     AVRational time_base = {1, 90000};

@@ -11,8 +11,8 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-struct Stream {
-    Stream(AVCodecID codec, Bytes configuration) : parameters(avcodec_parameters_alloc()) {
+struct Configured {
+    Configured(AVCodecID codec, Bytes configuration) : parameters(avcodec_parameters_alloc()) {
         parameters->codec_id = codec;
         parameters->extradata =
             static_cast<uint8_t*>(av_mallocz(configuration.size() + AV_INPUT_BUFFER_PADDING_SIZE));
@@ -23,14 +23,14 @@ struct Stream {
 };
 
 UnitJoiner h264(uint8_t length_byte = 0xFF) {
-    return UnitJoiner(*Stream(AV_CODEC_ID_H264, {1, 100, 0, 31, length_byte, 0xE0, 0}).parameters);
+    return UnitJoiner(*Configured(AV_CODEC_ID_H264, {1, 100, 0, 31, length_byte, 0xE0, 0}).parameters);
 }
 
 UnitJoiner h265() {
     Bytes record(23);
     record[0] = 1;
     record[21] = 0xFF;
-    return UnitJoiner(*Stream(AV_CODEC_ID_HEVC, record).parameters);
+    return UnitJoiner(*Configured(AV_CODEC_ID_HEVC, record).parameters);
 }
 
 /// With a length of four bytes in front of each.
@@ -48,9 +48,10 @@ TEST(UnitJoiner, IsForNalUnitsWithLengths) {
     EXPECT_TRUE(h264().active());
     EXPECT_TRUE(h265().active());
     EXPECT_FALSE(UnitJoiner().active());
-    EXPECT_FALSE(UnitJoiner(*Stream(AV_CODEC_ID_H264, {0, 0, 0, 1, 0x67, 0, 0, 0}).parameters).active());
-    EXPECT_FALSE(UnitJoiner(*Stream(AV_CODEC_ID_H264, {}).parameters).active());
-    EXPECT_FALSE(UnitJoiner(*Stream(AV_CODEC_ID_MPEG4, {1, 100, 0, 31, 0xFF, 0xE0, 0}).parameters).active());
+    EXPECT_FALSE(UnitJoiner(*Configured(AV_CODEC_ID_H264, {0, 0, 0, 1, 0x67, 0, 0, 0}).parameters).active());
+    EXPECT_FALSE(UnitJoiner(*Configured(AV_CODEC_ID_H264, {}).parameters).active());
+    EXPECT_FALSE(
+        UnitJoiner(*Configured(AV_CODEC_ID_MPEG4, {1, 100, 0, 31, 0xFF, 0xE0, 0}).parameters).active());
 }
 
 TEST(UnitJoiner, KnowsWhatOfH264BelongsToAPicture) {
