@@ -6,6 +6,7 @@
 #include <fmt/ranges.h>
 
 #include "encoding/error.h"
+#include "programme/transport_tables.h"
 
 namespace gsve::programme {
 namespace {
@@ -207,6 +208,12 @@ StreamPlan plan_streams(AVFormatContext& input, const std::string& path, const S
             if (program->nb_stream_indexes > 0 && has_sound_alone(input, *program))
                 plan.notes += fmt::format(
                     "program {} has no picture and is left out; --streams takes its streams\n", program->id);
+    if (std::string_view(input.iformat->name) == "mpegts")
+        for (const int pid : shared_pids(path))
+            plan.notes += fmt::format(
+                "the input announces several streams on PID {}: one of them is read, and the others are left "
+                "out; give each a PID of its own\n",
+                pid);
     const Chosen chosen(choice, plan.program);
     for (const AVStream* stream : streams_of(input)) {
         const bool unwanted = stream->codecpar->codec_type == AVMEDIA_TYPE_AUDIO && !choice.sound;

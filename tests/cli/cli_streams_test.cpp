@@ -535,6 +535,28 @@ TEST_F(Streams, KeepTheTurnAndTheColoursOfThePicture) {
     }
 }
 
+TEST_F(Streams, ThatShareAPidAreNamed) {
+    ffmpeg(directory / "", flash_and_click(1) + "-map 0 -map 1 -map 1 -c:v mpeg2video -c:a mp2 in.ts");
+    const std::string in = directory / "in.ts";
+    EXPECT_THAT(encode(in, directory / "out.ts").err, Not(HasSubstr("PID")));
+    // The second sound is announced on the first one's PID.
+    std::string bytes = read_file(in);
+    auto* data = reinterpret_cast<uint8_t*>(bytes.data());
+    for (size_t at = 0; at + kTransportPacket <= bytes.size(); at += kTransportPacket) {
+        if ((AV_RB16(data + at + 1) & 0x1FFF) != 0x1000) continue;
+        uint8_t* section = data + at + 5;
+        const size_t length = (AV_RB16(section + 1) & 0xFFF) + 3 - 4;
+        for (size_t n = 12 + (AV_RB16(section + 10) & 0xFFF); n + 5 <= length;
+             n += 5 + (AV_RB16(section + n + 3) & 0xFFF))
+            if ((AV_RB16(section + n + 1) & 0x1FFF) == 0x102) AV_WB16(section + n + 1, 0xE101);
+        AV_WL32(section + length, av_crc(av_crc_get_table(AV_CRC_32_IEEE), ~0u, section, length));
+    }
+    write_bytes(in, bytes);
+    const ProgramResult result = encode(in, directory / "out.ts");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.err, HasSubstr("the input announces several streams on PID 257: one of them is read"));
+}
+
 TEST_F(Streams, ThatCannotBeTogetherAreRefused) {
     const std::string dir = directory / "", in = directory / "in.ts", out = directory / "out.ts";
     ffmpeg(dir, flash_and_click(1) + "-c:v mpeg2video -c:a mp2 in.ts");
