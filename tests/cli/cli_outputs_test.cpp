@@ -24,6 +24,21 @@ using namespace gsve::test;
 using testing::AllOf;
 using testing::HasSubstr;
 
+/// A transport stream's clock references in seconds, and where they stand.
+std::vector<std::pair<double, size_t>> clocks_of(const std::string& path) {
+    const std::string bytes = read_file(path);
+    const auto byte = [&](size_t at) { return static_cast<uint8_t>(bytes[at]); };
+    std::vector<std::pair<double, size_t>> clocks;
+    for (size_t at = 0; at + kTransportPacket <= bytes.size(); at += kTransportPacket) {
+        if (!(byte(at + 3) & 0x20) || byte(at + 4) < 7 || !(byte(at + 5) & 0x10)) continue;
+        const uint64_t base = static_cast<uint64_t>(byte(at + 6)) << 25 | byte(at + 7) << 17 |
+                              byte(at + 8) << 9 | byte(at + 9) << 1 | byte(at + 10) >> 7;
+        const uint64_t extension = (byte(at + 10) & 1) << 8 | byte(at + 11);
+        clocks.emplace_back(static_cast<double>(base * 300 + extension) / 27e6, at + 11);
+    }
+    return clocks;
+}
+
 class Outputs : public testing::Test {
 protected:
     Outputs() {
@@ -115,21 +130,28 @@ TEST_F(Outputs, AreTransportStreamsMadeToOrder) {
     avformat_close_input(&input);
 
     // Between two clock references, as many bits as the rate has in their time (ISO/IEC 13818-1, 2.4.3.5).
-    const std::string bytes = read_file(directory / "out.ts");
-    const auto byte = [&](size_t at) { return static_cast<uint8_t>(bytes[at]); };
-    std::vector<std::pair<double, size_t>> clocks;
-    for (size_t at = 0; at + kTransportPacket <= bytes.size(); at += kTransportPacket) {
-        if (!(byte(at + 3) & 0x20) || byte(at + 4) < 7 || !(byte(at + 5) & 0x10)) continue;
-        const uint64_t base = static_cast<uint64_t>(byte(at + 6)) << 25 | byte(at + 7) << 17 |
-                              byte(at + 8) << 9 | byte(at + 9) << 1 | byte(at + 10) >> 7;
-        const uint64_t extension = (byte(at + 10) & 1) << 8 | byte(at + 11);
-        clocks.emplace_back(static_cast<double>(base * 300 + extension) / 27e6, at + 11);
-    }
+    const auto clocks = clocks_of(directory / "out.ts");
     ASSERT_GT(clocks.size(), 20u);
     for (size_t n = 1; n < clocks.size(); n++) {
         const double bits = 8.0 * static_cast<double>(clocks[n].second - clocks[0].second);
         EXPECT_NEAR(clocks[n].first - clocks[0].first, bits / 4e6, 1e-6) << n;
     }
+}
+
+TEST_F(Outputs, FitIntoTheRateThatTheRefusalNames) {
+    const std::vector<std::string> options = {"--codec", "mpeg-2", "--rate", "50", "--set", "bitrate=300000"};
+    const auto with_rate = [&](const std::string& rate) {
+        std::vector<std::string> all = options;
+        all.insert(all.end(), {"--mux-rate", rate});
+        return encode("out.ts", all);
+    };
+    const std::string said = with_rate("300k").err, before = "give at least ";
+    ASSERT_THAT(said, HasSubstr(before));
+    const double needed = std::stod(said.substr(said.find(before) + before.size()));
+    ASSERT_EQ(with_rate(std::to_string(static_cast<int>(needed))).status, 0);
+    const auto clocks = clocks_of(directory / "out.ts");
+    // What did not fit would make the clock run on behind the last picture.
+    EXPECT_NEAR(clocks.back().first - clocks.front().first, 3, 0.1);
 }
 
 TEST_F(Outputs, AreRefusedWhereATransportStreamCannotBeSo) {
