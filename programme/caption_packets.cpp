@@ -31,6 +31,7 @@ std::string_view text(std::span<const uint8_t> bytes) {
 /// As find() of std::string_view, which stops at every zero of a start code or of stuffing, and takes minutes
 /// for a film.
 size_t find(std::string_view packet, std::string_view pattern, size_t from = 0) {
+    if (packet.empty()) return std::string_view::npos;
     const void* found = memmem(packet.data() + from, packet.size() - from, pattern.data(), pattern.size());
     return found ? static_cast<size_t>(static_cast<const char*>(found) - packet.data())
                  : std::string_view::npos;

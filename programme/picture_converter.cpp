@@ -1,5 +1,6 @@
 #include "programme/picture_converter.h"
 
+#include <memory>
 #include <string_view>
 
 #include <fmt/format.h>
@@ -44,11 +45,11 @@ void PictureConverter::build(const std::string& filters, const AVFrame& first, A
     graph_.reset(avfilter_graph_alloc());
     check_memory(graph_ != nullptr);
     in_ = avfilter_graph_alloc_filter(graph_.get(), avfilter_get_by_name("buffer"), "in");
-    AVBufferSrcParameters* parameters = av_buffersrc_parameters_alloc();
+    const std::unique_ptr<AVBufferSrcParameters, decltype(&av_free)> parameters(
+        av_buffersrc_parameters_alloc(), av_free);
     check_memory(in_ && parameters);
     describe_frames(*parameters, first, time_base, frame_rate);
-    int error = av_buffersrc_parameters_set(in_, parameters);
-    av_free(parameters);
+    int error = av_buffersrc_parameters_set(in_, parameters.get());
     if (error >= 0) error = avfilter_init_str(in_, nullptr);
     if (error >= 0)
         error = avfilter_graph_create_filter(&out_, avfilter_get_by_name("buffersink"), "out", nullptr,
