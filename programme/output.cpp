@@ -57,6 +57,7 @@ public:
     }
 
     void write(const encoding::EncodedUnit& unit) override {
+        if (unit.bytes.empty()) return;
         if (std::fwrite(unit.bytes.data(), 1, unit.bytes.size(), file_.get()) != unit.bytes.size())
             fail_to_write(output_.path(), AVERROR(errno));
     }
