@@ -102,8 +102,7 @@ CompanionStreams::CompanionStreams(Input& input, const SoundChoice& sound, const
     int64_t earliest = zero_;
     for (const PacketPtr& packet : first_) {
         const Stream* stream = find(packet->stream_index);
-        const bool is_sound = stream && stream->source->codecpar->codec_type == AVMEDIA_TYPE_AUDIO;
-        if (is_sound && packet->pts != AV_NOPTS_VALUE && !is_left_out(*packet))
+        if (stream && is_sound(*stream->source) && packet->pts != AV_NOPTS_VALUE && !is_left_out(*packet))
             earliest = std::min(earliest, av_rescale_q(first_heard(*packet, *stream->source),
                                                        stream->source->time_base, kTimeUnit));
     }
@@ -118,7 +117,7 @@ std::unique_ptr<StreamConverter> CompanionStreams::converter_of(const PlannedStr
                                                                 const AVStream& source,
                                                                 const SoundChoice& sound,
                                                                 const OutputFormat& format) const {
-    if (source.codecpar->codec_type != AVMEDIA_TYPE_AUDIO)
+    if (!is_sound(source))
         return planned.treatment == Treatment::kCarried
                    ? nullptr
                    : convert_text(source,
@@ -390,13 +389,12 @@ CompanionStreams::Stream* CompanionStreams::find(int index) {
 /// Onto the output's time line. What is shown but not heard, and came before its beginning, is shown from
 /// there on.
 void CompanionStreams::place(AVPacket& packet, const Stream& stream) const {
-    const bool is_sound = stream.source->codecpar->codec_type == AVMEDIA_TYPE_AUDIO;
     const AVRational unit = stream.converter ? stream.converter->time_base() : stream.source->time_base;
     av_packet_rescale_ts(&packet, unit, kTimeUnit);
     for (int64_t* time : {&packet.pts, &packet.dts}) {
         if (*time == AV_NOPTS_VALUE) continue;
         *time -= zero_;
-        if (!is_sound) *time = std::max<int64_t>(*time, 0);
+        if (!is_sound(*stream.source)) *time = std::max<int64_t>(*time, 0);
     }
 }
 

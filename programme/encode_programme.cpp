@@ -44,15 +44,15 @@ using Clock = std::chrono::steady_clock;
 
 InputOptions input_options(const EncodeJob& job) {
     const captions::FrameRate rate = job_frame_rate(job).value_or(captions::FrameRate{0, 1});
+    const Container container = output_of(job).container;
     return {.frame_rate = {rate.num, rate.den},
             .chroma_format = setting_of(job, "chroma format"),
             .captions = job.captions.carry_over && job.captions.files.empty(),
             .choice = job.choice,
-            .container = output_of(job).container,
+            .container = container,
             // MXF has no times in which a pause could be.
-            .longest_repeat = output_of(job).container == Container::kMxf
-                                  ? std::numeric_limits<double>::infinity()
-                                  : job.longest_repeat};
+            .longest_repeat =
+                container == Container::kMxf ? std::numeric_limits<double>::infinity() : job.longest_repeat};
 }
 
 /// That of the first picture, at the counting rate.

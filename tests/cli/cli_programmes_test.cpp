@@ -1,9 +1,7 @@
 // Programmes of different kinds in and out: every picture, and every sample of sound.
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
-#include <memory>
+#include <cctype>
 #include <string>
 #include <vector>
 
@@ -13,6 +11,7 @@
 #include "support/flash_and_click.h"
 #include "support/program.h"
 #include "support/scratch.h"
+#include "support/third_party.h"
 
 namespace {
 
@@ -67,15 +66,6 @@ std::vector<Programme> programmes() {
          "out.mkv",
          {"--codec", "h.265"}},
     };
-}
-
-/// What a command writes.
-std::string output_of(const std::string& command) {
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-    std::string bytes;
-    char part[65536];
-    while (const size_t count = std::fread(part, 1, sizeof part, pipe.get())) bytes.append(part, count);
-    return bytes;
 }
 
 /// A track's samples of all channels, 32 bits each.

@@ -1,9 +1,7 @@
 // Sound that is brought to a loudness, and what the reports tell of every stream.
 
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -21,6 +19,7 @@ extern "C" {
 #include "support/media_files.h"
 #include "support/program.h"
 #include "support/scratch.h"
+#include "support/third_party.h"
 
 namespace {
 
@@ -38,11 +37,8 @@ struct Measured {
 Measured measure(const std::string& path, int track) {
     const std::string command = "ffmpeg -nostdin -hide_banner -i '" + path +
                                 "' -map 0:a:" + std::to_string(track) +
-                                " -af ebur128=peak=true:framelog=verbose -f null - 2>&1";
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-    std::string said;
-    char part[4096];
-    while (const size_t count = std::fread(part, 1, sizeof part, pipe.get())) said.append(part, count);
+                                " -af ebur128=peak=true:framelog=verbose -f null -";
+    const std::string said = output_of(command);
     const auto number_after = [&](const char* name) {
         const size_t at = said.rfind(name);
         if (at == said.npos) throw std::runtime_error("no " + std::string(name) + " in " + said);
