@@ -53,7 +53,8 @@ private:
             case 3: queued_ = {word, kNullPair, word}; break;
             default:
                 queued_ = {
-                    text(static_cast<char>('A' + serial_++ % 26), static_cast<char>('a' + serial_ % 25))};
+                    text(static_cast<char>('A' + serial_ % 26), static_cast<char>('a' + serial_ % 25))};
+                serial_++;
         }
     }
 

@@ -80,12 +80,13 @@ TEST(JobJson, RefusesWhatIsNoJob) {
 
 TEST(JobJson, NamesEveryMemberThatIsMissing) {
     const auto whole = nlohmann::json::parse(job_json(full_job()));
-    for (const auto& [key, value] : whole.items())
-        EXPECT_EQ(error_after([&](nlohmann::json& job) { job.erase(key); }), "the job lacks \"" + key + "\"");
+    for (const auto& member : whole.items())
+        EXPECT_EQ(error_after([&](nlohmann::json& job) { job.erase(member.key()); }),
+                  "the job lacks \"" + member.key() + "\"");
     for (const char* part : {"captions", "streams", "sound", "transport"})
-        for (const auto& [key, value] : whole[part].items())
-            EXPECT_EQ(error_after([&](nlohmann::json& job) { job[part].erase(key); }),
-                      fmt::format("\"{}\" lacks \"{}\"", part, key));
+        for (const auto& member : whole[part].items())
+            EXPECT_EQ(error_after([&](nlohmann::json& job) { job[part].erase(member.key()); }),
+                      fmt::format("\"{}\" lacks \"{}\"", part, member.key()));
 }
 
 TEST(JobJson, NamesAMemberOfAnotherKind) {

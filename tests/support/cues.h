@@ -45,7 +45,8 @@ inline captions::Schedule later(captions::Schedule schedule, int64_t frames) {
 /// Roll-up captions in CC1, two rows, a row at each of `frames`.
 inline captions::Schedule roll_up(const std::vector<std::pair<int64_t, std::string>>& rows) {
     captions::Schedule schedule;
-    for (auto [frame, text] : rows) {
+    for (const auto& [first, text] : rows) {
+        int64_t frame = first;
         const auto put = [&](captions::Word word) {
             schedule.eia608.push_back({frame++, 0, captions::with_parity(word)});
         };

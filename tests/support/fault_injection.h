@@ -334,7 +334,7 @@ struct ListenedCall {
 #define GSVE_CALLER __builtin_return_address(0)
 
 // The sanitizer allocates before its instrumentation works, and so before anything was armed.
-#define GSVE_BEFORE_SANITIZER [[gnu::no_sanitize("address")]]
+#define GSVE_BEFORE_SANITIZER __attribute__((no_sanitize("address")))
 
 extern "C" {
 
