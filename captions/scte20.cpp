@@ -2,29 +2,13 @@
 
 #include <algorithm>
 
-#include "bit_reader.h"
+#include "bits.h"
 
 namespace gsve::captions {
 
 namespace {
 
 constexpr unsigned kReservedAndVbiDataFlag = 0x81;
-
-class BitWriter {
-public:
-    void put(unsigned value, int bits) {
-        while (bits-- > 0) {
-            if (used_ % 8 == 0) bytes_.push_back(0);
-            bytes_.back() |= static_cast<std::uint8_t>((value >> bits & 1) << (7 - used_++ % 8));
-        }
-    }
-
-    std::vector<std::uint8_t> take() { return std::move(bytes_); }
-
-private:
-    std::vector<std::uint8_t> bytes_;
-    std::size_t used_ = 0;
-};
 
 unsigned reverse_bits(unsigned byte) {
     unsigned reversed = 0;

@@ -1,31 +1,16 @@
 #include "encoding/coded_unit.h"
 
 #include <algorithm>
-#include <array>
+
+#include "encoding/start_codes.h"
 
 namespace gsve::encoding {
 namespace {
 
 using Bytes = std::span<const uint8_t>;
 
-constexpr std::array<uint8_t, 3> kStartCodePrefix = {0, 0, 1};
-
 // Start codes of ISO/IEC 13818-2, table 6-1.
 enum StartCode : uint8_t { kUserData = 0xB2, kGroup = 0xB8 };
-
-/// What follows each start code prefix up to the next one: the code or NAL header byte, then its payload.
-std::vector<Bytes> sections(Bytes unit) {
-    std::vector<Bytes> found;
-    const auto next_prefix = [&](auto from) {
-        return std::search(from, unit.end(), kStartCodePrefix.begin(), kStartCodePrefix.end());
-    };
-    for (auto prefix = next_prefix(unit.begin()); prefix != unit.end();) {
-        const auto begin = prefix + kStartCodePrefix.size();
-        prefix = next_prefix(begin);
-        if (begin != prefix) found.emplace_back(begin, prefix);
-    }
-    return found;
-}
 
 bool starts_with(Bytes bytes, std::initializer_list<uint8_t> head) {
     return bytes.size() >= head.size() && std::equal(head.begin(), head.end(), bytes.begin());
@@ -105,9 +90,9 @@ void read_user_data(Bytes payload, UnitCaptions& captions) {
 
 UnitContents read_mpeg_video(Bytes unit) {
     UnitContents contents;
-    for (const Bytes section : sections(unit)) {
-        const Bytes payload = section.subspan(1);
-        switch (section[0]) {
+    for (const Section& section : sections(unit)) {
+        const Bytes payload = section.bytes.subspan(1);
+        switch (section.bytes[0]) {
             case kGroup: contents.gop = read_group_header(payload); break;
             case kUserData: read_user_data(payload, contents.captions); break;
             default: break;
@@ -119,10 +104,10 @@ UnitContents read_mpeg_video(Bytes unit) {
 /// Whether one of the NAL units is of a picture after which nothing refers to earlier ones.
 bool holds_idr(AVCodecID codec, Bytes unit) {
     constexpr int kH264Idr = 5, kH265IdrWithLeading = 19, kH265Idr = 20;
-    const std::vector<Bytes> nals = sections(unit);
-    return std::any_of(nals.begin(), nals.end(), [codec](Bytes nal) {
-        const int h265_type = nal[0] >> 1 & 0x3F;
-        return codec == AV_CODEC_ID_H264 ? (nal[0] & 0x1F) == kH264Idr
+    const std::vector<Section> nals = sections(unit);
+    return std::any_of(nals.begin(), nals.end(), [codec](const Section& nal) {
+        const int h265_type = nal.bytes[0] >> 1 & 0x3F;
+        return codec == AV_CODEC_ID_H264 ? (nal.bytes[0] & 0x1F) == kH264Idr
                                          : h265_type == kH265IdrWithLeading || h265_type == kH265Idr;
     });
 }

@@ -6,7 +6,7 @@ extern "C" {
 #include <libavutil/opt.h>
 }
 
-#include "captions/bit_reader.h"
+#include "captions/bits.h"
 
 namespace gsve::programme {
 namespace {

@@ -18,7 +18,7 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
-#include "captions/bit_reader.h"
+#include "captions/bits.h"
 #include "encoding/error.h"
 #include "programme/file_name.h"
 #include "programme/muxer.h"
