@@ -57,7 +57,7 @@ void add_ancillary_options(CLI::App& app, const std::shared_ptr<EncodeOptions>& 
     app.add_flag("--scte20", options->captions.scte20,
                  "MPEG-2: send EIA-608 captions as SCTE 20 user data, too");
     app.add_option("--timecode", options->timecode,
-                   "MPEG-2: GOP time code of the first picture, HH:MM:SS:FF, HH:MM:SS;FF (drop-frame), or "
+                   "Time code of the first picture, HH:MM:SS:FF, HH:MM:SS;FF (drop-frame), or "
                    "\"source\": the input's");
 }
 

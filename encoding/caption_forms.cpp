@@ -34,7 +34,7 @@ CaptionForms caption_forms(PictureEncoder& encoder, bool scte20) {
         encoder.codec_id == kMpeg2 && encoder.enabled_eia608() && rate.num / rate.den <= kFastestCc;
     CaptionForms forms;
     forms.cc = cc;
-    forms.cc_data = (encoder.codec_id == kMpeg2 || encoder.codec_id == kH264) && encoder.enabled_cea708();
+    forms.cc_data = encoder.enabled_cea708();
     forms.scte20 = scte20;
     const bool alone = forms.cc_data && !cc && !scte20 && !drops_pictures(encoder);
     if (alone && captions::runs_at_full_rate(rate, captions::LineRate::kFull))

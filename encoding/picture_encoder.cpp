@@ -9,7 +9,8 @@ extern "C" {
 #include <orb_utils_v4/io.h>
 
 #include "encoding/error.h"
-#include "encoding/film_captions.h"
+#include "encoding/frame_rate.h"
+#include "encoding/unit_messages.h"
 
 namespace gsve::encoding {
 namespace {
@@ -24,7 +25,7 @@ constexpr double kNoLoad = -600;
 constexpr uint64_t kTimecodesKept = 256;
 
 /// More than any codec holds back.
-constexpr size_t kMostFilmCaptions = 1024;
+constexpr size_t kMostAwaited = 1024;
 
 std::span<const uint8_t> unit_in(const sliding_window_v4& window) { return {window.data, window.end}; }
 
@@ -57,7 +58,10 @@ AVRational PictureEncoder::encoded_rate() const {
 }
 
 PictureFate PictureEncoder::push(const PictureView& picture, const Ancillary& ancillary) {
-    if (takes(picture.number)) queue(ancillary, picture.number);
+    if (takes(picture.number)) {
+        queue(ancillary, picture.number);
+        await(ancillary, picture.number);
+    }
     signal(ancillary, picture.number);
     if (!adapts_to_load_) smoothed_encode_time = kNoLoad;
     const uint64_t taken = input_frame_count;
@@ -70,6 +74,7 @@ PictureFate PictureEncoder::push(const PictureView& picture, const Ancillary& an
     if (!usable) throw Failure("the encoder cannot take a picture: memory ran out");
     if (encoded_frame_count != sent) return PictureFate::kEncoded;
     times_->withdrawn();
+    awaited_.erase(picture.number);
     return input_frame_count == taken ? PictureFate::kSkipped : PictureFate::kDropped;
 }
 
@@ -103,10 +108,6 @@ void PictureEncoder::signal(const Ancillary& ancillary, uint64_t number) {
 
 /// Hands over what the encoder keeps with the picture until its unit comes.
 void PictureEncoder::queue(const Ancillary& ancillary, uint64_t number) {
-    if (line_rate_ == captions::LineRate::kFull) {
-        film_captions_[number] = ancillary.captions;
-        if (film_captions_.size() > kMostFilmCaptions) film_captions_.erase(film_captions_.begin());
-    }
     for (uint8_t field = 0; field < 2; field++)
         if (ancillary.captions.words[field] != 0) write_eia608(field, ancillary.captions.words[field]);
     std::vector<zeph_cea708_word> words;
@@ -139,10 +140,12 @@ void PictureEncoder::host_emit_data_out(const uint8_t* data, size_t len, AVPacke
     // The encoder is no place for an exception to cross; later units of a failed output are of no use.
     if (failure_) return;
     try {
-        const std::span<const uint8_t> bytes = {data, len};
-        receiver_({bytes, source_number(pkt->pts), times_->next_decode_time(),
-                   (pkt->flags & AV_PKT_FLAG_KEY) != 0, types_->type(bytes),
-                   aux_data_map.contains(record_key(pkt->pts))});
+        const int64_t number = source_number(pkt->pts);
+        const bool ancillary = composes_captions() ? awaited_.contains(static_cast<uint64_t>(number))
+                                                   : aux_data_map.contains(record_key(pkt->pts));
+        const std::span<const uint8_t> bytes = with_additions({data, len}, static_cast<uint64_t>(number));
+        receiver_({bytes, number, times_->next_decode_time(), (pkt->flags & AV_PKT_FLAG_KEY) != 0,
+                   types_->type(bytes), ancillary});
     } catch (...) {
         failure_ = std::current_exception();
     }
@@ -175,29 +178,63 @@ void PictureEncoder::complete_mpeg2_unit(AVPacket& unit, uint64_t key) {
 }
 
 void PictureEncoder::insert_cc_data(uint64_t key) {
-    if (line_rate_ == captions::LineRate::kFull)
-        insert_film_captions(key);
-    else if (codec_id == kMpeg2)
+    if (composes_captions()) return;
+    if (codec_id == kMpeg2)
         Encoder::mpeg_insert_cea708_cc(key);
     else
         Encoder::h264_insert_cea708_cc(key);
 }
 
-void PictureEncoder::insert_film_captions(uint64_t key) {
-    const auto record = aux_data_map.find(key);
-    const auto found = record == aux_data_map.end() ? film_captions_.end()
-                                                    : film_captions_.find(record->second.host_frame_tag);
-    const captions::PictureWrites writes =
-        found == film_captions_.end() ? captions::PictureWrites() : std::move(found->second);
-    if (found != film_captions_.end()) film_captions_.erase(found);
+/// Whether A/53 captions are composed here, in the encoder's place.
+bool PictureEncoder::composes_captions() const {
+    return codec_id == kH265 || line_rate_ == captions::LineRate::kFull;
+}
 
-    const std::span<uint8_t> unit = {output_window->data, output_window->end};
-    const bool mpeg2 = codec_id == kMpeg2;
-    const auto position = mpeg2 ? user_data_position(unit) : caption_sei_position(unit);
-    if (position == unit.end()) return;
-    const std::vector<uint8_t> bytes = mpeg2 ? film_user_data(writes) : film_caption_sei(writes);
-    uint8_t* gap = &*position;
-    if (mpeg_insert_output(gap, bytes.size())) std::copy(bytes.begin(), bytes.end(), gap);
+void PictureEncoder::await(const Ancillary& ancillary, uint64_t number) {
+    Awaited awaited = {
+        .captions = {}, .timecode = {}, .shape = ancillary.shape, .encoded = input_frame_count};
+    if (composes_captions() && enabled_cea708()) awaited.captions = ancillary.captions;
+    if (codec_id == kH265) awaited.timecode = ancillary.timecode;
+    if (ancillary.shape.bars)
+        awaited.shape.bars =
+            scaled(*ancillary.shape.bars, {input_width, input_height}, {output_width, output_height});
+    awaited_[number] = std::move(awaited);
+    if (awaited_.size() > kMostAwaited) awaited_.erase(awaited_.begin());
+}
+
+/// What goes into the picture's unit, at the place where it goes.
+std::vector<uint8_t> PictureEncoder::additions(std::span<const uint8_t> unit, size_t position,
+                                               uint64_t number) {
+    const auto found = awaited_.find(number);
+    const Awaited awaited = found == awaited_.end() ? Awaited() : std::move(found->second);
+    if (found != awaited_.end()) awaited_.erase(found);
+
+    const int temporal_id = codec_id == kH265 ? temporal_id_at(unit, position) : 0;
+    const captions::FrameRate rate = caption_rate(encoded_rate());
+    std::vector<uint8_t> bytes;
+    const auto append = [&bytes](const std::vector<uint8_t>& more) {
+        bytes.insert(bytes.end(), more.begin(), more.end());
+    };
+    const auto append_user_data = [&](const std::vector<uint8_t>& body) {
+        append(codec_id == kMpeg2 ? mpeg2_user_data(body) : atsc_message(codec_id, body, temporal_id));
+    };
+    if (awaited.timecode) append(timecode_message(*awaited.timecode, rate, temporal_id));
+    if (composes_captions() && enabled_cea708())
+        append_user_data(caption_data(awaited.captions, rate, awaited.encoded));
+    if (awaited.shape.afd) append_user_data(afd_data(*awaited.shape.afd));
+    if (awaited.shape.bars && *awaited.shape.bars != Bars()) append_user_data(bar_data(*awaited.shape.bars));
+    return bytes;
+}
+
+/// The unit of picture `number` as it leaves. Valid until the next one.
+std::span<const uint8_t> PictureEncoder::with_additions(std::span<const uint8_t> unit, uint64_t number) {
+    const size_t position = codec_id == kMpeg2 ? user_data_position(unit) : sei_position(codec_id, unit);
+    const std::vector<uint8_t> added = additions(unit, position, number);
+    if (added.empty() || position == unit.size()) return unit;
+    unit_.assign(unit.begin(), unit.begin() + static_cast<ptrdiff_t>(position));
+    unit_.insert(unit_.end(), added.begin(), added.end());
+    unit_.insert(unit_.end(), unit.begin() + static_cast<ptrdiff_t>(position), unit.end());
+    return unit_;
 }
 
 /// The GOP header's time code is that of the picture displayed first (ISO/IEC 13818-2, 6.3.8): in an open GOP

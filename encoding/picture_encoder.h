@@ -35,6 +35,7 @@ extern "C" {
 #include "captions/timecode.h"
 #include "encoding/codec_id.h"
 #include "encoding/encoded_unit.h"
+#include "encoding/picture_shape.h"
 #include "encoding/picture_type.h"
 #include "encoding/unit_times.h"
 
@@ -64,6 +65,7 @@ struct Ancillary {
     std::optional<captions::GopTimecode> timecode;
     AVRational display_aspect = {4, 3};
     int field_order = 0;  ///< 0 progressive, 1 top field first, 2 bottom field first
+    PictureShape shape;   ///< of the source's picture; its bars are scaled as the picture is
 };
 
 class PictureEncoder final : public GeneralStreamingVideoEncoder {
@@ -128,12 +130,23 @@ public:
     void mpeg_insert_gop_timecode(const mpeg2_gop_timecode_t&) override {}
 
 private:
+    /// What is added to a picture's unit, once that comes.
+    struct Awaited {
+        captions::PictureWrites captions;
+        std::optional<captions::GopTimecode> timecode;
+        PictureShape shape;    ///< of the encoded picture
+        uint64_t encoded = 0;  ///< the picture's number among those that the encoder was given
+    };
+
     void signal(const Ancillary& ancillary, uint64_t number);
     void queue(const Ancillary& ancillary, uint64_t number);
     void complete_unit(AVPacket& unit);
     void complete_mpeg2_unit(AVPacket& unit, uint64_t key);
     void insert_cc_data(uint64_t key);
-    void insert_film_captions(uint64_t key);
+    bool composes_captions() const;
+    void await(const Ancillary& ancillary, uint64_t number);
+    std::vector<uint8_t> additions(std::span<const uint8_t> unit, size_t position, uint64_t number);
+    std::span<const uint8_t> with_additions(std::span<const uint8_t> unit, uint64_t number);
     void insert_timecode(int pictures_before, const mpeg2_gop_timecode_t& of_picture);
     uint64_t record_key(int64_t emitted_time) const;
     int reorder_depth() const;
@@ -146,7 +159,8 @@ private:
     std::optional<PictureTypeReader> types_;
     std::map<uint64_t, captions::GopTimecode> timecodes_;  ///< of the latest pictures, by encoded number
     captions::LineRate line_rate_ = captions::LineRate::kPairOfEachField;
-    std::map<uint64_t, captions::PictureWrites> film_captions_;  ///< at the full rate, by picture number
+    std::map<uint64_t, Awaited> awaited_;  ///< of the latest pictures, by number
+    std::vector<uint8_t> unit_;            ///< the latest one, with its additions
     std::exception_ptr failure_;
     bool adapts_to_load_ = true;
     bool draining_ = false;

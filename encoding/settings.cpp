@@ -130,9 +130,7 @@ constexpr std::array kSettings = {
     Setting{"Captions", "eia-608 on p-frames", "-1", kOnOffAuto,
             "\"CC\" user data on P-pictures too; only 0 turns it off.", kMpeg2},
     Setting{"Captions", "enable cea-708", "-1", kOnOffAuto,
-            "ATSC A/53 caption data; -1: at 24, 30 and 60 pictures/s. H.265 carries no captions, but "
-            "their 14512 bits/s are still set aside.",
-            kMpeg2 | kH264},
+            "ATSC A/53 caption data; -1: at 24, 30 and 60 pictures/s."},
 };
 
 std::vector<std::string_view> split(std::string_view list) {

@@ -44,7 +44,6 @@ void check_caption_choice(const CaptionChoice& choice, const std::string& codec)
     if (choice.scte20 && codec != "mpeg-2")
         throw UsageError(fmt::format("--scte20 is for MPEG-2 streams, not {}: leave it out", codec));
     if (choice.files.empty()) return;
-    if (codec == "h.265") throw UsageError("--captions: H.265 streams carry none here; use mpeg-2 or h.264");
     if (choice.files.size() > 2)
         throw UsageError("--captions takes two files at most: one for field 1, one for field 2");
     for (const std::string& file : choice.files) {

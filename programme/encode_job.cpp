@@ -92,7 +92,7 @@ void check(const EncodeJob& job) {
     encoding::check_together(job.settings);
     const std::string codec = setting_of(job, "encoder");
     check_caption_choice(job.captions, codec);
-    if (!job.timecode.empty() && codec != "mpeg-2" && !format.has_timecode())
+    if (!job.timecode.empty() && codec == "h.264" && !format.has_timecode())
         throw UsageError(fmt::format(
             "--timecode: {} has no place for one in {}; name a .mov, .mp4 or .mkv file", codec, job.output));
     job_frame_rate(job);

@@ -76,6 +76,7 @@ Ancillary signalled_by(const Picture& picture) {
     Ancillary ancillary;
     ancillary.display_aspect = picture.display_aspect;
     ancillary.field_order = picture.field_order;
+    ancillary.shape = picture.shape;
     return ancillary;
 }
 
@@ -129,6 +130,7 @@ private:
     captions::Report caption_report_;
     SentServices services_;
     std::optional<TimecodeTrack> timecodes_;
+    encoding::PictureShape untold_shape_;  ///< of a picture that was left out
     std::string first_timecode_;
     std::optional<CompanionStreams> companions_;
     std::unique_ptr<Output> output_;
@@ -230,11 +232,12 @@ void ProgrammeEncoding::open_timecodes() {
     // wanted.
     const bool carried = job_.timecode.empty() && format_.has_timecode() && !input_.timecode().empty();
     if (job_.timecode.empty() && !format_.has_timecode() && input_.container_has_timecode())
-        observer_.note(
-            fmt::format("the input's time code {} is left out: {}\n", input_.timecode(),
-                        encoder_.codec_id == encoding::kMpeg2
-                            ? "--timecode source carries it in GOP headers"
-                            : "H.264 and H.265 have no place for it here; a .mov or .mp4 file has"));
+        observer_.note(fmt::format("the input's time code {} is left out: {}\n", input_.timecode(),
+                                   encoder_.codec_id == encoding::kMpeg2
+                                       ? "--timecode source carries it in GOP headers"
+                                   : encoder_.codec_id == encoding::kH265
+                                       ? "--timecode source carries it in SEI messages"
+                                       : "H.264 has no place for it here; a .mov or .mp4 file has"));
     if (job_.timecode.empty() && !carried) return;
     const bool of_input = carried || job_.timecode == kSourceTimecode;
     const captions::FrameRate encoded = encoding::caption_rate(encoder_.encoded_rate());
@@ -342,6 +345,9 @@ Ancillary ProgrammeEncoding::ancillary_of(const Picture& picture) {
     Ancillary ancillary = signalled_by(picture);
     const auto number = static_cast<int64_t>(picture.number);
     if (timecodes_ && job_.timecode == kSourceTimecode) timecodes_->follow(number, picture.timecode);
+    // What is said once holds for the pictures after it, too.
+    if (ancillary.shape.empty()) ancillary.shape = untold_shape_;
+    untold_shape_ = encoder_.takes(picture.number) ? encoding::PictureShape() : ancillary.shape;
     if (!encoder_.takes(picture.number)) return ancillary;
     if (timecodes_)
         ancillary.timecode = captions::gop_timecode(

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <utility>
 
 #include <fmt/format.h>
@@ -18,7 +20,27 @@ namespace {
 // What is worth to be told of, in seconds.
 constexpr double kPause = 2;
 
+/// More pictures than any decoder holds.
+constexpr int64_t kMostInDecoder = 256;
+
+// The keys of a frame's metadata under which its shape travels.
+constexpr const char *kAfdKey = "gsve.afd", *kBarsKey = "gsve.bars";
+
 }  // namespace
+
+encoding::PictureShape shape_of(const AVFrame& frame) {
+    encoding::PictureShape shape;
+    if (const AVDictionaryEntry* afd = av_dict_get(frame.metadata, kAfdKey, nullptr, 0))
+        shape.afd = std::atoi(afd->value);
+    if (const AVDictionaryEntry* entry = av_dict_get(frame.metadata, kBarsKey, nullptr, 0)) {
+        int numbers[4] = {-1, -1, -1, -1};
+        std::sscanf(entry->value, "%d %d %d %d", &numbers[0], &numbers[1], &numbers[2], &numbers[3]);
+        const auto known = [](int number) { return number < 0 ? std::nullopt : std::optional(number); };
+        shape.bars =
+            encoding::Bars{known(numbers[0]), known(numbers[1]), known(numbers[2]), known(numbers[3])};
+    }
+    return shape;
+}
 
 FrameDecoder::FrameDecoder(PacketSource& source, const std::string& path)
     : source_(source),
@@ -55,6 +77,7 @@ bool FrameDecoder::next() {
             av_guess_sample_aspect_ratio(&source_.format(), &source_.stream(), &frame);
         if (changes_shape(frame)) return false;
         const int64_t unit = number_of(frame);
+        attach_shape(frame, unit);
         frame.pts = continuous_time(frame);
         note_shown(frame, unit);
         decoded_++;
@@ -72,9 +95,12 @@ bool FrameDecoder::feed() {
         const int flushed = avcodec_send_packet(decoder_.get(), nullptr);
         return flushed == 0 || fail(flushed);
     }
+    const encoding::PictureShape shape = encoding::read_shape(decoder_->codec_id, bytes_of(*packet_));
     if (on_packet_) on_packet_(*packet_);
     const int64_t unit = finder_.sent({.key = (packet_->flags & AV_PKT_FLAG_KEY) != 0,
                                        .flagged = (packet_->flags & AV_PKT_FLAG_CORRUPT) != 0});
+    if (!shape.empty()) shapes_[unit] = shape;
+    shapes_.erase(shapes_.begin(), shapes_.lower_bound(unit - kMostInDecoder));
     source_.log().expect(*decoder_, unit);
     set_number(*decoder_, *packet_, unit);
     const int sent = avcodec_send_packet(decoder_.get(), packet_.get());
@@ -143,6 +169,22 @@ bool FrameDecoder::changes_shape(const AVFrame& frame) {
         shape_.width, shape_.height, shape.width, shape.height,
         av_get_pix_fmt_name(static_cast<AVPixelFormat>(shape.format)), decoded_);
     return true;
+}
+
+/// The decoder's own word of the active format is of the picture for certain; of bars it has none.
+void FrameDecoder::attach_shape(AVFrame& frame, int64_t unit) {
+    encoding::PictureShape shape;
+    if (const auto found = shapes_.find(unit); found != shapes_.end()) shape = found->second;
+    const AVFrameSideData* afd = av_frame_get_side_data(&frame, AV_FRAME_DATA_AFD);
+    if (afd && afd->size > 0) shape.afd = afd->data[0];
+    const auto set = [&](const char* key, const std::string& value) {
+        check_memory(av_dict_set(&frame.metadata, key, value.c_str(), 0) >= 0);
+    };
+    if (shape.afd) set(kAfdKey, std::to_string(*shape.afd));
+    if (!shape.bars) return;
+    const encoding::Bars& bars = *shape.bars;
+    set(kBarsKey, fmt::format("{} {} {} {}", bars.top_end.value_or(-1), bars.bottom_begin.value_or(-1),
+                              bars.left_end.value_or(-1), bars.right_begin.value_or(-1)));
 }
 
 }  // namespace gsve::programme

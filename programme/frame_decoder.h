@@ -5,9 +5,11 @@
 #include <cstdint>
 #include <functional>
 #include <limits>
+#include <map>
 #include <string>
 #include <vector>
 
+#include "encoding/picture_shape.h"
 #include "programme/av.h"
 #include "programme/damage_finder.h"
 #include "programme/packet_source.h"
@@ -21,6 +23,9 @@ struct Pause {
     bool skipped =
         false;  ///< frame().pts leaves it out, since it lasted longer than pictures are repeated for
 };
+
+/// What the coded unit of a decoded picture said of its shape: it goes with the frame through filters.
+encoding::PictureShape shape_of(const AVFrame& frame);
 
 class FrameDecoder {
 public:
@@ -68,6 +73,7 @@ private:
         return static_cast<double>(time) * av_q2d(source_.stream().time_base);
     }
     bool changes_shape(const AVFrame& frame);
+    void attach_shape(AVFrame& frame, int64_t unit);
 
     /// What all pictures have in common.
     struct Shape {
@@ -84,6 +90,7 @@ private:
     FramePtr frame_ = new_frame();
     PacketHook on_packet_;
     Shape shape_;
+    std::map<int64_t, encoding::PictureShape> shapes_;  ///< by unit, of pictures in the decoder
     uint64_t decoded_ = 0;
     bool decoded_all_ = false;
     bool read_all_ = false;  ///< there is no further packet

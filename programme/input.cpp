@@ -220,6 +220,7 @@ bool Input::advance() {
     held_.pop_front();
     picture_.frame = current_.get();
     picture_.field_order = field_order(*current_);
+    picture_.shape = shape_of(*current_);
     picture_.display_aspect = display_aspect(*current_, format_);
     picture_.timecode =
         container_has_timecode_ ? std::nullopt : timecode_of(*current_, encoding::caption_rate(own_rate()));

@@ -36,6 +36,7 @@ struct Picture {
     AVRational display_aspect = {4, 3};
     int field_order = 0;  ///< 0 progressive, 1 top field first, 2 bottom field first
     std::optional<encoding::PictureTimecode> timecode;
+    encoding::PictureShape shape;
 
     encoding::PictureView view() const;
 };

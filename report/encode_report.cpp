@@ -163,9 +163,9 @@ std::string caption_losses(const EncodeResult& result) {
     text += lost_text(account.lost);
     if (account.without_form.all() > 0)
         text += fmt::format(
-            "captions: {} of the input are not in the stream: {}\n", count_text(account.without_form),
-            result.codec == "h.265" ? "H.265 streams carry none here; choose mpeg-2 or h.264"
-                                    : "it has no form for them; --set \"enable cea-708=1\" gives it one");
+            "captions: {} of the input are not in the stream: it has no form for them; --set \"enable "
+            "cea-708=1\" gives it one\n",
+            count_text(account.without_form));
     if (account.expired.all() > 0)
         text += fmt::format(
             "captions: {} are not in the stream: the codec held their pictures for too long (choose a "

@@ -255,15 +255,6 @@ TEST_F(CaptionFileCommand, SendsNoIdleCaptionsOnRequest) {
     }
 }
 
-TEST_F(CaptionFileCommand, SaysThatCaptionsNeedACodecThatHasThem) {
-    const std::string srt = file("a.srt", "1\n00:00:01,000 --> 00:00:01,500\nHi\n");
-    const std::string captioned = directory / "captioned.m2v";
-    encode(y4m(k29_97, 60), captioned, {"--captions", srt});
-    encode(captioned, directory / "out.h265");
-    EXPECT_THAT(diagnostics, HasSubstr("H.265 streams carry none here; choose mpeg-2 or h.264"));
-    EXPECT_THAT(diagnostics, Not(HasSubstr("enable cea-708")));
-}
-
 /// A recording and its place among others that follow each other.
 struct Part {
     unsigned pictures;

@@ -32,16 +32,14 @@ void put_delimiter_in_front(AVPacket& packet) {
 
 class NalByNal : public testing::TestWithParam<std::tuple<const char*, const char*>> {
 protected:
-    /// A captioned clip (but for H.265), and the same with a sample for every NAL unit.
+    /// A captioned clip, and the same with a sample for every NAL unit.
     void make() {
         const auto& [codec, extension] = GetParam();
         write_y4m(directory / "clip.y4m", {.rate = {30000, 1001}}, kPictures);
         whole = directory / (std::string("whole") + extension);
         std::vector<std::string> arguments = {"encode", directory / "clip.y4m", whole, "--codec", codec};
-        if (codec == std::string("h.264")) {
-            write_bytes(directory / "captions.srt", "1\n00:00:00,600 --> 00:00:01,400\nOne caption\n");
-            arguments.insert(arguments.end(), {"--captions", directory / "captions.srt"});
-        }
+        write_bytes(directory / "captions.srt", "1\n00:00:00,600 --> 00:00:01,400\nOne caption\n");
+        arguments.insert(arguments.end(), {"--captions", directory / "captions.srt"});
         const ProgramResult result = run(arguments);
         ASSERT_EQ(result.status, 0) << result.err;
         single = directory / (std::string("single") + extension);

@@ -43,9 +43,9 @@ TEST(CaptionForms, FollowCodecSettingsAndRate) {
     };
     EXPECT_EQ(forms_at({30, 1}, 1, with("mpeg-2")), "CC A/53 ");
     EXPECT_EQ(forms_at({30, 1}, 1, with("h.264")), "A/53 ");
-    EXPECT_EQ(forms_at({30, 1}, 1, with("h.265")), "");
+    EXPECT_EQ(forms_at({30, 1}, 1, with("h.265")), "A/53 ");
     EXPECT_EQ(forms_at({30, 1}, 1, with("mpeg-2"), true), "CC A/53 SCTE 20 ");
-    EXPECT_EQ(forms_at({30, 1}, 1, {{"encoder", "h.265"}}, true), "SCTE 20 ");
+    EXPECT_EQ(forms_at({30, 1}, 1, {{"encoder", "h.265"}}, true), "A/53 SCTE 20 ");
     // "CC" user data goes up to 33 whole pictures a second.
     EXPECT_EQ(forms_at({33, 1}, 1, with("mpeg-2")), "CC A/53 ");
     EXPECT_EQ(forms_at({3399, 100}, 1, with("mpeg-2")), "CC A/53 ");
@@ -76,7 +76,7 @@ TEST(CaptionForms, CarryAllPairsOfFilmInA53Alone) {
         {{48, 1}, 2, {{"encoder", "h.264"}}, false, true},
         {{24, 1}, 2, {{"encoder", "h.264"}}, false, false},
         {{25, 1}, 1, {{"encoder", "mpeg-2"}}, false, false},
-        {{24, 1}, 1, {{"encoder", "h.265"}}, false, false},
+        {{24, 1}, 1, {{"encoder", "h.265"}}, false, true},
         {{24, 1}, 1, {{"encoder", "mpeg-2"}}, true, false},
         {{24, 1}, 1, {{"encoder", "mpeg-2"}, {"enable eia-608", "1"}}, false, false},
         {{24, 1}, 1, {{"encoder", "mpeg-2"}, {"enable cea-708", "0"}}, false, false},

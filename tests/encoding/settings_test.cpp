@@ -225,10 +225,10 @@ TEST(Settings, NameTheCodecsForWhichTheyDoSomething) {
         const char* key;
         const char* codecs;
     } rows[] = {
-        {"bitrate", "mpeg-2, h.264, h.265"},  {"p masking", "mpeg-2"},
-        {"h.264 preset", "h.264, h.265"},     {"h.264 aud", "h.264"},
-        {"noise reduction", "mpeg-2, h.264"}, {"enable eia-608", "mpeg-2"},
-        {"enable cea-708", "mpeg-2, h.264"},
+        {"bitrate", "mpeg-2, h.264, h.265"},        {"p masking", "mpeg-2"},
+        {"h.264 preset", "h.264, h.265"},           {"h.264 aud", "h.264"},
+        {"noise reduction", "mpeg-2, h.264"},       {"enable eia-608", "mpeg-2"},
+        {"enable cea-708", "mpeg-2, h.264, h.265"},
     };
     for (const auto& row : rows) EXPECT_EQ(codecs_text(setting(row.key).codecs), row.codecs) << row.key;
 }

@@ -98,7 +98,7 @@ TEST(CheckCaptionChoice, AcceptsAndRefuses) {
         {rows_alone, "mpeg-2", nullptr},
         {files({"a.scc"}), "mpeg-2", nullptr},
         {files({"a.scc"}), "h.264", nullptr},
-        {files({"a.scc"}), "h.265", "H.265 streams carry none"},
+        {files({"a.scc"}), "h.265", nullptr},
         {files({"a.scc", "b.srt"}), "h.264", nullptr},
         {files({"a.scc", "b.scc", "c.scc"}), "h.264", "two files at most"},
         {files({"a.mcc"}), "h.264", nullptr},

@@ -5,7 +5,8 @@
 
 #include <gtest/gtest.h>
 
-#include "encoding/film_captions.h"
+#include "encoding/codec_id.h"
+#include "encoding/unit_messages.h"
 #include "support/mpeg2_units.h"
 
 namespace {
@@ -33,17 +34,18 @@ Bytes cc_data_of_three_pairs() {
 }
 
 TEST(FilmUserData, IsCcDataBehindItsStartCode) {
-    EXPECT_EQ(hex(film_user_data(three_pairs())), hex(from_hex("00 00 01 B2") + cc_data_of_three_pairs()));
+    EXPECT_EQ(hex(mpeg2_user_data(caption_data(three_pairs(), gsve::captions::kRate24, 0))),
+              hex(from_hex("00 00 01 B2") + cc_data_of_three_pairs()));
 }
 
 // payload_type 4, its size of 3 + 83, the United States, ATSC, cc_data, and the stop bit.
 TEST(FilmCaptionSei, IsCcDataInARegisteredUserDataMessage) {
-    EXPECT_EQ(hex(film_caption_sei(three_pairs())),
+    EXPECT_EQ(hex(atsc_message(kH264, caption_data(three_pairs(), gsve::captions::kRate24, 0))),
               hex(from_hex("00 00 00 01 06 04 56 B5 00 31") + cc_data_of_three_pairs() + from_hex("80")));
 }
 
-ptrdiff_t place_of_user_data(Bytes unit) { return user_data_position(unit) - std::span(unit).begin(); }
-ptrdiff_t place_of_sei(Bytes unit) { return caption_sei_position(unit) - std::span(unit).begin(); }
+ptrdiff_t place_of_user_data(const Bytes& unit) { return static_cast<ptrdiff_t>(user_data_position(unit)); }
+ptrdiff_t place_of_sei(const Bytes& unit) { return static_cast<ptrdiff_t>(sei_position(kH264, unit)); }
 ptrdiff_t length(const Bytes& bytes) { return static_cast<ptrdiff_t>(bytes.size()); }
 
 TEST(UserDataPosition, IsInFrontOfThePicturesFirstSlice) {
@@ -86,6 +88,51 @@ TEST(CaptionSeiPosition, KnowsWhatStandsBeforeByItsType) {
 TEST(CaptionSeiPosition, IsTheEndWhereThereIsNoSlice) {
     for (const char* unit : {"", "00 00 01", "00 00 01 09 10", "00 00 01 67 42 00 00 01", "12 34"})
         EXPECT_EQ(place_of_sei(from_hex(unit)), length(from_hex(unit))) << unit;
+}
+
+TEST(SeiPosition, IsInFrontOfTheFirstSliceOfH265) {
+    for (int type = 0; type < 64; type++) {
+        const Bytes first = from_hex("00 00 01") + Bytes{static_cast<uint8_t>(type << 1), 0x01, 0x11};
+        const Bytes unit = first + from_hex("00 00 01 26 01 88");
+        EXPECT_EQ(sei_position(kH265, unit), type < 32 ? 0 : first.size()) << type;
+    }
+    EXPECT_EQ(sei_position(kH265, from_hex("00 00 01 40 01")), 5u) << "no slice";
+}
+
+TEST(TemporalId, IsThatOfTheNalUnit) {
+    EXPECT_EQ(temporal_id_at(from_hex("00 00 01 02 01 88"), 0), 0);
+    EXPECT_EQ(temporal_id_at(from_hex("FF 00 00 01 02 03 88"), 1), 2);
+    EXPECT_EQ(temporal_id_at(from_hex("00 00 01 02"), 0), 0);
+}
+
+// NAL unit type 39 in a header of two bytes; the rest as in H.264.
+TEST(AtscMessage, IsAPrefixSeiMessageInH265) {
+    EXPECT_EQ(hex(atsc_message(kH265, from_hex("01 02"), 2)),
+              hex(from_hex("00 00 00 01 4E 03 04 05 B5 00 31 01 02 80")));
+}
+
+// At 29.97 pictures/s, 01:02:03;04: num_clock_ts 01, clock_timestamp_flag 1, units_field_based_flag 0,
+// counting_type 00100, full_timestamp_flag 1, discontinuity_flag 0, cnt_dropped_flag 1, n_frames 000000100,
+// seconds 000011, minutes 000010, hours 00001, time_offset_length 00000, then 1 and zeros up to a byte.
+TEST(TimecodeMessage, IsTheTimeCodeOfOnePicture) {
+    EXPECT_EQ(hex(timecode_message({1, 1, 2, 3, 4}, gsve::captions::kRate29_97)),
+              hex(from_hex("00 00 00 01 4E 01 88 06 62 50 20 61 04 10 80")));
+    // Four numbers a minute are counted as dropped in another way, none in no way.
+    EXPECT_EQ(timecode_message({1, 1, 2, 3, 4}, gsve::captions::kRate59_94)[8], 0x63);
+    EXPECT_EQ(timecode_message({0, 1, 2, 3, 4}, gsve::captions::kRate25)[8], 0x60);
+}
+
+// Film's pairs come by the field; at 60 pictures/s a picture has those of one.
+TEST(CaptionData, HasTheFieldOfThePictureAbove39PicturesASecond) {
+    PictureWrites writes;
+    writes.words[0] = 0x9420;
+    const auto beginning = [&](uint64_t picture) {
+        const Bytes data = caption_data(writes, gsve::captions::kRate59_94, picture);
+        return hex(Bytes(data.begin(), data.begin() + 13));
+    };
+    EXPECT_EQ(beginning(4), hex(from_hex("47 41 39 34 03 CA FF FC 94 20 FA 00 00")));
+    writes.words[0] = 0;
+    EXPECT_EQ(beginning(5), hex(from_hex("47 41 39 34 03 CA FF FD 80 80 FA 00 00")));
 }
 
 }  // namespace
