@@ -1,6 +1,7 @@
 #include "encoding/picture_encoder.h"
 
 #include <algorithm>
+#include <array>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -43,9 +44,11 @@ void PictureEncoder::describe_source(const SourceDescription& source) {
     frame_rate_num = source.frame_rate.num;
     frame_rate_den = source.frame_rate.den;
     input_interlaced = source.interlaced;
+    colour_ = source.colour;
 }
 
 bool PictureEncoder::open(const Ancillary& first) {
+    first_shape_ = first.shape;
     signal(first, 0);  // applying a setting forgets what was signalled, and the codec starts with this
     if (!client_addref() || !encoder_open) return false;
     times_.emplace(reorder_depth(), frame_rate_divider);
@@ -55,6 +58,46 @@ bool PictureEncoder::open(const Ancillary& first) {
 
 AVRational PictureEncoder::encoded_rate() const {
     return av_mul_q({frame_rate_num, frame_rate_den}, {1, static_cast<int>(frame_rate_divider)});
+}
+
+double PictureEncoder::inserted_rate() {
+    // Of a sequence display extension, or a description of the colour; and for a byte of emulation
+    // prevention.
+    constexpr double kHeaders = 16, kEmulationPrevention = 1;
+    const captions::FrameRate rate = caption_rate(encoded_rate());
+    const auto message = [&](const std::vector<uint8_t>& body) {
+        return static_cast<double>(codec_id == kMpeg2 ? mpeg2_user_data(body).size()
+                                                      : atsc_message(codec_id, body).size());
+    };
+    double bytes = kHeaders / std::max<int>(static_cast<int>(effective_gop_size), 1);
+    if (codec_id != kMpeg2) bytes += kEmulationPrevention;
+    if (enabled_cea708()) bytes += message(caption_data({}, rate, 0));
+    if (first_shape_.afd) bytes += message(afd_data(*first_shape_.afd));
+    if (first_shape_.bars) bytes += message(bar_data(*first_shape_.bars));
+    if (codec_id == kMpeg2) {
+        // Pairs of all pictures since the one before that had some; two constructs of SCTE 20.
+        constexpr double kCcHeader = 9, kCcPairs = 6, kScte20 = 14;
+        const double distance =
+            do_eia608_on_p_frames() ? mpeg_context->max_b_frames + 1.0 : effective_gop_size;
+        if (enabled_eia608()) bytes += kCcPairs + kCcHeader / std::max(distance, 1.0);
+        if (carries_scte20_) bytes += kScte20;
+    }
+    return 8 * bytes * rate.per_second();
+}
+
+std::vector<uint8_t> PictureEncoder::parameter_sets() {
+    const std::span<const uint8_t> of_codec = {
+        mpeg_context->extradata, static_cast<size_t>(std::max(mpeg_context->extradata_size, 0))};
+    std::vector<uint8_t> rewritten = headers().rewritten(of_codec);
+    return rewritten.empty() ? std::vector<uint8_t>(of_codec.begin(), of_codec.end()) : rewritten;
+}
+
+StreamHeaders& PictureEncoder::headers() {
+    if (!headers_)
+        headers_.emplace(codec_id, HeaderFacts{.colour = colour_,
+                                               .inserted_rate = inserted_rate(),
+                                               .codec_rate = mpeg_context->rc_max_rate});
+    return *headers_;
 }
 
 PictureFate PictureEncoder::push(const PictureView& picture, const Ancillary& ancillary) {
@@ -129,6 +172,7 @@ void PictureEncoder::queue(const Ancillary& ancillary, uint64_t number) {
 }
 
 void PictureEncoder::emit_data_out(const uint8_t*, size_t, AVPacket* pkt) {
+    codec_size_ = unit_in(*output_window).size();
     complete_unit(*pkt);
     const std::span<const uint8_t> unit = unit_in(*output_window);
     pkt->data = output_window->data;
@@ -230,11 +274,39 @@ std::vector<uint8_t> PictureEncoder::additions(std::span<const uint8_t> unit, si
 std::span<const uint8_t> PictureEncoder::with_additions(std::span<const uint8_t> unit, uint64_t number) {
     const size_t position = codec_id == kMpeg2 ? user_data_position(unit) : sei_position(codec_id, unit);
     const std::vector<uint8_t> added = additions(unit, position, number);
-    if (added.empty() || position == unit.size()) return unit;
-    unit_.assign(unit.begin(), unit.begin() + static_cast<ptrdiff_t>(position));
-    unit_.insert(unit_.end(), added.begin(), added.end());
-    unit_.insert(unit_.end(), unit.begin() + static_cast<ptrdiff_t>(position), unit.end());
+    unit_.assign(unit.begin(), unit.end());
+    if (position < unit.size())
+        unit_.insert(unit_.begin() + static_cast<ptrdiff_t>(position), added.begin(), added.end());
+    if (std::vector<uint8_t> rewritten = headers().rewritten(unit_); !rewritten.empty())
+        unit_ = std::move(rewritten);
+    if (has_constant_rate()) fill_up();
     return unit_;
+}
+
+/// Whether the codec fills up what it sends, and so has to be done with what is inserted.
+bool PictureEncoder::has_constant_rate() const {
+    const bool equal =
+        mpeg_context->rc_max_rate > 0 && mpeg_context->rc_min_rate == mpeg_context->rc_max_rate;
+    return equal && headers_->raised_by() && (codec_id == kMpeg2 ? !remove_trailing_zeros : h264_nal_hrd);
+}
+
+/// Adds stuffing to the unit where less was inserted than is declared: zero bytes (ISO/IEC 13818-2, 5.2.3),
+/// or filler data (ITU-T H.264, 7.3.2.7).
+void PictureEncoder::fill_up() {
+    const double declared = *headers_->raised_by() / 8 / av_q2d(encoded_rate());
+    unfilled_ += declared - (static_cast<double>(unit_.size()) - static_cast<double>(codec_size_));
+    constexpr std::array<uint8_t, 5> kFillerData = {0, 0, 0, 1, 0x0C};
+    constexpr size_t kLeastFiller = kFillerData.size() + 1;
+    const auto missing = static_cast<size_t>(std::max(unfilled_, 0.0));
+    if (missing < (codec_id == kMpeg2 ? 1 : kLeastFiller)) return;
+    unfilled_ -= static_cast<double>(missing);
+    if (codec_id == kMpeg2) {
+        unit_.resize(unit_.size() + missing);
+        return;
+    }
+    unit_.insert(unit_.end(), kFillerData.begin(), kFillerData.end());
+    unit_.insert(unit_.end(), missing - kLeastFiller, 0xFF);
+    unit_.push_back(0x80);
 }
 
 /// The GOP header's time code is that of the picture displayed first (ISO/IEC 13818-2, 6.3.8): in an open GOP

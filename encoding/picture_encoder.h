@@ -34,9 +34,11 @@ extern "C" {
 #include "captions/repacer.h"
 #include "captions/timecode.h"
 #include "encoding/codec_id.h"
+#include "encoding/colour.h"
 #include "encoding/encoded_unit.h"
 #include "encoding/picture_shape.h"
 #include "encoding/picture_type.h"
+#include "encoding/stream_headers.h"
 #include "encoding/unit_times.h"
 
 namespace gsve::encoding {
@@ -49,6 +51,7 @@ struct SourceDescription {
     unsigned chroma_shift_y = 1;
     AVRational frame_rate = {25, 1};
     bool interlaced = false;
+    Colour colour;  ///< as it is to be encoded; what is not described is not stated
 };
 
 /// Three 8-bit planes of the described size, read during the call that is given them.
@@ -96,12 +99,30 @@ public:
     /// called between open() and push().
     void carry_line_rate(captions::LineRate line_rate) { line_rate_ = line_rate; }
 
+    /// Pictures come with SCTE 20 data, for which the declared rate is to have room. As above.
+    void carry_scte20() { carries_scte20_ = true; }
+
     /// Opens the encoder. `first` is what goes with the first picture: the codec starts with its aspect ratio
     /// and field order. False: last_error tells why, or "enable" is off.
     bool open(const Ancillary& first);
 
     /// Pictures per second that are encoded. For an opened encoder, as is all that follows.
     AVRational encoded_rate() const;
+
+    /// What the stream says of its colour.
+    const Colour& colour() const { return colour_; }
+
+    /// Bits per second that leave at most beyond the codec's own: captions, and what else goes into units.
+    /// Headers declare the sum of both, and a stream of constant rate is filled up to it. From the first unit
+    /// or parameter_sets() on, it is what it is then.
+    double inserted_rate();
+
+    /// The parameter sets that the codec keeps out of the units where "global_header" is set, as they are to
+    /// stand in a container's header; empty where it keeps none.
+    std::vector<uint8_t> parameter_sets();
+
+    /// Headers of the stream that cannot be read, and left as they came from the codec.
+    uint64_t unreadable_headers() const { return headers_ ? headers_->unreadable() : 0; }
 
     /// Whether push() will take the picture, rather than leave it out for the frame-rate limit.
     bool takes(uint64_t number) const { return frame_rate_limit == 0 || next_due_timestamp <= number; }
@@ -147,6 +168,9 @@ private:
     void await(const Ancillary& ancillary, uint64_t number);
     std::vector<uint8_t> additions(std::span<const uint8_t> unit, size_t position, uint64_t number);
     std::span<const uint8_t> with_additions(std::span<const uint8_t> unit, uint64_t number);
+    StreamHeaders& headers();
+    bool has_constant_rate() const;
+    void fill_up();
     void insert_timecode(int pictures_before, const mpeg2_gop_timecode_t& of_picture);
     uint64_t record_key(int64_t emitted_time) const;
     int reorder_depth() const;
@@ -160,7 +184,13 @@ private:
     std::map<uint64_t, captions::GopTimecode> timecodes_;  ///< of the latest pictures, by encoded number
     captions::LineRate line_rate_ = captions::LineRate::kPairOfEachField;
     std::map<uint64_t, Awaited> awaited_;  ///< of the latest pictures, by number
-    std::vector<uint8_t> unit_;            ///< the latest one, with its additions
+    Colour colour_;
+    PictureShape first_shape_;
+    bool carries_scte20_ = false;
+    std::optional<StreamHeaders> headers_;
+    std::vector<uint8_t> unit_;  ///< the latest one, with its additions
+    size_t codec_size_ = 0;      ///< of the unit, as the codec gave it
+    double unfilled_ = 0;        ///< bytes by which less was inserted than is declared, so far
     std::exception_ptr failure_;
     bool adapts_to_load_ = true;
     bool draining_ = false;

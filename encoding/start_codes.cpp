@@ -15,11 +15,22 @@ std::vector<Section> sections(std::span<const uint8_t> unit) {
     };
     for (size_t prefix = next_prefix(0); prefix != unit.size();) {
         const size_t begin = prefix + kPrefix.size();
-        const size_t with_zero = prefix > 0 && unit[prefix - 1] == 0 ? prefix - 1 : prefix;
         prefix = next_prefix(begin);
         if (begin == prefix) continue;
-        if (!found.empty()) found.back().end = with_zero;
-        found.push_back({unit.subspan(begin, prefix - begin), with_zero, unit.size()});
+        found.push_back({unit.subspan(begin, prefix - begin), begin - kPrefix.size(), prefix});
+    }
+    return found;
+}
+
+std::vector<Section> nal_units(std::span<const uint8_t> unit) {
+    std::vector<Section> found = sections(unit);
+    for (size_t n = 0; n < found.size(); n++) {
+        Section& nal = found[n];
+        while (nal.bytes.size() > 1 && nal.bytes.back() == 0)
+            nal.bytes = nal.bytes.first(nal.bytes.size() - 1);
+        const bool has_zero_byte = nal.begin > 0 && unit[nal.begin - 1] == 0;
+        nal.begin -= has_zero_byte;
+        if (n > 0) found[n - 1].end = nal.begin;
     }
     return found;
 }

@@ -13,11 +13,14 @@ namespace gsve::encoding {
 /// What follows a start code prefix, up to the next one or the end of the unit.
 struct Section {
     std::span<const uint8_t> bytes;  ///< from the code or NAL header on; never empty
-    size_t begin = 0;                ///< of the prefix within the unit, with the zero byte before it
+    size_t begin = 0;                ///< of the prefix within the unit
     size_t end = 0;                  ///< where the next one begins
 };
 
 std::vector<Section> sections(std::span<const uint8_t> unit);
+
+/// The sections of a unit of H.264 or H.265: zeros at their end belong to the start code behind them.
+std::vector<Section> nal_units(std::span<const uint8_t> unit);
 
 /// A NAL unit's payload behind its header, without emulation prevention bytes and trailing zeros.
 std::vector<uint8_t> rbsp_of(std::span<const uint8_t> nal, size_t header_size);

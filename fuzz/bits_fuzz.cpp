@@ -19,6 +19,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         GSVE_FUZZ_REQUIRE(again.size() == 1 && encoding::rbsp_of(again[0].bytes, 1) == rbsp);
     }
 
+    end = 0;
+    for (const encoding::Section& nal : encoding::nal_units(unit)) {
+        GSVE_FUZZ_REQUIRE(nal.begin >= end && nal.begin < nal.end && nal.end <= size && !nal.bytes.empty());
+        end = nal.end;
+    }
+
     captions::BitReader reader(unit);
     captions::BitWriter writer;
     for (int n = 0; !reader.exhausted(); n++) {

@@ -109,7 +109,7 @@ private:
     void open_timecodes();
     std::map<int, Loudness> measured_loudness();
     void open_output();
-    void check_mux_rate(const Companions& companions) const;
+    void check_mux_rate(const Companions& companions);
     void check_mxf_rate() const;
     void encode(const Picture& picture);
     void take_in_captions();
@@ -209,6 +209,7 @@ void ProgrammeEncoding::open_encoder() {
 void ProgrammeEncoding::open_captions() {
     forms_ = caption_forms(encoder_, job_.captions.scte20);
     encoder_.carry_line_rate(forms_.line_rate);
+    if (forms_.scte20) encoder_.carry_scte20();
     const captions::FrameRate source = encoding::caption_rate(input_.own_rate());
     const captions::FrameRate encoded = encoding::caption_rate(encoder_.encoded_rate());
     captions_.emplace(forms_, source, encoded);
@@ -286,15 +287,18 @@ void ProgrammeEncoding::open_output() {
 }
 
 /// Throws UsageError where the streams do not fit into the transport stream.
-void ProgrammeEncoding::check_mux_rate(const Companions& companions) const {
+void ProgrammeEncoding::check_mux_rate(const Companions& companions) {
     // Every transport packet has a header; every PES packet one of its own, and fills up its last transport
     // packet. Sound is gathered into PES packets of 2930 bytes, a picture has one. Tables come every tenth of
     // a second, clocks every 20 ms.
     constexpr double kPackets = 188.0 / 184, kPes = 8 * (188 + 27), kTables = 33'000, kClocks = 75'000;
     constexpr double kSoundPes = 8 * 2930;
     constexpr double kUnknownSound = 448'000, kUnknownSubtitles = 200'000, kUnknownData = 50'000;
-    double needed = std::max(encoder_.bitrate, encoder_.max_bitrate) * kPackets +
-                    encoding::caption_rate(encoder_.encoded_rate()).per_second() * kPes + kTables + kClocks;
+    const double picture =
+        std::max({static_cast<double>(encoder_.bitrate), static_cast<double>(encoder_.max_bitrate),
+                  static_cast<double>(encoder_.mpeg_context->rc_max_rate) + encoder_.inserted_rate()});
+    double needed = picture * kPackets + encoding::caption_rate(encoder_.encoded_rate()).per_second() * kPes +
+                    kTables + kClocks;
     for (const Companions::Stream& stream : companions.streams) {
         const AVMediaType type = stream.form->codec_type;
         const double rate = stream.form->bit_rate > 0       ? static_cast<double>(stream.form->bit_rate)

@@ -9,17 +9,34 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
+Bytes bytes_of(const Section& section) { return {section.bytes.begin(), section.bytes.end()}; }
+
 TEST(StartCodes, DivideAUnitWithoutAGap) {
-    const Bytes unit = {9, 0, 0, 1, 0xB3, 7, 0, 0, 0, 1, 0x65, 0, 0, 1, 0x41, 2};
+    const Bytes unit = {9, 0, 0, 1, 0xB3, 7, 0, 0, 0, 1, 0xB8, 0, 0, 1, 0x00, 2};
     const std::vector<Section> found = sections(unit);
     ASSERT_EQ(found.size(), 3u);
-    EXPECT_EQ(found[0].bytes[0], 0xB3);
+    EXPECT_EQ(bytes_of(found[0]), (Bytes{0xB3, 7, 0})) << "a zero at the end may be data";
+    EXPECT_EQ(bytes_of(found[1]), (Bytes{0xB8}));
+    EXPECT_EQ(bytes_of(found[2]), (Bytes{0x00, 2}));
     EXPECT_EQ(found[0].begin, 1u);
+    for (size_t n = 1; n < found.size(); n++) EXPECT_EQ(found[n].begin, found[n - 1].end);
+    EXPECT_EQ(found[2].end, unit.size());
+}
+
+// A NAL unit ends with a one and zeros up to a byte, so that a zero byte behind it is the start code's.
+TEST(StartCodes, OfNalUnitsHaveTheZeroByteInFront) {
+    const Bytes unit = {0, 0, 0, 1, 0x67, 7, 0, 0, 0, 1, 0x68, 8, 0, 0, 1, 0x65, 2, 0, 0};
+    const std::vector<Section> found = nal_units(unit);
+    ASSERT_EQ(found.size(), 3u);
+    EXPECT_EQ(bytes_of(found[0]), (Bytes{0x67, 7}));
+    EXPECT_EQ(bytes_of(found[1]), (Bytes{0x68, 8}));
+    EXPECT_EQ(bytes_of(found[2]), (Bytes{0x65, 2}));
+    EXPECT_EQ(found[0].begin, 0u);
     EXPECT_EQ(found[0].end, 6u);
     EXPECT_EQ(found[1].begin, 6u);
-    EXPECT_EQ(found[1].end, 11u);
+    EXPECT_EQ(found[1].end, 12u);
+    EXPECT_EQ(found[2].begin, 12u);
     EXPECT_EQ(found[2].end, unit.size());
-    EXPECT_EQ(Bytes(found[2].bytes.begin(), found[2].bytes.end()), (Bytes{0x41, 2}));
 }
 
 TEST(StartCodes, AreNotFoundInOtherBytes) {
