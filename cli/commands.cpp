@@ -127,6 +127,12 @@ void add_stream_options(CLI::App& app, const std::shared_ptr<EncodeOptions>& opt
         ->check(CLI::Range(0.5, 60.0))
         ->capture_default_str()
         ->type_name("SECONDS");
+    app.add_option(
+           "--colour", options->colour,
+           "Between high and standard definition: convert samples from one's matrix to the other's, or "
+           "keep them")
+        ->check(CLI::IsMember({"convert", "keep"}))
+        ->capture_default_str();
     app.add_option("--longest-repeat", options->longest_repeat,
                    "Seconds for which a pause in a file's pictures is filled with the last one; a longer "
                    "pause stays a pause in the output's times")

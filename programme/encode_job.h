@@ -43,10 +43,11 @@ struct EncodeJob {
     TransportChoice transport;
     HlsChoice hls;
     double longest_repeat =
-        kLongestRepeat;    ///< seconds for which a file's pause is filled with its last picture
-    std::string timecode;  ///< of the first picture, at the encoded rate; kSourceTimecode; empty: none
-    bool adapt = false;    ///< let the processor's load coarsen MPEG-2 pictures
-    int threads = 0;       ///< of the codec; 0: as it chooses on this machine, which the result then tells
+        kLongestRepeat;        ///< seconds for which a file's pause is filled with its last picture
+    bool keep_colour = false;  ///< leave sample values as they are where the size calls for another matrix
+    std::string timecode;      ///< of the first picture, at the encoded rate; kSourceTimecode; empty: none
+    bool adapt = false;        ///< let the processor's load coarsen MPEG-2 pictures
+    int threads = 0;  ///< of the codec; 0: as it chooses on this machine, which the result then tells
 
     friend bool operator==(const EncodeJob&, const EncodeJob&) = default;
 };

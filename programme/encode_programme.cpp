@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <cstdio>
 #include <filesystem>
 #include <limits>
 #include <map>
@@ -42,11 +43,21 @@ using encoding::PictureFate;
 using encoding::TimecodeTrack;
 using Clock = std::chrono::steady_clock;
 
+/// As "resize" has it; 0x0 where it is the source's.
+encoding::PictureSize encoded_size(const EncodeJob& job) {
+    encoding::PictureSize size;
+    std::sscanf(setting_of(job, "resize").c_str(), "%dx%d", &size.width, &size.height);
+    return size;
+}
+
 InputOptions input_options(const EncodeJob& job) {
     const captions::FrameRate rate = job_frame_rate(job).value_or(captions::FrameRate{0, 1});
     const Container container = output_of(job).container;
     return {.frame_rate = {rate.num, rate.den},
             .chroma_format = setting_of(job, "chroma format"),
+            .colour = {.output = encoded_size(job),
+                       .narrow_range_only = setting_of(job, "encoder") == "mpeg-2",
+                       .keep = job.keep_colour},
             .captions = job.captions.carry_over && job.captions.files.empty(),
             .choice = job.choice,
             .container = container,

@@ -191,7 +191,7 @@ struct Rendition {
 
 class HlsOutput final : public Output {
 public:
-    HlsOutput(const OutputFormat& format, const std::string& path, const encoding::PictureEncoder& encoder,
+    HlsOutput(const OutputFormat& format, const std::string& path, encoding::PictureEncoder& encoder,
               const Companions& companions)
         : folder_(path),
           renditions_(renditions(companions)),
@@ -202,8 +202,7 @@ public:
         picture_codec_ = codec.codec_id;
         width_ = codec.width;
         height_ = codec.height;
-        if (codec.extradata_size > 0)
-            parameter_sets_.assign(codec.extradata, codec.extradata + codec.extradata_size);
+        parameter_sets_ = encoder.parameter_sets();
         for (const Companions::Stream& stream : companions.streams)
             sound_codecs_.push_back(playlist_codec(stream.form->codec_id, {}));
     }
@@ -357,7 +356,7 @@ SegmentRates segment_rates(const std::string& playlist) {
 std::string hls_folder(const std::string& path) { return fs::path(path).replace_extension(".segments"); }
 
 std::unique_ptr<Output> open_hls(const OutputFormat& format, const std::string& path,
-                                 const encoding::PictureEncoder& encoder, const Companions& companions) {
+                                 encoding::PictureEncoder& encoder, const Companions& companions) {
     return std::make_unique<HlsOutput>(format, path, encoder, companions);
 }
 

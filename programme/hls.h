@@ -15,7 +15,7 @@ namespace gsve::programme {
 
 /// Creates the folder for `path`, the master playlist. Throws Failure.
 std::unique_ptr<Output> open_hls(const OutputFormat& format, const std::string& path,
-                                 const encoding::PictureEncoder& encoder, const Companions& companions);
+                                 encoding::PictureEncoder& encoder, const Companions& companions);
 
 /// The folder that goes with a master playlist: "film.segments" beside "film.m3u8".
 std::string hls_folder(const std::string& path);

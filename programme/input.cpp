@@ -44,6 +44,12 @@ AVRational display_aspect(const AVFrame& frame, const encoding::SourceDescriptio
     return display;
 }
 
+/// A picture that is not resized is encoded at the source's size.
+ColourWish with_size(ColourWish wish, const AVFrame& frame) {
+    if (wish.output.width <= 0 || wish.output.height <= 0) wish.output = {frame.width, frame.height};
+    return wish;
+}
+
 /// Nothing for a picture without one, and for one that is impossible at the rate.
 std::optional<PictureTimecode> timecode_of(const AVFrame& frame, FrameRate rate) try {
     const bool on_i_picture = frame.pict_type == AV_PICTURE_TYPE_I;
@@ -92,9 +98,11 @@ Input::Input(const std::string& path, const InputOptions& options, StopRequest s
     frame_waits_ = true;
     note_first_timecode(decoder_.frame());
     choose_rate(options);
+    const ColourPlan colour = plan_colour(decoder_.frame(), with_size(options.colour, decoder_.frame()));
+    format_.colour = colour.encoded;
     converter_.emplace(decoder_.frame(), packets_.stream().time_base, own_rate(),
-                       Conversion{format_.frame_rate, options.chroma_format});
-    notes_ += converter_->notes();
+                       Conversion{format_.frame_rate, options.chroma_format, colour});
+    notes_ += converter_->notes() + colour.notes;
     if (!advance()) throw Failure(fmt::format("{}: no picture could be decoded", path));
     describe_first();
 }

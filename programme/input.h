@@ -22,6 +22,7 @@ namespace gsve::programme {
 struct InputOptions {
     AVRational frame_rate = {0, 1};  ///< make the rate this one; 0 keeps the source's
     std::string chroma_format;       ///< the encoder's setting: what other pixel formats are converted to
+    ColourWish colour;               ///< its output may be the source's size: 0x0
     bool captions = false;           ///< collect the captions, and look whether there are any
     StreamChoice choice;
     Container container =

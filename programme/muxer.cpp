@@ -20,6 +20,16 @@ void copy_metadata(AVDictionary*& to, const AVDictionary* from) {
         if (!is_of_the_file(entry->key)) check_memory(av_dict_set(&to, entry->key, entry->value, 0) >= 0);
 }
 
+void set_extradata(AVCodecParameters& form, const std::vector<uint8_t>& bytes) {
+    if (bytes.empty()) return;
+    av_freep(&form.extradata);
+    form.extradata_size = 0;
+    form.extradata = static_cast<uint8_t*>(av_mallocz(bytes.size() + AV_INPUT_BUFFER_PADDING_SIZE));
+    check_memory(form.extradata != nullptr);
+    std::copy(bytes.begin(), bytes.end(), form.extradata);
+    form.extradata_size = static_cast<int>(bytes.size());
+}
+
 }  // namespace
 
 bool is_of_the_file(std::string_view key) {
@@ -34,7 +44,7 @@ bool is_of_the_file(std::string_view key) {
                        [&](std::string_view beginning) { return name.starts_with(beginning); });
 }
 
-Muxer::Muxer(const OutputFormat& format, const MuxerTarget& target, const encoding::PictureEncoder& encoder,
+Muxer::Muxer(const OutputFormat& format, const MuxerTarget& target, encoding::PictureEncoder& encoder,
              const Companions& companions)
     : path_(target.path),
       edit_units_(format.container == Container::kMxf),
@@ -89,10 +99,17 @@ void Muxer::finish() {
     if (output_->pb) check(avio_closep(&output_->pb));
 }
 
-void Muxer::add_picture(const encoding::PictureEncoder& encoder, const AVStream* source, bool is_hls) {
+void Muxer::add_picture(encoding::PictureEncoder& encoder, const AVStream* source, bool is_hls) {
     AVStream* stream = avformat_new_stream(output_.get(), nullptr);
     check_memory(stream != nullptr);
     check(avcodec_parameters_from_context(stream->codecpar, encoder.mpeg_context));
+    AVCodecParameters& form = *stream->codecpar;
+    set_extradata(form, encoder.parameter_sets());
+    form.color_primaries = encoder.colour().primaries;
+    form.color_trc = encoder.colour().transfer;
+    form.color_space = encoder.colour().matrix;
+    form.color_range = encoder.colour().range;
+    form.chroma_location = encoder.colour().chroma_location;
     // Players of HLS want H.265's parameter sets in front of the samples alone, as this tag promises.
     const bool is_hevc = stream->codecpar->codec_id == AV_CODEC_ID_HEVC;
     stream->codecpar->codec_tag = is_hls && is_hevc ? MKTAG('h', 'v', 'c', '1') : 0;
@@ -112,11 +129,6 @@ void Muxer::add_picture(const encoding::PictureEncoder& encoder, const AVStream*
     if (!source) return;
     stream->disposition = source->disposition;
     copy_metadata(stream->metadata, source->metadata);
-    AVCodecParameters& form = *stream->codecpar;
-    if (form.color_primaries == AVCOL_PRI_UNSPECIFIED)
-        form.color_primaries = source->codecpar->color_primaries;
-    if (form.color_trc == AVCOL_TRC_UNSPECIFIED) form.color_trc = source->codecpar->color_trc;
-    if (form.color_space == AVCOL_SPC_UNSPECIFIED) form.color_space = source->codecpar->color_space;
     copy_rotation(*stream, *source);
 }
 

@@ -32,7 +32,7 @@ struct MuxerTarget {
 class Muxer {
 public:
     /// Opens the target and writes the header. Throws Failure, as do all operations.
-    Muxer(const OutputFormat& format, const MuxerTarget& target, const encoding::PictureEncoder& encoder,
+    Muxer(const OutputFormat& format, const MuxerTarget& target, encoding::PictureEncoder& encoder,
           const Companions& companions);
 
     // As Output has them.
@@ -51,7 +51,7 @@ private:
         int64_t dts = std::numeric_limits<int64_t>::min();   ///< in the stream's unit
     };
 
-    void add_picture(const encoding::PictureEncoder& encoder, const AVStream* source, bool is_hls);
+    void add_picture(encoding::PictureEncoder& encoder, const AVStream* source, bool is_hls);
     void add(const Companions::Stream& companion);
     void describe(const Companions& companions);
     void describe(const TransportChoice& transport);

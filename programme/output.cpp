@@ -80,8 +80,8 @@ private:
 /// A container in one file.
 class ContainerFile final : public Output {
 public:
-    ContainerFile(const OutputFormat& format, const std::string& path,
-                  const encoding::PictureEncoder& encoder, const Companions& companions)
+    ContainerFile(const OutputFormat& format, const std::string& path, encoding::PictureEncoder& encoder,
+                  const Companions& companions)
         : file_(path),
           muxer_(format,
                  {.url = is_standard_stream(path) ? "pipe:1" : file_url(file_.written_path()), .path = path},
@@ -149,7 +149,7 @@ void check_output(const std::string& path, const std::string& format, const std:
 }
 
 std::unique_ptr<Output> open_output(const OutputFormat& format, const std::string& path,
-                                    const encoding::PictureEncoder& encoder, const Companions& companions) {
+                                    encoding::PictureEncoder& encoder, const Companions& companions) {
     if (format.muxer.empty()) return std::make_unique<ElementaryStreamFile>(path);
     if (format.container == Container::kHls) return open_hls(format, path, encoder, companions);
     return std::make_unique<ContainerFile>(format, path, encoder, companions);

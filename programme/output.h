@@ -84,7 +84,6 @@ public:
 
 /// Creates `path` for the stream of an opened encoder. Throws Failure, as do the output's operations.
 std::unique_ptr<Output> open_output(const OutputFormat& format, const std::string& path,
-                                    const encoding::PictureEncoder& encoder,
-                                    const Companions& companions = {});
+                                    encoding::PictureEncoder& encoder, const Companions& companions = {});
 
 }  // namespace gsve::programme

@@ -1,7 +1,6 @@
 #include "programme/picture_converter.h"
 
 #include <memory>
-#include <string_view>
 
 #include <fmt/format.h>
 
@@ -17,11 +16,35 @@ bool taken_as_it_is(int format, const std::string& chroma_format) {
            (format == AV_PIX_FMT_YUV411P && !chroma_format.empty());
 }
 
-/// What everything else is converted to: the chroma format that will be encoded.
-const char* conversion_target(std::string_view chroma_format) {
+/// What a picture is converted to: its own format where that is taken, else the chroma format that will be
+/// encoded.
+const char* conversion_target(int format, const std::string& chroma_format) {
+    if (taken_as_it_is(format, chroma_format)) return av_get_pix_fmt_name(static_cast<AVPixelFormat>(format));
     if (chroma_format == "4:4:4") return "yuv444p";
     if (chroma_format == "4:2:2") return "yuv422p";
     return "yuv420p";
+}
+
+const char* scale_name(AVColorSpace matrix) { return matrix == AVCOL_SPC_BT709 ? "bt709" : "smpte170m"; }
+
+/// RGB has a matrix to go by; another pixel format of YUV keeps its own. Formats that mean the full range by
+/// their name would be brought into the narrow one unasked.
+std::string scale_options(const ColourPlan& colour) {
+    std::string options;
+    if (colour.from == AVCOL_SPC_UNSPECIFIED && colour.converts_matrix())
+        options += fmt::format(":out_color_matrix={}", scale_name(colour.to));
+    if (colour.to_narrow_range || colour.encoded.range == AVCOL_RANGE_JPEG)
+        options += fmt::format(":in_range=full:out_range={}", colour.to_narrow_range ? "limited" : "full");
+    return options;
+}
+
+/// Luma and chroma of each sample through the other matrix, at the primaries and the transfer that there are.
+std::string matrix_filter(const ColourPlan& colour) {
+    const char* range = colour.encoded.range == AVCOL_RANGE_JPEG ? "pc" : "tv";
+    return fmt::format(
+        ",colorspace=fast=1:ispace={}:space={}:iprimaries=bt709:primaries=bt709:itrc=bt709:trc=bt709:irange={"
+        "}:range={}",
+        scale_name(colour.from), scale_name(colour.to), range, range);
 }
 
 }  // namespace
@@ -31,12 +54,15 @@ PictureConverter::PictureConverter(const AVFrame& first, AVRational time_base, A
     // Containers also call a rate constant that is not, and any picture may last for three fields or two
     // frames.
     std::string filters = fmt::format("fps={}/{}", conversion.frame_rate.num, conversion.frame_rate.den);
-    if (!taken_as_it_is(first.format, conversion.chroma_format)) {
-        const char* target = conversion_target(conversion.chroma_format);
-        filters += fmt::format(",scale=interl=-1,format={}", target);
+    const ColourPlan& colour = conversion.colour;
+    const char* target = conversion_target(first.format, conversion.chroma_format);
+    const bool another_format = !taken_as_it_is(first.format, conversion.chroma_format);
+    if (another_format || colour.to_narrow_range)
+        filters += fmt::format(",scale=interl=-1{},format={}", scale_options(colour), target);
+    if (another_format)
         notes_ = fmt::format("pictures are converted from {} to {}\n",
                              av_get_pix_fmt_name(static_cast<AVPixelFormat>(first.format)), target);
-    }
+    if (colour.from != AVCOL_SPC_UNSPECIFIED) filters += matrix_filter(colour);
     build(filters, first, time_base, own_rate);
 }
 

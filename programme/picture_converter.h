@@ -7,6 +7,7 @@
 #include <string>
 
 #include "programme/av.h"
+#include "programme/colour_plan.h"
 
 namespace gsve::programme {
 
@@ -14,6 +15,7 @@ namespace gsve::programme {
 struct Conversion {
     AVRational frame_rate = {};  ///< to be made
     std::string chroma_format;   ///< the encoder's setting: what other pixel formats are converted to
+    ColourPlan colour;
 };
 
 class PictureConverter {

@@ -101,6 +101,7 @@ std::string job_json(const EncodeJob& job) {
           {"pids", job.transport.pids}}},
         {"hls", {{"segments", job.hls.segments}, {"seconds", job.hls.seconds}}},
         {"longest_repeat", job.longest_repeat},
+        {"keep_colour", job.keep_colour},
         {"timecode", job.timecode},
         {"adapt", job.adapt},
         {"threads", job.threads},
@@ -155,6 +156,7 @@ EncodeJob parse_job(std::string_view json) {
     hls.read("seconds", job.hls.seconds);
     hls.expect_no_more();
     members.read("longest_repeat", job.longest_repeat);
+    members.read("keep_colour", job.keep_colour);
     members.read("timecode", job.timecode);
     members.read("adapt", job.adapt);
     members.read("threads", job.threads);

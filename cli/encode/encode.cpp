@@ -129,6 +129,7 @@ programme::EncodeJob job_of(const EncodeOptions& options) {
     job.transport = options.transport;
     job.hls = options.hls;
     job.longest_repeat = options.longest_repeat;
+    job.keep_colour = options.colour == "keep";
     job.captions = options.captions;
     job.timecode = options.timecode;
     job.adapt = options.adapt;

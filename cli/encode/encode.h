@@ -22,6 +22,7 @@ struct EncodeOptions {
     programme::SoundChoice sound;
     programme::TransportChoice transport;
     programme::HlsChoice hls;
+    std::string colour = "convert";
     double longest_repeat = programme::kLongestRepeat;  ///< seconds
     programme::CaptionChoice captions;
     std::string timecode;  ///< of the first picture, at the encoded rate; "source": the input's; empty: none

@@ -362,7 +362,7 @@ FramePtr frame_of(AVPixelFormat pixels, int width, int height, int64_t pts) {
 std::vector<int64_t> converted(const std::vector<int64_t>& times, AVRational own_rate, AVRational rate,
                                int64_t end) {
     PictureConverter converter(*frame_of(AV_PIX_FMT_YUV420P, 32, 16, times[0]), kMilliseconds, own_rate,
-                               {rate, ""});
+                               {rate, "", {}});
     EXPECT_EQ(converter.notes(), "");
     std::vector<int64_t> given;
     const FramePtr frame(av_frame_alloc());
@@ -395,7 +395,7 @@ TEST(Converting, KeepsRepeatsAndLeavesOutPictures) {
 TEST(Converting, PassesPicturesOnWithoutACopy) {
     const FramePtr sent = frame_of(AV_PIX_FMT_YUV422P, 32, 16, 0);
     const uint8_t* const samples = sent->data[0];
-    PictureConverter converter(*sent, kMilliseconds, {25, 1}, {{25, 1}, ""});
+    PictureConverter converter(*sent, kMilliseconds, {25, 1}, {{25, 1}, "", {}});
     EXPECT_EQ(converter.send(*sent), 0);
     EXPECT_EQ(converter.finish(40), 0);
     const FramePtr frame(av_frame_alloc());
@@ -420,7 +420,7 @@ TEST(Converting, GivesFormatsThatTheEncoderTakes) {
         SCOPED_TRACE(std::string(av_get_pix_fmt_name(row.pixels)) + " " + row.chroma_format);
         const FramePtr sent = frame_of(row.pixels, 32, 16, 0);
         sent->sample_aspect_ratio = {16, 11};
-        PictureConverter converter(*sent, kMilliseconds, {25, 1}, {{25, 1}, row.chroma_format});
+        PictureConverter converter(*sent, kMilliseconds, {25, 1}, {{25, 1}, row.chroma_format, {}});
         EXPECT_EQ(converter.notes(), row.pixels == row.given ? ""
                                                              : std::string("pictures are converted from ") +
                                                                    av_get_pix_fmt_name(row.pixels) + " to " +
@@ -437,7 +437,7 @@ TEST(Converting, GivesFormatsThatTheEncoderTakes) {
 TEST(Converting, SaysWhatItCannotDo) {
     const FramePtr frame = frame_of(AV_PIX_FMT_YUV420P, 32, 16, 0);
     EXPECT_THAT(failure_of([&] {
-                    PictureConverter(*frame, kMilliseconds, {25, 1}, {{0, 0}, ""});
+                    PictureConverter(*frame, kMilliseconds, {25, 1}, {{0, 0}, "", {}});
                 }),
                 StartsWith("cannot convert the pictures: "));
 }

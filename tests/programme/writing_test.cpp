@@ -164,7 +164,7 @@ gsve::encoding::EncodedUnit unit_of(const std::vector<uint8_t>& bytes) {
 }
 
 TEST_F(Writing, ElementaryStreamsAreTheirUnits) {
-    const PictureEncoder encoder("out");
+    PictureEncoder encoder("out");
     for (const char* name : {"out.m2v", "out.h264", "out.hevc"}) {
         const auto output = open_output(output_format(name), path(name), encoder);
         output->write(unit_of({1, 2, 3}));
@@ -177,7 +177,7 @@ TEST_F(Writing, ElementaryStreamsAreTheirUnits) {
 }
 
 TEST_F(Writing, AnElementaryStreamThatCannotBeWrittenIsAFailure) {
-    const PictureEncoder encoder("out");
+    PictureEncoder encoder("out");
     const OutputFormat format = output_format("out.h264");
     EXPECT_THAT(failure_of([&] { open_output(format, path(""), encoder); }), HasSubstr("Is a directory"));
     const auto full = open_output(format, "/dev/full", encoder);

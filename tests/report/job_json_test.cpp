@@ -47,6 +47,7 @@ EncodeJob full_job() {
                      .pmt_pid = 100,
                      .pids = {101, 102}};
     job.longest_repeat = 7.5;
+    job.keep_colour = true;
     job.timecode = "10:00:00;02";
     job.adapt = true;
     job.threads = 2;
