@@ -1,14 +1,17 @@
 // The decoder's buffer: by hand-worked figures, and as the encoders and a multiplexer of others account for
 // it.
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <set>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "programme/buffer_checker.h"
 #include "programme/stream_inspection.h"
+#include "support/clip.h"
 #include "support/declared_buffers.h"
 #include "support/media_files.h"
 #include "support/scratch.h"
@@ -577,7 +580,7 @@ constexpr const char* kMpeg2Constant =
 
 TEST_F(OthersAccounts, AgreeWithTheVbvDelayOfLibavcodec) {
     if (!have("ffmpeg -version", "ffmpeg")) return;
-    for (const char* more : {"", " -flags +ilme+ildct", " -r 30000/1001"}) {
+    for (const char* more : {"", " -flags +ilme+ildct -r 30000/1001"}) {
         SCOPED_TRACE(more);
         const BufferVerdict verdict = verdict_on(encode(
             "in" + std::to_string(std::string(more).size()) + ".m2v", kMpeg2Constant + std::string(more)));
@@ -596,7 +599,7 @@ TEST_F(OthersAccounts, AgreeWithTheVbvDelayOfLibavcodec) {
 TEST_F(OthersAccounts, AgreeWithTheInitialDelaysOfX264) {
     if (!have("ffmpeg -version", "ffmpeg")) return;
     for (const std::string options :
-         {"nal-hrd=cbr", "nal-hrd=vbr", "nal-hrd=cbr:open-gop=1:b-pyramid=normal", "nal-hrd=cbr:tff=1"}) {
+         {"nal-hrd=cbr", "nal-hrd=vbr", "nal-hrd=cbr:open-gop=1:b-pyramid=normal:tff=1"}) {
         SCOPED_TRACE(options);
         const std::string path = encode(
             options.substr(8, 3) + std::to_string(options.size()) + ".h264",
@@ -684,6 +687,63 @@ TEST_F(OthersAccounts, AgreeWithMplexOnWhatArrivesInTime) {
         EXPECT_EQ(account.find("data will arrive too late") == account.npos, stream.multiplexes) << account;
         EXPECT_EQ(account.find("no under-runs detected") != account.npos, stream.multiplexes) << account;
     }
+}
+
+/// Film with B-pictures, made to be shown at 29.97 frames/s: for two and three fields by turns, in the order
+/// of display.
+std::string with_repeated_fields(std::string stream) {
+    struct Place {
+        int gop, temporal_reference;
+        size_t extension;  ///< of the picture coding extension's prefix
+    };
+    const auto byte = [&](size_t at) { return static_cast<uint8_t>(stream[at]); };
+    const auto set = [&](size_t at, unsigned cleared, unsigned bits) {
+        stream[at] = static_cast<char>((byte(at) & ~cleared) | bits);
+    };
+    constexpr uint8_t kPicture = 0, kSequence = 0xB3, kExtension = 0xB5, kGroup = 0xB8;
+    std::vector<Place> pictures;
+    int gop = 0;
+    const std::string prefix("\0\0\1", 3);
+    for (size_t at = stream.find(prefix); at != stream.npos; at = stream.find(prefix, at + 4)) {
+        const int extension = byte(at + 3) == kExtension ? byte(at + 4) >> 4 : 0;
+        if (byte(at + 3) == kGroup) gop++;
+        if (byte(at + 3) == kPicture) pictures.push_back({gop, byte(at + 4) << 2 | byte(at + 5) >> 6, 0});
+        if (byte(at + 3) == kSequence) set(at + 7, 0x0F, 4);  // frame_rate_code
+        if (extension == 1) set(at + 5, 0x08, 0);             // progressive_sequence
+        if (extension == 8) pictures.back().extension = at;
+    }
+    std::sort(pictures.begin(), pictures.end(), [](const Place& a, const Place& b) {
+        return std::pair(a.gop, a.temporal_reference) < std::pair(b.gop, b.temporal_reference);
+    });
+    for (size_t n = 0; n < pictures.size(); n++) {
+        const size_t begin = n * 5 / 2, end = (n + 1) * 5 / 2;  // fields
+        const unsigned top_first = begin % 2 ? 0 : 0x80, repeats = end - begin == 3 ? 0x02 : 0;
+        set(pictures[n].extension + 7, 0x82, top_first | repeats);
+    }
+    return stream;
+}
+
+TEST_F(OthersAccounts, AgreeWithMplexOnWhenRepeatedFieldsLetPicturesLeave) {
+    if (!have("ffmpeg -version", "ffmpeg") || !have("command -v mplex", "mjpegtools")) return;
+    const std::string path = directory / "film.m2v";
+    write_bytes(
+        path,
+        with_repeated_fields(read_file(encode(
+            "in.m2v", "-r 24000/1001 -c:v mpeg2video -b:v 600k -maxrate 900k -bufsize 400k -g 12 -bf 2"))));
+    const BufferAccount account = verdict_on(path).accounts.at(0);
+    multiplex(path);
+    const std::vector<int64_t> decoding_times = decode_clip(path + ".mpg").packet_dts;
+    ASSERT_GE(decoding_times.size(), 90u);
+    ASSERT_LE(decoding_times.size(), account.course.size());
+    std::set<long> steps;
+    for (size_t n = 3; n < decoding_times.size(); n++) {  // the second picture has the first one's time there
+        const double step = account.course[n].seconds - account.course[n - 1].seconds;
+        EXPECT_NEAR(90'000 * (account.course[n].seconds - account.course[2].seconds),
+                    static_cast<double>(decoding_times[n] - decoding_times[2]), 1)
+            << n;
+        steps.insert(std::lround(step * 2 * 30000 / 1001));
+    }
+    EXPECT_THAT(steps, ElementsAre(2, 3));  // fields
 }
 
 }  // namespace
