@@ -23,7 +23,7 @@ void ArrivalCurve::add(double time, double position) {
 double ArrivalCurve::arrived(double time) const {
     const auto after = std::upper_bound(knots_.begin(), knots_.end(), time,
                                         [](double wanted, const Knot& knot) { return wanted < knot.time; });
-    if (after == knots_.begin()) return knots_.empty() ? 0 : knots_.front().position;
+    if (after == knots_.begin()) return after->position;
     const Knot& before = *std::prev(after);
     if (after == knots_.end()) return before.position;
     const double share = (time - before.time) / (after->time - before.time);

@@ -30,7 +30,8 @@ public:
     /// Positions may not fall. A time that does counts as the one before: all of it arrives at once.
     void add(double time, double position);
 
-    double arrived(double time) const;  ///< position
+    /// The position by that time; before the first point, that one's. There has to be a point.
+    double arrived(double time) const;
 
 private:
     struct Knot {

@@ -9,6 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "programme/buffer_account.h"
 #include "programme/buffer_checker.h"
 #include "programme/stream_inspection.h"
 #include "support/clip.h"
@@ -55,6 +56,24 @@ BufferFinding finding(Kind kind, int64_t unit, double seconds, int64_t bits) {
 MATCHER_P(IsFinding, expected, "") {
     return arg.kind == expected.kind && arg.unit == expected.unit && arg.bits == expected.bits &&
            std::abs(arg.seconds - expected.seconds) < 1e-9;
+}
+
+TEST(ArrivalCurve, IsLinearBetweenItsPoints) {
+    ArrivalCurve curve;
+    curve.add(1, 100);
+    curve.add(2, 300);
+    curve.add(2.5, 300);
+    curve.add(2.25, 400);  // back in time: at once
+    curve.add(3.5, 500);
+    const std::pair<double, double> expected[] = {{0, 100},   {1, 100}, {1.5, 200}, {2, 300}, {2.25, 300},
+                                                  {2.5, 400}, {3, 450}, {3.5, 500}, {9, 500}};
+    for (const auto& [time, position] : expected) EXPECT_DOUBLE_EQ(curve.arrived(time), position) << time;
+}
+
+TEST(WholeBits, AreLimited) {
+    EXPECT_EQ(whole_bits(-0.6), -1);
+    EXPECT_EQ(whole_bits(1e30), 9'000'000'000'000'000'000);
+    EXPECT_EQ(whole_bits(-1e30), -9'000'000'000'000'000'000);
 }
 
 // ---- MPEG-2, by hand ------------------------------------------------------------------------------------
@@ -347,7 +366,7 @@ struct H264Stream {
     std::vector<size_t> sizes = std::vector<size_t>(kPictures, kUnit);
     std::vector<size_t> periods = {0};  ///< units that begin one
     std::vector<H264Delay> delays = {{}};
-    unsigned profile = 77;
+    H264Form form = {};
 };
 
 Units h264(const H264Stream& stream) {
@@ -355,7 +374,7 @@ Units h264(const H264Stream& stream) {
     unsigned ticks = 0;
     for (size_t n = 0; n < stream.sizes.size(); n++, ticks += 2) {
         Bytes unit;
-        if (n == 0) unit = h264_sequence(stream.hrd, stream.profile);
+        if (n == 0) unit = h264_sequence(stream.hrd, stream.form);
         const bool begins =
             std::find(stream.periods.begin(), stream.periods.end(), n) != stream.periods.end();
         if (begins) unit = unit + h264_buffering_period(stream.delays);
@@ -369,8 +388,14 @@ Units h264(const H264Stream& stream) {
 BufferVerdict check(const H264Stream& stream) { return check(h264(stream), AV_CODEC_ID_H264); }
 
 TEST(HrdConstantRate, FollowsTheBufferToTheBit) {
-    for (const unsigned profile : {77u, 100u}) {
-        const BufferVerdict verdict = check({.profile = profile});
+    // Whatever stands in front of the HRD parameters, they are found.
+    for (const H264Form& form : {H264Form{},
+                                 {.profile = 100},
+                                 {.profile = 244, .chroma_format = 3},
+                                 {.order_type = 1},
+                                 {.order_type = 2, .interlaced = true},
+                                 {.display = false, .chroma_location = true}}) {
+        const BufferVerdict verdict = check({.form = form});
         ASSERT_EQ(verdict.accounts.size(), 1u);
         const BufferAccount& account = verdict.accounts[0];
         EXPECT_EQ(account.model, BufferModel::kHrdConstantRate);
@@ -496,6 +521,28 @@ TEST(HrdUnits, HoldFieldsAsPicturesOfTheirOwn) {
     EXPECT_EQ(verdict.unreadable, 0);
 }
 
+TEST(HrdUnits, BeginWithWhateverStandsBeforeAPicture) {
+    // Delimiter, prefix NAL unit, picture parameter set and partition A begin one; partition B, an end of
+    // sequence and auxiliary slices do not.
+    const Bytes rest = h264_picture_timing(2) + h264_slice();
+    for (const char* begin :
+         {"00 00 00 01 09 F0", "00 00 00 01 0E 40", "00 00 00 01 68 CE", "00 00 00 01 42 9A"}) {
+        Units units = h264({});
+        const Bytes head = from_hex(begin);
+        units[0] = units[0] + filled_to(kUnit, head);
+        const bool slice = head[4] == 0x42;
+        units[0] = units[0] + (slice ? Bytes{} : rest);
+        const BufferVerdict verdict = check(units, AV_CODEC_ID_H264);
+        EXPECT_EQ(verdict.accounts.at(0).course[0].bits, 16'000) << begin;
+    }
+    for (const char* more : {"00 00 00 01 43 9A", "00 00 00 01 0A", "00 00 00 01 53 9A", "00 00 00 01 41"}) {
+        Units units = h264({});
+        units[0] = units[0] + from_hex(more);
+        const int64_t bits = 16'000 + 8 * static_cast<int64_t>(from_hex(more).size());
+        EXPECT_EQ(check(units, AV_CODEC_ID_H264).accounts.at(0).course[0].bits, bits) << more;
+    }
+}
+
 TEST(HrdUnits, HoldPicturesOfSeveralSlices) {
     Units units = h264({});
     const Bytes later_slice = from_hex("00 00 00 01 41 40");
@@ -538,6 +585,42 @@ TEST(HrdDeclaration, OutlivesASetThatTakesItBack) {
     units[0] = units[0] + units[4];
     units[0] = h264_sequence({}) + h264_buffering_period({{}}) + h264_sequence({.nal = false}) + h264_slice();
     EXPECT_EQ(check(units, AV_CODEC_ID_H264).state, State::kUntimed);
+}
+
+TEST(HrdDeclaration, RefusesWhatCannotBe) {
+    const Bytes whole = h264_sequence({}), timed = h264_picture_timing(2) + h264_slice();
+    // A set that ends anywhere is none.
+    for (size_t size = 5; size + 3 < whole.size(); size++) {
+        const Bytes cut(whole.begin(), whole.begin() + static_cast<ptrdiff_t>(size));
+        EXPECT_EQ(check({cut, h264_buffering_period({{}}) + timed}, AV_CODEC_ID_H264).state,
+                  State::kUndeclared)
+            << size;
+    }
+    const Bytes many = h264_sequence({.constant_rates = std::vector<bool>(33, true)});
+    EXPECT_EQ(check({many + h264_buffering_period({{}}) + timed}, AV_CODEC_ID_H264).state,
+              State::kUndeclared);
+}
+
+TEST(HrdDeclaration, LeavesMessagesOutThatCannotBeRead) {
+    const Bytes period = h264_buffering_period({{}}), slice = h264_slice();
+    const Bytes unread[] = {
+        h264_sei(0, from_hex("80 00 1C 20")),                         // ends within the delays
+        h264_sei(0, from_hex("60 00 1C 20 00 1C 20 80")),             // of sequence parameter set 2
+        from_hex("00 00 00 01 06 00 40 80 00 1C 20 00 1C 20 80"),     // longer than its NAL unit
+        from_hex("00 00 00 01 06 FF 01 07 80 00 1C 20 00 1C 20 80"),  // type 256
+    };
+    for (const Bytes& message : unread)
+        EXPECT_EQ(check({h264_sequence({}) + message + slice}, AV_CODEC_ID_H264).state, State::kUntimed);
+    // Behind another message it is found.
+    const Bytes other = from_hex("00 00 00 01 06 FF 01 02 AA BB");
+    const Bytes both = other + Bytes(period.begin() + 5, period.end());
+    EXPECT_EQ(check({h264_sequence({}) + both + slice}, AV_CODEC_ID_H264).state, State::kChecked);
+    // Without a buffering period, picture timing says nothing; cut off, neither.
+    EXPECT_EQ(check({h264_sequence({}) + h264_picture_timing(2) + slice}, AV_CODEC_ID_H264).state,
+              State::kUntimed);
+    Units units = h264({});
+    units[3] = filled_to(kUnit, h264_sei(1, from_hex("00")) + slice);
+    EXPECT_EQ(check(units, AV_CODEC_ID_H264).unreadable, 1);
 }
 
 // ---- Others ---------------------------------------------------------------------------------------------

@@ -100,15 +100,26 @@ struct H264Hrd {
     bool timed = true;  ///< with timing_info
 };
 
+/// What stands in front of the HRD parameters, by turns.
+struct H264Form {
+    unsigned profile = 77;
+    unsigned chroma_format = 1;  ///< of profile 100 and 244
+    unsigned order_type = 0;     ///< pic_order_cnt_type
+    bool interlaced = false;
+    bool display = true;  ///< aspect ratio, overscan, colours
+    bool chroma_location = false;
+};
+
 /// A sequence parameter set of 50 ticks/s, 25 pictures/s.
-inline Bytes h264_sequence(const H264Hrd& hrd, unsigned profile = 77) {
+inline Bytes h264_sequence(const H264Hrd& hrd, const H264Form& form = {}) {
     captions::BitWriter writer;
-    writer.put(profile, 8);
+    writer.put(form.profile, 8);
     writer.put(0, 8);
     writer.put(30, 8);
     writer.put_unsigned_golomb(0);  // seq_parameter_set_id
-    if (profile == 100) {
-        writer.put_unsigned_golomb(1);  // 4:2:0
+    if (form.profile != 77) {
+        writer.put_unsigned_golomb(form.chroma_format);
+        if (form.chroma_format == 3) writer.put(0, 1);
         writer.put_unsigned_golomb(0);
         writer.put_unsigned_golomb(0);
         writer.put(0, 1);
@@ -116,27 +127,46 @@ inline Bytes h264_sequence(const H264Hrd& hrd, unsigned profile = 77) {
         writer.put(1, 1);  // a list whose second step ends it
         writer.put_signed_golomb(4);
         writer.put_signed_golomb(-12);
-        writer.put(0, 7);  // seven lists that are not there
+        writer.put(0, form.chroma_format == 3 ? 10 : 6);  // lists that are not there
+        writer.put(1, 1);                                 // a list of 64 steps
+        for (int n = 0; n < 64; n++) writer.put_signed_golomb(1);
     }
     writer.put_unsigned_golomb(0);
-    writer.put_unsigned_golomb(0);  // pic_order_cnt_type
-    writer.put_unsigned_golomb(0);
+    writer.put_unsigned_golomb(form.order_type);
+    if (form.order_type == 0) writer.put_unsigned_golomb(0);
+    if (form.order_type == 1) {
+        writer.put(0, 1);
+        writer.put_signed_golomb(-3);
+        writer.put_signed_golomb(1);
+        writer.put_unsigned_golomb(2);
+        writer.put_signed_golomb(2);
+        writer.put_signed_golomb(-2);
+    }
     writer.put_unsigned_golomb(1);
     writer.put(0, 1);
     writer.put_unsigned_golomb(21);
     writer.put_unsigned_golomb(17);
-    writer.put(0b101, 3);  // frame_mbs_only_flag, no direct_8x8_inference_flag, frame_cropping_flag
+    writer.put(form.interlaced ? 0b00 : 0b1, form.interlaced ? 2 : 1);
+    writer.put(0b01, 2);  // no direct_8x8_inference_flag, frame_cropping_flag
     for (int n = 0; n < 4; n++) writer.put_unsigned_golomb(0);
     writer.put(1, 1);  // vui_parameters_present_flag
-    writer.put(1, 1);  // aspect_ratio_info_present_flag
-    writer.put(255, 8);
-    writer.put(1 << 16 | 1, 32);
-    writer.put(0b11, 2);  // overscan
-    writer.put(1, 1);     // video_signal_type_present_flag
-    writer.put(5 << 1, 4);
-    writer.put(1, 1);  // colour_description_present_flag
-    writer.put(0x010101, 24);
-    writer.put(0, 1);
+    writer.put(form.display, 1);
+    if (form.display) {
+        writer.put(255, 8);  // aspect_ratio_idc
+        writer.put(1 << 16 | 1, 32);
+    }
+    writer.put(form.display ? 0b11 : 0, form.display ? 2 : 1);  // overscan
+    writer.put(form.display, 1);                                // video_signal_type_present_flag
+    if (form.display) {
+        writer.put(5 << 1, 4);
+        writer.put(1, 1);  // colour_description_present_flag
+        writer.put(0x010101, 24);
+    }
+    writer.put(form.chroma_location, 1);
+    if (form.chroma_location) {
+        writer.put_unsigned_golomb(1);
+        writer.put_unsigned_golomb(1);
+    }
     writer.put(hrd.timed, 1);
     if (hrd.timed) {
         writer.put(1, 32);
