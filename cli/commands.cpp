@@ -200,6 +200,8 @@ void add_inspect(CLI::App& app, Command& command) {
         ->needs(scc);
     inspect_app->add_flag("-y,--overwrite", options->overwrite, "Overwrite the file of --scc")->needs(scc);
     inspect_app->add_flag("--pictures", options->pictures, "List every GOP and picture");
+    inspect_app->add_flag("--buffer", options->buffer,
+                          "Check that the pictures keep to the decoder's buffer that the stream declares");
     inspect_app->callback([options, &command] { command = [options] { return inspect(*options); }; });
 }
 

@@ -10,6 +10,7 @@
 
 #include "encoding/coded_unit.h"
 #include "encoding/error.h"
+#include "programme/buffer_checker.h"
 #include "programme/damage_witnesses.h"
 #include "programme/packet_source.h"
 #include "programme/picture_rate.h"
@@ -30,7 +31,7 @@ struct CodedUnit {
 
 class StreamReader {
 public:
-    explicit StreamReader(const std::string& path);
+    StreamReader(const std::string& path, bool check_buffer);
     InspectedStream read();
 
 private:
@@ -55,17 +56,19 @@ private:
     CodecContextPtr decoder_;
     FramePtr frame_ = new_frame();
     std::vector<CodedUnit> units_;
+    std::optional<BufferChecker> buffer_;
     std::vector<int> fields_;  ///< for how many each picture is shown
     bool timed_ = false;       ///< the container has the pictures' times
     InspectedStream stream_;
 };
 
-StreamReader::StreamReader(const std::string& path)
+StreamReader::StreamReader(const std::string& path, bool check_buffer)
     : path_(path),
       source_(path, {},
               {.choice = {}, .container = Container::kElementary, .lines = DecoderLog::Lines::kSwallowed}),
       video_(&source_.stream()) {
     open_decoder(source_.codec());
+    if (check_buffer) buffer_.emplace(source_.codec().id);
 
     stream_.format = source_.format().iformat->name;
     stream_.codec = avcodec_get_name(source_.codec().id);
@@ -113,6 +116,7 @@ InspectedStream StreamReader::read() {
     set_times();
     find_damage();
     collect_gops();
+    if (buffer_) stream_.buffer = buffer_->finish();
     return std::move(stream_);
 }
 
@@ -129,12 +133,14 @@ void StreamReader::read_packet(AVPacket& packet) {
     CodedUnit& refused = units_.emplace_back();
     refused.sent.key = key;
     refused.refused = true;
+    if (buffer_) buffer_->unit({});
 }
 
 void StreamReader::read_coded_unit(AVPacket& packet) {
     if (packet.size <= 0) return;  // to a decoder, the end of the stream
     const std::span<const uint8_t> bytes = bytes_of(packet);
     const bool key = packet.flags & AV_PKT_FLAG_KEY;
+    if (buffer_) buffer_->unit(bytes);
     units_.push_back({.pts = packet.pts,
                       .bytes = bytes.size(),
                       .sent = {.key = key, .flagged = (packet.flags & AV_PKT_FLAG_CORRUPT) != 0},
@@ -280,6 +286,8 @@ void StreamReader::collect_gops() {
 
 }  // namespace
 
-InspectedStream read_stream(const std::string& path) { return StreamReader(path).read(); }
+InspectedStream read_stream(const std::string& path, bool check_buffer) {
+    return StreamReader(path, check_buffer).read();
+}
 
 }  // namespace gsve::programme

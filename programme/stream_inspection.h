@@ -4,10 +4,12 @@
 // coded unit carried.
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "encoding/unit_contents.h"
+#include "programme/buffer_verdict.h"
 #include "programme/damage.h"
 
 namespace gsve::programme {
@@ -39,10 +41,12 @@ struct InspectedStream {
     std::vector<InspectedPicture> pictures;  ///< in the order of display
     std::vector<Gop> gops;                   ///< in coding order
     Damage damage;
-    std::string problem;  ///< why reading ended early; empty: it did not
+    std::optional<BufferVerdict> buffer;  ///< where it was asked for; of coding order
+    std::string problem;                  ///< why reading ended early; empty: it did not
 };
 
-/// Reads the file's video. Throws Failure when it cannot be opened or holds no picture that can be decoded.
-InspectedStream read_stream(const std::string& path);
+/// Reads the file's video; with `check_buffer`, checks the decoder's buffer too. Throws Failure when it
+/// cannot be opened or holds no picture that can be decoded.
+InspectedStream read_stream(const std::string& path, bool check_buffer = false);
 
 }  // namespace gsve::programme

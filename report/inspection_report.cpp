@@ -10,6 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include "captions/timecode.h"
+#include "report/buffer_report.h"
 #include "report/damage_report.h"
 
 namespace gsve::report {
@@ -141,6 +142,13 @@ std::string summary(const std::string& input, const InspectedStream& stream,
     for (const std::string& line : caption_lines(captions)) {
         text += fmt::format("{}{}\n", head, line);
         head = "            ";
+    }
+    if (stream.buffer) {
+        head = "  buffer    ";
+        for (const std::string& line : buffer_lines(*stream.buffer)) {
+            text += fmt::format("{}{}\n", head, line);
+            head = "            ";
+        }
     }
     if (stream.damage.any()) text += fmt::format("  damage    {}\n", damage_text(stream.damage));
     if (!stream.problem.empty()) text += fmt::format("  problem   {}\n", stream.problem);
@@ -316,6 +324,7 @@ std::string inspection_json(const std::string& input, const InspectedStream& str
         {"damaged_user_data", captions.damaged_user_data},
         {"problem", stream.problem},
     };
+    if (stream.buffer) report["buffer"] = buffer_json(*stream.buffer, list_pictures);
     if (list_pictures) report["picture_list"] = pictures_json(stream);
     // File names and texts may hold anything; what is not UTF-8 is replaced.
     return report.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";

@@ -35,7 +35,7 @@ void write_scc_file(const InspectOptions& options, const programme::InspectedStr
 
 int inspect(const InspectOptions& options) {
     if (!options.scc.empty()) check_scc_output(options);
-    const programme::InspectedStream stream = programme::read_stream(options.input);
+    const programme::InspectedStream stream = programme::read_stream(options.input, options.buffer);
     const programme::CaptionInventory captions = take_inventory(stream);
     if (!options.scc.empty()) write_scc_file(options, stream, captions);
     const auto report = options.json ? report::inspection_json : report::inspection_text;

@@ -13,6 +13,7 @@ struct InspectOptions {
     int scc_field = 1;  ///< 1 or 2
     bool overwrite = false;
     bool pictures = false;  ///< list every picture and every GOP
+    bool buffer = false;    ///< check the decoder's buffer
 };
 
 /// Inspects. Returns the exit status; throws UsageError and Failure.

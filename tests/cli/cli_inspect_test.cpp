@@ -15,6 +15,7 @@ extern "C" {
 #include "support/caption_blocks.h"
 #include "support/captioned_stream.h"
 #include "support/cues.h"
+#include "support/declared_buffers.h"
 #include "support/program.h"
 
 namespace gsve::test {
@@ -23,6 +24,7 @@ namespace {
 using nlohmann::json;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::Not;
 
 constexpr const char* kCaptionedCodecs[] = {"mpeg-2", "h.264"};
 
@@ -460,6 +462,40 @@ TEST_F(InspectCommand, RefusesWhatIsNoVideo) {
         EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
     }
     EXPECT_THAT(run({"inspect", sound}).err, HasSubstr("has no video stream"));
+}
+
+TEST_F(InspectCommand, ChecksTheDecodersBuffer) {
+    // 400 000 bits/s: pictures of 2000 bytes, each 80 ms before its time; then one with 10000 more.
+    Bytes stream = mpeg2_sequence({});
+    for (int n = 0; n < 10; n++) stream = stream + mpeg2_picture(2000);
+    const std::string sound = directory / "sound.m2v", late = directory / "late.m2v";
+    const std::string bytes(stream.begin(), stream.end());
+    write_bytes(sound, bytes);
+    write_bytes(late,
+                bytes.substr(0, 22 + 4 * 2000) + std::string(10'000, '\0') + bytes.substr(22 + 4 * 2000));
+
+    EXPECT_THAT(
+        run({"inspect", sound, "--buffer"}).out,
+        HasSubstr("\n  buffer    VBV by vbv_delay, 400000 bits/s into 81920 bits: 10 pictures, 0.080 s "
+                  "initial delay, 16032 to 32208 bits; holds\n            VBV at the constant rate, "));
+    EXPECT_THAT(run({"inspect", sound}).out, Not(HasSubstr("buffer")));
+    EXPECT_FALSE(inspect(sound).contains("buffer"));
+    EXPECT_EQ(inspect(sound, {"--buffer"})["buffer"]["holds"], true);
+
+    const ProgramResult result = run({"inspect", late, "--buffer"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.out,
+                HasSubstr("1 picture arrives above the rate: unit 3 at 00:00:00.120, by 79996 bits\n"));
+    EXPECT_THAT(result.out,
+                HasSubstr("7 pictures arrive too late, by up to 63968 bits; the first is unit 3 at "
+                          "00:00:00.120, by 63968 bits\n"));
+    const json report = inspect(late, {"--buffer", "--pictures"})["buffer"];
+    EXPECT_EQ(report["holds"], false);
+    EXPECT_EQ(report["accounts"][1]["findings"][0]["unit"], 3);
+    EXPECT_EQ(report["accounts"][1]["course"].size(), 10u);
+
+    const std::string free = write({.codec = "h.264", .pictures = 30});
+    EXPECT_THAT(run({"inspect", free, "--buffer"}).out, HasSubstr("\n  buffer    none declared\n"));
 }
 
 TEST_F(InspectCommand, RefusesWrongUsage) {
