@@ -93,4 +93,19 @@ private:
     std::size_t at_ = 0;
 };
 
+/// Sets the field of `bits`, up to 32, that begins at bit `at` of `bytes`, which has them all.
+inline void put_bits(std::span<std::uint8_t> bytes, std::size_t at, int bits, unsigned value) {
+    for (; bits > 0; --bits, ++at) {
+        const unsigned place = 7 - at % 8, bit = value >> (bits - 1) & 1U;
+        bytes[at / 8] = static_cast<std::uint8_t>((bytes[at / 8] & ~(1U << place)) | bit << place);
+    }
+}
+
+/// The field of `bits` at bit `at`.
+inline unsigned get_bits(std::span<const std::uint8_t> bytes, std::size_t at, int bits) {
+    BitReader reader(bytes.subspan(at / 8));
+    reader.get(static_cast<int>(at % 8));
+    return reader.get(bits);
+}
+
 }  // namespace gsve::captions

@@ -171,10 +171,12 @@ void read_hrd_messages(Bytes rbsp, const HrdSequences& sequences, std::optional<
             const unsigned id = reader.unsigned_golomb();
             const HrdSequence* sequence = find(sequences, id);
             if (!sequence) continue;
+            const size_t begin = 8 * (at - size) + reader.position();
             const std::vector<InitialDelay> delays = read_initial_delays(reader, sequence->parameters());
             if (reader.overrun()) continue;
             active = messages.sequence = id;
             messages.initial = delays;
+            messages.initial_at = begin;
         } else if (type == kPictureTiming) {
             const HrdSequence* sequence = find(sequences, active);
             if (!sequence) continue;

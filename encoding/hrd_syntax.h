@@ -48,6 +48,7 @@ struct HrdMessages {
     std::optional<unsigned> sequence;  ///< of the buffering period: seq_parameter_set_id
     std::vector<InitialDelay> initial;
     std::optional<double> removal_delay;  ///< cpb_removal_delay, in ticks of the sequence
+    size_t initial_at = 0;                ///< bit of the RBSP at which the initial delays begin
 };
 
 /// The RBSP of a sequence parameter set with other schedules for the NAL units, as many as it has. Rates are

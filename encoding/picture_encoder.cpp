@@ -69,8 +69,9 @@ double PictureEncoder::inserted_rate() {
         return static_cast<double>(codec_id == kMpeg2 ? mpeg2_user_data(body).size()
                                                       : atsc_message(codec_id, body).size());
     };
-    double bytes = kHeaders / std::max<int>(static_cast<int>(effective_gop_size), 1);
-    if (codec_id != kMpeg2) bytes += kEmulationPrevention;
+    double bytes = 0;
+    if (colour_ != Colour()) bytes += kHeaders / std::max<int>(static_cast<int>(effective_gop_size), 1);
+    if (enabled_cea708() && codec_id != kMpeg2) bytes += kEmulationPrevention;
     if (enabled_cea708()) bytes += message(caption_data({}, rate, 0));
     if (first_shape_.afd) bytes += message(afd_data(*first_shape_.afd));
     if (first_shape_.bars) bytes += message(bar_data(*first_shape_.bars));
@@ -279,7 +280,11 @@ std::span<const uint8_t> PictureEncoder::with_additions(std::span<const uint8_t>
         unit_.insert(unit_.begin() + static_cast<ptrdiff_t>(position), added.begin(), added.end());
     if (std::vector<uint8_t> rewritten = headers().rewritten(unit_); !rewritten.empty())
         unit_ = std::move(rewritten);
+    if (!headers_->raised_by()) return unit_;
+    if (!delays_) delays_.emplace(codec_id, headers_->declared_rate(), 1 / av_q2d(encoded_rate()));
+    delays_->restate(unit_);
     if (has_constant_rate()) fill_up();
+    delays_->left(unit_.size());
     return unit_;
 }
 

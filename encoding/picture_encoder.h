@@ -33,6 +33,7 @@ extern "C" {
 
 #include "captions/repacer.h"
 #include "captions/timecode.h"
+#include "encoding/buffer_delays.h"
 #include "encoding/codec_id.h"
 #include "encoding/colour.h"
 #include "encoding/encoded_unit.h"
@@ -188,6 +189,7 @@ private:
     PictureShape first_shape_;
     bool carries_scte20_ = false;
     std::optional<StreamHeaders> headers_;
+    std::optional<BufferDelays> delays_;
     std::vector<uint8_t> unit_;  ///< the latest one, with its additions
     size_t codec_size_ = 0;      ///< of the unit, as the codec gave it
     double unfilled_ = 0;        ///< bytes by which less was inserted than is declared, so far

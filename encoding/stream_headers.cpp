@@ -19,6 +19,7 @@ extern "C" {
 namespace gsve::encoding {
 namespace {
 
+using captions::get_bits, captions::put_bits;
 using Bytes = std::vector<uint8_t>;
 using BitstreamFilter = std::unique_ptr<AVBSFContext, FreeByAddress<av_bsf_free>>;
 
@@ -64,26 +65,12 @@ uint64_t rounded_up(double value, double unit) {
     return static_cast<uint64_t>(std::ceil(value / unit - 1e-9));
 }
 
-constexpr size_t kRateBit = 8 + 12 + 12 + 4 + 4, kRateBits = 18,
-                 kBufferBits = 10;  // behind the start code prefix
-constexpr size_t kRateExtensionBit = 8 + 4 + 8 + 1 + 2 + 2 + 2, kRateExtensionBits = 12,
-                 kBufferExtensionBits = 8;
+// The fields of the sequence header and of the sequence extension, and where they begin behind the prefix.
+constexpr int kRateBits = 18, kBufferBits = 10, kRateExtensionBits = 12, kBufferExtensionBits = 8;
+constexpr size_t kRateAt = 8 + 12 + 12 + 4 + 4, kBufferAt = kRateAt + kRateBits + 1;
+constexpr size_t kRateExtensionAt = 8 + 4 + 8 + 1 + 2 + 2 + 2;
+constexpr size_t kBufferExtensionAt = kRateExtensionAt + kRateExtensionBits + 1;
 constexpr unsigned kSequenceExtension = 1, kVariableRate = 0x3FFFF;
-
-/// `bytes` with `bits` of `value` at a bit.
-void put_at(std::span<uint8_t> bytes, size_t at, size_t bits, unsigned value) {
-    for (size_t n = 0; n < bits; n++) {
-        const unsigned bit = value >> (bits - 1 - n) & 1, place = 7 - (at + n) % 8;
-        uint8_t& byte = bytes[(at + n) / 8];
-        byte = static_cast<uint8_t>((byte & ~(1u << place)) | bit << place);
-    }
-}
-
-unsigned get_at(std::span<const uint8_t> bytes, size_t at, size_t bits) {
-    captions::BitReader reader(bytes);
-    while (reader.position() < at) reader.get(1);
-    return reader.get(static_cast<int>(bits));
-}
 
 /// The decoder buffer of the level, in units of the header (ISO/IEC 13818-2, table 8-13); at a level that is
 /// not known, any.
@@ -164,7 +151,7 @@ Bytes StreamHeaders::rewritten(std::span<const uint8_t> unit) {
 
 Bytes StreamHeaders::rewrite_headers(std::span<const uint8_t> headers) {
     const Bytes as_it_came(headers.begin(), headers.end());
-    const Bytes rated = with_rate(as_it_came);
+    const Bytes rated = facts_.inserted_rate > 0 ? with_rate(as_it_came) : as_it_came;
     const std::vector<FilterOption> options = filter_options(codec_id_, facts_.colour);
     if (options.empty()) return rated;
     const std::optional<Bytes> coloured = with_colour(codec_id_, rated, options);
@@ -192,24 +179,25 @@ Bytes StreamHeaders::with_mpeg2_rate(Bytes headers) {
         unreadable_++;
         return headers;
     }
-    const unsigned low_rate = get_at(header, kRateBit, kRateBits);
-    const unsigned low_buffer = get_at(header, kRateBit + kRateBits + 1, kBufferBits);
+    const unsigned low_rate = get_bits(header, kRateAt, kRateBits);
+    const unsigned low_buffer = get_bits(header, kBufferAt, kBufferBits);
     if (low_rate == kVariableRate) return headers;
-    const size_t buffer_extension = kRateExtensionBit + kRateExtensionBits + 1;
-    const uint64_t buffer = low_buffer | get_at(extension, buffer_extension, kBufferExtensionBits)
+    const uint64_t buffer = low_buffer | get_bits(extension, kBufferExtensionAt, kBufferExtensionBits)
                                              << kBufferBits;
 
     const auto codec_rate = static_cast<double>(facts_.codec_rate);
     const uint64_t rate = rounded_up(codec_rate + facts_.inserted_rate, kMpeg2RateUnit);
-    const uint64_t most = largest_buffer(get_at(extension, 8 + 4, 8));
+    const uint64_t most = largest_buffer(get_bits(extension, 8 + 4, 8));
     const uint64_t wanted =
         rounded_up(static_cast<double>(buffer) * (1 + facts_.inserted_rate / codec_rate), 1);
     const uint64_t raised = std::max(buffer, std::min(wanted, most));
-    raised_by_ = static_cast<double>(rate) * kMpeg2RateUnit - codec_rate;
-    put_at(header, kRateBit, kRateBits, static_cast<unsigned>(rate & kVariableRate));
-    put_at(extension, kRateExtensionBit, kRateExtensionBits, static_cast<unsigned>(rate >> kRateBits));
-    put_at(header, kRateBit + kRateBits + 1, kBufferBits, static_cast<unsigned>(raised & 0x3FF));
-    put_at(extension, buffer_extension, kBufferExtensionBits, static_cast<unsigned>(raised >> kBufferBits));
+    declared_rate_ = static_cast<double>(rate) * kMpeg2RateUnit;
+    raised_by_ = declared_rate_ - codec_rate;
+    put_bits(header, kRateAt, kRateBits, static_cast<unsigned>(rate & kVariableRate));
+    put_bits(extension, kRateExtensionAt, kRateExtensionBits, static_cast<unsigned>(rate >> kRateBits));
+    put_bits(header, kBufferAt, kBufferBits, static_cast<unsigned>(raised & 0x3FF));
+    put_bits(extension, kBufferExtensionAt, kBufferExtensionBits,
+             static_cast<unsigned>(raised >> kBufferBits));
     return headers;
 }
 
@@ -239,6 +227,7 @@ Bytes StreamHeaders::with_h264_rate(const Bytes& headers) {
                 static_cast<int64_t>(rounded_up(rate + facts_.inserted_rate, kHrdRateUnit) * 64);
             const double raised = static_cast<double>(schedule.bit_rate);
             schedule.size = static_cast<int64_t>(rounded_up(size * raised / rate, kHrdSizeUnit) * 16);
+            declared_rate_ = raised;
             raised_by_ = raised - rate;
         }
         const Bytes nal = make_nal(section.bytes.first(1), with_nal_schedules(rbsp, *sequence, schedules));

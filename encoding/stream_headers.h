@@ -16,8 +16,9 @@ namespace gsve::encoding {
 /// What headers are to say beyond what the codec wrote.
 struct HeaderFacts {
     Colour colour;
-    double inserted_rate = 0;  ///< bits/s in the units beyond the codec's own, at most
-    int64_t codec_rate = 0;    ///< MPEG-2: bits/s of the codec's, which the header has rounded
+    double inserted_rate =
+        0;  ///< bits/s in the units beyond the codec's own, at most; 0: none, the codec's stands
+    int64_t codec_rate = 0;  ///< MPEG-2: bits/s of the codec's, which the header has rounded
 };
 
 class StreamHeaders {
@@ -32,6 +33,9 @@ public:
     /// no rate, as MPEG-2 at a variable rate without a limit, and H.264 without HRD parameters.
     std::optional<double> raised_by() const { return raised_by_; }
 
+    /// Bits/s that they declare then.
+    double declared_rate() const { return declared_rate_; }
+
     /// Headers that cannot be read, and were left as they came.
     uint64_t unreadable() const { return unreadable_; }
 
@@ -44,6 +48,7 @@ private:
     int codec_id_;
     HeaderFacts facts_;
     std::optional<double> raised_by_;
+    double declared_rate_ = 0;
     uint64_t unreadable_ = 0;
     std::vector<uint8_t> latest_, latest_rewritten_;  ///< headers repeat
 };
