@@ -28,7 +28,9 @@ enum StartCode : uint8_t { kUserData = 0xB2, kSequenceHeader = 0xB3, kExtension 
 enum NalType { kH264Sps = 7, kH264Pps = 8, kH264SpsExtension = 13, kH265Vps = 32, kH265Pps = 34 };
 
 constexpr double kMpeg2RateUnit = 400, kMpeg2BufferUnit = 16384;  ///< bits/s and bits, 6.3.3
-constexpr double kHrdRateUnit = 64, kHrdSizeUnit = 16;            ///< the finest, E.2.2 of ITU-T H.264
+constexpr double kUnfilled =
+    8 * 6;  ///< bits: less than a NAL unit of filler data waits until there is room for one
+constexpr double kHrdRateUnit = 64, kHrdSizeUnit = 16;  ///< the finest, E.2.2 of ITU-T H.264
 
 bool is_header(int codec_id, uint8_t code) {
     if (codec_id == kMpeg2) return code == kSequenceHeader || code == kExtension || code == kUserData;
@@ -226,7 +228,8 @@ Bytes StreamHeaders::with_h264_rate(const Bytes& headers) {
             schedule.bit_rate =
                 static_cast<int64_t>(rounded_up(rate + facts_.inserted_rate, kHrdRateUnit) * 64);
             const double raised = static_cast<double>(schedule.bit_rate);
-            schedule.size = static_cast<int64_t>(rounded_up(size * raised / rate, kHrdSizeUnit) * 16);
+            schedule.size =
+                static_cast<int64_t>(rounded_up(size * raised / rate + kUnfilled, kHrdSizeUnit) * 16);
             declared_rate_ = raised;
             raised_by_ = raised - rate;
         }

@@ -282,6 +282,41 @@ TEST(PictureEncoder, TellsTheShapeOfEachPictureInEveryCodec) {
     }
 }
 
+// What is added says something of the pictures, and changes none.
+TEST(PictureEncoder, DecodesToTheSamePicturesWithAndWithoutAdditions) {
+    for (const char* codec : {"mpeg-2", "h.264", "h.265"})
+        for (const char* constant : {"0", "1"}) {
+            const auto decoded = [&](bool with) {
+                Session session(
+                    {{"encoder", codec}, {"enable cea-708", "1"}, {"enable h.264 nal hrd", constant}});
+                SourceDescription source = {.width = 64, .height = 48, .frame_rate = {30, 1}};
+                if (with)
+                    source.colour = {AVCOL_PRI_BT709, AVCOL_TRC_BT709, AVCOL_SPC_SMPTE170M, AVCOL_RANGE_MPEG,
+                                     AVCHROMA_LOC_LEFT};
+                session.encoder.describe_source(source);
+                EXPECT_TRUE(session.open());
+                session.encoder.adapt_to_load(false);
+                for (uint64_t n = 0; n < 40; n++) {
+                    Ancillary ancillary;
+                    if (with) {
+                        ancillary.captions.words[0] = pair_of(n, 0);
+                        ancillary.timecode = timecode_of(n);
+                        ancillary.shape = {.afd = 9, .bars = Bars{4, 44, {}, {}}};
+                    }
+                    session.push(n, ancillary);
+                }
+                session.drain();
+                return session.decoded();
+            };
+            const std::vector<DecodedPicture> bare = decoded(false), full = decoded(true);
+            ASSERT_EQ(full.size(), 40u) << codec;
+            ASSERT_EQ(bare.size(), 40u) << codec;
+            for (size_t n = 0; n < bare.size(); n++)
+                for (int plane = 0; plane < 3; plane++)
+                    EXPECT_TRUE(full[n].planes[plane] == bare[n].planes[plane]) << codec << " " << n;
+        }
+}
+
 TEST(PictureEncoder, PutsATimeCodeInFrontOfEachPictureOfH265) {
     Session session({{"encoder", "h.265"}});
     ASSERT_TRUE(session.open());
