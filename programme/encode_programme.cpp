@@ -173,6 +173,11 @@ EncodeResult ProgrammeEncoding::run() {
     finish();
     observer_.note(input_.timing_notes());
     observer_.note(companions_->notes(*output_));
+    if (const uint64_t unreadable = encoder_.unreadable_headers(); unreadable > 0)
+        observer_.note(fmt::format(
+            "{} of the codec's headers cannot be read, and stay as they are: they say nothing of the colour, "
+            "and declare the codec's rate alone\n",
+            unreadable));
     return result();
 }
 

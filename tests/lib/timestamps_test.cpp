@@ -254,7 +254,7 @@ TEST_F(LimitedTimestamps, TakeWhatIsDueAndSkipTheRest) {
 class WaitingRecords : public ScriptedEncoder, public testing::WithParamInterface<Pattern> {};
 
 TEST_P(WaitingRecords, StayBoundedThroughALongStream) {
-    constexpr uint64_t kPictures = 20000;
+    constexpr uint64_t kPictures = 6000;
     constexpr size_t kMostRecords = 1024, kMostTimes = 64;
     for (const bool per_frame : {false, true}) {
         for (const unsigned divider : {1u, 2u}) {
