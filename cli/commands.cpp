@@ -28,6 +28,8 @@ using namespace gsve::cli;
 
 using Command = std::function<int()>;
 
+constexpr std::string_view kHtmlPrefix = "html=";
+
 const std::map<std::string, ReportFormat> kReports = {{"text", ReportFormat::kText},
                                                       {"json", ReportFormat::kJson}};
 
@@ -198,7 +200,19 @@ void add_inspect(CLI::App& app, Command& command) {
     inspect_app->add_option("--field", options->scc_field, "The field to write: 1 (default) or 2")
         ->check(CLI::IsMember({1, 2}))
         ->needs(scc);
-    inspect_app->add_flag("-y,--overwrite", options->overwrite, "Overwrite the file of --scc")->needs(scc);
+    inspect_app
+        ->add_option_function<std::string>(
+            "--report",
+            [options](const std::string& what) { options->page = what.substr(kHtmlPrefix.size()); },
+            "Write a page with charts to this file: html=FILE")
+        ->check(CLI::Validator(
+            [](const std::string& what) {
+                return what.starts_with(kHtmlPrefix) && what.size() > kHtmlPrefix.size()
+                           ? std::string()
+                           : fmt::format("\"{}\" is not html=FILE", what);
+            },
+            "html=FILE"));
+    inspect_app->add_flag("-y,--overwrite", options->overwrite, "Overwrite the files of --scc and --report");
     inspect_app->add_flag("--pictures", options->pictures, "List every GOP and picture");
     inspect_app->add_flag("--buffer", options->buffer,
                           "Check that the pictures keep to the decoder's buffer that the stream declares");

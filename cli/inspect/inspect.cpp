@@ -11,16 +11,17 @@
 #include "programme/caption_inventory.h"
 #include "programme/output_file.h"
 #include "programme/stream_inspection.h"
+#include "report/inspection_page.h"
 #include "report/inspection_report.h"
 
 namespace gsve::cli {
 namespace {
 
-void check_scc_output(const InspectOptions& options) {
+void check_output(const InspectOptions& options, const std::string& path) {
     std::error_code absent;
-    if (std::filesystem::equivalent(options.input, options.scc, absent))
-        throw UsageError("the SCC file is the input itself: name another");
-    check_overwriting(options.scc, options.overwrite);
+    if (std::filesystem::equivalent(options.input, path, absent))
+        throw UsageError(fmt::format("{} is the input itself: name another file", path));
+    check_overwriting(path, options.overwrite);
 }
 
 /// Of the carriage that receivers prefer.
@@ -34,10 +35,14 @@ void write_scc_file(const InspectOptions& options, const programme::InspectedStr
 }  // namespace
 
 int inspect(const InspectOptions& options) {
-    if (!options.scc.empty()) check_scc_output(options);
-    const programme::InspectedStream stream = programme::read_stream(options.input, options.buffer);
+    if (!options.scc.empty()) check_output(options, options.scc);
+    if (!options.page.empty()) check_output(options, options.page);
+    const bool check_buffer = options.buffer || !options.page.empty();
+    const programme::InspectedStream stream = programme::read_stream(options.input, check_buffer);
     const programme::CaptionInventory captions = take_inventory(stream);
     if (!options.scc.empty()) write_scc_file(options, stream, captions);
+    if (!options.page.empty())
+        programme::write_file(options.page, report::inspection_page(options.input, stream, captions));
     const auto report = options.json ? report::inspection_json : report::inspection_text;
     fmt::print("{}", report(options.input, stream, captions, options.pictures));
     return 0;

@@ -14,6 +14,7 @@ struct InspectOptions {
     bool overwrite = false;
     bool pictures = false;  ///< list every picture and every GOP
     bool buffer = false;    ///< check the decoder's buffer
+    std::string page;       ///< file to write as HTML; empty: none
 };
 
 /// Inspects. Returns the exit status; throws UsageError and Failure.
