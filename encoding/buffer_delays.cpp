@@ -12,13 +12,38 @@ namespace {
 
 constexpr double kClock = 90000;  ///< of all delays, in hertz
 
+// picture_header(): temporal_reference 10, picture_coding_type 3, vbv_delay 16.
+constexpr uint8_t kPictureStart = 0x00;
+constexpr size_t kDelayAt = 8 + 10 + 3, kPictureHeaderSize = 5;
+constexpr int kDelayBits = 16;
+constexpr unsigned kVariableRate = 0xFFFF;
+
 }  // namespace
+
+void state_variable_rate(std::span<uint8_t> unit) {
+    for (const Section& section : sections(unit)) {
+        if (section.bytes[0] != kPictureStart || section.bytes.size() < kPictureHeaderSize) continue;
+        const auto begin = static_cast<size_t>(section.bytes.data() - unit.data());
+        captions::put_bits(unit.subspan(begin, kPictureHeaderSize), kDelayAt, kDelayBits, kVariableRate);
+        return;
+    }
+}
 
 void BufferDelays::restate(std::vector<uint8_t>& unit) {
     if (codec_id_ == kMpeg2)
         restate_mpeg2(unit);
     else
         restate_h264(unit);
+}
+
+void BufferDelays::know(std::span<const uint8_t> parameter_sets) {
+    constexpr int kSequenceSet = 7;
+    if (codec_id_ != kH264) return;
+    for (const Section& nal : nal_units(parameter_sets)) {
+        if ((nal.bytes[0] & 0x1F) != kSequenceSet) continue;
+        const std::optional<HrdSequence> sequence = read_hrd_sequence(rbsp_of(nal.bytes, 1));
+        if (sequence) sequences_[sequence->id] = sequence;
+    }
 }
 
 void BufferDelays::left(size_t bytes) {
@@ -32,17 +57,12 @@ void BufferDelays::left(size_t bytes) {
     units_++;
 }
 
-// picture_header(): temporal_reference 10, picture_coding_type 3, vbv_delay 16. The delay is that of the last
-// byte of the picture start code.
+// The delay is that of the last byte of the picture start code.
 void BufferDelays::restate_mpeg2(std::vector<uint8_t>& unit) {
-    constexpr uint8_t kPicture = 0x00;
-    constexpr size_t kDelayAt = 8 + 10 + 3, kHeaderSize = 5;
-    constexpr int kDelayBits = 16;
-    constexpr unsigned kVariableRate = 0xFFFF;
     for (const Section& section : sections(unit)) {
-        if (section.bytes[0] != kPicture || section.bytes.size() < kHeaderSize) continue;
+        if (section.bytes[0] != kPictureStart || section.bytes.size() < kPictureHeaderSize) continue;
         const auto begin = static_cast<size_t>(section.bytes.data() - unit.data());
-        const std::span<uint8_t> header = std::span(unit).subspan(begin, kHeaderSize);
+        const std::span<uint8_t> header = std::span(unit).subspan(begin, kPictureHeaderSize);
         const unsigned stated = captions::get_bits(header, kDelayAt, kDelayBits);
         if (stated == kVariableRate) return;
         const double start = sent_ + 8 * static_cast<double>(begin + 1);
@@ -59,16 +79,13 @@ void BufferDelays::restate_mpeg2(std::vector<uint8_t>& unit) {
 }
 
 void BufferDelays::restate_h264(std::vector<uint8_t>& unit) {
-    constexpr int kSei = 6, kSequenceSet = 7;
+    constexpr int kSei = 6;
+    know(unit);
     HrdMessages messages;
     std::optional<Section> period;
     std::vector<uint8_t> period_rbsp;
     for (const Section& nal : nal_units(unit)) {
         const int type = nal.bytes[0] & 0x1F;
-        if (type == kSequenceSet) {
-            const std::optional<HrdSequence> sequence = read_hrd_sequence(rbsp_of(nal.bytes, 1));
-            if (sequence) sequences_[sequence->id] = sequence;
-        }
         if (type != kSei) continue;
         std::vector<uint8_t> rbsp = rbsp_of(nal.bytes, 1);
         const bool had_period = messages.sequence.has_value();

@@ -9,11 +9,15 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <vector>
 
 #include "encoding/hrd_syntax.h"
 
 namespace gsve::encoding {
+
+/// Takes an MPEG-2 picture's delay back: data arrive at no constant rate.
+void state_variable_rate(std::span<uint8_t> unit);
 
 class BufferDelays {
 public:
@@ -21,6 +25,9 @@ public:
     /// seconds from one picture to the next.
     BufferDelays(int codec_id, double rate, double period)
         : codec_id_(codec_id), rate_(rate), period_(period) {}
+
+    /// Parameter sets that stand outside of the units.
+    void know(std::span<const uint8_t> parameter_sets);
 
     /// Sets the delays in a unit, whose size may change by emulation prevention bytes.
     void restate(std::vector<uint8_t>& unit);

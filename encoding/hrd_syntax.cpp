@@ -149,7 +149,10 @@ std::vector<uint8_t> with_nal_schedules(Bytes rbsp, const HrdSequence& sequence,
     }
     while (reader.position() < sequence.nal->end) reader.get(1);
     writer.copy(reader, rbsp.size() * 8);
-    return writer.take();
+    std::vector<uint8_t> bytes = writer.take();
+    while (!bytes.empty() && bytes.back() == 0)
+        bytes.pop_back();  // behind the trailing bits, which may have moved
+    return bytes;
 }
 
 void read_hrd_messages(Bytes rbsp, const HrdSequences& sequences, std::optional<unsigned>& active,

@@ -45,15 +45,29 @@ void PictureEncoder::describe_source(const SourceDescription& source) {
     frame_rate_den = source.frame_rate.den;
     input_interlaced = source.interlaced;
     colour_ = source.colour;
+    may_have_shape_ = source.may_have_shape;
 }
 
 bool PictureEncoder::open(const Ancillary& first) {
-    first_shape_ = first.shape;
+    leave_room_in_buffer();
     signal(first, 0);  // applying a setting forgets what was signalled, and the codec starts with this
     if (!client_addref() || !encoder_open) return false;
     times_.emplace(reorder_depth(), frame_rate_divider);
     types_.emplace(*mpeg_context);
     return true;
+}
+
+/// The largest buffer of MPEG-2's main level, which the encoder takes for itself at high rates, has to hold
+/// what is inserted, too.
+void PictureEncoder::leave_room_in_buffer() {
+    constexpr int kMainLevelBuffer = 1835008, kMostInserted = 48'000;  // bits, bits/s
+    constexpr int kMainLevelWidth = 720, kMainLevelHeight = 576;
+    const bool resized = resize_width > 0 && resize_height > 0;
+    const int width = resized ? resize_width : input_width, height = resized ? resize_height : input_height;
+    if (codec_id != kMpeg2 || buffer_size > 0 || width > kMainLevelWidth || height > kMainLevelHeight) return;
+    const double share = bitrate / static_cast<double>(bitrate + kMostInserted);
+    const auto room = static_cast<int32_t>(kMainLevelBuffer * share);
+    if (bitrate / 4 > room) buffer_size = room;
 }
 
 AVRational PictureEncoder::encoded_rate() const {
@@ -73,8 +87,7 @@ double PictureEncoder::inserted_rate() {
     if (colour_ != Colour()) bytes += kHeaders / std::max<int>(static_cast<int>(effective_gop_size), 1);
     if (enabled_cea708() && codec_id != kMpeg2) bytes += kEmulationPrevention;
     if (enabled_cea708()) bytes += message(caption_data({}, rate, 0));
-    if (first_shape_.afd) bytes += message(afd_data(*first_shape_.afd));
-    if (first_shape_.bars) bytes += message(bar_data(*first_shape_.bars));
+    if (may_have_shape_) bytes += message(afd_data(0)) + message(bar_data({0, 0, {}, {}}));
     if (codec_id == kMpeg2) {
         // Pairs of all pictures since the one before that had some; two constructs of SCTE 20.
         constexpr double kCcHeader = 9, kCcPairs = 6, kScte20 = 14;
@@ -93,9 +106,16 @@ std::vector<uint8_t> PictureEncoder::parameter_sets() {
     return rewritten.empty() ? std::vector<uint8_t>(of_codec.begin(), of_codec.end()) : rewritten;
 }
 
+/// Only of 4:2:0 may H.264 and H.265 say where the chroma is.
+Colour PictureEncoder::stated_colour() const {
+    Colour colour = colour_;
+    if (mpeg_context->pix_fmt != AV_PIX_FMT_YUV420P) colour.chroma_location = AVCHROMA_LOC_UNSPECIFIED;
+    return colour;
+}
+
 StreamHeaders& PictureEncoder::headers() {
     if (!headers_)
-        headers_.emplace(codec_id, HeaderFacts{.colour = colour_,
+        headers_.emplace(codec_id, HeaderFacts{.colour = stated_colour(),
                                                .inserted_rate = inserted_rate(),
                                                .codec_rate = mpeg_context->rc_max_rate});
     return *headers_;
@@ -188,7 +208,8 @@ void PictureEncoder::host_emit_data_out(const uint8_t* data, size_t len, AVPacke
         const int64_t number = source_number(pkt->pts);
         const bool ancillary = composes_captions() ? awaited_.contains(static_cast<uint64_t>(number))
                                                    : aux_data_map.contains(record_key(pkt->pts));
-        const std::span<const uint8_t> bytes = with_additions({data, len}, static_cast<uint64_t>(number));
+        const std::span<const uint8_t> bytes =
+            with_additions({data, len}, static_cast<uint64_t>(number), (pkt->flags & AV_PKT_FLAG_KEY) != 0);
         receiver_({bytes, number, times_->next_decode_time(), (pkt->flags & AV_PKT_FLAG_KEY) != 0,
                    types_->type(bytes), ancillary});
     } catch (...) {
@@ -236,20 +257,23 @@ bool PictureEncoder::composes_captions() const {
 }
 
 void PictureEncoder::await(const Ancillary& ancillary, uint64_t number) {
-    Awaited awaited = {
-        .captions = {}, .timecode = {}, .shape = ancillary.shape, .encoded = input_frame_count};
+    Awaited awaited = {.captions = {},
+                       .timecode = {},
+                       .shape = ancillary.shape,
+                       .held_shape = ancillary.held_shape,
+                       .encoded = input_frame_count};
     if (composes_captions() && enabled_cea708()) awaited.captions = ancillary.captions;
     if (codec_id == kH265) awaited.timecode = ancillary.timecode;
-    if (ancillary.shape.bars)
-        awaited.shape.bars =
-            scaled(*ancillary.shape.bars, {input_width, input_height}, {output_width, output_height});
+    for (PictureShape* shape : {&awaited.shape, &awaited.held_shape})
+        if (shape->bars)
+            shape->bars = scaled(*shape->bars, {input_width, input_height}, {output_width, output_height});
     awaited_[number] = std::move(awaited);
     if (awaited_.size() > kMostAwaited) awaited_.erase(awaited_.begin());
 }
 
 /// What goes into the picture's unit, at the place where it goes.
 std::vector<uint8_t> PictureEncoder::additions(std::span<const uint8_t> unit, size_t position,
-                                               uint64_t number) {
+                                               uint64_t number, bool key) {
     const auto found = awaited_.find(number);
     const Awaited awaited = found == awaited_.end() ? Awaited() : std::move(found->second);
     if (found != awaited_.end()) awaited_.erase(found);
@@ -266,22 +290,30 @@ std::vector<uint8_t> PictureEncoder::additions(std::span<const uint8_t> unit, si
     if (awaited.timecode) append(timecode_message(*awaited.timecode, rate, temporal_id));
     if (composes_captions() && enabled_cea708())
         append_user_data(caption_data(awaited.captions, rate, awaited.encoded));
-    if (awaited.shape.afd) append_user_data(afd_data(*awaited.shape.afd));
-    if (awaited.shape.bars && *awaited.shape.bars != Bars()) append_user_data(bar_data(*awaited.shape.bars));
+    // Receivers forget the shape at a sequence header: it is said again where one may stand.
+    const PictureShape& shape = key && awaited.shape.empty() ? awaited.held_shape : awaited.shape;
+    if (shape.afd) append_user_data(afd_data(*shape.afd));
+    if (shape.bars && *shape.bars != Bars()) append_user_data(bar_data(*shape.bars));
     return bytes;
 }
 
 /// The unit of picture `number` as it leaves. Valid until the next one.
-std::span<const uint8_t> PictureEncoder::with_additions(std::span<const uint8_t> unit, uint64_t number) {
+std::span<const uint8_t> PictureEncoder::with_additions(std::span<const uint8_t> unit, uint64_t number,
+                                                        bool key) {
     const size_t position = codec_id == kMpeg2 ? user_data_position(unit) : sei_position(codec_id, unit);
-    const std::vector<uint8_t> added = additions(unit, position, number);
+    const std::vector<uint8_t> added = additions(unit, position, number, key);
     unit_.assign(unit.begin(), unit.end());
     if (position < unit.size())
         unit_.insert(unit_.begin() + static_cast<ptrdiff_t>(position), added.begin(), added.end());
     if (std::vector<uint8_t> rewritten = headers().rewritten(unit_); !rewritten.empty())
         unit_ = std::move(rewritten);
+    // Without its stuffing, no rate of MPEG-2 is constant.
+    if (codec_id == kMpeg2 && remove_trailing_zeros) state_variable_rate(unit_);
     if (!headers_->raised_by()) return unit_;
-    if (!delays_) delays_.emplace(codec_id, headers_->declared_rate(), 1 / av_q2d(encoded_rate()));
+    if (!delays_) {
+        delays_.emplace(codec_id, headers_->declared_rate(), 1 / av_q2d(encoded_rate()));
+        delays_->know(parameter_sets());
+    }
     delays_->restate(unit_);
     if (has_constant_rate()) fill_up();
     delays_->left(unit_.size());

@@ -52,7 +52,8 @@ struct SourceDescription {
     unsigned chroma_shift_y = 1;
     AVRational frame_rate = {25, 1};
     bool interlaced = false;
-    Colour colour;  ///< as it is to be encoded; what is not described is not stated
+    Colour colour;                ///< as it is to be encoded; what is not described is not stated
+    bool may_have_shape = false;  ///< the declared rate is to have room for active formats and bars
 };
 
 /// Three 8-bit planes of the described size, read during the call that is given them.
@@ -69,7 +70,9 @@ struct Ancillary {
     std::optional<captions::GopTimecode> timecode;
     AVRational display_aspect = {4, 3};
     int field_order = 0;  ///< 0 progressive, 1 top field first, 2 bottom field first
-    PictureShape shape;   ///< of the source's picture; its bars are scaled as the picture is
+    /// Of the source's picture; bars are scaled as the picture is. What was said of earlier pictures and
+    /// still holds is said again with key pictures.
+    PictureShape shape, held_shape;
 };
 
 class PictureEncoder final : public GeneralStreamingVideoEncoder {
@@ -156,8 +159,8 @@ private:
     struct Awaited {
         captions::PictureWrites captions;
         std::optional<captions::GopTimecode> timecode;
-        PictureShape shape;    ///< of the encoded picture
-        uint64_t encoded = 0;  ///< the picture's number among those that the encoder was given
+        PictureShape shape, held_shape;  ///< of the encoded picture
+        uint64_t encoded = 0;            ///< the picture's number among those that the encoder was given
     };
 
     void signal(const Ancillary& ancillary, uint64_t number);
@@ -167,8 +170,10 @@ private:
     void insert_cc_data(uint64_t key);
     bool composes_captions() const;
     void await(const Ancillary& ancillary, uint64_t number);
-    std::vector<uint8_t> additions(std::span<const uint8_t> unit, size_t position, uint64_t number);
-    std::span<const uint8_t> with_additions(std::span<const uint8_t> unit, uint64_t number);
+    std::vector<uint8_t> additions(std::span<const uint8_t> unit, size_t position, uint64_t number, bool key);
+    std::span<const uint8_t> with_additions(std::span<const uint8_t> unit, uint64_t number, bool key);
+    void leave_room_in_buffer();
+    Colour stated_colour() const;
     StreamHeaders& headers();
     bool has_constant_rate() const;
     void fill_up();
@@ -186,7 +191,7 @@ private:
     captions::LineRate line_rate_ = captions::LineRate::kPairOfEachField;
     std::map<uint64_t, Awaited> awaited_;  ///< of the latest pictures, by number
     Colour colour_;
-    PictureShape first_shape_;
+    bool may_have_shape_ = false;
     bool carries_scte20_ = false;
     std::optional<StreamHeaders> headers_;
     std::optional<BufferDelays> delays_;

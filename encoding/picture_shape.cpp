@@ -54,21 +54,19 @@ std::optional<Bars> read_bars(std::span<const uint8_t> data) {
 
 std::vector<uint8_t> bytes_of(std::string_view text) { return {text.begin(), text.end()}; }
 
-/// The number of whole samples, from the edge on, that a bar of `length` covers.
-int covered(int length, int from, int to) { return static_cast<int>(int64_t{length} * to / from); }
-
 }  // namespace
 
 Bars scaled(const Bars& bars, PictureSize from, PictureSize to) {
-    const auto end = [](std::optional<int> last, int before, int after) -> std::optional<int> {
-        if (!last || before <= 0) return std::nullopt;
-        const int length = covered(std::min(*last + 1, before), before, after);
-        return length > 0 ? std::optional(length - 1) : std::nullopt;
+    const auto scale = [](int length, int before, int after) {
+        return static_cast<int>(int64_t{length} * after / before);
     };
-    const auto begin = [](std::optional<int> first, int before, int after) -> std::optional<int> {
-        if (!first || before <= 0) return std::nullopt;
-        const int length = covered(before - std::min(*first, before), before, after);
-        return length > 0 ? std::optional(after - length) : std::nullopt;
+    const auto end = [&](std::optional<int> last, int before, int after) -> std::optional<int> {
+        if (!last || before <= 0 || before == after) return last;
+        return std::max(scale(std::min(*last + 1, before), before, after) - 1, 0);
+    };
+    const auto begin = [&](std::optional<int> first, int before, int after) -> std::optional<int> {
+        if (!first || before <= 0 || before == after) return first;
+        return after - scale(before - std::min(*first, before), before, after);
     };
     return {.top_end = end(bars.top_end, from.height, to.height),
             .bottom_begin = begin(bars.bottom_begin, from.height, to.height),

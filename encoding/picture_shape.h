@@ -38,7 +38,9 @@ struct PictureSize {
     int height = 0;
 };
 
-/// The bars of a picture that was brought from one size to another. What was a bar in part is none.
+/// The bars of a picture that was brought from one size to another, without the lines and columns that are
+/// bar in part. Bars come in pairs, of which one may be of no size: below, such a one begins where the
+/// picture ends.
 Bars scaled(const Bars& bars, PictureSize from, PictureSize to);
 
 /// What a coded unit says of its picture, in MPEG-2 user data or a T.35 SEI message of H.264 or H.265, in a

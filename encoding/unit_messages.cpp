@@ -112,11 +112,13 @@ size_t sei_position(int codec_id, std::span<const uint8_t> unit) {
     size_t at = next_start_code(unit, 0);
     while (at != unit.size() && precedes(unit[at + kPrefixSize]))
         at = next_start_code(unit, at + kPrefixSize);
-    return at;
+    const bool has_zero_byte = at != unit.size() && at > 0 && unit[at - 1] == 0;
+    return at - has_zero_byte;
 }
 
 int temporal_id_at(std::span<const uint8_t> unit, size_t position) {
-    const size_t at = position + kPrefixSize + 1;
+    const bool has_zero_byte = position + 2 < unit.size() && unit[position + 2] == 0;
+    const size_t at = position + has_zero_byte + kPrefixSize + 1;
     return at < unit.size() ? std::max((unit[at] & 7) - 1, 0) : 0;
 }
 

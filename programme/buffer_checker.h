@@ -24,6 +24,11 @@ class BufferChecker {
 public:
     explicit BufferChecker(AVCodecID codec) : codec_(codec) {}
 
+    /// Parameter sets that the container keeps, with start codes.
+    void headers(std::span<const uint8_t> bytes) {
+        if (codec_ == AV_CODEC_ID_H264) hrd_.headers(bytes);
+    }
+
     /// The next unit in coding order, with start codes and without a byte left out. Any bytes may be given.
     void unit(std::span<const uint8_t> bytes);
 

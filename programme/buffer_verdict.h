@@ -83,7 +83,8 @@ struct BufferVerdict {
     };
     State state = State::kUndeclared;
     int64_t units = 0;
-    int64_t unreadable = 0;  ///< units without a picture that has a place in the buffer
+    bool approximate = false;  ///< the container has lengths in place of start codes, whose size is not known
+    int64_t unreadable = 0;    ///< units without a picture that has a place in the buffer
     /// Of MPEG-2 with vbv_delay two, kVbvDelay and kVbvConstantRate; of H.264 one for each SchedSelIdx.
     std::vector<BufferAccount> accounts;
 

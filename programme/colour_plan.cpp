@@ -24,7 +24,7 @@ const char* name_of(AVColorSpace matrix) { return matrix == AVCOL_SPC_BT709 ? "B
 
 bool is_rgb(const AVFrame& frame) {
     const AVPixFmtDescriptor* pixel = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame.format));
-    return pixel && (pixel->flags & AV_PIX_FMT_FLAG_RGB);
+    return pixel && (pixel->flags & (AV_PIX_FMT_FLAG_RGB | AV_PIX_FMT_FLAG_PAL));
 }
 
 bool has_full_range(const AVFrame& frame) {
@@ -36,17 +36,6 @@ bool has_full_range(const AVFrame& frame) {
         case AV_PIX_FMT_YUVJ411P: return true;
         default: return frame.color_range == AVCOL_RANGE_JPEG && !is_rgb(frame);
     }
-}
-
-void refuse_high_dynamic_range(const AVFrame& frame) {
-    const char* name = frame.color_trc == AVCOL_TRC_SMPTE2084      ? "PQ"
-                       : frame.color_trc == AVCOL_TRC_ARIB_STD_B67 ? "HLG"
-                                                                   : nullptr;
-    if (!name) return;
-    throw UsageError(fmt::format(
-        "the picture has high dynamic range ({}), which 8 bits do not hold: bring it to BT.709 first, for "
-        "example with FFmpeg's filters zscale and tonemap",
-        name));
 }
 
 /// RGB has its matrix from the conversion, and its range.
@@ -62,13 +51,27 @@ Colour colour_of_rgb(const AVFrame& frame, PictureSize output) {
 Colour colour_of(const AVFrame& frame) {
     return {.primaries = frame.color_primaries,
             .transfer = frame.color_trc,
-            .matrix = frame.colorspace,
+            // What is no RGB by its samples is none by its tag.
+            .matrix = frame.colorspace == AVCOL_SPC_RGB ? AVCOL_SPC_UNSPECIFIED : frame.colorspace,
             .range = has_full_range(frame) ? AVCOL_RANGE_JPEG : frame.color_range,
             .chroma_location = frame.chroma_location};
 }
 
+const char* high_dynamic_range(const AVFrame& frame) {
+    switch (frame.color_trc) {
+        case AVCOL_TRC_SMPTE2084: return "PQ";
+        case AVCOL_TRC_ARIB_STD_B67: return "HLG";
+        default: return nullptr;
+    }
+}
+
 ColourPlan plan_colour(const AVFrame& first, const ColourWish& wish) {
-    refuse_high_dynamic_range(first);
+    if (const char* name = high_dynamic_range(first))
+        throw UsageError(
+            fmt::format("the picture has high dynamic range ({}), which 8 bits do not hold: bring it to "
+                        "BT.709 first, for example "
+                        "with FFmpeg's filters zscale and tonemap",
+                        name));
     const PictureSize source = {first.width, first.height};
     ColourPlan plan;
     if (is_rgb(first)) {
@@ -77,6 +80,7 @@ ColourPlan plan_colour(const AVFrame& first, const ColourWish& wish) {
         return plan;
     }
     plan.encoded = colour_of(first);
+    if (wish.narrow_range_only) plan.encoded.chroma_location = AVCHROMA_LOC_LEFT;  // MPEG-2 has no other
     if (plan.encoded.range == AVCOL_RANGE_JPEG && wish.narrow_range_only) {
         plan.to_narrow_range = true;
         plan.encoded.range = AVCOL_RANGE_MPEG;
@@ -97,6 +101,7 @@ ColourPlan plan_colour(const AVFrame& first, const ColourWish& wish) {
         return plan;
     }
     plan.from = from;
+    plan.by_fields = wish.interlaced && first.height % 4 == 0;
     plan.to = plan.encoded.matrix = to;
     plan.notes += fmt::format(
         "sample values are converted from {} to {}, which is {}'s; --colour keep leaves them as they are\n",

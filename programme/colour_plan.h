@@ -18,6 +18,7 @@ struct ColourWish {
     encoding::PictureSize output;    ///< as it is encoded
     bool narrow_range_only = false;  ///< the codec knows no other, as MPEG-2
     bool keep = false;               ///< leave sample values as they are
+    bool interlaced = false;         ///< each field has its own chroma
 };
 
 struct ColourPlan {
@@ -25,6 +26,7 @@ struct ColourPlan {
     AVColorSpace from =
         AVCOL_SPC_UNSPECIFIED;  ///< with `to`: sample values are converted between these matrices
     AVColorSpace to = AVCOL_SPC_UNSPECIFIED;
+    bool by_fields = false;        ///< ... of each field by itself
     bool to_narrow_range = false;  ///< they are brought from the full range into the narrow one
     std::string notes;             ///< a line each
 
@@ -33,6 +35,9 @@ struct ColourPlan {
 
 /// What a decoded picture says of its samples.
 encoding::Colour colour_of(const AVFrame& frame);
+
+/// The name of a picture's high dynamic range; null: it has none.
+const char* high_dynamic_range(const AVFrame& frame);
 
 /// For a source whose first picture is this. Throws UsageError for high dynamic range, which 8 bits do not
 /// hold.

@@ -88,6 +88,7 @@ Ancillary signalled_by(const Picture& picture) {
     ancillary.display_aspect = picture.display_aspect;
     ancillary.field_order = picture.field_order;
     ancillary.shape = picture.shape;
+    ancillary.held_shape = picture.held_shape;
     return ancillary;
 }
 
@@ -349,6 +350,7 @@ void ProgrammeEncoding::encode(const Picture& picture) {
     const Ancillary ancillary = ancillary_of(picture);
     const PictureFate fate = encoder_.push(picture.view(), ancillary);
     captions_->after(fate);
+    if (fate == PictureFate::kDropped && untold_shape_.empty()) untold_shape_ = ancillary.shape;
     tally_.picture(fate);
     observer_.progress(tally_);
 }
@@ -365,7 +367,6 @@ Ancillary ProgrammeEncoding::ancillary_of(const Picture& picture) {
     Ancillary ancillary = signalled_by(picture);
     const auto number = static_cast<int64_t>(picture.number);
     if (timecodes_ && job_.timecode == kSourceTimecode) timecodes_->follow(number, picture.timecode);
-    // What is said once holds for the pictures after it, too.
     if (ancillary.shape.empty()) ancillary.shape = untold_shape_;
     untold_shape_ = encoder_.takes(picture.number) ? encoding::PictureShape() : ancillary.shape;
     if (!encoder_.takes(picture.number)) return ancillary;

@@ -12,12 +12,18 @@
 #include <vector>
 
 #include "encoding/hrd_syntax.h"
+#include "encoding/start_codes.h"
 #include "programme/buffer_account.h"
 
 namespace gsve::programme {
 
 class HrdReader {
 public:
+    /// Parameter sets that do not come with the units.
+    void headers(std::span<const uint8_t> bytes) {
+        for (const encoding::Section& section : encoding::nal_units(bytes)) read_nal(section.bytes);
+    }
+
     /// The next unit in coding order, with start codes: any number of pictures, fields too. False where no
     /// picture that has a time begins in it; its bits count for the next one.
     bool unit(std::span<const uint8_t> bytes, int64_t number);

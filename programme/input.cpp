@@ -45,7 +45,8 @@ AVRational display_aspect(const AVFrame& frame, const encoding::SourceDescriptio
 }
 
 /// A picture that is not resized is encoded at the source's size.
-ColourWish with_size(ColourWish wish, const AVFrame& frame) {
+ColourWish colour_wish(ColourWish wish, const AVFrame& frame, const AVStream& stream) {
+    wish.interlaced = interlaced(frame) || stream.codecpar->field_order > AV_FIELD_PROGRESSIVE;
     if (wish.output.width <= 0 || wish.output.height <= 0) wish.output = {frame.width, frame.height};
     return wish;
 }
@@ -98,8 +99,11 @@ Input::Input(const std::string& path, const InputOptions& options, StopRequest s
     frame_waits_ = true;
     note_first_timecode(decoder_.frame());
     choose_rate(options);
-    const ColourPlan colour = plan_colour(decoder_.frame(), with_size(options.colour, decoder_.frame()));
+    const ColourPlan colour =
+        plan_colour(decoder_.frame(), colour_wish(options.colour, decoder_.frame(), packets_.stream()));
     format_.colour = colour.encoded;
+    format_.may_have_shape = may_have_captions(packets_.codec().id);
+    first_colour_ = colour_of(decoder_.frame());
     converter_.emplace(decoder_.frame(), packets_.stream().time_base, own_rate(),
                        Conversion{format_.frame_rate, options.chroma_format, colour});
     notes_ += converter_->notes() + colour.notes;
@@ -192,6 +196,9 @@ std::string Input::timing_notes() const {
         notes += fmt::format(
             "the input's clock jumps by {:+.3f} s: what follows goes on {:.3f} s after the first picture\n",
             jump.by, jump.at - static_cast<double>(origin()) * av_q2d(kTimeUnit));
+    if (colour_changed_)
+        notes +=
+            "the input's colour description changes on the way: all is encoded as the first picture has it\n";
     constexpr size_t kMostNamed = 10;
     const std::vector<Pause>& pauses = decoder_.pauses();
     for (const Pause& pause : std::span(pauses).first(std::min(pauses.size(), kMostNamed)))
@@ -229,6 +236,10 @@ bool Input::advance() {
     picture_.frame = current_.get();
     picture_.field_order = field_order(*current_);
     picture_.shape = shape_of(*current_);
+    // A sequence that begins without a shape has none.
+    const bool begins = current_->pict_type == AV_PICTURE_TYPE_I;
+    if (begins || picture_.shape.afd) picture_.held_shape.afd = picture_.shape.afd;
+    if (begins || picture_.shape.bars) picture_.held_shape.bars = picture_.shape.bars;
     picture_.display_aspect = display_aspect(*current_, format_);
     picture_.timecode =
         container_has_timecode_ ? std::nullopt : timecode_of(*current_, encoding::caption_rate(own_rate()));
@@ -254,9 +265,26 @@ FramePtr Input::read_picture() {
 /// Has the decoder hold the next picture.
 bool Input::decode() {
     if (std::exchange(frame_waits_, false)) return true;
-    if (!decoder_.next()) return false;
+    if (!decoder_.next() || changes_colour(decoder_.frame())) return false;
     if (captions_) captions_->frame(decoder_.frame());
     return true;
+}
+
+/// Whether the picture's samples mean what nothing is prepared for; what else they mean is said once.
+bool Input::changes_colour(const AVFrame& frame) {
+    if (!first_colour_ || colour_changed_) return false;
+    const encoding::Colour colour = colour_of(frame);
+    if (colour == *first_colour_) return false;
+    if (const char* name = high_dynamic_range(frame)) {
+        problem_ = fmt::format(
+            "the picture becomes one of high dynamic range ({}): encode the parts separately", name);
+        return true;
+    }
+    const bool described = colour.is_described() && first_colour_->is_described();
+    colour_changed_ =
+        described && (colour.primaries != first_colour_->primaries ||
+                      colour.transfer != first_colour_->transfer || colour.matrix != first_colour_->matrix);
+    return false;
 }
 
 }  // namespace gsve::programme

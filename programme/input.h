@@ -37,7 +37,7 @@ struct Picture {
     AVRational display_aspect = {4, 3};
     int field_order = 0;  ///< 0 progressive, 1 top field first, 2 bottom field first
     std::optional<encoding::PictureTimecode> timecode;
-    encoding::PictureShape shape;
+    encoding::PictureShape shape, held_shape;  ///< told with it; told before, and still in force
 
     encoding::PictureView view() const;
 };
@@ -124,6 +124,7 @@ private:
     bool advance();
     FramePtr read_picture();
     bool decode();
+    bool changes_colour(const AVFrame& frame);
     void note_first_timecode(const AVFrame& frame);
 
     PacketSource packets_;
@@ -137,6 +138,8 @@ private:
     std::string notes_;
     encoding::SourceDescription format_;
     std::optional<PictureConverter> converter_;
+    std::optional<encoding::Colour> first_colour_;
+    bool colour_changed_ = false;
 
     std::deque<FramePtr> held_;  ///< for the next calls of next()
     FramePtr current_;           ///< the picture's

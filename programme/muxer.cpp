@@ -177,8 +177,12 @@ void Muxer::write_header(Container container, const MuxerTarget& target, const T
     if (container == Container::kMp4 || container == Container::kMov) {
         // In edit lists, a track's start is rounded to this unit: the default's is a millisecond.
         set("movie_timescale", 90'000);
+        // Colours that are described in part are written, too.
+        std::string flags =
+            output_->streams[0]->codecpar->color_space != AVCOL_SPC_UNSPECIFIED ? "+write_colr" : "";
         // What cannot go back to its beginning comes in pieces.
-        if (is_standard_stream(target.path)) set("movflags", "frag_keyframe+delay_moov+default_base_moof");
+        if (is_standard_stream(target.path)) flags += "+frag_keyframe+delay_moov+default_base_moof";
+        if (!flags.empty()) set("movflags", flags);
     }
     if (container == Container::kTransportStream) {
         if (transport.rate > 0) set("muxrate", transport.rate);

@@ -41,10 +41,11 @@ std::string scale_options(const ColourPlan& colour) {
 /// Luma and chroma of each sample through the other matrix, at the primaries and the transfer that there are.
 std::string matrix_filter(const ColourPlan& colour) {
     const char* range = colour.encoded.range == AVCOL_RANGE_JPEG ? "pc" : "tv";
-    return fmt::format(
-        ",colorspace=fast=1:ispace={}:space={}:iprimaries=bt709:primaries=bt709:itrc=bt709:trc=bt709:irange={"
-        "}:range={}",
+    const std::string matrix = fmt::format(
+        "colorspace=fast=1:ispace={}:space={}:iprimaries=bt709:primaries=bt709:itrc=bt709:trc=bt709:irange={}"
+        ":range={}",
         scale_name(colour.from), scale_name(colour.to), range, range);
+    return colour.by_fields ? fmt::format(",il=l=d:c=d,{},il=l=i:c=i", matrix) : "," + matrix;
 }
 
 }  // namespace

@@ -67,8 +67,8 @@ StreamReader::StreamReader(const std::string& path, bool check_buffer)
       source_(path, {},
               {.choice = {}, .container = Container::kElementary, .lines = DecoderLog::Lines::kSwallowed}),
       video_(&source_.stream()) {
-    open_decoder(source_.codec());
     if (check_buffer) buffer_.emplace(source_.codec().id);
+    open_decoder(source_.codec());
 
     stream_.format = source_.format().iformat->name;
     stream_.codec = avcodec_get_name(source_.codec().id);
@@ -91,6 +91,8 @@ void StreamReader::open_decoder(const AVCodec& codec) {
         if (const int error = av_bsf_init(filter); error < 0)
             throw Failure(fmt::format("cannot decode {}: {}", path_, av_error_text(error)));
         parameters = filter->par_out;
+        if (buffer_ && parameters->extradata_size > 0)
+            buffer_->headers({parameters->extradata, static_cast<size_t>(parameters->extradata_size)});
     }
     decoder_.reset(avcodec_alloc_context3(&codec));
     check_memory(decoder_ && avcodec_parameters_to_context(decoder_.get(), parameters) >= 0);
@@ -116,7 +118,13 @@ InspectedStream StreamReader::read() {
     set_times();
     find_damage();
     collect_gops();
-    if (buffer_) stream_.buffer = buffer_->finish();
+    if (buffer_) {
+        constexpr uint8_t kDecoderConfiguration = 1;  // ISO/IEC 14496-15, 5.3.3: its version
+        const AVCodecParameters& form = *video_->codecpar;
+        stream_.buffer = buffer_->finish();
+        stream_.buffer->approximate =
+            start_codes_ && form.extradata_size > 0 && form.extradata[0] == kDecoderConfiguration;
+    }
     return std::move(stream_);
 }
 

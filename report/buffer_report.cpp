@@ -137,17 +137,18 @@ std::vector<std::string> buffer_lines(const BufferVerdict& verdict) {
     }
     if (verdict.unreadable)
         lines.push_back(fmt::format("{} of {} units have no place in it", verdict.unreadable, verdict.units));
+    if (verdict.approximate)
+        lines.emplace_back(
+            "approximate: the container has lengths in place of start codes, some bytes of each picture");
     return lines;
 }
 
 Json buffer_json(const BufferVerdict& verdict, bool course) {
     Json accounts = Json::array();
     for (const BufferAccount& account : verdict.accounts) accounts.push_back(account_json(account, course));
-    return {{"state", state_key(verdict.state)},
-            {"units", verdict.units},
-            {"unreadable", verdict.unreadable},
-            {"holds", verdict.holds()},
-            {"accounts", accounts}};
+    return {{"state", state_key(verdict.state)},  {"units", verdict.units},
+            {"unreadable", verdict.unreadable},   {"holds", verdict.holds()},
+            {"approximate", verdict.approximate}, {"accounts", accounts}};
 }
 
 }  // namespace gsve::report

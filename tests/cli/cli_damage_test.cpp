@@ -344,11 +344,12 @@ TEST_P(WrongBits, DamageThePicturesThatTheyAreIn) {
     std::string bytes = read_file(clip(GetParam()));
     std::mt19937 random(5);
     const size_t third = bytes.size() / 3;
-    for (int hit = 0; hit < 40; hit++)
+    // H.265 has next to nothing that a wrong bit would break: its decoder sees few of them.
+    const bool is_h265 = codec_for(std::filesystem::path(GetParam()).extension()) == "h.265";
+    for (int hit = 0; hit < (is_h265 ? 200 : 40); hit++)
         bytes[third + random() % third] ^= static_cast<char>(1 << random() % 8);
     const json damage = damage_of(file(std::string("bad-") + GetParam(), bytes));
-    // H.265 has next to nothing that a wrong bit would break: its decoder sees few of them.
-    const int at_least = codec_for(std::filesystem::path(GetParam()).extension()) == "h.265" ? 1 : 6;
+    const int at_least = is_h265 ? 1 : 6;
     EXPECT_GE(damage["damaged"].get<int>() + damage["undecodable"].get<int>(), at_least) << damage;
     EXPECT_TRUE(damage["early_end"].is_null()) << damage;
     const double seconds = kPictures / kRate;

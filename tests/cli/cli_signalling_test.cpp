@@ -239,9 +239,10 @@ protected:
         return path;
     }
 
-    /// A file of one BT.709 colour, yellow of 75 %.
-    std::string yellow(const std::string& name, const std::string& size, const std::string& options) {
-        return flat(name, size, "-vf 'format=yuv444p,lutyuv=y=168:u=44:v=136' " + options);
+    /// A file of one BT.709 colour, yellow of 75 %; `tags`: filters that say so.
+    std::string yellow(const std::string& name, const std::string& size, const std::string& options,
+                       const std::string& tags = {}) {
+        return flat(name, size, "-vf 'format=yuv444p,lutyuv=y=168:u=44:v=136" + tags + "' " + options);
     }
 
     ProgramResult encode(const std::string& in, const std::string& name, std::vector<std::string> more = {}) {
@@ -285,8 +286,8 @@ constexpr const char* kHd = "1280x96";
 const std::vector<std::string> kToSd = {"--set", "resize=720x64"};
 
 TEST_F(Colours, OfHighDefinitionBecomeThoseOfStandardDefinition) {
-    const std::string tags = "-color_primaries bt709 -color_trc bt709 -colorspace bt709 -color_range tv ";
-    const std::string in = yellow("in.mkv", kHd, "-pix_fmt yuv420p -c:v ffv1 " + tags);
+    const std::string tags = ",setparams=color_primaries=bt709:color_trc=bt709:colorspace=bt709:range=tv";
+    const std::string in = yellow("in.mkv", kHd, "-pix_fmt yuv420p -c:v ffv1 ", tags);
     for (const char* name : {"out.264", "out.m2v", "out.265"}) {
         const ProgramResult result = encode(in, name, kToSd);
         EXPECT_THAT(result.err, HasSubstr("converted from BT.709 to BT.601")) << name;
@@ -305,16 +306,17 @@ TEST_F(Colours, OfHighDefinitionBecomeThoseOfStandardDefinition) {
 }
 
 TEST_F(Colours, OfStandardDefinitionBecomeThoseOfHighDefinition) {
-    const std::string in =
-        flat("in.mkv", "720x64",
-             "-vf 'format=yuv444p,lutyuv=y=162:u=44:v=142' -pix_fmt yuv420p -c:v ffv1 -colorspace smpte170m");
+    const std::string in = flat("in.mkv", "720x64",
+                                "-vf 'format=yuv444p,lutyuv=y=162:u=44:v=142,setparams=colorspace=smpte170m' "
+                                "-pix_fmt yuv420p -c:v ffv1");
     const ProgramResult result = encode(in, "out.264", {"--set", "resize=1280x96"});
     EXPECT_THAT(result.err, HasSubstr("converted from BT.601 to BT.709"));
     expect_seen("bt709", "tv", kBt709);
 }
 
 TEST_F(Colours, OfTenBitsComeDownToEightWithANote) {
-    const std::string in = yellow("in.mkv", kHd, "-pix_fmt yuv420p10le -c:v ffv1 -colorspace bt709");
+    const std::string in =
+        yellow("in.mkv", kHd, "-pix_fmt yuv420p10le -c:v ffv1", ",setparams=colorspace=bt709");
     const ProgramResult result = encode(in, "out.264");
     EXPECT_THAT(result.err, HasSubstr("converted from yuv420p10le to yuv420p"));
     expect_seen("bt709", "tv", kBt709);
@@ -322,12 +324,38 @@ TEST_F(Colours, OfTenBitsComeDownToEightWithANote) {
     expect_seen("smpte170m", "tv", kBt601);
 }
 
+// Red and blue fields, whose chroma lines alternate.
+TEST_F(Colours, OfInterlacedPicturesAreThoseOfTheirField) {
+    const std::string in = flat("in.mkv", kHd,
+                                "-vf 'format=yuv420p,geq=lum=120:cb=128:cr=216-176*mod(Y\\,2),"
+                                "setparams=field_mode=tff:colorspace=bt709' -c:v ffv1");
+    encode(in, "out.m2v", {"--set", "resize=640x96", "--set", "bitrate=9000000"});
+    output_of("ffmpeg -nostdin -y -v error -i " + out + " -frames:v 1 -f rawvideo " + (directory / "raw"));
+    const std::string bytes = read_file(directory / "raw");
+    const auto luma = [&](size_t line) {
+        return static_cast<int>(static_cast<uint8_t>(bytes.at(line * 640 + 320)));
+    };
+    // 120 and 0.196 of what Cr is off its middle.
+    for (size_t line = 8; line < 40; line++) EXPECT_NEAR(luma(line), line % 2 == 0 ? 137 : 103, 3) << line;
+}
+
+TEST_F(Colours, OfAPaletteAreThoseOfRgb) {
+    encode(flat("in.mkv", kHd, "-vf 'format=rgb24,lutrgb=r=255:g=0:b=0,format=pal8' -c:v png"), "out.264");
+    expect_seen("bt709", "tv", {63, 102, 240});
+}
+
+TEST_F(Colours, ThatAreDescribedInPartStandInMp4Too) {
+    encode(yellow("in.mkv", kHd, "-pix_fmt yuv420p -c:v ffv1"), "out.mp4", kToSd);
+    EXPECT_THAT(output_of("ffprobe -v trace " + out), HasSubstr("type:'colr'"));
+    expect_seen("smpte170m", "tv", kBt601);
+}
+
 TEST_F(Colours, OfHighDynamicRangeAreRefused) {
     const struct { const char *transfer, *name; } rows[] = {{"smpte2084", "PQ"}, {"arib-std-b67", "HLG"}};
     for (const auto& row : rows) {
-        const std::string in = yellow(
-            std::string(row.name) + ".mkv", kHd,
-            std::string("-pix_fmt yuv420p10le -c:v ffv1 -colorspace bt2020nc -color_trc ") + row.transfer);
+        const std::string in =
+            yellow(std::string(row.name) + ".mkv", kHd, "-pix_fmt yuv420p10le -c:v ffv1",
+                   std::string(",setparams=colorspace=bt2020nc:color_trc=") + row.transfer);
         const ProgramResult result = encode(in, "out.264");
         EXPECT_EQ(result.status, 2);
         EXPECT_THAT(result.err, AllOf(HasSubstr(row.name), HasSubstr("bring it to BT.709 first")));

@@ -509,9 +509,13 @@ TEST_F(Streams, OfOtherKindsThanPacketsAreNamedWhereTheyHaveNoPlace) {
 TEST_F(Streams, KeepTheTurnAndTheColoursOfThePicture) {
     const std::string dir = directory / "", in = directory / "turned.mp4";
     ffmpeg(dir, flash_and_click(1) +
-                    "-c:v libx264 -preset ultrafast -color_primaries bt2020 -color_trc smpte2084 "
-                    "-colorspace bt2020nc -c:a aac upright.mp4");
+                    "-vf setparams=color_primaries=bt2020:color_trc=bt2020-10:colorspace=bt2020nc "
+                    "-c:v libx264 -preset ultrafast -c:a aac upright.mp4");
+#if LIBAVFORMAT_VERSION_MAJOR < 60
     ffmpeg(dir, "-i upright.mp4 -c copy -metadata:s:v rotate=90 turned.mp4");
+#else
+    ffmpeg(dir, "-display_rotation 90 -i upright.mp4 -c copy turned.mp4");
+#endif
     ASSERT_EQ(run({"encode", in, directory / "out.mp4", "-y"}).status, 0);
     for (const std::string& path : {in, directory / "out.mp4"}) {
         AVFormatContext* input = nullptr;
@@ -519,7 +523,7 @@ TEST_F(Streams, KeepTheTurnAndTheColoursOfThePicture) {
         ASSERT_GE(avformat_find_stream_info(input, nullptr), 0);
         const AVCodecParameters& form = *input->streams[0]->codecpar;
         EXPECT_EQ(form.color_primaries, AVCOL_PRI_BT2020) << path;
-        EXPECT_EQ(form.color_trc, AVCOL_TRC_SMPTE2084) << path;
+        EXPECT_EQ(form.color_trc, AVCOL_TRC_BT2020_10) << path;
         EXPECT_EQ(form.color_space, AVCOL_SPC_BT2020_NCL) << path;
 #if LIBAVFORMAT_VERSION_INT < AV_VERSION_INT(60, 15, 100)
         size_t size = 0;

@@ -282,6 +282,29 @@ TEST(PictureEncoder, TellsTheShapeOfEachPictureInEveryCodec) {
     }
 }
 
+// A receiver forgets the shape at a sequence header.
+TEST(PictureEncoder, SaysAgainWithKeyPicturesWhatStillHolds) {
+    for (const char* codec : {"mpeg-2", "h.264"}) {
+        Session session({{"encoder", codec}, {"gop size", "6"}});
+        ASSERT_TRUE(session.open()) << codec;
+        for (uint64_t n = 0; n < 40; n++) {
+            Ancillary ancillary;
+            if (n == 4) ancillary.shape.afd = 10;
+            if (n >= 4 && n < 30) ancillary.held_shape.afd = 10;
+            session.push(n, ancillary);
+        }
+        session.drain();
+        const AVCodecID id = codec == std::string("mpeg-2") ? AV_CODEC_ID_MPEG2VIDEO : AV_CODEC_ID_H264;
+        int keys = 0;
+        for (const KeptUnit& unit : session.units) {
+            const bool told = unit.pts == 4 || (unit.key && unit.pts > 4 && unit.pts < 30);
+            keys += unit.key;
+            EXPECT_EQ(read_shape(id, unit.bytes).afd.has_value(), told) << codec << " " << unit.pts;
+        }
+        EXPECT_GE(keys, 5);
+    }
+}
+
 // What is added says something of the pictures, and changes none.
 TEST(PictureEncoder, DecodesToTheSamePicturesWithAndWithoutAdditions) {
     for (const char* codec : {"mpeg-2", "h.264", "h.265"})

@@ -117,6 +117,12 @@ TEST(BufferDelays, FollowFromTheFirstOne) {
     }
 }
 
+TEST(BufferDelays, AreTakenBackWhereNoRateIsConstant) {
+    Bytes unit = kSequence + picture_with_delay(18'000, 100);
+    state_variable_rate(unit);
+    EXPECT_EQ(hex(unit), hex(kSequence + picture_with_delay(0xFFFF, 100)));
+}
+
 TEST(BufferDelays, LeaveAVariableRateAsItIs) {
     BufferDelays delays(kMpeg2, 800'000, 0.04);
     Bytes unit = picture_with_delay(0xFFFF, 5000);

@@ -70,8 +70,8 @@ TEST(CaptionSeiPosition, IsBehindDelimiterParameterSetsAndSei) {
     const Bytes slice = from_hex("00 00 01 65 88");
     EXPECT_EQ(place_of_sei(before + slice), length(before));
     EXPECT_EQ(place_of_sei(slice + before), 0);
-    // Of a start code of four bytes, the first belongs to what stands before.
-    EXPECT_EQ(place_of_sei(before + from_hex("00") + slice), length(before) + 1);
+    // In front of a start code of four bytes as of one of three.
+    EXPECT_EQ(place_of_sei(before + from_hex("00") + slice), length(before));
 }
 
 // Of the types of NAL units, 0 is unspecified, 6 SEI, 7 and 8 parameter sets, 9 the delimiter.
@@ -102,6 +102,7 @@ TEST(SeiPosition, IsInFrontOfTheFirstSliceOfH265) {
 TEST(TemporalId, IsThatOfTheNalUnit) {
     EXPECT_EQ(temporal_id_at(from_hex("00 00 01 02 01 88"), 0), 0);
     EXPECT_EQ(temporal_id_at(from_hex("FF 00 00 01 02 03 88"), 1), 2);
+    EXPECT_EQ(temporal_id_at(from_hex("00 00 00 01 02 03 88"), 0), 2);
     EXPECT_EQ(temporal_id_at(from_hex("00 00 01 02"), 0), 0);
 }
 

@@ -76,6 +76,7 @@ Sent encode(const char* codec, AVRational rate, const Load& load, const Way& way
     PictureEncoder encoder("declared");
     encoding::SourceDescription source;
     source.width = kWidth, source.height = kHeight, source.frame_rate = rate;
+    source.may_have_shape = load.shape;
     if (load.colour)
         source.colour = {AVCOL_PRI_BT709, AVCOL_TRC_BT709, AVCOL_SPC_BT709, AVCOL_RANGE_MPEG,
                          AVCHROMA_LOC_LEFT};
@@ -145,6 +146,16 @@ TEST_P(DeclaredRate, IsKeptWhateverGoesIntoTheUnits) {
             EXPECT_LT(sent.bits_per_second, declared * 1.05);
             if (way != std::size(kWays) - 1) EXPECT_GT(sent.bits_per_second, declared * 0.95);
         }
+}
+
+// What the main level's decoder holds is the codec's to fill, but for what is inserted.
+TEST(MainLevel, HoldsWhatIsInsertedAtHighRates) {
+    for (const char* bitrate : {"7400000", "8000000", "14000000"}) {
+        const Sent sent =
+            encode("mpeg-2", {25, 1}, kLoads[2], {"fast", {{"bitrate", bitrate}, {"resize", "704x480"}}});
+        EXPECT_TRUE(sent.verdict.holds()) << bitrate << " " << faults_of(sent.verdict);
+        EXPECT_EQ(sent.verdict.accounts.at(0).size, 1'835'008);
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(All, DeclaredRate,
