@@ -58,6 +58,9 @@ PictureConverter::PictureConverter(const AVFrame& first, AVRational time_base, A
     const ColourPlan& colour = conversion.colour;
     const char* target = conversion_target(first.format, conversion.chroma_format);
     const bool another_format = !taken_as_it_is(first.format, conversion.chroma_format);
+    // libswscale knows one way only from palettes to YUV, that of BT.601.
+    const AVPixFmtDescriptor* pixel = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(first.format));
+    if (pixel && (pixel->flags & AV_PIX_FMT_FLAG_PAL)) filters += ",format=rgb24";
     if (another_format || colour.to_narrow_range)
         filters += fmt::format(",scale=interl=-1{},format={}", scale_options(colour), target);
     if (another_format)
