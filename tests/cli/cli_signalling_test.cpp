@@ -341,7 +341,7 @@ TEST_F(Colours, OfInterlacedPicturesAreThoseOfTheirField) {
 
 TEST_F(Colours, OfAPaletteAreThoseOfRgb) {
     encode(flat("in.mkv", kHd, "-vf 'format=rgb24,lutrgb=r=255:g=0:b=0,format=pal8' -c:v png"), "out.264");
-    expect_seen("bt709", "tv", {63, 102, 240});
+    expect_seen("bt709", "tv", {62, 102, 239});  // FFmpeg's palette has red at 252
 }
 
 TEST_F(Colours, ThatAreDescribedInPartStandInMp4Too) {
