@@ -341,7 +341,7 @@ TEST(PictureEncoder, DecodesToTheSamePicturesWithAndWithoutAdditions) {
 }
 
 TEST(PictureEncoder, PutsATimeCodeInFrontOfEachPictureOfH265) {
-    Session session({{"encoder", "h.265"}});
+    Session session(Settings{{"encoder", "h.265"}});
     ASSERT_TRUE(session.open());
     for (uint64_t n = 0; n < 30; n++) {
         Ancillary ancillary;

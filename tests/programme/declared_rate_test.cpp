@@ -32,7 +32,7 @@ const Load kLoads[] = {
     {"all", {{"enable cea-708", "1"}, {"enable eia-608", "1"}}, true, true, true, true},
 };
 
-const AVRational kRates[] = {{24000, 1001}, {25, 1}, {60000, 1001}};
+const AVRational kRates[] = {{24000, 1001}, {60000, 1001}};
 
 struct Way {
     const char* name;
@@ -72,7 +72,7 @@ struct Sent {
 
 Sent encode(const char* codec, AVRational rate, const Load& load, const Way& way) {
     constexpr int kWidth = 96, kHeight = 64;
-    constexpr uint64_t kPictures = 150;
+    constexpr uint64_t kPictures = 120;
     PictureEncoder encoder("declared");
     encoding::SourceDescription source;
     source.width = kWidth, source.height = kHeight, source.frame_rate = rate;
