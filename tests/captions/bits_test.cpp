@@ -61,9 +61,15 @@ TEST(Bits, ComeBackAsTheyWereWritten) {
         const Bytes bytes = writer.take();
         BitReader reader(bytes);
         for (const Field& field : fields) {
-            if (field.kind == 0) ASSERT_EQ(reader.get(field.bits), field.value);
-            if (field.kind == 1) ASSERT_EQ(reader.unsigned_golomb(), field.value);
-            if (field.kind == 2) ASSERT_EQ(reader.signed_golomb(), static_cast<int>(field.value / 2) - 1000);
+            if (field.kind == 0) {
+                ASSERT_EQ(reader.get(field.bits), field.value);
+            }
+            if (field.kind == 1) {
+                ASSERT_EQ(reader.unsigned_golomb(), field.value);
+            }
+            if (field.kind == 2) {
+                ASSERT_EQ(reader.signed_golomb(), static_cast<int>(field.value / 2) - 1000);
+            }
         }
         EXPECT_EQ(reader.position(), end);
         EXPECT_FALSE(reader.overrun());

@@ -157,8 +157,12 @@ void EachWay::expect_read_by_ffmpeg() const {
         for (const json& data : frame["side_data_list"]) kinds.push_back(data["side_data_type"]);
         EXPECT_THAT(kinds, Contains("ATSC A53 Part 4 Closed Captions"));
         // FFmpeg 5.1 reads no active format in H.265.
-        if (!is_h265()) EXPECT_THAT(kinds, Contains("Active format description"));
-        if (is_h265()) EXPECT_THAT(kinds, Contains("SMPTE 12-1 timecode"));
+        if (!is_h265()) {
+            EXPECT_THAT(kinds, Contains("Active format description"));
+        }
+        if (is_h265()) {
+            EXPECT_THAT(kinds, Contains("SMPTE 12-1 timecode"));
+        }
     }
     if (!has_timecode()) return;
     const std::string text = probed.dump();
@@ -183,7 +187,9 @@ void EachWay::expect_shape_in_each_unit() const {
 void EachWay::expect_read_by_gstreamer() const {
     const GStreamerReading reading = read_by_gstreamer(out, GetParam().parser);
     // Its parser of MPEG-2 tells no colour, and numbers of no time code.
-    if (is_h264() || is_h265()) EXPECT_EQ(reading.colorimetry, "2:4:5:1");
+    if (is_h264() || is_h265()) {
+        EXPECT_EQ(reading.colorimetry, "2:4:5:1");
+    }
     ASSERT_EQ(reading.pictures.size(), kPictures);
     for (const GStreamerPicture& picture : reading.pictures) {
         EXPECT_EQ(picture.afd, kAfd);
@@ -195,7 +201,9 @@ void EachWay::expect_read_by_gstreamer() const {
     }
     // GStreamer 1.22 counts n_frames in fields, as it is in H.264.
     const char* const read = GST_CHECK_VERSION(1, 24, 0) ? "01:02:03;04" : "01:02:03;02";
-    if (is_h265()) EXPECT_EQ(reading.pictures[0].timecode, read);
+    if (is_h265()) {
+        EXPECT_EQ(reading.pictures[0].timecode, read);
+    }
 }
 
 void EachWay::expect_read_by_mediainfo() const {
@@ -211,10 +219,12 @@ void EachWay::expect_read_by_mediainfo() const {
     EXPECT_EQ(video["transfer_characteristics"], "BT.709");
     // MediaInfo knows the active format in MPEG-2 alone; captions it does not find in Matroska, and in H.265
     // in transport streams alone.
-    if (GetParam().id == AV_CODEC_ID_MPEG2VIDEO)
+    if (GetParam().id == AV_CODEC_ID_MPEG2VIDEO) {
         EXPECT_EQ(video["ActiveFormatDescription"], std::to_string(kAfd));
-    if (out.ends_with(".ts") || (!is_h265() && !out.ends_with(".mkv")))
+    }
+    if (out.ends_with(".ts") || (!is_h265() && !out.ends_with(".mkv"))) {
         EXPECT_THAT(services, Contains("EIA-608"));
+    }
 }
 
 TEST_P(EachWay, SaysTheSameToEveryReader) {
@@ -251,10 +261,11 @@ TEST_F(Signalling, OfDelaysIsRightWhereAContainerKeepsTheParameterSets) {
             const json& delay = account["course"][n]["stated_delay"];
             // Lengths stand for start codes, some of which are a byte shorter; parameter sets are left out.
             constexpr double kLengths = 0.003;
-            if (!delay.is_null())
+            if (!delay.is_null()) {
                 EXPECT_NEAR(delay.get<double>(), first + static_cast<double>(n) * 1001 / 30000 - bits / rate,
                             kLengths)
                     << name << " " << n;
+            }
             stated += !delay.is_null();
             bits += 8 * std::stod(packets[n]["size"].get<std::string>());
         }
