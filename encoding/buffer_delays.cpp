@@ -18,15 +18,21 @@ constexpr size_t kDelayAt = 8 + 10 + 3, kPictureHeaderSize = 5;
 constexpr int kDelayBits = 16;
 constexpr unsigned kVariableRate = 0xFFFF;
 
-}  // namespace
-
-void state_variable_rate(std::span<uint8_t> unit) {
+/// Of the unit's picture, from its start code on; empty where it has none.
+std::span<uint8_t> picture_header(std::span<uint8_t> unit) {
     for (const Section& section : sections(unit)) {
         if (section.bytes[0] != kPictureStart || section.bytes.size() < kPictureHeaderSize) continue;
         const auto begin = static_cast<size_t>(section.bytes.data() - unit.data());
-        captions::put_bits(unit.subspan(begin, kPictureHeaderSize), kDelayAt, kDelayBits, kVariableRate);
-        return;
+        return unit.subspan(begin, kPictureHeaderSize);
     }
+    return {};
+}
+
+}  // namespace
+
+void state_variable_rate(std::span<uint8_t> unit) {
+    const std::span<uint8_t> header = picture_header(unit);
+    if (!header.empty()) captions::put_bits(header, kDelayAt, kDelayBits, kVariableRate);
 }
 
 void BufferDelays::restate(std::vector<uint8_t>& unit) {
@@ -59,23 +65,19 @@ void BufferDelays::left(size_t bytes) {
 
 // The delay is that of the last byte of the picture start code.
 void BufferDelays::restate_mpeg2(std::vector<uint8_t>& unit) {
-    for (const Section& section : sections(unit)) {
-        if (section.bytes[0] != kPictureStart || section.bytes.size() < kPictureHeaderSize) continue;
-        const auto begin = static_cast<size_t>(section.bytes.data() - unit.data());
-        const std::span<uint8_t> header = std::span(unit).subspan(begin, kPictureHeaderSize);
-        const unsigned stated = captions::get_bits(header, kDelayAt, kDelayBits);
-        if (stated == kVariableRate) return;
-        const double start = sent_ + 8 * static_cast<double>(begin + 1);
-        if (units_ == 0) {
-            first_delay_ = stated / kClock;
-            first_start_ = start;
-        }
-        const double delay =
-            first_delay_ + static_cast<double>(units_) * period_ - (start - first_start_) / rate_;
-        const double ticks = std::clamp(std::round(delay * kClock), 0.0, kVariableRate - 1.0);
-        captions::put_bits(header, kDelayAt, kDelayBits, static_cast<unsigned>(ticks));
-        return;
+    const std::span<uint8_t> header = picture_header(unit);
+    if (header.empty()) return;
+    const unsigned stated = captions::get_bits(header, kDelayAt, kDelayBits);
+    if (stated == kVariableRate) return;
+    const double start = sent_ + 8 * static_cast<double>(header.data() - unit.data() + 1);
+    if (units_ == 0) {
+        first_delay_ = stated / kClock;
+        first_start_ = start;
     }
+    const double delay =
+        first_delay_ + static_cast<double>(units_) * period_ - (start - first_start_) / rate_;
+    const double ticks = std::clamp(std::round(delay * kClock), 0.0, kVariableRate - 1.0);
+    captions::put_bits(header, kDelayAt, kDelayBits, static_cast<unsigned>(ticks));
 }
 
 void BufferDelays::restate_h264(std::vector<uint8_t>& unit) {

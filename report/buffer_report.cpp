@@ -6,6 +6,8 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "report/times.h"
+
 namespace gsve::report {
 namespace {
 
@@ -53,12 +55,6 @@ std::string_view state_key(BufferVerdict::State state) {
         case BufferVerdict::State::kUnsupported: return "unsupported";
     }
     return "?";
-}
-
-std::string clock_text(double seconds) {
-    const auto ms = std::llround(seconds * 1000);
-    return fmt::format("{:02}:{:02}:{:02}.{:03}", ms / 3'600'000, ms / 60'000 % 60, ms / 1000 % 60,
-                       ms % 1000);
 }
 
 std::string account_line(const BufferAccount& account) {

@@ -9,6 +9,8 @@
 #include <fmt/ranges.h>
 #include <nlohmann/json.hpp>
 
+#include "report/times.h"
+
 namespace gsve::report {
 namespace {
 
@@ -17,21 +19,6 @@ using programme::DamagedRange;
 using Json = nlohmann::ordered_json;
 
 constexpr size_t kMostPlaces = 8;
-
-std::string_view name_of(DamagedRange::Kind kind) {
-    switch (kind) {
-        case DamagedRange::Kind::kDamaged: return "damaged";
-        case DamagedRange::Kind::kMissing: return "missing";
-        case DamagedRange::Kind::kUndecodable: return "undecodable";
-    }
-    return "?";
-}
-
-std::string clock_text(double seconds) {
-    const auto hundredths = std::llround(seconds * 100);
-    return fmt::format("{:02}:{:02}:{:02}.{:02}", hundredths / 360000, hundredths / 6000 % 60,
-                       hundredths / 100 % 60, hundredths % 100);
-}
 
 std::string counted(uint64_t count, std::string_view what, std::string_view state) {
     return fmt::format("{} {}{} {}", count, what, count == 1 ? "" : "s", state);
@@ -58,7 +45,8 @@ std::string places_text(const Damage& damage) {
     const std::vector<Place> all = places(damage);
     std::vector<std::string> texts;
     for (size_t n = 0; n < std::min(all.size(), kMostPlaces); n++)
-        texts.push_back(fmt::format("{} to {}", clock_text(all[n].begin), clock_text(all[n].end)));
+        texts.push_back(
+            fmt::format("{} to {}", coarse_clock_text(all[n].begin), coarse_clock_text(all[n].end)));
     std::string text = fmt::format("{}", fmt::join(texts, ", "));
     if (all.size() > kMostPlaces) text += fmt::format(" and {} more", all.size() - kMostPlaces);
     return text;
@@ -70,6 +58,15 @@ std::string early_end_text(const Damage::EarlyEnd& end) {
 }
 
 }  // namespace
+
+std::string_view name_of(DamagedRange::Kind kind) {
+    switch (kind) {
+        case DamagedRange::Kind::kDamaged: return "damaged";
+        case DamagedRange::Kind::kMissing: return "missing";
+        case DamagedRange::Kind::kUndecodable: return "undecodable";
+    }
+    return "?";
+}
 
 std::string damage_text(const Damage& damage) {
     std::vector<std::string> parts;

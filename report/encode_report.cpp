@@ -9,6 +9,7 @@
 
 #include "encoding/status_text.h"
 #include "report/damage_report.h"
+#include "report/times.h"
 
 namespace gsve::report {
 namespace {
@@ -45,12 +46,6 @@ nlohmann::ordered_json lost_json(const std::vector<LostCaption>& lost) {
     return list;
 }
 
-std::string clock_text(double seconds) {
-    const auto hundredths = std::llround(seconds * 100);
-    return fmt::format("{:02}:{:02}:{:02}.{:02}", hundredths / 360000, hundredths / 6000 % 60,
-                       hundredths / 100 % 60, hundredths % 100);
-}
-
 const char* reason_text(LostCaption::Reason reason) {
     switch (reason) {
         case LostCaption::Reason::kDidNotFit: return "did not fit before the last picture";
@@ -65,11 +60,11 @@ std::string lost_text(const std::vector<LostCaption>& lost) {
     constexpr size_t kMostLines = 20;
     std::string text;
     for (size_t n = 0; n < std::min(lost.size(), kMostLines); n++)
-        text += fmt::format("captions: the caption at {} {}: CC{} \"{}\"\n", clock_text(lost[n].time),
+        text += fmt::format("captions: the caption at {} {}: CC{} \"{}\"\n", coarse_clock_text(lost[n].time),
                             reason_text(lost[n].reason), lost[n].channel, encoding::one_line(lost[n].text));
     if (lost.size() > kMostLines)
         text += fmt::format("captions: and {} more up to {}\n", lost.size() - kMostLines,
-                            clock_text(lost.back().time));
+                            coarse_clock_text(lost.back().time));
     return text;
 }
 

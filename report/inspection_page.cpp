@@ -13,6 +13,7 @@
 #include "page_parts.h"
 #include "report/buffer_report.h"
 #include "report/damage_report.h"
+#include "report/times.h"
 
 namespace gsve::report {
 namespace {
@@ -34,13 +35,7 @@ size_t step_for(size_t count) { return (count + kMostPoints - 1) / std::max(kMos
 double kilobits(double bits) { return std::round(bits) / 1000; }
 
 double seconds_of(const InspectedStream& stream) {
-    return stream.pictures.back().time + 1 / stream.rate.per_second();
-}
-
-double time_of(const InspectedStream& stream, int64_t picture) {
-    const auto count = static_cast<int64_t>(stream.pictures.size());
-    return picture < count ? stream.pictures[static_cast<size_t>(std::max<int64_t>(picture, 0))].time
-                           : seconds_of(stream);
+    return time_of(stream, static_cast<int64_t>(stream.pictures.size()));
 }
 
 double rounded(double seconds) { return std::round(seconds * 1000) / 1000; }
@@ -142,21 +137,12 @@ std::string_view what(BufferFinding::Kind kind) {
     return "?";
 }
 
-std::string_view what(programme::DamagedRange::Kind kind) {
-    switch (kind) {
-        case programme::DamagedRange::Kind::kDamaged: return "damaged";
-        case programme::DamagedRange::Kind::kMissing: return "missing";
-        case programme::DamagedRange::Kind::kUndecodable: return "undecodable";
-    }
-    return "?";
-}
-
 Json findings_json(const InspectedStream& stream) {
     std::vector<std::pair<double, std::string>> findings;
     for (const programme::DamagedRange& range : stream.damage.ranges)
         findings.emplace_back(
             range.begin, fmt::format("{} {} {}", range.pictures, range.pictures == 1 ? "picture" : "pictures",
-                                     what(range.kind)));
+                                     name_of(range.kind)));
     if (stream.buffer)
         for (const BufferAccount& account : stream.buffer->accounts)
             for (const BufferFinding& finding : account.findings)

@@ -12,6 +12,7 @@
 #include "captions/timecode.h"
 #include "report/buffer_report.h"
 #include "report/damage_report.h"
+#include "report/times.h"
 
 namespace gsve::report {
 namespace {
@@ -45,20 +46,6 @@ std::vector<std::pair<char, int64_t>> picture_types(const InspectedStream& strea
     for (const auto& [type, count] : counts)
         if (std::string_view("IPB").find(type) == std::string_view::npos) types.emplace_back(type, count);
     return types;
-}
-
-/// When picture `number` is shown; of a number past the end, when the last picture ends.
-double time_of(const InspectedStream& stream, int64_t number) {
-    const auto count = static_cast<int64_t>(stream.pictures.size());
-    if (number < count) return stream.pictures[static_cast<size_t>(std::max<int64_t>(number, 0))].time;
-    return stream.pictures.back().time + 1 / stream.rate.per_second();
-}
-
-/// "00:01:02.345".
-std::string clock_text(double seconds) {
-    const auto ms = std::llround(seconds * 1000);
-    return fmt::format("{:02}:{:02}:{:02}.{:03}", ms / 3'600'000, ms / 60'000 % 60, ms / 1000 % 60,
-                       ms % 1000);
 }
 
 std::string timecode_text(const Gop& gop) {
