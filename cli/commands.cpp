@@ -173,6 +173,11 @@ void add_encode(CLI::App& app, Command& command) {
                          "MPEG-2: let quality follow the processor's load, as on air; without it the same "
                          "input gives the same bytes on the same number of threads");
     encode_app
+        ->add_option("--decoder-threads", options->decoder_threads,
+                     "For the input's pictures; 0: one for each processor, or a single one where its codec "
+                     "would divide each picture")
+        ->check(CLI::Range(0, 64));
+    encode_app
         ->add_option_function<std::string>(
             "--report", [options](const std::string& kind) { options->report = kReports.at(kind); },
             "Print the encoder's status pairs as text, or everything as json")

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <iterator>
 #include <span>
 #include <string_view>
 #include <utility>
@@ -72,6 +73,12 @@ bool has_chapters(Container container) {
 
 bool is_sound(const AVStream& stream) { return stream.codecpar->codec_type == AVMEDIA_TYPE_AUDIO; }
 
+ParametersPtr copy_of(const AVCodecParameters& parameters) {
+    ParametersPtr copy(avcodec_parameters_alloc());
+    check_memory(copy && avcodec_parameters_copy(copy.get(), &parameters) >= 0);
+    return copy;
+}
+
 /// By an edit list: the packet is there for the decoder alone.
 bool is_left_out(const AVPacket& packet) { return packet.flags & AV_PKT_FLAG_DISCARD; }
 
@@ -90,6 +97,7 @@ CompanionStreams::CompanionStreams(Input& input, const SoundChoice& sound, const
         streams_.push_back(
             {.index = planned.index,
              .source = &source,
+             .opened = copy_of(*source.codecpar),
              .converter = converter_of(planned, source, sound, format),
              .counts_samples = format.container == Container::kMov && bytes_per_sample(*source.codecpar) > 0,
              .next = AV_NOPTS_VALUE,
@@ -102,7 +110,7 @@ CompanionStreams::CompanionStreams(Input& input, const SoundChoice& sound, const
     int64_t earliest = zero_;
     for (const PacketPtr& packet : first_) {
         const Stream* stream = find(packet->stream_index);
-        if (stream && is_sound(*stream->source) && packet->pts != AV_NOPTS_VALUE && !is_left_out(*packet))
+        if (stream && stream->is_sound() && packet->pts != AV_NOPTS_VALUE && !is_left_out(*packet))
             earliest = std::min(earliest, av_rescale_q(first_heard(*packet, *stream->source),
                                                        stream->source->time_base, kTimeUnit));
     }
@@ -156,30 +164,31 @@ Companions CompanionStreams::companions() const {
     return companions;
 }
 
-void CompanionStreams::pass(Output& output) {
+void CompanionStreams::pass(std::vector<PacketPtr> read, const Sink& sink) {
     std::vector<PacketPtr> packets = std::exchange(first_, {});
-    for (PacketPtr& packet : input_.take_packets()) packets.push_back(std::move(packet));
+    std::move(read.begin(), read.end(), std::back_inserter(packets));
     for (PacketPtr& packet : packets) {
         Stream* stream = find(packet->stream_index);
         if (!stream) continue;
         stream->damaged += (packet->flags & AV_PKT_FLAG_CORRUPT) != 0;
-        if (is_sound(*stream->source)) watch_pauses(*stream, *packet);
+        if (stream->is_sound()) watch_pauses(*stream, *packet);
         if (!stream->converter) {
-            carry(output, *stream, std::move(packet));
+            carry(sink, *stream, std::move(packet));
             continue;
         }
         for (PacketPtr& converted : stream->converter->convert(packet.get()))
-            pass(output, *stream, std::move(converted));
+            pass(sink, *stream, std::move(converted));
     }
 }
 
 void CompanionStreams::finish(Output& output, int64_t end) {
-    pass(output);
+    const Sink sink = [&](size_t stream, PacketPtr packet) { output.pass(stream, std::move(packet)); };
+    pass(input_.take_packets(), sink);
     for (Stream& stream : streams_) {
         if (stream.converter) {
             if (format_.container == Container::kMxf) stream.converter->end_at(end);
             for (PacketPtr& converted : stream.converter->convert(nullptr))
-                pass(output, stream, std::move(converted));
+                pass(sink, stream, std::move(converted));
         }
         if (ends_with_picture(format_.container)) heard_after_ = std::max(heard_after_, stream.end - end);
     }
@@ -188,19 +197,19 @@ void CompanionStreams::finish(Output& output, int64_t end) {
 
 /// Of what an edit list leaves out, the packet that the decoder of the first one heard starts up with is
 /// carried.
-void CompanionStreams::carry(Output& output, Stream& stream, PacketPtr packet) {
+void CompanionStreams::carry(const Sink& sink, Stream& stream, PacketPtr packet) {
     if (describes_once(format_)) watch_form(stream, *packet);
     if (is_left_out(*packet)) {
         stream.start_up = std::move(packet);
         return;
     }
-    if (stream.start_up) pass(output, stream, std::move(stream.start_up));
-    if (stream.counts_samples) fill_pause(output, stream, *packet);
-    pass(output, stream, std::move(packet));
+    if (stream.start_up) pass(sink, stream, std::move(stream.start_up));
+    if (stream.counts_samples) fill_pause(sink, stream, *packet);
+    pass(sink, stream, std::move(packet));
 }
 
 void CompanionStreams::watch_form(Stream& stream, const AVPacket& packet) const {
-    const auto form = coded_form(stream.source->codecpar->codec_id, bytes_of(packet));
+    const auto form = coded_form(stream.opened->codec_id, bytes_of(packet));
     if (!form) return;
     if (!stream.coded_form) stream.coded_form = form;
     if (*form == *stream.coded_form || stream.form_changes) return;
@@ -222,8 +231,8 @@ void CompanionStreams::watch_pauses(Stream& stream, const AVPacket& packet) cons
 
 /// Where a container tells the time by counting samples, silence keeps what comes after a pause in its place.
 /// Steps below a hundredth of a second are roundings.
-void CompanionStreams::fill_pause(Output& output, Stream& stream, const AVPacket& packet) {
-    const AVCodecParameters& form = *stream.source->codecpar;
+void CompanionStreams::fill_pause(const Sink& sink, Stream& stream, const AVPacket& packet) {
+    const AVCodecParameters& form = *stream.opened;
     const AVRational unit = stream.source->time_base, sample = {1, form.sample_rate};
     int64_t missing =
         stream.next == AV_NOPTS_VALUE ? 0 : av_rescale_q(packet.pts - stream.next, unit, sample);
@@ -237,22 +246,22 @@ void CompanionStreams::fill_pause(Output& output, Stream& stream, const AVPacket
         silence->pts = silence->dts = av_rescale_q(place, sample, unit);
         silence->duration = av_rescale_q(samples, sample, unit);
         silence->flags = AV_PKT_FLAG_KEY;
-        pass(output, stream, std::move(silence));
+        pass(sink, stream, std::move(silence));
         place += samples;
         missing -= samples;
     }
     stream.next = packet.pts + av_rescale_q(packet.size / bytes_per_sample(form), sample, unit);
 }
 
-void CompanionStreams::pass(Output& output, Stream& stream, PacketPtr packet) {
+void CompanionStreams::pass(const Sink& sink, Stream& stream, PacketPtr packet) {
     place(*packet, stream);
     stream.written++;
     if (packet->pts != AV_NOPTS_VALUE) stream.end = packet->pts + packet->duration + zero_;
-    output.pass(static_cast<size_t>(&stream - streams_.data()), std::move(packet));
+    sink(static_cast<size_t>(&stream - streams_.data()), std::move(packet));
 }
 
 void CompanionStreams::describe_change(std::string& notes, const Stream& stream) const {
-    const AVCodecParameters &from = *stream.source->codecpar, &to = stream.form();
+    const AVCodecParameters &from = *stream.opened, &to = stream.form();
     const std::string name = describe(*stream.source);
     const char* const codec = avcodec_get_name(to.codec_id);
     if (stream.treatment == Treatment::kConverted)
@@ -278,7 +287,7 @@ std::string CompanionStreams::opening_notes() const {
         has_language |= !language_of(*stream.source).empty();
         if (stream.converter && !stream.converter->keeps_coding())
             describe_change(notes, stream);
-        else if (is_sound(*stream.source) && asks_for_form)
+        else if (stream.is_sound() && asks_for_form)
             notes += fmt::format(
                 "{} stays as it is: --sound-bitrate, --sound-layout and --sound-rate are for sound that is "
                 "encoded, with --sound\n",
@@ -394,7 +403,7 @@ void CompanionStreams::place(AVPacket& packet, const Stream& stream) const {
     for (int64_t* time : {&packet.pts, &packet.dts}) {
         if (*time == AV_NOPTS_VALUE) continue;
         *time -= zero_;
-        if (!is_sound(*stream.source)) *time = std::max<int64_t>(*time, 0);
+        if (!stream.is_sound()) *time = std::max<int64_t>(*time, 0);
     }
 }
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -30,8 +31,11 @@ public:
     /// For the output to open with.
     Companions companions() const;
 
-    /// Hands over what the input has read since.
-    void pass(Output& output);
+    /// Takes a packet of a stream, for the output.
+    using Sink = std::function<void(size_t stream, PacketPtr packet)>;
+
+    /// Hands over what the input has read since. May be called from a thread of its own.
+    void pass(std::vector<PacketPtr> packets, const Sink& sink);
 
     /// Hands over the rest, once the input is at its end. `end`: of the last picture, in kTimeUnit on the
     /// input's time line.
@@ -50,6 +54,7 @@ private:
     struct Stream {
         int index = 0;  ///< in the input
         const AVStream* source = nullptr;
+        ParametersPtr opened;  ///< as the source was described at first: reading may change its description
         std::unique_ptr<StreamConverter> converter;  ///< null: it is carried
         bool counts_samples = false;                 ///< the container has no times for each of its packets
         int64_t next = AV_NOPTS_VALUE;               ///< time after the latest packet, in the source's unit
@@ -65,20 +70,21 @@ private:
         int64_t end = 0;  ///< of the latest of them, in kTimeUnit on the input's time line
 
         uint64_t lost() const { return std::max(damaged, converter ? converter->refused() : 0); }
-        const AVCodecParameters& form() const { return converter ? converter->form() : *source->codecpar; }
+        const AVCodecParameters& form() const { return converter ? converter->form() : *opened; }
+        bool is_sound() const { return opened->codec_type == AVMEDIA_TYPE_AUDIO; }
     };
 
     Stream* find(int index);
     std::unique_ptr<StreamConverter> converter_of(const PlannedStream& planned, const AVStream& source,
                                                   const SoundChoice& sound, const OutputFormat& format) const;
     const AVPacket* first_of(int index) const;
-    void carry(Output& output, Stream& stream, PacketPtr packet);
+    void carry(const Sink& sink, Stream& stream, PacketPtr packet);
     void watch_form(Stream& stream, const AVPacket& packet) const;
     void watch_pauses(Stream& stream, const AVPacket& packet) const;
     std::string loudness_note(const Stream& stream) const;
     void describe_change(std::string& notes, const Stream& stream) const;
-    void fill_pause(Output& output, Stream& stream, const AVPacket& packet);
-    void pass(Output& output, Stream& stream, PacketPtr packet);
+    void fill_pause(const Sink& sink, Stream& stream, const AVPacket& packet);
+    void pass(const Sink& sink, Stream& stream, PacketPtr packet);
     void place(AVPacket& packet, const Stream& stream) const;
 
     Input& input_;

@@ -1,6 +1,7 @@
 #include "programme/encode_programme.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -29,6 +30,7 @@ extern "C" {
 #include "programme/caption_files.h"
 #include "programme/caption_services.h"
 #include "programme/companions.h"
+#include "programme/delivery.h"
 #include "programme/input.h"
 #include "programme/job_output.h"
 
@@ -63,7 +65,8 @@ InputOptions input_options(const EncodeJob& job) {
             .container = container,
             // MXF has no times in which a pause could be.
             .longest_repeat =
-                container == Container::kMxf ? std::numeric_limits<double>::infinity() : job.longest_repeat};
+                container == Container::kMxf ? std::numeric_limits<double>::infinity() : job.longest_repeat,
+            .decoder_threads = job.decoder_threads};
 }
 
 /// That of the first picture, at the counting rate.
@@ -116,6 +119,7 @@ public:
 
 private:
     void configure_encoder();
+    void encode_all();
     void open_encoder();
     void open_captions();
     void open_timecodes();
@@ -134,6 +138,7 @@ private:
     EncodeJob job_;
     Observer& observer_;
     const OutputFormat format_;
+    std::atomic<bool> given_up_ = false;  ///< since something failed: what the input still gives is of no use
     Input input_;
     PictureEncoder encoder_;
     CaptionForms forms_;
@@ -146,6 +151,7 @@ private:
     std::string first_timecode_;
     std::optional<CompanionStreams> companions_;
     std::unique_ptr<Output> output_;
+    std::optional<Delivery> delivery_;
     Tally tally_;
     Clock::time_point start_;
     double elapsed_ = 0;
@@ -155,7 +161,7 @@ ProgrammeEncoding::ProgrammeEncoding(const EncodeJob& job, Observer& observer)
     : job_(job),
       observer_(observer),
       format_(output_of(job)),
-      input_(job.input, input_options(job), [&observer] { return observer.stop_reason() != 0; }),
+      input_(job.input, input_options(job), [this] { return given_up_ || observer_.stop_reason() != 0; }),
       encoder_(std::filesystem::path(job.output).stem()),
       services_(encoding::caption_rate(input_.format().frame_rate)),
       tally_(encoding::caption_rate(input_.format().frame_rate)) {}
@@ -170,7 +176,12 @@ EncodeResult ProgrammeEncoding::run() {
 
     start_ = Clock::now();
     observer_.begin(input_.expected_pictures());
-    while (const std::optional<Picture> picture = input_.next()) encode(*picture);
+    try {
+        encode_all();
+    } catch (...) {
+        given_up_ = true;
+        throw;
+    }
     finish();
     observer_.note(input_.timing_notes());
     observer_.note(companions_->notes(*output_));
@@ -180,6 +191,15 @@ EncodeResult ProgrammeEncoding::run() {
             "and declare the codec's rate alone\n",
             unreadable));
     return result();
+}
+
+/// Each on its way to the next: the input's threads, this one, and the delivery's.
+void ProgrammeEncoding::encode_all() {
+    delivery_.emplace(*companions_, *output_, [this] { given_up_ = true; });
+    input_.work_in_threads();
+    while (const std::optional<Picture> picture = input_.next()) encode(*picture);
+    tally_.held_back = encoder_.drain();
+    delivery_->finish();
 }
 
 void ProgrammeEncoding::configure_encoder() {
@@ -216,8 +236,9 @@ void ProgrammeEncoding::open_encoder() {
             "make the job for {}",
             job_.threads, threads, threads));
     job_.threads = threads;
+    job_.decoder_threads = input_.decoder_threads();
     encoder_.send_units_to([this](const encoding::EncodedUnit& unit) {
-        output_->write(unit);
+        delivery_->write(unit);
         tally_.unit(unit);
         captions_->emitted(unit);
     });
@@ -346,7 +367,7 @@ void ProgrammeEncoding::check_mxf_rate() const {
 
 void ProgrammeEncoding::encode(const Picture& picture) {
     take_in_captions();
-    companions_->pass(*output_);
+    delivery_->pass(input_.take_packets());
     const Ancillary ancillary = ancillary_of(picture);
     const PictureFate fate = encoder_.push(picture.view(), ancillary);
     captions_->after(fate);
@@ -383,7 +404,6 @@ Ancillary ProgrammeEncoding::ancillary_of(const Picture& picture) {
 }
 
 void ProgrammeEncoding::finish() {
-    tally_.held_back = encoder_.drain();
     companions_->finish(*output_, input_.origin() + input_.time_of(static_cast<int64_t>(tally_.pictures)));
     output_->declare_captions(services_.names());
     // Packets are read ahead of the pictures, and more so the farther the codec looks ahead.

@@ -23,6 +23,19 @@ constexpr double kPause = 2;
 /// More pictures than any decoder holds.
 constexpr int64_t kMostInDecoder = 256;
 
+/// Slices of a picture decoded by several threads cost more in waking these than they gain, where decoding
+/// goes on beside the encoding. Whole pictures do not. 0: as many as there are processors.
+int usual_threads(const AVCodec& codec) { return codec.capabilities & AV_CODEC_CAP_FRAME_THREADS ? 0 : 1; }
+
+/// The container's word comes first.
+AVRational sample_aspect(AVRational of_container, AVRational of_picture) {
+    for (AVRational aspect : {of_container, of_picture}) {
+        av_reduce(&aspect.num, &aspect.den, aspect.num, aspect.den, std::numeric_limits<int>::max());
+        if (is_rate(aspect)) return aspect;
+    }
+    return {0, 1};
+}
+
 // The keys of a frame's metadata under which its shape travels.
 constexpr const char *kAfdKey = "gsve.afd", *kBarsKey = "gsve.bars";
 
@@ -42,14 +55,14 @@ encoding::PictureShape shape_of(const AVFrame& frame) {
     return shape;
 }
 
-FrameDecoder::FrameDecoder(PacketSource& source, const std::string& path)
+FrameDecoder::FrameDecoder(PacketSource& source, const std::string& path, int threads)
     : source_(source),
       own_rate_(picture_rate(&source.format(), &source.stream())),
       finder_(1 / av_q2d(own_rate_)),
       decoder_(avcodec_alloc_context3(&source.codec())) {
     check_memory(decoder_ && avcodec_parameters_to_context(decoder_.get(), source.stream().codecpar) >= 0);
     decoder_->pkt_timebase = source.stream().time_base;
-    decoder_->thread_count = 0;
+    decoder_->thread_count = threads > 0 ? threads : usual_threads(source.codec());
     number_frames(*decoder_);
     if (const int error = avcodec_open2(decoder_.get(), &source.codec(), nullptr); error < 0)
         throw Failure(fmt::format("cannot decode {}: {}", path, av_error_text(error)));
@@ -73,8 +86,7 @@ bool FrameDecoder::next() {
         }
         if (result < 0) return fail(result);
         AVFrame& frame = *frame_;
-        frame.sample_aspect_ratio =
-            av_guess_sample_aspect_ratio(&source_.format(), &source_.stream(), &frame);
+        frame.sample_aspect_ratio = sample_aspect(source_.sample_aspect(), frame.sample_aspect_ratio);
         if (changes_shape(frame)) return false;
         const int64_t unit = number_of(frame);
         attach_shape(frame, unit);
@@ -146,9 +158,11 @@ int64_t FrameDecoder::continuous_time(const AVFrame& frame) {
     // A rate that the container guessed too low does not make the next picture come too early.
     const bool restarted = decoded_ > 0 && seconds(time - time_) < -kLargestStepBack;
     const bool skipped = seconds(time - next_time_) > longest_repeat_;
-    if (skipped || seconds(time - next_time_) >= kPause)
+    if (skipped || seconds(time - next_time_) >= kPause) {
+        const std::lock_guard lock(pauses_mutex_);
         pauses_.push_back(
             {.at = skipped ? next_time_ : time, .lasted = time - next_time_, .skipped = skipped});
+    }
     if (restarted || skipped) {
         offset_ -= time - next_time_;
         time = next_time_;
@@ -157,6 +171,16 @@ int64_t FrameDecoder::continuous_time(const AVFrame& frame) {
     time_ = time;
     const AVRational field_duration = {own_rate_.den, 2 * own_rate_.num};
     next_time_ = time + av_rescale_q(2 + frame.repeat_pict, field_duration, time_base);
+    return time;
+}
+
+int64_t FrameDecoder::skipped_before(int64_t number, AVRational frame_rate) const {
+    const AVRational unit = source_.stream().time_base, picture = av_inv_q(frame_rate);
+    int64_t time = 0;
+    const std::lock_guard lock(pauses_mutex_);
+    for (const Pause& pause : pauses_)
+        if (pause.skipped && number >= av_rescale_q(pause.at, unit, picture))
+            time += av_rescale_q(pause.lasted, unit, kTimeUnit);
     return time;
 }
 

@@ -6,6 +6,7 @@
 #include <functional>
 #include <limits>
 #include <map>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -32,8 +33,10 @@ public:
     /// Sees packets on their way to the decoder, and may change them.
     using PacketHook = std::function<void(AVPacket&)>;
 
-    /// Throws Failure where the decoder does not open.
-    FrameDecoder(PacketSource& source, const std::string& path);
+    /// `threads`: of the decoder; 0 chooses. Throws Failure where the decoder does not open.
+    FrameDecoder(PacketSource& source, const std::string& path, int threads);
+
+    int threads() const { return decoder_->thread_count; }
 
     void on_packet(PacketHook hook) { on_packet_ = std::move(hook); }
 
@@ -59,6 +62,10 @@ public:
 
     /// Where no picture came for two seconds or longer, or for longer than pictures are repeated, so far.
     const std::vector<Pause>& pauses() const { return pauses_; }
+
+    /// How long the pauses were, in kTimeUnit, that frame().pts leaves out before a picture that has been
+    /// decoded, by its number at `frame_rate`. May be asked while another thread decodes.
+    int64_t skipped_before(int64_t number, AVRational frame_rate) const;
 
     /// What was damaged or missing of all that has been decoded. To be asked once, at the end.
     Damage damage();
@@ -101,6 +108,7 @@ private:
     int64_t origin_ = 0;
     bool placed_ = false;  ///< origin_ is known
     double longest_repeat_ = std::numeric_limits<double>::infinity();
+    mutable std::mutex pauses_mutex_;
     std::vector<Pause> pauses_;
     std::string problem_;
 };

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <iterator>
 #include <span>
 #include <stdexcept>
 #include <utility>
@@ -87,7 +88,7 @@ encoding::PictureView Picture::view() const {
 
 Input::Input(const std::string& path, const InputOptions& options, StopRequest stop)
     : packets_(path, std::move(stop), {.choice = options.choice, .container = options.container}),
-      decoder_(packets_, path),
+      decoder_(packets_, path, options.decoder_threads),
       notes_(packets_.plan().notes) {
     decoder_.repeat_for(options.longest_repeat);
     if (options.captions) {
@@ -95,16 +96,16 @@ Input::Input(const std::string& path, const InputOptions& options, StopRequest s
         captions_.emplace(caption_form_, packets_.codec().id, own_rate(), packets_.stream().time_base);
         decoder_.on_packet([this](AVPacket& packet) { captions_->packet(packet); });
     }
-    if (!decode()) throw Failure(fmt::format("{}: no picture could be decoded", path));
-    frame_waits_ = true;
-    note_first_timecode(decoder_.frame());
+    first_decoded_ = decode();
+    if (!first_decoded_->frame) throw Failure(fmt::format("{}: no picture could be decoded", path));
+    const AVFrame& frame = *first_decoded_->frame;
+    note_first_timecode(frame);
     choose_rate(options);
-    const ColourPlan colour =
-        plan_colour(decoder_.frame(), colour_wish(options.colour, decoder_.frame(), packets_.stream()));
+    const ColourPlan colour = plan_colour(frame, colour_wish(options.colour, frame, packets_.stream()));
     format_.colour = colour.encoded;
     format_.may_have_shape = may_have_captions(packets_.codec().id);
-    first_colour_ = colour_of(decoder_.frame());
-    converter_.emplace(decoder_.frame(), packets_.stream().time_base, own_rate(),
+    first_colour_ = colour_of(frame);
+    converter_.emplace(frame, packets_.stream().time_base,
                        Conversion{format_.frame_rate, options.chroma_format, colour});
     notes_ += converter_->notes() + colour.notes;
     if (!advance()) throw Failure(fmt::format("{}: no picture could be decoded", path));
@@ -158,13 +159,37 @@ void Input::describe_first() {
 }
 
 std::optional<Picture> Input::next() {
-    if (first_pending_)
-        first_pending_ = false;
-    else if (packets_.stopped() || !advance())
+    if (!std::exchange(first_pending_, false) && ((!converting_ && packets_.stopped()) || !advance())) {
+        // The last one first: each waits for the one before.
+        converting_.reset();
+        decoding_.reset();
+        packets_.stop_reading();
         return std::nullopt;
+    }
     picture_.number = produced_++;
     return picture_;
 }
+
+void Input::work_in_threads() {
+    // Enough that an I-picture, which takes long to decode, does not keep the others waiting; few enough that
+    // high definition does not fill the memory.
+    static constexpr size_t kPictures = 4;
+    const auto ahead = [](Found (Input::*step)(), Input* input) {
+        return std::make_unique<Ahead<Found>>(kPictures, [=, ended = false]() mutable {
+            if (ended) return std::optional<Found>();
+            std::optional<Found> found((input->*step)());
+            ended = !found->frame;
+            return found;
+        });
+    };
+    packets_.read_in_thread();
+    decoding_ = ahead(&Input::decode, this);
+    converting_ = ahead(&Input::convert, this);
+}
+
+std::vector<PacketPtr> Input::take_packets() { return std::exchange(converted_.packets, {}); }
+
+std::vector<SourceCaptions> Input::take_captions() { return std::exchange(converted_.captions, {}); }
 
 std::optional<uint64_t> Input::expected_pictures() const {
     if (packets_.stream().nb_frames > 0 && av_cmp_q(format_.frame_rate, own_rate()) == 0)
@@ -182,12 +207,8 @@ int64_t Input::origin() const {
 }
 
 int64_t Input::time_of(int64_t number) const {
-    const AVRational picture = av_inv_q(format_.frame_rate);
-    int64_t time = av_rescale_q(number, picture, kTimeUnit);
-    for (const Pause& pause : decoder_.pauses())
-        if (pause.skipped && number >= av_rescale_q(pause.at, packets_.stream().time_base, picture))
-            time += av_rescale_q(pause.lasted, packets_.stream().time_base, kTimeUnit);
-    return time;
+    return av_rescale_q(number, av_inv_q(format_.frame_rate), kTimeUnit) +
+           decoder_.skipped_before(number, format_.frame_rate);
 }
 
 std::string Input::timing_notes() const {
@@ -216,75 +237,114 @@ std::string Input::timing_notes() const {
 }
 
 void Input::read_ahead(double seconds) {
-    const AVFrame& frame = *current_;
+    const AVFrame& frame = *converted_.frame;
     const int size =
         av_image_get_buffer_size(static_cast<AVPixelFormat>(frame.format), frame.width, frame.height, 1);
     const auto wanted = static_cast<size_t>(std::ceil(seconds * av_q2d(format_.frame_rate)));
     pictures_ahead_ = std::min(wanted, kMostBytesAhead / static_cast<size_t>(std::max(size, 1)));
 }
 
+void Input::Found::add(Found&& later) {
+    std::move(later.captions.begin(), later.captions.end(), std::back_inserter(captions));
+    std::move(later.packets.begin(), later.packets.end(), std::back_inserter(packets));
+    decoded_all |= later.decoded_all;
+    if (problem.empty()) problem = std::move(later.problem);
+}
+
 /// Makes the next picture the current one.
 bool Input::advance() {
+    std::optional<Found> next = converting_ ? converting_->next() : convert();
+    if (!next) return false;
+    const bool there = next->frame != nullptr;
+    if (there) converted_.frame = std::move(next->frame);
+    converted_.add(std::move(*next));
+    if (!there) return false;
+    const AVFrame& frame = *converted_.frame;
+    picture_.frame = &frame;
+    picture_.field_order = field_order(frame);
+    picture_.shape = shape_of(frame);
+    // A sequence that begins without a shape has none.
+    const bool begins = frame.pict_type == AV_PICTURE_TYPE_I;
+    if (begins || picture_.shape.afd) picture_.held_shape.afd = picture_.shape.afd;
+    if (begins || picture_.shape.bars) picture_.held_shape.bars = picture_.shape.bars;
+    picture_.display_aspect = display_aspect(frame, format_);
+    picture_.timecode =
+        container_has_timecode_ ? std::nullopt : timecode_of(frame, encoding::caption_rate(own_rate()));
+    return true;
+}
+
+/// The next picture at the frame rate.
+Input::Found Input::convert() {
+    Found found;
+    // What waits for captions is too much for who wants to stop.
+    if (pictures_ahead_ > 0 && packets_.stopped()) {
+        held_.clear();
+        read_all_ = true;
+    }
     while (!read_all_ && held_.size() <= pictures_ahead_) {
-        FramePtr frame = read_picture();
+        FramePtr frame = read_picture(found);
         read_all_ = !frame;
         if (frame) held_.push_back(std::move(frame));
     }
-    if (held_.empty()) return false;
-    current_ = std::move(held_.front());
+    if (held_.empty()) return found;
+    found.frame = std::move(held_.front());
     held_.pop_front();
-    picture_.frame = current_.get();
-    picture_.field_order = field_order(*current_);
-    picture_.shape = shape_of(*current_);
-    // A sequence that begins without a shape has none.
-    const bool begins = current_->pict_type == AV_PICTURE_TYPE_I;
-    if (begins || picture_.shape.afd) picture_.held_shape.afd = picture_.shape.afd;
-    if (begins || picture_.shape.bars) picture_.held_shape.bars = picture_.shape.bars;
-    picture_.display_aspect = display_aspect(*current_, format_);
-    picture_.timecode =
-        container_has_timecode_ ? std::nullopt : timecode_of(*current_, encoding::caption_rate(own_rate()));
-    return true;
+    return found;
 }
 
-/// The next picture at the frame rate, or null.
-FramePtr Input::read_picture() {
+/// The next picture at the frame rate, or null. `found` gets what comes with those that it takes.
+FramePtr Input::read_picture(Found& found) {
     FramePtr frame = new_frame();
     for (;;) {
-        int result = converter_->receive(*frame);
+        const int result = converter_->receive(*frame);
         if (result >= 0) return frame;
         if (result == AVERROR_EOF) return nullptr;
-        if (result == AVERROR(EAGAIN))
-            result = decode() ? converter_->send(decoder_.frame()) : converter_->finish(decoder_.end_time());
-        if (result < 0) {
-            problem_ = fmt::format("cannot convert a picture: {}", av_error_text(result));
+        if (result != AVERROR(EAGAIN)) {
+            found.problem = fmt::format("cannot convert a picture: {}", av_error_text(result));
             return nullptr;
         }
+        std::optional<Found> decoded = std::exchange(first_decoded_, std::nullopt);
+        if (!decoded) decoded = decoding_ ? decoding_->next() : decode();
+        if (!decoded) return nullptr;
+        if (decoded->frame)
+            converter_->send(*decoded->frame);
+        else
+            converter_->finish(decoded->end_time);
+        found.add(std::move(*decoded));
     }
 }
 
-/// Has the decoder hold the next picture.
-bool Input::decode() {
-    if (std::exchange(frame_waits_, false)) return true;
-    if (!decoder_.next() || changes_colour(decoder_.frame())) return false;
-    if (captions_) captions_->frame(decoder_.frame());
-    return true;
+/// The next picture as the decoder makes it.
+Input::Found Input::decode() {
+    Found found;
+    const bool there = decoder_.next();
+    if (there) found.problem = change_of_colour(decoder_.frame());
+    if (there && found.problem.empty()) {
+        if (captions_) captions_->frame(decoder_.frame());
+        found.frame = new_frame();
+        av_frame_move_ref(found.frame.get(), &decoder_.frame());
+    }
+    if (captions_) found.captions = captions_->take();
+    found.packets = packets_.take_others();
+    found.end_time = decoder_.end_time();
+    found.decoded_all = decoder_.decoded_all();
+    return found;
 }
 
-/// Whether the picture's samples mean what nothing is prepared for; what else they mean is said once.
-bool Input::changes_colour(const AVFrame& frame) {
-    if (!first_colour_ || colour_changed_) return false;
+/// Why the picture's samples mean what nothing is prepared for; empty where they do not. What else they mean
+/// is said once.
+std::string Input::change_of_colour(const AVFrame& frame) {
+    if (!first_colour_ || colour_changed_) return "";
     const encoding::Colour colour = colour_of(frame);
-    if (colour == *first_colour_) return false;
-    if (const char* name = high_dynamic_range(frame)) {
-        problem_ = fmt::format(
-            "the picture becomes one of high dynamic range ({}): encode the parts separately", name);
-        return true;
-    }
+    if (colour == *first_colour_) return "";
+    if (const char* name = high_dynamic_range(frame))
+        return fmt::format("the picture becomes one of high dynamic range ({}): encode the parts separately",
+                           name);
     const bool described = colour.is_described() && first_colour_->is_described();
     colour_changed_ =
         described && (colour.primaries != first_colour_->primaries ||
                       colour.transfer != first_colour_->transfer || colour.matrix != first_colour_->matrix);
-    return false;
+    return "";
 }
 
 }  // namespace gsve::programme

@@ -5,12 +5,14 @@
 
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "encoding/picture_encoder.h"
 #include "encoding/timecode_track.h"
+#include "programme/ahead.h"
 #include "programme/av.h"
 #include "programme/caption_collector.h"
 #include "programme/frame_decoder.h"
@@ -28,6 +30,7 @@ struct InputOptions {
     Container container =
         Container::kElementary;              ///< for which one: streams that it has no room for are not read
     double longest_repeat = kLongestRepeat;  ///< pauses that last longer, in seconds, are kept as pauses
+    int decoder_threads = 0;                 ///< 0 chooses
 };
 
 /// One picture, in the order of display. The frame belongs to the input and is valid until its next one.
@@ -60,7 +63,17 @@ public:
     /// they are so large that they would fill the memory.
     void read_ahead(double seconds);
 
-    const std::string& problem() const { return problem_.empty() ? decoder_.problem() : problem_; }
+    /// From the next picture on, reads, decodes and converts in threads of their own, some pictures ahead of
+    /// next(), until that gives nothing any more. What next() and the take functions give is the same. What
+    /// is told of the whole input may be asked for once next() has given nothing.
+    void work_in_threads();
+
+    /// Of the decoder.
+    int decoder_threads() const { return decoder_.threads(); }
+
+    const std::string& problem() const {
+        return converted_.problem.empty() ? decoder_.problem() : converted_.problem;
+    }
 
     /// What becomes of the streams.
     const StreamPlan& plan() const { return packets_.plan(); }
@@ -68,7 +81,7 @@ public:
 
     /// The packets of the other streams that were read since the last call, with times on the input's time
     /// line, in their stream's unit. They run ahead of next() as the decoding does.
-    std::vector<PacketPtr> take_packets() { return packets_.take_others(); }
+    std::vector<PacketPtr> take_packets();
 
     /// The first picture's time on the input's time line, in kTimeUnit.
     int64_t origin() const;
@@ -99,9 +112,7 @@ public:
     /// The captions that were decoded since the last call, in the order of their frames. They run ahead of
     /// next() as the decoding does: those of the picture that it returned are always among them, but for what
     /// captions_behind() tells.
-    std::vector<SourceCaptions> take_captions() {
-        return captions_ ? captions_->take() : std::vector<SourceCaptions>();
-    }
+    std::vector<SourceCaptions> take_captions();
 
     /// The captions' byte pairs that came with wrong parity so far.
     captions::ParityDamage parity_damage() const {
@@ -109,7 +120,7 @@ public:
     }
 
     /// Whether the decoder has given its last picture.
-    bool decoded_all() const { return decoder_.decoded_all(); }
+    bool decoded_all() const { return converted_.decoded_all; }
 
     /// Time code of the first picture, as the stream or its container has it; empty: none.
     const std::string& timecode() const { return timecode_; }
@@ -119,35 +130,53 @@ public:
     std::optional<uint64_t> expected_pictures() const;       ///< as far as the container tells
 
 private:
+    /// A picture on its way, with what was found since the one before; the last one has no frame.
+    struct Found {
+        FramePtr frame;
+        std::vector<SourceCaptions> captions;
+        std::vector<PacketPtr> packets;
+        int64_t end_time = 0;  ///< of the frame, or of the last one, as the decoder counts
+        bool decoded_all = false;
+        std::string problem;  ///< why the input cannot go on
+
+        void add(Found&& later);
+    };
+
     void choose_rate(const InputOptions& options);
     void describe_first();
     bool advance();
-    FramePtr read_picture();
-    bool decode();
-    bool changes_colour(const AVFrame& frame);
+    Found decode();
+    Found convert();
+    FramePtr read_picture(Found& found);
+    std::string change_of_colour(const AVFrame& frame);
     void note_first_timecode(const AVFrame& frame);
 
     PacketSource packets_;
     FrameDecoder decoder_;
     std::optional<CaptionForm> caption_form_;
     std::optional<CaptionCollector> captions_;  ///< where they are collected
-    bool frame_waits_ = false;                  ///< the decoder holds the first picture, not yet used
+    std::optional<Found> first_decoded_;        ///< which is not converted yet
     std::string timecode_;
     bool container_has_timecode_ = false;  ///< those of the pictures do not count
-    std::string problem_;
     std::string notes_;
     encoding::SourceDescription format_;
     std::optional<PictureConverter> converter_;
     std::optional<encoding::Colour> first_colour_;
     bool colour_changed_ = false;
 
-    std::deque<FramePtr> held_;  ///< for the next calls of next()
-    FramePtr current_;           ///< the picture's
+    // Of the conversion.
+    std::deque<FramePtr> held_;  ///< for the next pictures
     size_t pictures_ahead_ = 0;  ///< that are to be held
     bool read_all_ = false;      ///< held_ has the last picture, or there is none
+
+    // Of who calls next().
+    Found converted_;  ///< the picture's frame, and what was not taken yet
     Picture picture_;
     bool first_pending_ = true;
     uint64_t produced_ = 0;
+
+    // In the order of the work: each waits for the one before.
+    std::unique_ptr<Ahead<Found>> decoding_, converting_;
 };
 
 }  // namespace gsve::programme

@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "encoding/frame_rate.h"
-#include "programme/open_input.h"
 #include "programme/picture_rate.h"
 
 namespace gsve::programme {
@@ -30,7 +29,8 @@ PacketSource::PacketSource(const std::string& path, StopRequest stop, const Read
       stream_(format_->streams[plan_.video]),
       timeline_(timed_streams(), format_->iformat->flags & AVFMT_TS_DISCONT),
       planned_(format_->nb_streams),
-      joiner_(*stream_->codecpar) {
+      joiner_(*stream_->codecpar),
+      sample_aspect_(stream_->sample_aspect_ratio) {
     for (unsigned index = 0; index < format_->nb_streams; index++)
         format_->streams[index]->discard = AVDISCARD_ALL;
     stream_->discard = AVDISCARD_DEFAULT;
@@ -57,12 +57,55 @@ int PacketSource::interrupted(void* source) { return static_cast<const PacketSou
 
 int PacketSource::next(AVPacket& packet) {
     av_packet_unref(&packet);
+    if (end_met_ < 0) return end_met_;
+    std::optional<Read> read;
     if (!ahead_.empty()) {
-        av_packet_move_ref(&packet, ahead_.front().get());
+        read = std::move(ahead_.front());
         ahead_.pop_front();
-        return 0;
+    } else {
+        read = reader_ ? reader_->next() : read_next();
     }
-    return read_whole(packet);
+    if (!read) return AVERROR_EOF;
+    end_met_ = std::min(read->result, 0);
+    std::move(read->others.begin(), read->others.end(), std::back_inserter(others_));
+    sample_aspect_ = read->sample_aspect;
+    if (read->result >= 0) av_packet_move_ref(&packet, read->packet.get());
+    return read->result;
+}
+
+void PacketSource::read_in_thread() {
+    constexpr size_t kPackets = 8;
+    if (end_met_ < 0) return;
+    reader_ = std::make_unique<Ahead<Read>>(kPackets, [this, ended = false]() mutable {
+        if (ended) return std::optional<Read>();
+        std::optional<Read> read;
+        if (stopped())
+            read = {.packet = nullptr, .result = AVERROR_EXIT, .others = {}, .sample_aspect = {}};
+        else
+            read = read_next();
+        ended = read->result < 0;
+        return read;
+    });
+}
+
+PacketSource::Read PacketSource::read_next() {
+    Read read = {.packet = new_packet(), .result = 0, .others = {}, .sample_aspect = {}};
+    read.result = read_whole(*read.packet);
+    read.others = std::exchange(others_read_, {});
+    read.sample_aspect = stream_->sample_aspect_ratio;
+    return read;
+}
+
+/// The packet that next() will give after so many others; null where the stream ends before.
+const AVPacket* PacketSource::look_ahead(size_t packets) {
+    while (ahead_.size() <= packets) {
+        Read read = read_next();
+        std::move(read.others.begin(), read.others.end(), std::back_inserter(others_));
+        read.others.clear();
+        if (read.result < 0) return nullptr;  // next() will meet the same end
+        ahead_.push_back(std::move(read));
+    }
+    return ahead_[packets].packet.get();
 }
 
 int PacketSource::read_whole(AVPacket& packet) {
@@ -74,7 +117,7 @@ int PacketSource::read(AVPacket& packet) {
     for (;;) {
         while (PacketPtr next = timeline_.take()) {
             if (next->stream_index != stream_->index) {
-                others_.push_back(std::move(next));
+                others_read_.push_back(std::move(next));
                 continue;
             }
             av_packet_move_ref(&packet, next.get());
@@ -128,10 +171,9 @@ void PacketSource::count_pictures_in_rate() {
     const bool has_average = has_average_rate();
     std::vector<int64_t> times;
     while (ahead_.size() < (joined_ > 0 || !has_average ? kMany : kFew)) {
-        PacketPtr packet = new_packet();
-        if (read_whole(*packet) < 0) break;
+        const AVPacket* packet = look_ahead(ahead_.size());
+        if (!packet) break;
         if (packet->pts != AV_NOPTS_VALUE) times.push_back(packet->pts);
-        ahead_.push_back(std::move(packet));
     }
     if ((joined_ == 0 && has_average) || times.size() < 2) return;
     const auto [first, last] = std::minmax_element(times.begin(), times.end());
@@ -193,16 +235,11 @@ std::optional<CaptionForm> PacketSource::find_captions(double seconds) {
     if (!may_have_captions(codec)) return std::nullopt;
     double pictures_left = seconds * av_q2d(picture_rate(format_.get(), stream_));
     std::optional<CaptionForm> form;
-    std::deque<PacketPtr> read;
-    while (pictures_left > 0 && !form) {
-        PacketPtr packet = new_packet();
-        if (next(*packet) < 0) break;  // the decoder will meet the same end
+    for (size_t n = 0; pictures_left > 0 && !form; n++, pictures_left--) {
+        const AVPacket* packet = look_ahead(n);
+        if (!packet) break;
         form = caption_form(codec, bytes_of(*packet));
-        pictures_left--;
-        read.push_back(std::move(packet));
     }
-    read.insert(read.end(), std::move_iterator(ahead_.begin()), std::move_iterator(ahead_.end()));
-    ahead_ = std::move(read);
     std::error_code none;
     if (!form && pictures_left <= 0 && std::filesystem::is_regular_file(path_, none))
         form = captions_in_file();

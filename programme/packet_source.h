@@ -5,14 +5,17 @@
 #include <array>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "programme/ahead.h"
 #include "programme/av.h"
 #include "programme/caption_packets.h"
 #include "programme/decoder_log.h"
+#include "programme/open_input.h"
 #include "programme/stream_plan.h"
 #include "programme/timeline.h"
 #include "programme/unit_joiner.h"
@@ -58,6 +61,14 @@ public:
     /// The packets of other streams that were read since the last call, in their order.
     std::vector<PacketPtr> take_others() { return std::exchange(others_, {}); }
 
+    /// The samples' aspect ratio as the container has it for the packet that next() gave last.
+    AVRational sample_aspect() const { return sample_aspect_; }
+
+    /// From now on, reads in a thread of its own, some packets ahead of next(). What is told of the whole
+    /// file may be asked for once next() has come to the end, or after stop_reading().
+    void read_in_thread();
+    void stop_reading() { reader_.reset(); }
+
     /// Streams that began when the output's header was written, and are left out.
     const std::vector<int>& late_streams() const { return late_streams_; }
 
@@ -75,6 +86,16 @@ public:
     bool ends_within_packet() const { return cut_; }
 
 private:
+    /// What one reading gave.
+    struct Read {
+        PacketPtr packet;
+        int result = 0;
+        std::vector<PacketPtr> others;
+        AVRational sample_aspect = {};
+    };
+
+    Read read_next();
+    const AVPacket* look_ahead(size_t packets);
     int read_whole(AVPacket& packet);
     int read(AVPacket& packet);
     int read_any();
@@ -92,19 +113,19 @@ private:
     StopRequest stop_;
     Reading reading_;
     DecoderLog log_;
-    InputPtr format_;
+    OpenInput format_;
     StreamPlan plan_;
     AVStream* stream_;
     Timeline timeline_;
     unsigned planned_;  ///< streams when the file was opened
     std::vector<int> late_streams_;
-    int read_end_ = 0;  ///< what reading the file ended with
-    std::vector<PacketPtr> others_;
+    int read_end_ = 0;                    ///< what reading the file ended with
+    std::vector<PacketPtr> others_read_;  ///< since the latest packet of the stream
     UnitJoiner joiner_;
     PacketPtr held_ = new_packet();  ///< read to see that it does not continue the one before
     int end_ = 0;                    ///< what reading ended with
     int joined_ = 0;                 ///< packets that continued another
-    std::deque<PacketPtr> ahead_;    ///< read while looking for captions, or for the rate
+    std::deque<Read> ahead_;         ///< read while looking for captions, or for the rate
 
     // Of the packets that have been read, in the stream's unit.
     int64_t first_time_ = AV_NOPTS_VALUE;
@@ -113,6 +134,12 @@ private:
     bool last_is_short_ = false;                       ///< as the container says
     bool reader_complained_ = false;                   ///< at the end
     bool cut_ = false;
+
+    // Of who calls next().
+    int end_met_ = 0;  ///< what it gave at the end
+    std::vector<PacketPtr> others_;
+    AVRational sample_aspect_;
+    std::unique_ptr<Ahead<Read>> reader_;
 };
 
 }  // namespace gsve::programme

@@ -1,8 +1,11 @@
 #include "programme/picture_converter.h"
 
 #include <memory>
+#include <utility>
+#include <vector>
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include "encoding/error.h"
 
@@ -45,40 +48,54 @@ std::string matrix_filter(const ColourPlan& colour) {
         "colorspace=fast=1:ispace={}:space={}:iprimaries=bt709:primaries=bt709:itrc=bt709:trc=bt709:irange={}"
         ":range={}",
         scale_name(colour.from), scale_name(colour.to), range, range);
-    return colour.by_fields ? fmt::format(",il=l=d:c=d,{},il=l=i:c=i", matrix) : "," + matrix;
+    return colour.by_fields ? fmt::format("il=l=d:c=d,{},il=l=i:c=i", matrix) : matrix;
 }
 
 }  // namespace
 
-PictureConverter::PictureConverter(const AVFrame& first, AVRational time_base, AVRational own_rate,
-                                   const Conversion& conversion) {
-    // Containers also call a rate constant that is not, and any picture may last for three fields or two
-    // frames.
-    std::string filters = fmt::format("fps={}/{}", conversion.frame_rate.num, conversion.frame_rate.den);
+PictureConverter::PictureConverter(const AVFrame& first, AVRational time_base, const Conversion& conversion)
+    : rate_(time_base, conversion.frame_rate) {
     const ColourPlan& colour = conversion.colour;
     const char* target = conversion_target(first.format, conversion.chroma_format);
     const bool another_format = !taken_as_it_is(first.format, conversion.chroma_format);
+    std::vector<std::string> filters;
     // libswscale knows one way only from palettes to YUV, that of BT.601.
     const AVPixFmtDescriptor* pixel = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(first.format));
-    if (pixel && (pixel->flags & AV_PIX_FMT_FLAG_PAL)) filters += ",format=rgb24";
+    if (pixel && (pixel->flags & AV_PIX_FMT_FLAG_PAL)) filters.emplace_back("format=rgb24");
     if (another_format || colour.to_narrow_range)
-        filters += fmt::format(",scale=interl=-1{},format={}", scale_options(colour), target);
+        filters.push_back(fmt::format("scale=interl=-1{},format={}", scale_options(colour), target));
     if (another_format)
         notes_ = fmt::format("pictures are converted from {} to {}\n",
                              av_get_pix_fmt_name(static_cast<AVPixelFormat>(first.format)), target);
-    if (colour.from != AVCOL_SPC_UNSPECIFIED) filters += matrix_filter(colour);
-    build(filters, first, time_base, own_rate);
+    if (colour.from != AVCOL_SPC_UNSPECIFIED) filters.push_back(matrix_filter(colour));
+    if (!filters.empty()) build(fmt::format("{}", fmt::join(filters, ",")), first, conversion.frame_rate);
 }
 
-void PictureConverter::build(const std::string& filters, const AVFrame& first, AVRational time_base,
-                             AVRational frame_rate) {
+void PictureConverter::send(AVFrame& frame) {
+    FramePtr taken = new_frame();
+    av_frame_move_ref(taken.get(), &frame);
+    rate_.put(std::move(taken));
+}
+
+int PictureConverter::receive(AVFrame& frame) {
+    const FramePtr placed = rate_.take();
+    if (!placed) return rate_.at_end() ? AVERROR_EOF : AVERROR(EAGAIN);
+    if (!graph_) {
+        av_frame_move_ref(&frame, placed.get());
+        return 0;
+    }
+    const int sent = av_buffersrc_add_frame(in_, placed.get());
+    return sent < 0 ? sent : av_buffersink_get_frame(out_, &frame);
+}
+
+void PictureConverter::build(const std::string& filters, const AVFrame& first, AVRational frame_rate) {
     graph_.reset(avfilter_graph_alloc());
     check_memory(graph_ != nullptr);
     in_ = avfilter_graph_alloc_filter(graph_.get(), avfilter_get_by_name("buffer"), "in");
     const std::unique_ptr<AVBufferSrcParameters, decltype(&av_free)> parameters(
         av_buffersrc_parameters_alloc(), av_free);
     check_memory(in_ && parameters);
-    describe_frames(*parameters, first, time_base, frame_rate);
+    describe_frames(*parameters, first, av_inv_q(frame_rate), frame_rate);
     int error = av_buffersrc_parameters_set(in_, parameters.get());
     if (error >= 0) error = avfilter_init_str(in_, nullptr);
     if (error >= 0)

@@ -8,6 +8,7 @@
 
 #include "programme/av.h"
 #include "programme/colour_plan.h"
+#include "programme/constant_rate.h"
 
 namespace gsve::programme {
 
@@ -21,27 +22,26 @@ struct Conversion {
 class PictureConverter {
 public:
     /// `first`: the first picture, as decoded. Throws Failure where it cannot be converted.
-    PictureConverter(const AVFrame& first, AVRational time_base, AVRational own_rate,
-                     const Conversion& conversion);
+    PictureConverter(const AVFrame& first, AVRational time_base, const Conversion& conversion);
 
     /// What is changed on the way, a line each; empty where nothing is.
     const std::string& notes() const { return notes_; }
 
     /// Takes a picture, and leaves an empty frame.
-    /// Both return 0 or FFmpeg's error.
-    int send(AVFrame& frame) { return av_buffersrc_add_frame(in_, &frame); }
+    void send(AVFrame& frame);
 
     /// No more pictures follow; the last one ends at `end_time`, or it would have no time to be shown.
-    int finish(int64_t end_time) { return av_buffersrc_close(in_, end_time, 0); }
+    void finish(int64_t end_time) { rate_.finish(end_time); }
 
     /// Gives the next picture. 0, AVERROR(EAGAIN) where it needs another one first, AVERROR_EOF at the end,
     /// or FFmpeg's error.
-    int receive(AVFrame& frame) { return av_buffersink_get_frame(out_, &frame); }
+    int receive(AVFrame& frame);
 
 private:
-    void build(const std::string& filters, const AVFrame& first, AVRational time_base, AVRational frame_rate);
+    void build(const std::string& filters, const AVFrame& first, AVRational frame_rate);
 
-    FilterGraphPtr graph_;
+    ConstantRate rate_;
+    FilterGraphPtr graph_;  ///< null where nothing is to be filtered
     AVFilterContext* in_ = nullptr;
     AVFilterContext* out_ = nullptr;
     std::string notes_;

@@ -238,6 +238,7 @@ std::string encode_json(const EncodeResult& result) {
         {"height", result.height},
         {"frame_rate", fmt::format("{}/{}", result.frame_rate.num, result.frame_rate.den)},
         {"threads", result.job.threads},
+        {"decoder_threads", result.job.decoder_threads},
         {"adapts_to_load", result.adapts_to_load},
         {"repeatable", result.repeatable},
         {"pictures",

@@ -105,6 +105,7 @@ std::string job_json(const EncodeJob& job) {
         {"timecode", job.timecode},
         {"adapt", job.adapt},
         {"threads", job.threads},
+        {"decoder_threads", job.decoder_threads},
     };
     return json.dump(2) + "\n";
 }
@@ -160,6 +161,7 @@ EncodeJob parse_job(std::string_view json) {
     members.read("timecode", job.timecode);
     members.read("adapt", job.adapt);
     members.read("threads", job.threads);
+    members.read("decoder_threads", job.decoder_threads);
     members.expect_no_more();
     return job;
 }

@@ -133,6 +133,7 @@ programme::EncodeJob job_of(const EncodeOptions& options) {
     job.captions = options.captions;
     job.timecode = options.timecode;
     job.adapt = options.adapt;
+    job.decoder_threads = options.decoder_threads;
     return job;
 }
 

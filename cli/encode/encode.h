@@ -27,6 +27,7 @@ struct EncodeOptions {
     programme::CaptionChoice captions;
     std::string timecode;  ///< of the first picture, at the encoded rate; "source": the input's; empty: none
     bool adapt = false;    ///< let the processor's load coarsen MPEG-2 pictures
+    int decoder_threads = 0;
     ReportFormat report = ReportFormat::kNone;
     bool strict = false;  ///< an input that is damaged, or ends early, is a failure
     bool overwrite = false;

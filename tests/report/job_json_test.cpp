@@ -51,6 +51,7 @@ EncodeJob full_job() {
     job.timecode = "10:00:00;02";
     job.adapt = true;
     job.threads = 2;
+    job.decoder_threads = 3;
     return job;
 }
 
