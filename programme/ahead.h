@@ -20,7 +20,8 @@ namespace gsve::programme {
 /// Called before every step of a queue, by the thread that takes it, where a test wants to disturb them.
 inline void (*disturb_queues)() = nullptr;
 
-/// Values from one thread to another, a few of them at a time.
+/// Values from one thread to another, a few of them at a time. Who fills it wakes once half of it is empty, so
+/// that the two do not take turns at every value.
 template <class Value>
 class Queue {
 public:
@@ -30,10 +31,12 @@ public:
     bool put(Value value) {
         if (disturb_queues) disturb_queues();
         std::unique_lock lock(mutex_);
-        changed_.wait(lock, [&] { return closed_ || values_.size() < depth_; });
+        if (values_.size() >= depth_)
+            room_.wait(lock, [&] { return closed_ || values_.size() <= depth_ / 2; });
         if (closed_) return false;
         values_.push_back(std::move(value));
-        changed_.notify_all();
+        lock.unlock();
+        there_.notify_one();
         return true;
     }
 
@@ -41,8 +44,8 @@ public:
     void end(std::exception_ptr failure = nullptr) {
         const std::lock_guard lock(mutex_);
         ended_ = true;
-        failure_ = failure;
-        changed_.notify_all();
+        failure_ = std::move(failure);
+        there_.notify_one();
     }
 
     /// Waits for a value. Nothing at the end; throws, once all values before it have been taken, what the
@@ -50,14 +53,16 @@ public:
     std::optional<Value> take() {
         if (disturb_queues) disturb_queues();
         std::unique_lock lock(mutex_);
-        changed_.wait(lock, [&] { return ended_ || !values_.empty(); });
+        there_.wait(lock, [&] { return ended_ || !values_.empty(); });
         if (values_.empty()) {
             if (failure_) std::rethrow_exception(failure_);
             return std::nullopt;
         }
         std::optional<Value> value(std::move(values_.front()));
         values_.pop_front();
-        changed_.notify_all();
+        const bool has_room = values_.size() == depth_ / 2;
+        lock.unlock();
+        if (has_room) room_.notify_one();
         return value;
     }
 
@@ -66,13 +71,13 @@ public:
         const std::lock_guard lock(mutex_);
         closed_ = true;
         values_.clear();
-        changed_.notify_all();
+        room_.notify_one();
     }
 
 private:
     const size_t depth_;
     std::mutex mutex_;
-    std::condition_variable changed_;
+    std::condition_variable room_, there_;
     std::deque<Value> values_;
     bool ended_ = false, closed_ = false;
     std::exception_ptr failure_;

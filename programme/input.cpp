@@ -159,7 +159,7 @@ void Input::describe_first() {
 }
 
 std::optional<Picture> Input::next() {
-    if (!std::exchange(first_pending_, false) && ((!converting_ && packets_.stopped()) || !advance())) {
+    if (!std::exchange(first_pending_, false) && (packets_.stopped() || !advance())) {
         // The last one first: each waits for the one before.
         converting_.reset();
         decoding_.reset();
@@ -173,7 +173,7 @@ std::optional<Picture> Input::next() {
 void Input::work_in_threads() {
     // Enough that an I-picture, which takes long to decode, does not keep the others waiting; few enough that
     // high definition does not fill the memory.
-    static constexpr size_t kPictures = 4;
+    static constexpr size_t kPictures = 2;
     const auto ahead = [](Found (Input::*step)(), Input* input) {
         return std::make_unique<Ahead<Found>>(kPictures, [=, ended = false]() mutable {
             if (ended) return std::optional<Found>();
@@ -276,11 +276,6 @@ bool Input::advance() {
 /// The next picture at the frame rate.
 Input::Found Input::convert() {
     Found found;
-    // What waits for captions is too much for who wants to stop.
-    if (pictures_ahead_ > 0 && packets_.stopped()) {
-        held_.clear();
-        read_all_ = true;
-    }
     while (!read_all_ && held_.size() <= pictures_ahead_) {
         FramePtr frame = read_picture(found);
         read_all_ = !frame;

@@ -804,6 +804,7 @@ TEST_P(EncodeStopped, LeavesACompleteFile) {
     // The program has asked for more than there is: all but a few pictures in its buffers have been encoded.
     const PictureFeed feed(in, format, kWritten);
     feed.wait_until_read();
+    program.wait_until_idle();
     program.send(signal);
     const ProgramResult result = program.wait();
 

@@ -6,11 +6,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 extern "C" {
@@ -75,6 +78,18 @@ public:
 
     void send(int signal) const { kill(pid_, signal); }
 
+    /// Until none of its threads has anything to do.
+    void wait_until_idle() const {
+        using namespace std::chrono_literals;
+        constexpr int kTries = 12'000, kLooks = 10;
+        for (int tries = 0, idle = 0; tries < kTries; tries++) {
+            idle = sleeps() ? idle + 1 : 0;
+            if (idle == kLooks) return;
+            std::this_thread::sleep_for(5ms);
+        }
+        throw std::runtime_error("the program does not come to rest");
+    }
+
     ProgramResult wait() const {
         int status = 0;
         waitpid(pid_, &status, 0);
@@ -83,6 +98,17 @@ public:
     }
 
 private:
+    /// By the state of each thread, as the system tells it after the program's name in brackets.
+    bool sleeps() const {
+        const std::string threads = "/proc/" + std::to_string(pid_) + "/task";
+        for (const auto& thread : std::filesystem::directory_iterator(threads)) {
+            const std::string status = read_file(thread.path() / "stat");
+            const size_t name_end = status.rfind(") ");
+            if (name_end == std::string::npos || status[name_end + 2] != 'S') return false;
+        }
+        return true;
+    }
+
     static void redirect(int descriptor, const std::string& path, int flags) {
         const int file = open(path.c_str(), flags, 0600);
         if (file < 0 || dup2(file, descriptor) < 0) _exit(126);
