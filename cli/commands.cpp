@@ -35,6 +35,10 @@ const std::map<std::string, ReportFormat> kReports = {{"text", ReportFormat::kTe
 
 // Each command adds its options to the parser, and itself as what is to run once they have been read.
 
+bool names_page(const std::string& report) {
+    return report.starts_with(kHtmlPrefix) && report.size() > kHtmlPrefix.size();
+}
+
 void add_ancillary_options(CLI::App& app, const std::shared_ptr<EncodeOptions>& options) {
     CLI::Option* files =
         app.add_option("--captions", options->captions.files,
@@ -177,11 +181,32 @@ void add_encode(CLI::App& app, Command& command) {
                      "For the input's pictures; 0: one for each processor, or a single one where its codec "
                      "would divide each picture")
         ->check(CLI::Range(0, 64));
+    encode_app->add_flag(
+        "--quality", options->quality,
+        "Measure PSNR and SSIM of each picture as a decoder makes it, against the picture as "
+        "the codec was given it");
     encode_app
-        ->add_option_function<std::string>(
-            "--report", [options](const std::string& kind) { options->report = kReports.at(kind); },
-            "Print the encoder's status pairs as text, or everything as json")
-        ->check(CLI::IsMember(kReports));
+        ->add_option_function<std::vector<std::string>>(
+            "--report",
+            [options](const std::vector<std::string>& reports) {
+                for (const std::string& report : reports)
+                    if (const auto known = kReports.find(report); known != kReports.end())
+                        options->report = known->second;
+                    else
+                        options->page = report.substr(kHtmlPrefix.size());
+            },
+            "text: print the encoder's status pairs; json: print everything; html=FILE: write a page with "
+            "charts of the finished output; repeatable")
+        ->check(CLI::Validator(
+            [](const std::string& what) {
+                return kReports.contains(what) || names_page(what)
+                           ? std::string()
+                           : fmt::format("\"{}\" is none of text, json and html=FILE", what);
+            },
+            "text|json|html=FILE"))
+        ->take_all()
+        ->expected(1)
+        ->allow_extra_args(false);
     encode_app->add_flag(
         "--strict", options->strict,
         "Exit with 1 where the input is damaged or ends early; the output is complete all the "
@@ -212,9 +237,7 @@ void add_inspect(CLI::App& app, Command& command) {
             "Write a page with charts to this file: html=FILE")
         ->check(CLI::Validator(
             [](const std::string& what) {
-                return what.starts_with(kHtmlPrefix) && what.size() > kHtmlPrefix.size()
-                           ? std::string()
-                           : fmt::format("\"{}\" is not html=FILE", what);
+                return names_page(what) ? std::string() : fmt::format("\"{}\" is not html=FILE", what);
             },
             "html=FILE"));
     inspect_app->add_flag("-y,--overwrite", options->overwrite, "Overwrite the files of --scc and --report");

@@ -1,5 +1,6 @@
 #include "cli/stop.h"
 
+#include <atomic>
 #include <csignal>
 #include <initializer_list>
 
@@ -9,7 +10,7 @@
 namespace gsve::cli {
 namespace {
 
-volatile std::sig_atomic_t received = 0;
+std::atomic<int> received = 0;  // threads ask for it
 
 void clean_up_and_die(int signal) {
     programme::remove_temporary_files();
@@ -44,7 +45,7 @@ void catch_stop_signals() {
         struct sigaction inherited = {};
         sigaction(signal, nullptr, &inherited);
         const bool outlives_terminal = signal == SIGHUP && inherited.sa_handler == SIG_IGN;  // nohup
-        // Not SA_RESTART: a read that waits for a pipe or a network has to come back.
+        // Not SA_RESTART: a call that waits for a network has to come back.
         if (!outlives_terminal) handle(signal, remember, 0);
     }
 }

@@ -20,8 +20,8 @@ namespace gsve::programme {
 /// Called before every step of a queue, by the thread that takes it, where a test wants to disturb them.
 inline void (*disturb_queues)() = nullptr;
 
-/// Values from one thread to another, a few of them at a time. Who fills it wakes once half of it is empty, so
-/// that the two do not take turns at every value.
+/// Values from one thread to another, a few of them at a time. Who fills it wakes once half of it is empty,
+/// so that the two do not take turns at every value.
 template <class Value>
 class Queue {
 public:

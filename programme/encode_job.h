@@ -47,6 +47,7 @@ struct EncodeJob {
     bool keep_colour = false;  ///< leave sample values as they are where the size calls for another matrix
     std::string timecode;      ///< of the first picture, at the encoded rate; kSourceTimecode; empty: none
     bool adapt = false;        ///< let the processor's load coarsen MPEG-2 pictures
+    bool quality = false;      ///< measure each picture's PSNR and SSIM, which changes no byte
     int threads = 0;          ///< of the codec; 0: as it chooses on this machine, which the result then tells
     int decoder_threads = 0;  ///< of the input's; 0: as fits its codec, which the result then tells
 

@@ -33,6 +33,7 @@ extern "C" {
 #include "programme/delivery.h"
 #include "programme/input.h"
 #include "programme/job_output.h"
+#include "programme/quality_meter.h"
 
 namespace gsve::programme {
 namespace {
@@ -132,6 +133,7 @@ private:
     Ancillary ancillary_of(const Picture& picture);
     void finish();
     EncodeResult result();
+    void note(const std::string& lines);
 
     bool has_files() const { return !job_.captions.files.empty(); }
 
@@ -152,6 +154,8 @@ private:
     std::optional<CompanionStreams> companions_;
     std::unique_ptr<Output> output_;
     std::optional<Delivery> delivery_;
+    std::optional<QualityMeter> quality_;
+    std::string notes_;
     Tally tally_;
     Clock::time_point start_;
     double elapsed_ = 0;
@@ -167,7 +171,7 @@ ProgrammeEncoding::ProgrammeEncoding(const EncodeJob& job, Observer& observer)
       tally_(encoding::caption_rate(input_.format().frame_rate)) {}
 
 EncodeResult ProgrammeEncoding::run() {
-    observer_.note(input_.notes());
+    note(input_.notes());
     configure_encoder();
     open_encoder();
     open_captions();
@@ -183,19 +187,26 @@ EncodeResult ProgrammeEncoding::run() {
         throw;
     }
     finish();
-    observer_.note(input_.timing_notes());
-    observer_.note(companions_->notes(*output_));
+    note(input_.timing_notes());
+    note(companions_->notes(*output_));
     if (const uint64_t unreadable = encoder_.unreadable_headers(); unreadable > 0)
-        observer_.note(fmt::format(
+        note(fmt::format(
             "{} of the codec's headers cannot be read, and stay as they are: they say nothing of the colour, "
             "and declare the codec's rate alone\n",
             unreadable));
     return result();
 }
 
+/// For who watches, and for the report.
+void ProgrammeEncoding::note(const std::string& lines) {
+    notes_ += lines;
+    observer_.note(lines);
+}
+
 /// Each on its way to the next: the input's threads, this one, and the delivery's.
 void ProgrammeEncoding::encode_all() {
     delivery_.emplace(*companions_, *output_, [this] { given_up_ = true; });
+    if (job_.quality) quality_.emplace(encoder_);
     input_.work_in_threads();
     while (const std::optional<Picture> picture = input_.next()) encode(*picture);
     tally_.held_back = encoder_.drain();
@@ -214,10 +225,13 @@ void ProgrammeEncoding::configure_encoder() {
                          job_.decided);
     if (format_.container == Container::kHls && setting_of(job_, "closed gop").empty()) {
         encoder_.apply("closed gop", "1");
-        observer_.note("\"closed gop\" is 1: players of HLS begin with any segment\n");
+        note("\"closed gop\" is 1: players of HLS begin with any segment\n");
     }
     encoder_.global_header = format_.wants_global_header();
-    if (const std::string warning = long_picture_warning(encoder_); !warning.empty()) observer_.warn(warning);
+    if (const std::string warning = long_picture_warning(encoder_); !warning.empty()) {
+        notes_ += warning + "\n";
+        observer_.warn(warning);
+    }
 }
 
 void ProgrammeEncoding::open_encoder() {
@@ -239,6 +253,7 @@ void ProgrammeEncoding::open_encoder() {
     job_.decoder_threads = input_.decoder_threads();
     encoder_.send_units_to([this](const encoding::EncodedUnit& unit) {
         delivery_->write(unit);
+        if (quality_) quality_->unit(unit);
         tally_.unit(unit);
         captions_->emitted(unit);
     });
@@ -263,7 +278,7 @@ void ProgrammeEncoding::open_captions() {
     } else if (caption_source_ == "input" && forms_.pairs()) {
         input_.read_ahead(input_.captions_behind() / source.per_second() + captions_->foresight());
     }
-    for (const std::string& line : caption_report_.lines()) observer_.note(line + "\n");
+    for (const std::string& line : caption_report_.lines()) note(line + "\n");
 }
 
 void ProgrammeEncoding::open_timecodes() {
@@ -271,12 +286,11 @@ void ProgrammeEncoding::open_timecodes() {
     // wanted.
     const bool carried = job_.timecode.empty() && format_.has_timecode() && !input_.timecode().empty();
     if (job_.timecode.empty() && !format_.has_timecode() && input_.container_has_timecode())
-        observer_.note(fmt::format("the input's time code {} is left out: {}\n", input_.timecode(),
-                                   encoder_.codec_id == encoding::kMpeg2
-                                       ? "--timecode source carries it in GOP headers"
-                                   : encoder_.codec_id == encoding::kH265
-                                       ? "--timecode source carries it in SEI messages"
-                                       : "H.264 has no place for it here; a .mov or .mp4 file has"));
+        note(fmt::format("the input's time code {} is left out: {}\n", input_.timecode(),
+                         encoder_.codec_id == encoding::kMpeg2 ? "--timecode source carries it in GOP headers"
+                         : encoder_.codec_id == encoding::kH265
+                             ? "--timecode source carries it in SEI messages"
+                             : "H.264 has no place for it here; a .mov or .mp4 file has"));
     if (job_.timecode.empty() && !carried) return;
     const bool of_input = carried || job_.timecode == kSourceTimecode;
     const captions::FrameRate encoded = encoding::caption_rate(encoder_.encoded_rate());
@@ -292,28 +306,28 @@ void ProgrammeEncoding::open_timecodes() {
         if (!carried) timecodes_ = track;
     } catch (const UsageError& error) {
         if (!carried) throw;
-        observer_.note(fmt::format("the input's time code is left out: {}\n", error.what()));
+        note(fmt::format("the input's time code is left out: {}\n", error.what()));
     }
 }
 
 /// Of each track that is to be brought to another: what a first reading of the whole input tells.
 std::map<int, Loudness> ProgrammeEncoding::measured_loudness() {
     if (!job_.sound.loudness) return {};
-    observer_.note("measuring how loud the sound is, in a first reading\n");
+    note("measuring how loud the sound is, in a first reading\n");
     const auto measured = measure_loudness(
         job_.input,
         {.choice = job_.choice, .container = format_.container, .lines = DecoderLog::Lines::kSwallowed},
         job_.sound, format_, [this] { return observer_.stop_reason() != 0; });
     for (const auto& [index, loudness] : measured)
         if (!loudness.integrated)
-            observer_.note(fmt::format("{} is too quiet or short to have a loudness, and stays as it is\n",
-                                       describe(*input_.container().streams[index])));
+            note(fmt::format("{} is too quiet or short to have a loudness, and stays as it is\n",
+                             describe(*input_.container().streams[index])));
     return measured;
 }
 
 void ProgrammeEncoding::open_output() {
     companions_.emplace(input_, job_.sound, format_, measured_loudness());
-    observer_.note(companions_->opening_notes());
+    note(companions_->opening_notes());
     Companions companions = companions_->companions();
     companions.transport = job_.transport;
     if (job_.transport.rate > 0) check_mux_rate(companions);
@@ -370,6 +384,7 @@ void ProgrammeEncoding::encode(const Picture& picture) {
     delivery_->pass(input_.take_packets());
     const Ancillary ancillary = ancillary_of(picture);
     const PictureFate fate = encoder_.push(picture.view(), ancillary);
+    if (quality_ && fate == PictureFate::kEncoded) quality_->given(*encoder_.mpeg_frame, picture.number);
     captions_->after(fate);
     if (fate == PictureFate::kDropped && untold_shape_.empty()) untold_shape_ = ancillary.shape;
     tally_.picture(fate);
@@ -434,6 +449,8 @@ EncodeResult ProgrammeEncoding::result() {
     result.status = encoding::status_pairs(encoder_, encoder_.output_name());
     result.tally = tally_;
     result.elapsed = elapsed_;
+    if (quality_) result.quality = quality_->finish();
+    result.notes = notes_;
     result.problem = input_.problem();
     result.damage = input_.damage();
     return result;

@@ -12,7 +12,8 @@
 
 namespace gsve::programme {
 
-/// Hears what a reader wants to know while the work goes on. Called from the thread that encodes.
+/// Hears what a reader wants to know while the work goes on. But for
+/// stop_reason(), called from the thread that encodes.
 class Observer {
 public:
     virtual ~Observer() = default;
@@ -29,7 +30,8 @@ public:
     /// One more picture has gone in.
     virtual void progress(const Tally& tally);
 
-    /// Not 0 where the work is to end early, with what has been encoded complete: a signal's number.
+    /// Not 0 where the work is to end early, with what has been encoded complete: a signal's number. Asked by
+    /// all threads of the work, at any time.
     virtual int stop_reason();
 };
 

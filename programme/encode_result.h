@@ -11,6 +11,7 @@
 #include "encoding/caption_account.h"
 #include "programme/damage.h"
 #include "programme/encode_job.h"
+#include "programme/picture_quality.h"
 #include "programme/stream_account.h"
 #include "programme/tally.h"
 
@@ -31,9 +32,11 @@ struct EncodeResult {
     Damage damage;                       ///< of the input, as far as it was read
     std::string timecode;                ///< of the first picture; empty: none was written
     std::vector<std::pair<std::string, std::string>> status;  ///< the encoder's report
-    double elapsed = 0;                                       ///< seconds of work
-    int stopped_by = 0;   ///< why it ended early on request, the observer's stop_reason()
-    std::string problem;  ///< why the input ended early; empty: it did not
+    std::vector<PictureQuality> quality;  ///< in the order of display, where it was asked for
+    std::string notes;                    ///< what its observer was told, a line each
+    double elapsed = 0;                   ///< seconds of work
+    int stopped_by = 0;                   ///< why it ended early on request, the observer's stop_reason()
+    std::string problem;                  ///< why the input ended early; empty: it did not
 };
 
 }  // namespace gsve::programme

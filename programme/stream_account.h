@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "programme/treatments.h"
 
@@ -16,6 +17,19 @@ struct Loudness {
     double true_peak = 0;              ///< dBTP; -infinity: silence
 
     friend bool operator==(const Loudness&, const Loudness&) = default;
+};
+
+/// How loud a track is from moment to moment.
+struct LoudnessCourse {
+    struct Point {
+        double seconds = 0;     ///< after the first picture
+        double short_term = 0;  ///< LUFS of the three seconds before (EBU Tech 3341)
+    };
+
+    int index = 0;     ///< in the file
+    std::string name;  ///< as users know the stream
+    Loudness whole;
+    std::vector<Point> points;  ///< ten a second, where it is not silent
 };
 
 struct StreamAccount {

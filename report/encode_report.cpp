@@ -24,10 +24,6 @@ using programme::Tally;
 
 std::string rate_text(double bits_per_second) { return fmt::format("{:.3f} Mbit/s", bits_per_second / 1e6); }
 
-double speed(const EncodeResult& result) {
-    return result.elapsed > 0 ? result.tally.seconds() / result.elapsed : 0;
-}
-
 std::string count_text(const CaptionCount& count) {
     return fmt::format("{} byte pairs and {} CEA-708 constructs", count.pairs, count.constructs);
 }
@@ -85,13 +81,6 @@ nlohmann::ordered_json captions_json(const CaptionAccount& account) {
             {"warnings", account.warnings}};
 }
 
-std::string loudness_text(const Loudness& loudness) {
-    return fmt::format(
-        "{}, true peak {}",
-        loudness.integrated ? fmt::format("{:.1f} LUFS", *loudness.integrated) : "no loudness",
-        std::isinf(loudness.true_peak) ? "none" : fmt::format("{:.1f} dBTP", loudness.true_peak));
-}
-
 nlohmann::ordered_json loudness_json(const std::optional<Loudness>& loudness) {
     if (!loudness) return nullptr;
     nlohmann::ordered_json json = {{"integrated", nullptr}, {"true_peak", nullptr}};
@@ -144,7 +133,31 @@ nlohmann::ordered_json streams_json(const std::vector<StreamAccount>& streams) {
     return list;
 }
 
+nlohmann::ordered_json quality_json(const EncodeResult& result) {
+    if (result.quality.empty()) return nullptr;
+    const programme::QualitySummary quality = summary_of(result.quality);
+    // JSON has no number for what is equal in every sample.
+    const auto decibels = [](double psnr) {
+        return std::isinf(psnr) ? nlohmann::ordered_json() : nlohmann::ordered_json(psnr);
+    };
+    return {{"pictures", result.quality.size()},
+            {"psnr", {{"mean", decibels(quality.psnr)}, {"least", decibels(quality.least_psnr)}}},
+            {"ssim", {{"mean", quality.ssim}, {"least", quality.least_ssim}}},
+            {"worst_picture", quality.worst}};
+}
+
 }  // namespace
+
+double speed_of(const EncodeResult& result) {
+    return result.elapsed > 0 ? result.tally.seconds() / result.elapsed : 0;
+}
+
+std::string loudness_text(const Loudness& loudness) {
+    return fmt::format(
+        "{}, true peak {}",
+        loudness.integrated ? fmt::format("{:.1f} LUFS", *loudness.integrated) : "no loudness",
+        std::isinf(loudness.true_peak) ? "none" : fmt::format("{:.1f} dBTP", loudness.true_peak));
+}
 
 std::string caption_losses(const EncodeResult& result) {
     const CaptionAccount& account = result.captions;
@@ -192,7 +205,7 @@ std::string summary_text(const EncodeResult& result) {
     text += fmt::format("  bit rate  {} mean, {} peak over 1 s\n", rate_text(tally.mean_bit_rate()),
                         rate_text(tally.peak_bit_rate()));
     text += fmt::format("  time      {:.2f} s of video in {:.2f} s ({:.2f}x)\n", tally.seconds(),
-                        result.elapsed, speed(result));
+                        result.elapsed, speed_of(result));
     text += fmt::format("  threads   {}, {}\n", result.job.threads,
                         result.adapts_to_load ? "quality follows the processor's load"
                         : result.repeatable   ? "the same bytes each time"
@@ -210,11 +223,24 @@ std::string summary_text(const EncodeResult& result) {
     if (result.source_pictures)
         text += fmt::format("  source    {} pictures, before the frame rate was made constant\n",
                             *result.source_pictures);
+    if (!result.quality.empty()) {
+        const programme::QualitySummary quality = summary_of(result.quality);
+        text += fmt::format("  quality   PSNR {:.2f} dB, least {:.2f}; SSIM {:.4f}, least {:.4f}\n",
+                            quality.psnr, quality.least_psnr, quality.ssim, quality.least_ssim);
+    }
     if (result.damage.any()) text += fmt::format("  damage    {}\n", damage_text(result.damage));
     if (tally.lost() > 0)
         text += fmt::format("  lost      {} taken by the codec and never returned\n", tally.lost());
     if (result.stopped_by) text += "  stopped   on request; what was encoded is complete\n";
     return text;
+}
+
+std::vector<std::string> lines_of(const std::string& text) {
+    std::vector<std::string> lines;
+    size_t begin = 0;
+    for (size_t end = 0; (end = text.find('\n', begin)) != std::string::npos; begin = end + 1)
+        lines.push_back(text.substr(begin, end - begin));
+    return lines;
 }
 
 std::string status_text(const EncodeResult& result) {
@@ -255,10 +281,12 @@ std::string encode_json(const EncodeResult& result) {
         {"bit_rate", {{"mean", tally.mean_bit_rate()}, {"peak", tally.peak_bit_rate()}}},
         {"streams", streams_json(result.streams)},
         {"captions", captions_json(result.captions)},
+        {"quality", quality_json(result)},
+        {"notes", lines_of(result.notes)},
         {"timecode", result.timecode},
         {"seconds", tally.seconds()},
         {"elapsed", result.elapsed},
-        {"speed", speed(result)},
+        {"speed", speed_of(result)},
         {"stopped_by", result.stopped_by},
         {"status", status},
     };

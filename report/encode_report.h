@@ -3,6 +3,7 @@
 // The closing account of an encoding, for a reader and as JSON.
 
 #include <string>
+#include <vector>
 
 #include "programme/encode_result.h"
 
@@ -10,6 +11,15 @@ namespace gsve::report {
 
 /// What did not come through of the captions, and what to do about it: a line each.
 std::string caption_losses(const programme::EncodeResult& result);
+
+/// How many times as fast as it plays.
+double speed_of(const programme::EncodeResult& result);
+
+/// "-23.0 LUFS, true peak -1.0 dBTP".
+std::string loudness_text(const programme::Loudness& loudness);
+
+/// Without their line feeds.
+std::vector<std::string> lines_of(const std::string& text);
 
 std::string summary_text(const programme::EncodeResult& result);
 

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <optional>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include <fmt/format.h>
@@ -10,9 +12,11 @@
 #include <nlohmann/json.hpp>
 
 #include "captions/timecode.h"
+#include "encoding/status_text.h"
 #include "page_parts.h"
 #include "report/buffer_report.h"
 #include "report/damage_report.h"
+#include "report/encode_report.h"
 #include "report/times.h"
 
 namespace gsve::report {
@@ -22,13 +26,14 @@ using programme::BufferAccount;
 using programme::BufferFinding;
 using programme::BufferVerdict;
 using programme::CaptionInventory;
+using programme::EncodeResult;
 using programme::InspectedPicture;
 using programme::InspectedStream;
 using Json = nlohmann::ordered_json;
 
 // More points than a screen has columns show nothing more; lists of this length are still read by browsers at
 // once.
-constexpr size_t kMostPoints = 6000, kMostGops = 500, kMostFindings = 200;
+constexpr size_t kMostPoints = 6000, kMostGops = 20'000, kMostFindings = 200;
 
 size_t step_for(size_t count) { return (count + kMostPoints - 1) / std::max(kMostPoints, size_t{1}); }
 
@@ -137,67 +142,144 @@ std::string_view what(BufferFinding::Kind kind) {
     return "?";
 }
 
-Json findings_json(const InspectedStream& stream) {
-    std::vector<std::pair<double, std::string>> findings;
+/// What is conspicuous at a time; without one, of the whole.
+struct Conspicuous {
+    std::optional<double> seconds;
+    std::string text;
+};
+
+std::string text_of(const programme::DamagedRange& range) {
+    return fmt::format("{} {} {}", range.pictures, range.pictures == 1 ? "picture" : "pictures",
+                       name_of(range.kind));
+}
+
+std::vector<Conspicuous> findings_of(const InspectedStream& stream) {
+    std::vector<Conspicuous> findings;
     for (const programme::DamagedRange& range : stream.damage.ranges)
-        findings.emplace_back(
-            range.begin, fmt::format("{} {} {}", range.pictures, range.pictures == 1 ? "picture" : "pictures",
-                                     name_of(range.kind)));
+        findings.push_back({range.begin, text_of(range)});
     if (stream.buffer)
         for (const BufferAccount& account : stream.buffer->accounts)
             for (const BufferFinding& finding : account.findings)
-                findings.emplace_back(finding.seconds,
-                                      fmt::format("Buffer: {} bits {}", finding.bits, what(finding.kind)));
+                findings.push_back(
+                    {finding.seconds, fmt::format("Buffer: {} bits {}", finding.bits, what(finding.kind))});
     if (stream.damage.early_end || !stream.problem.empty())
-        findings.emplace_back(seconds_of(stream),
-                              stream.problem.empty() ? "The stream ends early" : stream.problem);
+        findings.push_back(
+            {seconds_of(stream), stream.problem.empty() ? "The stream ends early" : stream.problem});
+    return findings;
+}
+
+/// In the order of their times; what has none comes first.
+Json findings_json(std::vector<Conspicuous> findings) {
     std::stable_sort(findings.begin(), findings.end(),
-                     [](const auto& a, const auto& b) { return a.first < b.first; });
+                     [](const auto& a, const auto& b) { return a.seconds < b.seconds; });
+    const auto time = [](const Conspicuous& finding) {
+        return finding.seconds ? Json(rounded(*finding.seconds)) : Json();
+    };
     Json list = Json::array();
     for (size_t n = 0; n < std::min(findings.size(), kMostFindings); n++)
-        list.push_back({{"t", rounded(findings[n].first)}, {"text", findings[n].second}});
+        list.push_back({{"t", time(findings[n])}, {"text", findings[n].text}});
     if (findings.size() > kMostFindings)
-        list.push_back({{"t", rounded(findings[kMostFindings].first)},
+        list.push_back({{"t", time(findings[kMostFindings])},
                         {"text", fmt::format("and {} more from here on", findings.size() - kMostFindings)}});
     return list;
 }
 
 Json gops_json(const InspectedStream& stream) {
-    Json list = Json::array();
+    Json times = Json::array(), types = Json::array(), closed = Json::array(), timecodes = Json::array();
     for (size_t n = 0; n < std::min(stream.gops.size(), kMostGops); n++) {
         const programme::Gop& gop = stream.gops[n];
-        list.push_back(
-            {{"t", rounded(time_of(stream, gop.picture))},
-             {"types", gop.types},
-             {"closed", gop.start.closed},
-             {"timecode", gop.start.timecode ? captions::format_timecode(*gop.start.timecode) : ""}});
+        times.push_back(rounded(time_of(stream, gop.picture)));
+        types.push_back(gop.types);
+        closed.push_back(gop.start.closed ? 1 : 0);
+        timecodes.push_back(gop.start.timecode ? captions::format_timecode(*gop.start.timecode) : "");
     }
-    if (stream.gops.size() > kMostGops)
-        list.push_back({{"t", rounded(time_of(stream, stream.gops[kMostGops].picture))},
-                        {"types", fmt::format("and {} more", stream.gops.size() - kMostGops)},
-                        {"closed", false},
-                        {"timecode", ""}});
+    return {{"t", times},
+            {"types", types},
+            {"closed", closed},
+            {"timecode", timecodes},
+            {"more", stream.gops.size() - std::min(stream.gops.size(), kMostGops)}};
+}
+
+/// The loudest of every few points.
+Json sound_json(const std::vector<programme::LoudnessCourse>& courses) {
+    Json list = Json::array();
+    for (const programme::LoudnessCourse& course : courses) {
+        const size_t step = step_for(course.points.size());
+        Json times = Json::array(), loudness = Json::array();
+        for (size_t begin = 0; begin < course.points.size(); begin += step) {
+            double loudest = course.points[begin].short_term;
+            for (size_t n = begin; n < std::min(begin + step, course.points.size()); n++)
+                loudest = std::max(loudest, course.points[n].short_term);
+            times.push_back(rounded(course.points[begin].seconds));
+            loudness.push_back(std::round(loudest * 10) / 10);
+        }
+        list.push_back({{"name", course.name}, {"t", times}, {"lufs", loudness}});
+    }
     return list;
 }
 
-Json verdict_json(const InspectedStream& stream, const CaptionInventory& captions) {
-    const bool buffer_holds = !stream.buffer || stream.buffer->holds();
-    const bool good = !stream.damage.any() && stream.problem.empty() && buffer_holds &&
-                      captions.damaged_user_data == 0 && captions.damaged_cea708_packets == 0;
-    std::vector<std::string> lines;
-    lines.push_back(stream.damage.any() ? damage_text(stream.damage) : "every picture was decoded whole");
-    if (!stream.problem.empty()) lines.push_back(stream.problem);
-    if (stream.buffer)
-        for (const std::string& line : buffer_lines(*stream.buffer)) lines.push_back(line);
-    if (captions.damaged_user_data > 0)
-        lines.push_back(fmt::format("caption user data damaged: {}", captions.damaged_user_data));
-    if (captions.damaged_cea708_packets > 0)
-        lines.push_back(fmt::format("CEA-708 packets damaged: {}", captions.damaged_cea708_packets));
-    return {
-        {"good", good}, {"text", good ? "Nothing wrong was found" : "Something is wrong"}, {"lines", lines}};
+/// The worst of every few pictures.
+Json quality_json(const std::vector<programme::PictureQuality>& pictures, double rate) {
+    constexpr double kEqual = 100;  // what a chart shows of pictures without any error
+    const size_t step = step_for(pictures.size());
+    Json times = Json::array(), psnr = Json::array(), ssim = Json::array();
+    for (size_t begin = 0; begin < pictures.size(); begin += step) {
+        double least_psnr = kEqual, least_ssim = 1;
+        for (size_t n = begin; n < std::min(begin + step, pictures.size()); n++) {
+            least_psnr = std::min(least_psnr, pictures[n].psnr);
+            least_ssim = std::min(least_ssim, pictures[n].ssim);
+        }
+        times.push_back(rounded(static_cast<double>(pictures[begin].number) / rate));
+        psnr.push_back(std::round(least_psnr * 100) / 100);
+        ssim.push_back(std::round(least_ssim * 10'000) / 10'000);
+    }
+    return {{"t", times}, {"psnr", psnr}, {"ssim", ssim}};
 }
 
-Json facts_json(const InspectedStream& stream, const CaptionInventory& captions) {
+struct Verdict {
+    bool good = true;
+    std::vector<std::string> lines;
+
+    void wrong(std::string line) {
+        good = false;
+        lines.push_back(std::move(line));
+    }
+};
+
+Verdict verdict_of(const Findings& findings) {
+    const InspectedStream& stream = findings.stream;
+    const CaptionInventory& captions = findings.captions;
+    Verdict verdict;
+    if (stream.damage.any())
+        verdict.wrong(damage_text(stream.damage));
+    else
+        verdict.lines.emplace_back("every picture was decoded whole");
+    if (!stream.problem.empty()) verdict.wrong(stream.problem);
+    if (stream.buffer) {
+        verdict.good &= stream.buffer->holds();
+        for (const std::string& line : buffer_lines(*stream.buffer)) verdict.lines.push_back(line);
+    }
+    if (captions.damaged_user_data > 0)
+        verdict.wrong(fmt::format("caption user data damaged: {}", captions.damaged_user_data));
+    if (captions.damaged_cea708_packets > 0)
+        verdict.wrong(fmt::format("CEA-708 packets damaged: {}", captions.damaged_cea708_packets));
+    return verdict;
+}
+
+Json json_of(const Verdict& verdict) {
+    return {{"good", verdict.good},
+            {"text", verdict.good ? "Nothing wrong was found" : "Something is wrong"},
+            {"lines", verdict.lines}};
+}
+
+/// A line for a reader of figures.
+void add_fact(Json& facts, std::string_view name, const std::string& value) {
+    facts.push_back(Json::array({name, value}));
+}
+
+Json facts_json(const Findings& findings) {
+    const InspectedStream& stream = findings.stream;
+    const CaptionInventory& captions = findings.captions;
     double bits = 0;
     int64_t types[3] = {};
     for (const InspectedPicture& picture : stream.pictures) {
@@ -211,9 +293,7 @@ Json facts_json(const InspectedStream& stream, const CaptionInventory& captions)
         services.push_back(fmt::format("CEA-708 service {}", service));
     const double seconds = seconds_of(stream);
     Json facts = Json::array();
-    const auto fact = [&](const char* name, const std::string& value) {
-        facts.push_back(Json::array({name, value}));
-    };
+    const auto fact = [&](std::string_view name, const std::string& value) { add_fact(facts, name, value); };
     fact("Codec", fmt::format("{} in {}", stream.codec, stream.format));
     fact("Picture",
          fmt::format("{}x{}, {:.3f} pictures/s", stream.width, stream.height, stream.rate.per_second()));
@@ -225,6 +305,8 @@ Json facts_json(const InspectedStream& stream, const CaptionInventory& captions)
     if (!stream.gops.empty() && stream.gops.front().start.timecode)
         fact("First time code", captions::format_timecode(*stream.gops.front().start.timecode));
     fact("Captions", services.empty() ? "none" : fmt::format("{}", fmt::join(services, ", ")));
+    for (const programme::LoudnessCourse& course : findings.sound)
+        fact(fmt::format("Loudness of {}", course.name), loudness_text(course.whole));
     return facts;
 }
 
@@ -233,26 +315,30 @@ void replace(std::string& text, std::string_view marker, std::string_view by) {
     if (at != std::string::npos) text.replace(at, marker.size(), by);
 }
 
-}  // namespace
-
-std::string inspection_page(const std::string& input, const InspectedStream& stream,
-                            const CaptionInventory& captions) {
+/// What both pages have.
+Json page_data(const std::string& path, const Findings& findings) {
+    const InspectedStream& stream = findings.stream;
     const size_t step = step_for(stream.pictures.size());
     const bool has_course = stream.buffer && !stream.buffer->accounts.empty();
-    const Json data = {
-        {"name", input.substr(input.rfind('/') + 1)},
+    return {
+        {"name", path.substr(path.rfind('/') + 1)},
         {"seconds", rounded(seconds_of(stream))},
         {"rate", stream.rate.per_second()},
         {"step", step},
-        {"verdict", verdict_json(stream, captions)},
-        {"facts", facts_json(stream, captions)},
+        {"verdict", json_of(verdict_of(findings))},
+        {"facts", facts_json(findings)},
         {"pictures", pictures_json(stream, step)},
         {"bitrate", bitrate_json(stream)},
         {"buffer", has_course ? buffer_course_json(stream.buffer->accounts.front()) : Json()},
-        {"captions", captions_json(stream, captions)},
-        {"findings", findings_json(stream)},
+        {"quality", Json()},
+        {"sound", sound_json(findings.sound)},
+        {"captions", captions_json(stream, findings.captions)},
+        {"findings", findings_json(findings_of(stream))},
         {"gops", gops_json(stream)},
     };
+}
+
+std::string page_of(const Json& data) {
     std::string json = data.dump(-1, ' ', false, Json::error_handler_t::replace);
     // In a script element, "</script" and "<!--" would end or change it; in a string of JSON this is the same
     // letter.
@@ -264,6 +350,73 @@ std::string inspection_page(const std::string& input, const InspectedStream& str
     replace(page, "@PAGE_JS@", kPageJs);
     replace(page, "@DATA@", json);
     return page;
+}
+
+/// What an encoding lost and changed on its way; times are those of the pictures that went in.
+std::vector<Conspicuous> losses_of(const EncodeResult& result) {
+    std::vector<Conspicuous> losses;
+    for (const programme::DamagedRange& range : result.damage.ranges)
+        losses.push_back({range.begin, "Input: " + text_of(range)});
+    if (result.damage.early_end) losses.push_back({result.damage.early_end->seconds, "The input ends early"});
+    for (const encoding::LostCaption& caption : result.captions.lost)
+        losses.push_back({caption.time, fmt::format("Lost: the caption of CC{} \"{}\"", caption.channel,
+                                                    encoding::one_line(caption.text))});
+    for (const programme::StreamAccount& stream : result.streams)
+        if (!stream.why.empty())
+            losses.push_back(
+                {{}, fmt::format("Left out: stream {} ({}), {}", stream.index, stream.kind, stream.why)});
+    for (std::string& line : lines_of(result.notes)) losses.push_back({{}, std::move(line)});
+    return losses;
+}
+
+Verdict verdict_of(const EncodeResult& result, const Findings& findings) {
+    Verdict verdict = verdict_of(findings);
+    if (result.damage.any()) verdict.wrong("of the input: " + damage_text(result.damage));
+    if (!result.problem.empty()) verdict.wrong(result.problem);
+    if (result.tally.lost() > 0)
+        verdict.wrong(fmt::format("{} pictures never came out of the codec", result.tally.lost()));
+    if (!result.captions.lost.empty())
+        verdict.wrong(fmt::format("{} captions are lost or cut short", result.captions.lost.size()));
+    if (result.stopped_by != 0) verdict.lines.emplace_back("it was stopped on request");
+    return verdict;
+}
+
+Json facts_of(const EncodeResult& result) {
+    Json facts = Json::array();
+    add_fact(facts, "Input", result.job.input.substr(result.job.input.rfind('/') + 1));
+    add_fact(facts, "Pictures in",
+             fmt::format("{}, {} skipped, {} dropped", result.tally.pictures, result.tally.skipped,
+                         result.tally.dropped));
+    add_fact(facts, "Time taken",
+             fmt::format("{:.2f} s, {:.2f} times as fast as it plays", result.elapsed, speed_of(result)));
+    if (!result.quality.empty()) {
+        const programme::QualitySummary quality = summary_of(result.quality);
+        add_fact(facts, "PSNR", fmt::format("{:.2f} dB, least {:.2f}", quality.psnr, quality.least_psnr));
+        add_fact(facts, "SSIM", fmt::format("{:.4f}, least {:.4f}", quality.ssim, quality.least_ssim));
+    }
+    for (const programme::StreamAccount& stream : result.streams)
+        if (stream.loudness)
+            add_fact(facts, fmt::format("Loudness of input's stream {}", stream.index),
+                     loudness_text(*stream.loudness));
+    return facts;
+}
+
+}  // namespace
+
+std::string inspection_page(const std::string& input, const Findings& findings) {
+    return page_of(page_data(input, findings));
+}
+
+std::string encode_page(const EncodeResult& result, const Findings& findings) {
+    Json data = page_data(result.job.output, findings);
+    data["verdict"] = json_of(verdict_of(result, findings));
+    for (const Json& fact : facts_of(result)) data["facts"].push_back(fact);
+    if (!result.quality.empty())
+        data["quality"] = quality_json(result.quality, result.tally.frame_rate.per_second());
+    std::vector<Conspicuous> conspicuous = findings_of(findings.stream);
+    for (Conspicuous& loss : losses_of(result)) conspicuous.push_back(std::move(loss));
+    data["findings"] = findings_json(std::move(conspicuous));
+    return page_of(data);
 }
 
 }  // namespace gsve::report

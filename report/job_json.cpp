@@ -104,6 +104,7 @@ std::string job_json(const EncodeJob& job) {
         {"keep_colour", job.keep_colour},
         {"timecode", job.timecode},
         {"adapt", job.adapt},
+        {"quality", job.quality},
         {"threads", job.threads},
         {"decoder_threads", job.decoder_threads},
     };
@@ -160,6 +161,7 @@ EncodeJob parse_job(std::string_view json) {
     members.read("keep_colour", job.keep_colour);
     members.read("timecode", job.timecode);
     members.read("adapt", job.adapt);
+    members.read("quality", job.quality);
     members.read("threads", job.threads);
     members.read("decoder_threads", job.decoder_threads);
     members.expect_no_more();

@@ -1,6 +1,7 @@
 #include "cli/encode/encode.h"
 
 #include <csignal>
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
@@ -19,11 +20,16 @@ extern "C" {
 #include "cli/stop.h"
 #include "encoding/error.h"
 #include "encoding/settings.h"
+#include "programme/caption_inventory.h"
 #include "programme/encode_programme.h"
 #include "programme/file_name.h"
+#include "programme/loudness.h"
 #include "programme/output.h"
+#include "programme/output_file.h"
+#include "programme/stream_inspection.h"
 #include "report/damage_report.h"
 #include "report/encode_report.h"
+#include "report/inspection_page.h"
 
 namespace gsve::cli {
 namespace {
@@ -96,12 +102,35 @@ std::string damage_note(const EncodeResult& result) {
     return parts.empty() ? "" : fmt::format("the input is damaged: {}", fmt::join(parts, "; "));
 }
 
+/// What a reader of the finished output finds is part of it.
+void write_page(const std::string& path, const EncodeResult& result) {
+    report::Findings findings;
+    findings.stream = programme::read_stream(result.job.output, true);
+    findings.captions = take_inventory(findings.stream);
+    findings.sound = programme::loudness_courses(result.job.output);
+    programme::write_file(path, report::encode_page(result, findings));
+}
+
+void check_page(const EncodeOptions& options) {
+    if (programme::is_standard_stream(options.output))
+        throw UsageError("--report html=FILE reads the finished output: give OUTPUT a name");
+    std::error_code absent;
+    const auto is = [&](const std::string& other) {
+        return options.page == other || std::filesystem::equivalent(options.page, other, absent);
+    };
+    if (is(options.input) || is(options.output))
+        throw UsageError(
+            fmt::format("--report: {} is the input or the output itself: name another file", options.page));
+    check_overwriting(options.page, options.overwrite);
+}
+
 /// Encodes, and tells of it.
 int encode(const programme::EncodeJob& job, const EncodeOptions& options, Terminal& terminal) {
     const EncodeResult result = encode_programme(job, terminal);
     terminal.end_progress();
     if (!result.stopped_by) terminal.note(report::caption_losses(result));
     print_results(options, result);
+    if (!options.page.empty()) write_page(options.page, result);
     const std::string damage = damage_note(result);
     if (!damage.empty() && !options.strict) terminal.warn(damage + "; --strict makes this a failure");
 
@@ -134,6 +163,7 @@ programme::EncodeJob job_of(const EncodeOptions& options) {
     job.timecode = options.timecode;
     job.adapt = options.adapt;
     job.decoder_threads = options.decoder_threads;
+    job.quality = options.quality;
     return job;
 }
 
@@ -141,6 +171,7 @@ int encode(const EncodeOptions& options) {
     av_log_set_level(options.verbose ? AV_LOG_INFO : AV_LOG_ERROR);
     const programme::EncodeJob job = job_of(options);
     check(job);
+    if (!options.page.empty()) check_page(options);
     if (!programme::is_standard_stream(options.output)) check_overwriting(options.output, options.overwrite);
 
     catch_stop_signals();

@@ -28,7 +28,9 @@ struct EncodeOptions {
     std::string timecode;  ///< of the first picture, at the encoded rate; "source": the input's; empty: none
     bool adapt = false;    ///< let the processor's load coarsen MPEG-2 pictures
     int decoder_threads = 0;
+    bool quality = false;  ///< measure it
     ReportFormat report = ReportFormat::kNone;
+    std::string page;     ///< file for a page with charts; empty: none is written
     bool strict = false;  ///< an input that is damaged, or ends early, is a failure
     bool overwrite = false;
     bool quiet = false;

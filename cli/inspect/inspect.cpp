@@ -9,6 +9,7 @@
 #include "cli/overwriting.h"
 #include "encoding/error.h"
 #include "programme/caption_inventory.h"
+#include "programme/loudness.h"
 #include "programme/output_file.h"
 #include "programme/stream_inspection.h"
 #include "report/inspection_page.h"
@@ -38,11 +39,16 @@ int inspect(const InspectOptions& options) {
     if (!options.scc.empty()) check_output(options, options.scc);
     if (!options.page.empty()) check_output(options, options.page);
     const bool check_buffer = options.buffer || !options.page.empty();
-    const programme::InspectedStream stream = programme::read_stream(options.input, check_buffer);
-    const programme::CaptionInventory captions = take_inventory(stream);
+    report::Findings findings;
+    findings.stream = programme::read_stream(options.input, check_buffer);
+    findings.captions = take_inventory(findings.stream);
+    const programme::InspectedStream& stream = findings.stream;
+    const programme::CaptionInventory& captions = findings.captions;
     if (!options.scc.empty()) write_scc_file(options, stream, captions);
-    if (!options.page.empty())
-        programme::write_file(options.page, report::inspection_page(options.input, stream, captions));
+    if (!options.page.empty()) {
+        findings.sound = programme::loudness_courses(options.input);
+        programme::write_file(options.page, report::inspection_page(options.input, findings));
+    }
     const auto report = options.json ? report::inspection_json : report::inspection_text;
     fmt::print("{}", report(options.input, stream, captions, options.pictures));
     return 0;

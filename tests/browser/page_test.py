@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""The page that gsve inspect writes, in a browser as a person opens it.
+"""The pages that gsve writes, in a browser as a person opens it.
 
 page_test.py GSVE CLIP
 """
@@ -138,6 +138,39 @@ class Page(unittest.TestCase):
         self.assertGreater(ranges()[0][0], zoomed[0][0])
         self.browser.find_element(By.ID, "all").click()
         self.assertEqual(ranges(), whole)
+
+    def test_of_an_encoding_has_its_quality_loudness_and_losses(self):
+        source, out, page = (self.directory / name for name in ("sound.ts", "encoded.ts", "encoded.html"))
+        subprocess.run(["ffmpeg", "-nostdin", "-v", "error", "-y", "-i", CLIP, "-f", "lavfi", "-i", "sine=d=7", "-map",
+                        "0:v", "-map", "1:a", "-t", "7", "-c:v", "copy", "-c:a", "mp2", str(source)], check=True)
+        captions = self.directory / "late.srt"
+        captions.write_text("1\n00:00:01,000 --> 00:00:03,000\nSeen\n\n2\n00:01:00,000 --> 00:01:02,000\nToo late\n")
+        report = json.loads(gsve("encode", source, out, "--captions", captions, "--quality", "--timecode", "10:00:00:00",
+                                 "--codec", "mpeg-2", "--set", "bitrate=4000000", "--set", "min bitrate=0",
+                                 "--report", "json", "--report", f"html={page}"))
+        self.open(page)
+        for chart in ("#pictures", "#bitrate", "#buffer", "#psnr", "#ssim", "#sound figure"):
+            self.assertGreater(self.colours_in(chart), 5, chart)
+        facts, quality = self.facts(), report["quality"]
+        self.assertEqual(facts["Pictures in"], f"{report['pictures']['in']}, 0 skipped, 0 dropped")
+        self.assertEqual(facts["PSNR"], f"{quality['psnr']['mean']:.2f} dB, least {quality['psnr']['least']:.2f}")
+        self.assertEqual(facts["SSIM"], f"{quality['ssim']['mean']:.4f}, least {quality['ssim']['least']:.4f}")
+        data = self.browser.execute_script("return data")
+        self.assertEqual(len(data["quality"]["psnr"]), quality["pictures"])
+        self.assertAlmostEqual(min(data["quality"]["psnr"]), quality["psnr"]["least"], 2)
+        self.assertEqual(data["quality"]["psnr"].index(min(data["quality"]["psnr"])), quality["worst_picture"])
+        self.assertIn("LUFS", facts["Loudness of stream 1 (sound, mp2)"])
+        self.assertIn("Something is wrong", self.text("#verdict"))
+        self.assertIn("1 captions are lost", self.text("#verdict"))
+        listed = [row.text for row in self.browser.find_elements(By.CSS_SELECTOR, "#finding-table tbody tr")]
+        self.assertIn('00:01:00.000 Lost: the caption of CC1 "Too late"', listed)
+        for note in report["notes"]:
+            self.assertIn(f"all of it {note}", listed)
+        codes = [place.text for place in self.browser.find_elements(By.CSS_SELECTOR, "#gop-lane span")]
+        self.assertEqual(codes[0], "10:00:00:00")
+        self.assertEqual(len(codes), len(data["gops"]["t"]))
+        self.browser.find_element(By.ID, "in").click()
+        self.assertLess(len(self.browser.find_elements(By.CSS_SELECTOR, "#gop-lane span")), len(codes))
 
     def test_says_first_what_is_wrong(self):
         whole = self.stream.read_bytes()

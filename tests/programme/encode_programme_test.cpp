@@ -2,6 +2,7 @@
 // result tells.
 
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -45,8 +46,10 @@ public:
         begun++;
         expected = pictures;
     }
-    void progress(const Tally& tally) override { seen = tally.pictures; }
-    int stop_reason() override { return stop_after > 0 && seen >= stop_after ? 15 : 0; }
+    void progress(const Tally& tally) override { std::atomic_ref<uint64_t>{seen} = tally.pictures; }
+    int stop_reason() override {
+        return stop_after > 0 && std::atomic_ref<uint64_t>{seen} >= stop_after ? 15 : 0;
+    }
 
     std::string notes, warnings;
     int begun = 0;
@@ -168,6 +171,66 @@ TEST_F(Programme, TakesAnotherRateAndALimit) {
     EXPECT_EQ(result.tally.pictures, 20u);
     EXPECT_EQ(result.tally.skipped, 10u);
     EXPECT_EQ(result.tally.units, 10u);
+}
+
+TEST_F(Programme, IsMeasuredAgainstThePicturesThatTheCodecWasGiven) {
+    struct Case {
+        const char* codec;
+        std::vector<std::pair<std::string, std::string>> settings;
+    };
+    // A codec that gives each unit at once, and ones that hold some; scaled, deinterlaced and divided.
+    const Case cases[] = {
+        {"mpeg-2", {{"b frames", "0"}}},
+        {"mpeg-2", {}},
+        {"h.264", {{"resize", "64x48"}}},
+        {"h.265", {}},
+        {"mpeg-2", {{"resize deinterlace", "3"}, {"resize", "96x64"}}},
+        {"h.264", {{"frame rate limit", "13"}}},
+    };
+    const ClipFormat format;
+    for (const Case& each : cases) {
+        SCOPED_TRACE(std::string(each.codec) + (each.settings.empty() ? "" : ", " + each.settings[0].first));
+        EncodeJob job = this->job(each.codec, "plain.ts", format, 30);
+        job.settings.insert(job.settings.end(), each.settings.begin(), each.settings.end());
+        encode(job);
+        job.output = directory / "measured.ts";
+        job.quality = true;
+        const EncodeResult result = encode(job);
+        EXPECT_TRUE(read_file(directory / "plain.ts") == read_file(job.output)) << "measuring changes bytes";
+        ASSERT_EQ(result.quality.size(), result.tally.units);
+        int64_t before = -1;
+        for (const PictureQuality& picture : result.quality) {
+            EXPECT_GT(picture.number, before);
+            EXPECT_GT(picture.psnr, 20) << picture.number;
+            EXPECT_GT(picture.ssim, 0.5) << picture.number;
+            EXPECT_LE(picture.ssim, 1) << picture.number;
+            before = picture.number;
+        }
+        EXPECT_LT(before, 30);
+    }
+    EXPECT_TRUE(encode(this->job("mpeg-2", "out.ts", format, 3)).quality.empty());
+}
+
+TEST_F(Programme, HasTheQualityThatFfmpegMeasures) {
+    EncodeJob job = this->job("h.264", "out.mp4", {.width = 128, .height = 96}, 25);
+    job.settings.emplace_back("bitrate", "200000");
+    job.quality = true;
+    const EncodeResult result = encode(job);
+    const std::string log = directory / "psnr.log";
+    ASSERT_EQ(std::system(("ffmpeg -nostdin -v error -i " + job.output + " -i " + job.input +
+                           " -lavfi psnr=f=" + log + " -f null -")
+                              .c_str()),
+              0);
+    std::ifstream lines(log);
+    std::string line;
+    size_t n = 0;
+    for (; std::getline(lines, line); n++) {
+        ASSERT_LT(n, result.quality.size());
+        const size_t at = line.find("psnr_avg:");
+        ASSERT_NE(at, std::string::npos) << line;
+        EXPECT_NEAR(result.quality[n].psnr, std::strtod(line.c_str() + at + 9, nullptr), 0.01) << n;
+    }
+    EXPECT_EQ(n, 25u);
 }
 
 TEST_F(Programme, EndsWhereItsObserverAsks) {

@@ -50,6 +50,7 @@ EncodeJob full_job() {
     job.keep_colour = true;
     job.timecode = "10:00:00;02";
     job.adapt = true;
+    job.quality = true;
     job.threads = 2;
     job.decoder_threads = 3;
     return job;

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -93,8 +94,10 @@ public:
     ProgramResult wait() const {
         int status = 0;
         waitpid(pid_, &status, 0);
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
-                read_file(directory_ / "out"), read_file(directory_ / "err")};
+        ProgramResult result = {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
+                                read_file(directory_ / "out"), read_file(directory_ / "err")};
+        keep_report(result.out);
+        return result;
     }
 
 private:
@@ -107,6 +110,16 @@ private:
             if (name_end == std::string::npos || status[name_end + 2] != 'S') return false;
         }
         return true;
+    }
+
+    /// Reports are held against their schema later on.
+    void keep_report(const std::string& out) const {
+        const char* const folder = std::getenv("GSVE_REPORTS");
+        if (!folder || !out.starts_with("{\n")) return;
+        std::filesystem::create_directories(folder);
+        std::ofstream(std::string(folder) + "/" + std::to_string(getpid()) + "-" + std::to_string(pid_) +
+                      ".json")
+            << out;
     }
 
     static void redirect(int descriptor, const std::string& path, int flags) {
