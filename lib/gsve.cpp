@@ -22,6 +22,7 @@
 #include "detail/assertion.h"
 #include "detail/caption_payloads.h"
 #include "detail/chroma_format.h"
+#include "detail/diagnostics.h"
 #include "detail/ffmpeg_compat.h"
 #include "detail/frame_rate.h"
 #include "detail/gop_timecode.h"
@@ -65,7 +66,8 @@ constexpr size_t kMostSideData = 1024;
 
 detail::SourceRate source_rate(const Encoder& e) { return {e.frame_rate_num, e.frame_rate_den}; }
 
-void print(const char* text) { std::fputs(text, stderr); }
+using detail::print;
+using detail::print_formatted;
 
 }  // namespace
 
@@ -80,7 +82,7 @@ Encoder::GeneralStreamingVideoEncoder() { Encoder::default_config(); }
 Encoder::~GeneralStreamingVideoEncoder() {
     Encoder::free_encoder();
     // docs/contract.md, "Texts"
-    if (refcount != 0) std::fprintf(stderr, "GVSE: encoder refcount %d on destruct\n", refcount);
+    if (refcount != 0) print_formatted("GVSE: encoder refcount %d on destruct\n", refcount);
 }
 
 void Encoder::default_config() {
@@ -564,8 +566,8 @@ void count_codec_delay(Encoder& e) {
         static_cast<int64_t>(e.codec_delay_count) * e.frame_rate_divider * e.frame_rate_den * 1000;
     e.codec_delay_ms = e.frame_rate_num == 0 ? 0 : static_cast<uint64_t>(scaled_ms / e.frame_rate_num);
     // docs/contract.md, "Texts"
-    std::fprintf(stderr, "avcodec_send frame/receieve packet() codec delay %d (%lu ms)\n",
-                 static_cast<int>(e.codec_delay_count), static_cast<unsigned long>(e.codec_delay_ms));
+    print_formatted("avcodec_send frame/receieve packet() codec delay %d (%lu ms)\n",
+                    static_cast<int>(e.codec_delay_count), static_cast<unsigned long>(e.codec_delay_ms));
     e.output_frame_count++;
 }
 
@@ -820,8 +822,8 @@ bool Encoder::init_encoder() try {
     const detail::ChromaFormat* const source =
         detail::find_source_format(input_chroma_shift_x, input_chroma_shift_y);
     if (!source) {
-        std::fprintf(stderr, "Unrecognized chroma x/y %d/%d\n", static_cast<int>(input_chroma_shift_x),
-                     static_cast<int>(input_chroma_shift_y));
+        print_formatted("Unrecognized chroma x/y %d/%d\n", static_cast<int>(input_chroma_shift_x),
+                        static_cast<int>(input_chroma_shift_y));
         return refuse(*this, "Unsupported chroma format");
     }
     output_width = input_width;
@@ -830,10 +832,10 @@ bool Encoder::init_encoder() try {
 
     if (!allocate_codec_objects(*this, codec->av_codec_id)) return false;
     if (!open_codec(*this)) return fail(*this, "Unable to open encoder\n", "Unable to open encoder");
-    std::fprintf(stderr, "Using %u threads, active_thread_flags=%u, ticks/frame=%u\n",
-                 static_cast<unsigned>(mpeg_context->thread_count),
-                 static_cast<unsigned>(mpeg_context->active_thread_type),
-                 static_cast<unsigned>(detail::ticks_per_frame(*mpeg_context)));
+    print_formatted("Using %u threads, active_thread_flags=%u, ticks/frame=%u\n",
+                    static_cast<unsigned>(mpeg_context->thread_count),
+                    static_cast<unsigned>(mpeg_context->active_thread_type),
+                    static_cast<unsigned>(detail::ticks_per_frame(*mpeg_context)));
     spare_picture_copy(*this);
     open_debug_file(*this);
     if (!make_working_planes(*this, source->pixel_format, __PRETTY_FUNCTION__)) return false;
@@ -942,8 +944,8 @@ void configure_frame_rate(Encoder& e) {
     e.frame_rate_divider = detail::frame_rate_divider(rate, e.frame_rate_limit);
     if (e.frame_rate_limit > 0) {
         const double divided = e.frame_rate_divider == 1 ? rate.value() : rate.divided(e.frame_rate_divider);
-        std::fprintf(stderr, "Frame rate divider div=%u %.6f => %.6f\n", e.frame_rate_divider, rate.value(),
-                     divided);
+        print_formatted("Frame rate divider div=%u %.6f => %.6f\n", e.frame_rate_divider, rate.value(),
+                        divided);
     }
     e.frame_duration_90k = detail::frame_duration_90k(rate, e.frame_rate_divider);
 
@@ -996,9 +998,9 @@ void configure_time_base(Encoder& e) {
     const detail::SourceRate rate = source_rate(e);
     const detail::TimeBase time_base = detail::codec_time_base(rate, e.frame_rate_divider);
     e.mpeg_context->time_base = {time_base.num, time_base.den};
-    std::fprintf(stderr, "Source frame rate %.6f (%u/%u) encoder frame rate %.6f (%u/%u)\n", rate.value(),
-                 static_cast<unsigned>(rate.num), static_cast<unsigned>(rate.den), time_base.frame_rate,
-                 static_cast<unsigned>(time_base.den), static_cast<unsigned>(time_base.num));
+    print_formatted("Source frame rate %.6f (%u/%u) encoder frame rate %.6f (%u/%u)\n", rate.value(),
+                    static_cast<unsigned>(rate.num), static_cast<unsigned>(rate.den), time_base.frame_rate,
+                    static_cast<unsigned>(time_base.den), static_cast<unsigned>(time_base.num));
 }
 
 /// Takes the room for caption data off the video's bit rate. Returns how much was taken, bits/s.
@@ -1065,6 +1067,12 @@ const char* default_preset(const Encoder& e) {
     return e.mpeg_context->width <= 720 && e.mpeg_context->height <= 576 ? "veryfast" : "superfast";
 }
 
+/// libx265 writes to standard error past libavutil's log, which a host that takes diagnostics wants left
+/// alone.
+constexpr const char* kQuietX265 = "log-level=none";
+
+bool prints_nothing_itself() { return detail::host_takes(""); }
+
 /// Parameters of our own, which a preset of the host's leaves out.
 void set_tuned_parameters(const Encoder& e, CodecOptions& options) {
     if (e.codec_id == kCodecH264) {
@@ -1079,6 +1087,7 @@ void set_tuned_parameters(const Encoder& e, CodecOptions& options) {
         "limit-tu=4:me=dia:ref=1:weightb=0:weightp=0:slices=0:wpp=0";
     if (e.mpeg_context->max_b_frames >= 0)
         parameters += ":rc-lookahead=" + std::to_string(e.mpeg_context->max_b_frames + 1);
+    if (prints_nothing_itself()) parameters += std::string(":") + kQuietX265;
     options.set("x265-params", parameters);
 }
 
@@ -1098,7 +1107,10 @@ void set_h26x_options(Encoder& e, CodecOptions& options) {
                           : deblocking_ultrafast ? "ultrafast"
                                                  : default_preset(e));
     if (!e.h264_level.empty()) options.set("level", e.h264_level);
-    if (!own_preset) set_tuned_parameters(e, options);
+    if (!own_preset)
+        set_tuned_parameters(e, options);
+    else if (e.codec_id == kCodecH265 && prints_nothing_itself())
+        options.set("x265-params", kQuietX265);
     if (own_preset || e.codec_id == kCodecH264) options.set("mbtree", "1");
 
     if (e.minimum_quant > 0) options.set_number("crf", e.minimum_quant);
@@ -1159,8 +1171,8 @@ bool make_working_planes(Encoder& e, AVPixelFormat source_format, const char* fu
         const size_t size = static_cast<size_t>(stride) * (static_cast<size_t>(e.output_height) + 16);
         e.resize_buffer[plane] = static_cast<uint8_t*>(std::malloc(size));
         if (!e.resize_buffer[plane]) {
-            std::fprintf(stderr, "Init error: unable to malloc resize buffer plane %zu/%zu\n", plane + 1,
-                         size_t{3});
+            print_formatted("Init error: unable to malloc resize buffer plane %zu/%zu\n", plane + 1,
+                            size_t{3});
             return fail(e, "", "Unable to allocate resizing frame");
         }
         constexpr int kBlackLuma = 16;
@@ -1183,7 +1195,7 @@ bool Encoder::client_addref() try {
 void Encoder::client_unref() try {
     refcount--;
     if (refcount < 0)
-        std::fprintf(stderr, "WARNING: encoder[%u] negative refcount %d\n", encoder_index, refcount);
+        print_formatted("WARNING: encoder[%u] negative refcount %d\n", encoder_index, refcount);
     else if (refcount == 0)
         free_encoder();
 } catch (const std::exception&) {
@@ -1516,7 +1528,7 @@ void Encoder::write_cea708(unsigned count, zeph_cea708_word* words) try {
         count = kMostWords;
     }
     if (cea708_queue.size() > kKeptWords) {
-        std::fprintf(stderr, "[gsve] CEA-708 incoming overflow (%zu)\n", cea708_queue.size());
+        print_formatted("[gsve] CEA-708 incoming overflow (%zu)\n", cea708_queue.size());
         keep_newest(cea708_queue, kKeptWords);
     }
     cea708_queue.insert(cea708_queue.end(), words, words + count);
@@ -1529,7 +1541,7 @@ void Encoder::write_eia608(uint8_t field, uint16_t word) try {
     std::deque<uint16_t>& queue = field == 0 ? eia608_field1_queue : eia608_field2_queue;
     while (!queue.empty() && is_padding(queue.front())) queue.pop_front();
     if (queue.size() > kKeptWords) {
-        std::fprintf(stderr, "[gsve] EIA-608 incoming overflow (%zu)\n", queue.size());
+        print_formatted("[gsve] EIA-608 incoming overflow (%zu)\n", queue.size());
         keep_newest(queue, kKeptWords);
     }
     queue.push_back(word);
@@ -1589,8 +1601,8 @@ void complain(const detail::PayloadOutcome& outcome, const detail::PictureWords&
     if (outcome.anomaly != detail::Eia608Anomaly::none)
         print(detail::kEia608AnomalyTexts[static_cast<size_t>(outcome.anomaly)]);
     if (outcome.cea708_examined < captions.cea708_count)
-        std::fprintf(stderr, "[gsve] WARNING: Some CEA-708 was dropped (%u/%u written)\n",
-                     outcome.cea708_examined, captions.cea708_count);
+        print_formatted("[gsve] WARNING: Some CEA-708 was dropped (%u/%u written)\n", outcome.cea708_examined,
+                        captions.cea708_count);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // Stand-in for the host framework's comm library. It collects the name/value pairs of a status packet in
 // memory, texts of any length, repeated names included. It has no sockets and no wire format, and takes no
-// locks: one packet is one thread's at a time.
+// locks: one packet is one thread's at a time. And the library's diagnostics pass through here, on their way
+// to a program's own log.
 
 #include <orb_utils_v4/comm.h>
 
@@ -10,10 +11,14 @@
 #include <exception>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include <orb_utils_v4/reference/comm_packet.h>
+#include <orb_utils_v4/reference/diagnostics.h>
 
 namespace {
+
+thread_local orb_utils_v4::reference::LineTaker line_taker;
 
 /// `arguments` formatted as by vprintf; nothing when the C library cannot format them or memory is short.
 std::optional<std::string> format_text(const char* format, va_list arguments) {
@@ -32,6 +37,16 @@ std::optional<std::string> format_text(const char* format, va_list arguments) {
 }
 
 }  // namespace
+
+orb_utils_v4::reference::LineTaker orb_utils_v4::reference::exchange_line_taker(LineTaker taker) {
+    return std::exchange(line_taker, taker);
+}
+
+bool host_take_diagnostics(const char* text) {
+    if (!line_taker.take) return false;
+    line_taker.take(line_taker.taker, text);
+    return true;
+}
 
 comm_socket_v4_packet::comm_socket_v4_packet() = default;
 
