@@ -118,7 +118,26 @@ CaptionCount CaptionTrack::push(int64_t frame, PictureCaptions captions) {
     repacer_.push(frame, captions);
     captions.cea708.clear();
     captions::append(asked_, frame, captions);
+    forget_what_was_sent();
     return all;
+}
+
+/// A channel goes on for months. What waits, and what went before it for some minutes, tells of captions that
+/// are cut short.
+void CaptionTrack::forget_what_was_sent() {
+    constexpr size_t kRemembered = 20'000;  // pairs: of both fields, those of five and a half minutes
+    if (asked_.eia608.size() <= 2 * kRemembered) return;
+    size_t kept = kRemembered;
+    for (int field = 0; field < 2; field++)
+        kept += line_.waiting_pairs(field) + repacer_.pending_pairs(field);
+    if (asked_.eia608.size() <= 2 * kept) return;
+    asked_.eia608.erase(asked_.eia608.begin(), asked_.eia608.end() - static_cast<ptrdiff_t>(kept));
+}
+
+CaptionCount CaptionTrack::lost() const {
+    CaptionCount sum = without_form_;
+    sum += expired_;
+    return sum;
 }
 
 PictureWrites CaptionTrack::next(uint64_t number, uint64_t encoded) {

@@ -92,6 +92,10 @@ public:
     /// A unit has left the encoder.
     void emitted(const EncodedUnit& unit);
 
+    /// What is certain to be in no unit: the stream has no form for it, or its picture was too long in the
+    /// codec.
+    CaptionCount lost() const;
+
     /// To be called when the encoder has been drained; `encoded` pictures went into it. The caller adds what
     /// it knows: where the captions came from, and what the files' had to change.
     CaptionAccount account(uint64_t encoded) const;
@@ -106,10 +110,11 @@ private:
 
     static Given given(const captions::PictureWrites& writes, int64_t picture);
     std::vector<LostCaption> lost_captions(uint64_t encoded) const;
+    void forget_what_was_sent();
 
     CaptionForms forms_;
     captions::FrameRate output_rate_;
-    captions::Schedule asked_;  ///< all pairs that were taken in
+    captions::Schedule asked_;  ///< the pairs that were taken in lately
     captions::Repacer repacer_;
     PictureLine line_;
     std::map<uint64_t, Given> in_codec_;  ///< by picture number

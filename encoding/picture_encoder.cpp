@@ -5,6 +5,7 @@
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#include <libavutil/opt.h>
 }
 
 #include <orb_utils_v4/io.h>
@@ -31,6 +32,40 @@ constexpr size_t kMostAwaited = 1024;
 std::span<const uint8_t> unit_in(const sliding_window_v4& window) { return {window.data, window.end}; }
 
 }  // namespace
+
+/// Has the encoder make a key picture of the next one. It takes picture types from hosts that follow the GOPs
+/// of a source, which they say by no "gop size" of their own; what the codec was opened with stays. libx264
+/// and libx265 would make an I-picture of it in the middle of an open GOP.
+class PictureEncoder::KeyRequest {
+public:
+    KeyRequest(PictureEncoder& encoder, bool wanted)
+        : encoder_(encoder), gop_size_(encoder.gop_size), wanted_(wanted) {
+        if (!wanted_) return;
+        encoder_.gop_size = -1;
+        encoder_.requested_picture_type = 'I';
+        encoder_.gop_sync_frame_number = static_cast<int32_t>(encoder_.output_frame_count & INT32_MAX);
+        force_idr(1);
+    }
+    ~KeyRequest() {
+        if (!wanted_) return;
+        encoder_.gop_size = gop_size_;
+        encoder_.requested_picture_type = -1;
+        encoder_.gop_sync_frame_number = -1;
+        force_idr(0);
+    }
+    KeyRequest(const KeyRequest&) = delete;
+    KeyRequest& operator=(const KeyRequest&) = delete;
+
+private:
+    void force_idr(int on) {
+        if (encoder_.codec_id == kMpeg2 || !encoder_.mpeg_context) return;
+        av_opt_set_int(encoder_.mpeg_context->priv_data, "forced-idr", on, 0);
+    }
+
+    PictureEncoder& encoder_;
+    const int32_t gop_size_;
+    const bool wanted_;
+};
 
 PictureEncoder::~PictureEncoder() {
     if (refcount > 0) client_unref();
@@ -131,6 +166,7 @@ PictureFate PictureEncoder::push(const PictureView& picture, const Ancillary& an
     const uint64_t taken = input_frame_count;
     const uint64_t sent = encoded_frame_count;
     times_->offered(static_cast<int64_t>(picture.number));
+    const KeyRequest key(*this, ancillary.key && takes(picture.number));
     const bool usable =
         write_video(picture.planes[0], picture.strides[0], picture.planes[1], picture.strides[1],
                     picture.planes[2], picture.strides[2], ancillary.field_order - 1, picture.number);

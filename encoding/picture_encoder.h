@@ -73,6 +73,9 @@ struct Ancillary {
     /// Of the source's picture; bars are scaled as the picture is. What was said of earlier pictures and
     /// still holds is said again with key pictures.
     PictureShape shape, held_shape;
+    /// To be encoded so that decoding can begin with it, whatever the setting "gop size" is. Where the
+    /// picture is skipped or dropped, the caller asks again with the next one.
+    bool key = false;
 };
 
 class PictureEncoder final : public GeneralStreamingVideoEncoder {
@@ -162,6 +165,8 @@ private:
         PictureShape shape, held_shape;  ///< of the encoded picture
         uint64_t encoded = 0;            ///< the picture's number among those that the encoder was given
     };
+
+    class KeyRequest;
 
     void signal(const Ancillary& ancillary, uint64_t number);
     void queue(const Ancillary& ancillary, uint64_t number);

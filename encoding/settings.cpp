@@ -238,6 +238,11 @@ std::string range_text(const Values& values) {
 
 std::span<const Setting> settings() { return kSettings; }
 
+bool works_on_open_encoder(std::string_view key) {
+    constexpr std::string_view kKeys[] = {"name", "gop synchronization", "remove trailing zeros"};
+    return std::ranges::count(kKeys, key) > 0;
+}
+
 std::string syntax_text(const Values& values) {
     switch (values.syntax) {
         case kSwitch: return "0 or 1";

@@ -51,6 +51,9 @@ using KeyValue = std::pair<std::string, std::string>;
 /// All settings, topic by topic.
 std::span<const Setting> settings();
 
+/// Whether an open encoder takes the setting at once. All others close it.
+bool works_on_open_encoder(std::string_view key);
+
 /// How a value is written.
 std::string syntax_text(const Values& values);
 

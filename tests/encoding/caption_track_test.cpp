@@ -411,6 +411,33 @@ TEST(CaptionTrack, NamesOfSeveralCaptionsTheLostOnes) {
     EXPECT_DOUBLE_EQ(account.lost[0].time, 52 / 25.0);
 }
 
+TEST(CaptionTrack, NamesTheLastCaptionOfALongProgramme) {
+    CaptionTrack track(kA53, kRate25, kRate25);
+    constexpr int64_t kLong = 90'000;  // pictures, an hour of them
+    for (int64_t n = 0; n < kLong; n++) {
+        track.push(n, carried({text("ab")}, {text("cd")}));
+        track.next(static_cast<uint64_t>(n), static_cast<uint64_t>(n));
+        track.emitted(unit_of(n));
+    }
+    for (const Eia608Event& event : painted(0).eia608) track.push(kLong + event.frame, carried({event.word}));
+    track.finish();
+    const CaptionAccount account = track.account(kLong);
+    EXPECT_EQ(both(account.carried), Counts(2 * kLong, 0));
+    ASSERT_EQ(account.lost.size(), 1u);
+    EXPECT_EQ(account.lost[0].text, "ABCD");
+    EXPECT_DOUBLE_EQ(account.lost[0].time, (kLong + 12) / 25.0);
+}
+
+TEST(CaptionTrack, TellsWhatIsCertainlyLostAsItGoesOn) {
+    CaptionTrack track(kCcAlone, kRate25, kRate25);
+    track.push(0, carried({text("ab")}, {}, 2));
+    EXPECT_EQ(both(track.lost()), Counts(0, 2)) << "without a form";
+    track.next(0, 0);
+    EXPECT_EQ(both(track.lost()), Counts(0, 2)) << "in the codec";
+    track.emitted(unit_of(0, false));
+    EXPECT_EQ(both(track.lost()), Counts(1, 2)) << "expired";
+}
+
 TEST(CaptionTrack, NamesCaptionsThatWerePushed) {
     CaptionTrack track(kA53, kRate25, kRate25);
     for (const Eia608Event& event : painted(0).eia608) track.push(event.frame, carried({event.word}, {}, 1));

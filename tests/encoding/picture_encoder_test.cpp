@@ -690,6 +690,27 @@ TEST(PictureEncoder, AdaptsToTheLoadByDefault) {
     EXPECT_NE(streams[0], streams[1]);
 }
 
+TEST(PictureEncoder, MakesAKeyPictureOfTheOneThatIsToBe) {
+    for (const char* codec : {"mpeg-2", "h.264", "h.265"})
+        for (const char* b_frames : {"0", "2"})
+            for (const char* gop_size : {"-1", "15", "100"}) {
+                SCOPED_TRACE(std::string(codec) + " b frames=" + b_frames + " gop size=" + gop_size);
+                Session session({{"encoder", codec},
+                                 {"b frames", b_frames},
+                                 {"gop size", gop_size},
+                                 {"h.264 profile", "main"}});
+                ASSERT_TRUE(session.open()) << session.encoder.last_error;
+                for (uint64_t n = 0; n < 40; n++) session.push(n, {.key = n == 7 || n == 19});
+                session.drain();
+                ASSERT_EQ(session.units.size(), 40u);
+                std::map<int64_t, bool> key;
+                for (const KeptUnit& unit : session.units) key[unit.pts] = unit.key;
+                EXPECT_TRUE(key[0] && key[7] && key[19]);
+                EXPECT_FALSE(key[6] || key[8] || key[18] || key[20]);
+                EXPECT_EQ(session.encoder.gop_size, std::stoi(gop_size));
+            }
+}
+
 TEST(PictureEncoder, GivesTheEncodedRateOfADividedSource) {
     Session session({{"encoder", "h.264"}, {"frame rate limit", "20"}}, {60000, 1001});
     ASSERT_TRUE(session.open());

@@ -16,6 +16,7 @@
 #include "support/recording_host.h"
 #include "support/scratch.h"
 #include "support/setting_fields.h"
+#include "support/stderr_capture.h"
 
 namespace {
 
@@ -108,6 +109,22 @@ const std::map<std::string, const char*> kRefusedAbove = {
     {"reference frames", "H.264 has 16"},
     {"resize deinterlace", "there are no more modes"},
 };
+
+TEST(SettingsInWords, SayWhichAnOpenEncoderTakesAtOnce) {
+    for (const Setting& setting : gsve::encoding::settings()) {
+        RecordingHost host;
+        describe_source(host, 64, 48, 25, 1);
+        configure(host, {{"encoder", "mpeg-2"}, {"enable", "1"}});
+        bool opened = false;
+        stderr_of([&] { opened = host.client_addref(); });
+        ASSERT_TRUE(opened);
+        // The codec that it has already closes nothing.
+        const std::string value = setting.key == "encoder" ? "h.264" : first_value(setting);
+        host.on_set(std::string(setting.key).c_str(), value.c_str(), false);
+        EXPECT_EQ(host.encoder_open, gsve::encoding::works_on_open_encoder(setting.key)) << setting.key;
+        host.client_unref();
+    }
+}
 
 TEST(Settings, HaveTheKeysOfTheLibrary) {
     const std::multiset<std::string> own = keys_in_library();
