@@ -36,7 +36,7 @@ MEDIA = ["libavformat", "libavfilter", "libswresample", "files"]
 MAY_KNOW = {
     "lib": ["lib"] + ENCODER,
     "captions": ["captions", "fmt", "files"],
-    # The status report is read back from the reference host's packet.
+    # The status report is read back from the reference host's packet, and diagnostics come through its library.
     "encoding": ["encoding", "captions", "fmt", "host/reference"] + ENCODER,
     "programme": ["programme", "encoding", "captions", "fmt", "host/reference"] + ENCODER + MEDIA,
     "report": ["report", "programme", "encoding", "captions", "fmt", "nlohmann"],
