@@ -205,6 +205,25 @@ CapsPtr stream_caps(int codec_id, std::span<const uint8_t> first_unit) {
     return nullptr;
 }
 
+void call_by_profile_taken(GstCaps* caps, const GstCaps* downstream) {
+    // Each is a part of the next one.
+    constexpr std::string_view kAscending[] = {"constrained-baseline", "main",      "high", "high-10",
+                                               "high-4:2:2",           "high-4:4:4"};
+    GstStructure* const structure = gst_caps_get_structure(caps, 0);
+    const gchar* const profile = gst_structure_get_string(structure, "profile");
+    if (!profile || gst_caps_can_intersect(caps, downstream)) return;
+    const std::string own = profile;
+    auto candidate = std::ranges::find(kAscending, own);
+    if (candidate == std::end(kAscending)) return;
+    std::vector<std::string> higher(candidate + 1, std::end(kAscending));
+    if (own == kAscending[0]) higher.insert(higher.begin(), "baseline");
+    for (const std::string& name : higher) {
+        gst_structure_set(structure, "profile", G_TYPE_STRING, name.c_str(), nullptr);
+        if (gst_caps_can_intersect(caps, downstream)) return;
+    }
+    gst_structure_set(structure, "profile", G_TYPE_STRING, own.c_str(), nullptr);
+}
+
 void describe_output(GstVideoInfo& info, const encoding::PictureEncoder& encoder) {
     const AVRational display = display_aspect(info);
     const AVRational rate = encoder.encoded_rate();

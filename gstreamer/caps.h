@@ -37,6 +37,10 @@ AVRational display_aspect(const GstVideoInfo& info);
 /// where it is empty, the caps do not.
 CapsPtr stream_caps(int codec_id, std::span<const uint8_t> first_unit);
 
+/// A decoder of a higher profile takes a stream of a lower one: where only the former is taken downstream,
+/// that is what the stream is called.
+void call_by_profile_taken(GstCaps* caps, const GstCaps* downstream);
+
 /// Makes of the source's description that of the pictures of an opened encoder.
 void describe_output(GstVideoInfo& info, const encoding::PictureEncoder& encoder);
 

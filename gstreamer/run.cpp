@@ -74,6 +74,14 @@ uint64_t expected_delay(const AVCodecContext& codec) {
     return static_cast<uint64_t>(reordering + (by_threads ? std::max(codec.thread_count - 1, 0) : 0));
 }
 
+/// More than the codec ever holds back: MPEG-2 for its B-pictures alone, the others for looking ahead, too.
+size_t most_held_back(const AVCodecContext& codec) {
+    constexpr size_t kSlack = 32, kLongestLookahead = 400;
+    return codec.codec_id == AV_CODEC_ID_MPEG2VIDEO
+               ? static_cast<size_t>(std::max(codec.max_b_frames, 0)) + kSlack
+               : kLongestLookahead;
+}
+
 std::vector<std::string> keys_of(const std::vector<encoding::KeyValue>& settings) {
     std::vector<std::string> keys;
     for (const auto& [key, value] : settings) keys.push_back(key);
@@ -116,6 +124,7 @@ Run::Run(GstObject* element, const RunPlan& plan, const Ancillary& first)
     encoder_.carry_line_rate(forms_.line_rate);
     check_caption_settings(encoder_, forms_);
     delay_ = expected_delay(*encoder_.mpeg_context) * encoder_.frame_rate_divider;
+    most_held_back_ = most_held_back(*encoder_.mpeg_context);
 }
 
 Run::~Run() {

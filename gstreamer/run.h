@@ -76,6 +76,10 @@ public:
     /// unit, as far as the codec tells.
     uint64_t delay() const { return delay_; }
 
+    /// Whether the codec has more pictures than it ever holds back: it refuses some, or all.
+    bool is_stuck() const { return in_codec_.size() > most_held_back_; }
+    bool has_given_units() const { return seen_unit_; }
+
     /// What goes with a picture is followed until its unit leaves.
     void follow_captions(encoding::CaptionTrack* track, uint64_t first_number) {
         captions_ = track;
@@ -121,6 +125,7 @@ private:
     std::vector<uint8_t> first_unit_;
     bool seen_unit_ = false;
     uint64_t delay_ = 0;
+    size_t most_held_back_ = 0;
 };
 
 /// What a picture signals by itself.

@@ -252,7 +252,12 @@ bool Session::went_back(GstClockTime time) const {
 
 /// Too late to be shown. Key pictures that somebody waits for are sent.
 bool Session::is_late(GstVideoCodecFrame& frame) const {
-    return !waiting_.key && gst_video_encoder_get_max_encode_time(element_, &frame) < 0;
+    GstClockTimeDiff left = gst_video_encoder_get_max_encode_time(element_, &frame);
+    // GStreamer 1.22 takes the time by which start() moves the first picture for time that is left.
+    const GstClockTime own = GST_BUFFER_PTS(frame.input_buffer);
+    const GstClockTime moved = GST_CLOCK_TIME_IS_VALID(own) && frame.pts > own ? frame.pts - own : 0;
+    if (left != G_MAXINT64 && frame.deadline >= moved) left -= static_cast<GstClockTimeDiff>(moved);
+    return !waiting_.key && left < 0;
 }
 
 GstFlowReturn Session::leave_out(CodecFramePtr frame) {
@@ -397,10 +402,25 @@ GstFlowReturn Session::encode(CodecFramePtr frame, const std::optional<CountedTi
     constexpr uint64_t kNowAndThen = 100;
     if (++pictures_ % kNowAndThen == 0) watch_losses();
     watch_adaptation();
-    return flow;
+    return run_->is_stuck() ? first_bad(flow, recover()) : flow;
 } catch (const Failure& failure) {
     GST_ELEMENT_ERROR(element_, STREAM, ENCODE, ("%s", in_properties(failure.what()).c_str()), (nullptr));
     return GST_FLOW_ERROR;
+}
+
+/// The codec has refused pictures. Where it takes others, a new run goes on without those.
+GstFlowReturn Session::recover() {
+    if (!run_->has_given_units()) {
+        GST_ELEMENT_ERROR(element_, STREAM, ENCODE,
+                          ("The codec refuses all pictures; GST_DEBUG=gsveenc:5 shows what it says."),
+                          (nullptr));
+        return GST_FLOW_ERROR;
+    }
+    GST_ELEMENT_WARNING(
+        element_, STREAM, ENCODE,
+        ("The codec has refused pictures, and is opened anew; GST_DEBUG=gsveenc:5 shows what it says."),
+        (nullptr));
+    return end_run();
 }
 
 GstFlowReturn Session::end_run() {
@@ -435,6 +455,8 @@ GstFlowReturn Session::push_out() {
 bool Session::tell_caps() {
     told_caps_ = true;
     CapsPtr caps = stream_caps(run_->encoder().codec_id, run_->first_unit());
+    const CapsPtr downstream(gst_pad_get_allowed_caps(GST_VIDEO_ENCODER_SRC_PAD(element_)));
+    if (downstream) call_by_profile_taken(caps.get(), downstream.get());
     const CodecStatePtr state(gst_video_encoder_set_output_state(element_, caps.release(), input_.get()));
     describe_output(state->info, run_->encoder());
     return gst_video_encoder_negotiate(element_);

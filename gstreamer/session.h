@@ -67,6 +67,7 @@ private:
     GstFlowReturn encode(CodecFramePtr frame, const std::optional<CountedTimecode>& timecode);
     encoding::Ancillary ancillary_of(GstBuffer* buffer, const std::optional<CountedTimecode>& timecode);
     GstFlowReturn push_out();
+    GstFlowReturn recover();
     bool tell_caps();
     void give_time(GstVideoCodecFrame& frame);
     bool went_back(GstClockTime time) const;
