@@ -82,6 +82,15 @@ size_t most_held_back(const AVCodecContext& codec) {
                : kLongestLookahead;
 }
 
+/// libx265 writes past its memory where a row has less than four blocks of its look-ahead.
+void refuse_narrow_h265(const encoding::PictureEncoder& encoder) {
+    constexpr int kNarrowest = 64;
+    const int width = encoder.resize_width > 0 ? encoder.resize_width : encoder.input_width;
+    if (encoder.codec_id == encoding::kH265 && width < kNarrowest)
+        throw UsageError(
+            fmt::format("H.265 takes pictures from {} samples of width on, not of {}.", kNarrowest, width));
+}
+
 std::vector<std::string> keys_of(const std::vector<encoding::KeyValue>& settings) {
     std::vector<std::string> keys;
     for (const auto& [key, value] : settings) keys.push_back(key);
@@ -111,6 +120,7 @@ Run::Run(GstObject* element, const RunPlan& plan, const Ancillary& first)
         if (key != "encoder" && key != "enable") encoder_.apply(key, value);
     choose_caption_forms(encoder_, {.wanted = true, .present = plan.has_captions, .scte20 = false},
                          keys_of(plan.settings));
+    refuse_narrow_h265(encoder_);
     avoid_long_pictures();
     encoder_.send_units_to([this](const encoding::EncodedUnit& unit) { receive(unit); });
     if (!encoder_.open(first)) {
