@@ -114,7 +114,7 @@ gboolean sink_event(GstVideoEncoder* encoder, GstEvent* event) {
         gst_event_parse_segment(event, &segment);
         GST_VIDEO_ENCODER_STREAM_LOCK(encoder);
         if (!gst_segment_is_equal(segment, &encoder->input_segment))
-            guarded(encoder, GST_FLOW_ERROR, [&] { return session_of(encoder).end_run(); });
+            guarded(encoder, GST_FLOW_ERROR, [&] { return session_of(encoder).end_times(); });
         GST_VIDEO_ENCODER_STREAM_UNLOCK(encoder);
     }
     return GST_VIDEO_ENCODER_CLASS(gsve_enc_parent_class)->sink_event(encoder, event);

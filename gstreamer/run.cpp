@@ -107,7 +107,11 @@ Ancillary signalled_by(const GstVideoInfo& info, GstBuffer* buffer) {
 }
 
 Run::Run(GstObject* element, const RunPlan& plan, const Ancillary& first)
-    : element_(element), info_(plan.info), encoder_(plan.name) {
+    : element_(element),
+      info_(plan.info),
+      encoder_(plan.name),
+      decoded_until_(plan.decoded_until),
+      latest_decoding_(plan.decoded_until) {
     const LogScope log(element_);
     encoding::SourceDescription source = source_of(plan.info);
     source.may_have_shape = plan.has_shape;
@@ -215,6 +219,7 @@ void Run::receive(const encoding::EncodedUnit& unit) {
     if (!std::exchange(seen_unit_, true)) {
         first_unit_.assign(unit.bytes.begin(), unit.bytes.end());
         delay_ = 0;
+        lead_ = std::max<int64_t>(-unit.dts, 0);
     }
     delay_ = std::max(delay_, next_number_ - 1 - static_cast<uint64_t>(unit.pts));
     drop_before(unit.dts);
@@ -241,15 +246,23 @@ void Run::drop_before(int64_t number) {
     in_codec_.erase(in_codec_.begin(), end);
 }
 
-/// That of a picture, or of one in front of the first.
+/// That of a picture, or of one in front of the first. Where a run before has less room for those than this
+/// one needs, they share what there is.
 GstClockTime Run::decoding_time(int64_t number) const {
     if (const auto known = times_.find(number); known != times_.end()) return known->second;
     if (number >= 0) return latest_decoding_;
     const AVRational rate = frame_rate_of(info_);
-    const GstClockTime before =
-        gst_util_uint64_scale(static_cast<guint64>(-number), GST_SECOND * static_cast<guint64>(rate.den),
-                              static_cast<guint64>(rate.num));
-    return first_time_ > before ? first_time_ - before : 0;
+    const auto seconds_of = [rate](int64_t pictures) {
+        return gst_util_uint64_scale(static_cast<guint64>(pictures),
+                                     GST_SECOND * static_cast<guint64>(rate.den),
+                                     static_cast<guint64>(rate.num));
+    };
+    const GstClockTime room = first_time_ - std::min(decoded_until_, first_time_);
+    const auto step = static_cast<int64_t>(encoder_.frame_rate_divider);
+    const GstClockTime wanted = seconds_of(lead_ + step);
+    if (wanted <= room) return first_time_ - seconds_of(-number);
+    return decoded_until_ + gst_util_uint64_scale(room, static_cast<guint64>(lead_ + step + number),
+                                                  static_cast<guint64>(lead_ + step));
 }
 
 }  // namespace gsve::gstreamer

@@ -31,8 +31,9 @@ struct RunPlan {
     std::string codec;
     std::vector<encoding::KeyValue> settings;  ///< as given, the codec's aside
     bool adapts = true;
-    bool has_captions = false;  ///< pictures have come with some
-    bool has_shape = false;     ///< pictures have come with an active format or bars
+    bool has_captions = false;       ///< pictures have come with some
+    bool has_shape = false;          ///< pictures have come with an active format or bars
+    GstClockTime decoded_until = 0;  ///< units of the run before go on until then
 };
 
 /// A setting that would have let one picture end the process, and what was set instead.
@@ -75,6 +76,9 @@ public:
     /// Pictures of the source by which units come later than their pictures, as far as seen; before the first
     /// unit, as far as the codec tells.
     uint64_t delay() const { return delay_; }
+
+    /// When the latest unit is decoded.
+    GstClockTime latest_decoding() const { return latest_decoding_; }
 
     /// Whether the codec has more pictures than it ever holds back: it refuses some, or all.
     bool is_stuck() const { return in_codec_.size() > most_held_back_; }
@@ -119,7 +123,9 @@ private:
     std::map<int64_t, CodecFramePtr> in_codec_;  ///< by number
     std::map<int64_t, GstClockTime> times_;      ///< of pictures whose time may yet be one of decoding
     GstClockTime first_time_ = GST_CLOCK_TIME_NONE;
+    GstClockTime decoded_until_ = 0;
     GstClockTime latest_decoding_ = 0;
+    int64_t lead_ = 0;  ///< pictures by which decoding begins before the first one is shown
     std::vector<FinishedUnit> finished_;
     std::vector<CodecFramePtr> dropped_;
     std::vector<uint8_t> first_unit_;

@@ -197,6 +197,7 @@ void Session::flush() {
     waiting_ = {};
     held_shape_ = {};
     next_time_ = latest_time_ = GST_CLOCK_TIME_NONE;
+    decoded_until_ = 0;
 }
 
 // One picture
@@ -205,7 +206,10 @@ GstFlowReturn Session::handle(CodecFramePtr frame) {
     GstFlowReturn flow = GST_FLOW_OK;
     const Changes changes = take_changes();
     give_time(*frame);
-    if (run_ && (changes.reopens || went_back(frame->pts))) flow = end_run();
+    if (went_back(frame->pts))
+        flow = end_times();
+    else if (run_ && changes.reopens)
+        flow = end_run();
     latest_time_ = frame->pts;
     if (run_) {
         for (const encoding::KeyValue& setting : changes.at_once) run_->apply(setting);
@@ -291,6 +295,7 @@ GstFlowReturn Session::open_run(const Ancillary& first) {
     plan.adapts = adapt();
     plan.has_captions = has_captions_;
     plan.has_shape = has_shape_;
+    plan.decoded_until = decoded_until_;
     {
         const std::lock_guard lock(settings_mutex_);
         plan.settings = settings_.all();
@@ -435,8 +440,16 @@ GstFlowReturn Session::end_run() {
     flow = first_bad(flow, push_out());
     captions_begin_ += run_->next_number();
     timecodes_begin_ += static_cast<int64_t>(run_->next_number());
+    decoded_until_ = run_->latest_decoding();
     const std::lock_guard lock(run_mutex_);
     run_.reset();
+    return flow;
+}
+
+GstFlowReturn Session::end_times() {
+    const GstFlowReturn flow = end_run();
+    next_time_ = latest_time_ = GST_CLOCK_TIME_NONE;
+    decoded_until_ = 0;
     return flow;
 }
 

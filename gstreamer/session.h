@@ -43,6 +43,9 @@ public:
     /// Ends the run where one is open: all its units leave. The next picture opens another.
     GstFlowReturn end_run();
 
+    /// The same, where the times that follow have nothing to do with those before.
+    GstFlowReturn end_times();
+
 private:
     /// What waits for the next picture that is encoded, as that of pictures that are not.
     struct Waiting {
@@ -98,6 +101,7 @@ private:
     std::optional<uint64_t> told_delay_;
     GstClockTime next_time_ = GST_CLOCK_TIME_NONE;
     GstClockTime latest_time_ = GST_CLOCK_TIME_NONE;
+    GstClockTime decoded_until_ = 0;  ///< by the runs so far
 
     std::optional<captions::ParityRepair> parity_;
     std::optional<encoding::CaptionTrack> captions_;

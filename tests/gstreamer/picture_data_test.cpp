@@ -397,8 +397,9 @@ TEST(Shapes, GoOutWithTheirPicturesAndAgainWithKeyPictures) {
         EXPECT_EQ(at(6).bars->top_end, 5);
         EXPECT_EQ(at(6).bars->bottom_begin, 42);
         for (const ElementUnit& unit : units)
-            if (unit.key && unit.shown() > static_cast<int64_t>(element.source().time_of(6)))
+            if (unit.key && unit.shown() > static_cast<int64_t>(element.source().time_of(6))) {
                 EXPECT_EQ(shapes[unit.shown()], at(6));
+            }
     }
 }
 

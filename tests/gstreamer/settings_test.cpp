@@ -108,6 +108,27 @@ TEST(SettingsInPlaying, ThatApplyAtOnceDoAtTheNextPicture) {
     EXPECT_EQ(filled(after), 0);
 }
 
+TEST(SettingsInPlaying, KeepDecodingInOrderHoweverManyPicturesAreReordered) {
+    for (const char* codec : {"mpeg-2", "h.264", "h.265"}) {
+        SCOPED_TRACE(codec);
+        HarnessedElement element(codec, {{"b-frames", "0"}, {"h-264-profile", "main"}});
+        element.push_range(0, 10);
+        element.set("b-frames", "4");
+        element.push_range(10, 30);
+        element.set("b-frames", "1");
+        element.push_range(30, 40);
+        element.end();
+        const std::vector<ElementUnit> units = element.take();
+        ASSERT_EQ(units.size(), 40u);
+        for (size_t n = 0; n < units.size(); n++) {
+            EXPECT_LE(units[n].dts, units[n].pts) << n;
+            if (n > 0) {
+                EXPECT_LT(units[n - 1].dts, units[n].dts) << n;
+            }
+        }
+    }
+}
+
 TEST(SettingsInPlaying, ChangeTheCodecOnTheWayWhereDownstreamTakesIt) {
     HarnessedElement element("", {{"codec", "mpeg-2"}});
     element.push_range(0, 10);

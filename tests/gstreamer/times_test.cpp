@@ -35,7 +35,9 @@ void expect_decodable(const std::vector<ElementUnit>& units) {
     for (size_t n = 0; n < units.size(); n++) {
         ASSERT_TRUE(GST_CLOCK_TIME_IS_VALID(units[n].dts)) << n;
         EXPECT_LE(units[n].dts, units[n].pts) << n;
-        if (n > 0) EXPECT_LT(units[n - 1].dts, units[n].dts) << n;
+        if (n > 0) {
+            EXPECT_LT(units[n - 1].dts, units[n].dts) << n;
+        }
     }
 }
 
