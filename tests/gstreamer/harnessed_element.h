@@ -52,7 +52,7 @@ struct Source {
     int width = 64, height = 48;
     int rate_num = 30, rate_den = 1;
     std::string format = "I420";
-    std::string more;  ///< further caps, from a comma on
+    std::string more = {};  ///< further caps, from a comma on
 
     std::string caps() const {
         return "video/x-raw, format=" + format + ", width=" + std::to_string(width) +

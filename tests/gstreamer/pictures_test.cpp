@@ -309,7 +309,8 @@ TEST(Pictures, OfOneFieldShowThatFieldAlone) {
             gst_buffer_map(buffer, &map, GST_MAP_WRITE);
             for (int row = 0; row < 48; row++) std::memset(map.data + 64 * row, row % 2 ? 40 : 200, 64);
             gst_buffer_unmap(buffer, &map);
-            set_flags(buffer, GST_VIDEO_BUFFER_FLAG_ONEFIELD | (top ? GST_VIDEO_BUFFER_FLAG_TFF : 0u));
+            set_flags(buffer, GST_VIDEO_BUFFER_FLAG_ONEFIELD);
+            if (top) set_flags(buffer, GST_VIDEO_BUFFER_FLAG_TFF);
         });
         const std::vector<DecodedPicture> decoded = decode(AV_CODEC_ID_MPEG2VIDEO, as_units(units));
         ASSERT_EQ(decoded.size(), 3u);
