@@ -459,7 +459,11 @@ GstFlowReturn Session::push_out() {
     for (CodecFramePtr& frame : run_->take_dropped()) flow = first_bad(flow, leave_out(std::move(frame)));
     for (FinishedUnit& unit : run_->take_units()) {
         unit.frame->output_buffer = unit.bytes;
-        if (!told_caps_ && !tell_caps()) flow = first_bad(flow, GST_FLOW_NOT_NEGOTIATED);
+        // A flush on its way lets no caps through, and is no fault of theirs.
+        if (!told_caps_ && !tell_caps())
+            flow = first_bad(flow, GST_PAD_IS_FLUSHING(GST_VIDEO_ENCODER_SRC_PAD(element_))
+                                       ? GST_FLOW_FLUSHING
+                                       : GST_FLOW_NOT_NEGOTIATED);
         flow = first_bad(flow, gst_video_encoder_finish_frame(element_, unit.frame.release()));
     }
     return flow;
