@@ -19,7 +19,14 @@ public:
     ConstantRate(AVRational time_base, AVRational frame_rate)
         : time_base_(time_base), place_duration_(av_inv_q(frame_rate)) {}
 
-    /// Takes a picture with its time. The first one's begins the run.
+    /// Begins at a place, in place of the first picture's. What is there is the last picture at or before it.
+    void begin_at(int64_t place) {
+        waiting_.clear();
+        end_.reset();
+        next_ = place;
+    }
+
+    /// Takes a picture with its time. The first one's begins the run, unless it was told where.
     void put(FramePtr frame) {
         frame->pts = place_of(frame->pts);
         if (!next_) next_ = frame->pts;
@@ -45,6 +52,9 @@ public:
         return frame;
     }
 
+    /// Where a picture of this time has its place.
+    int64_t place_of(int64_t time) const { return av_rescale_q(time, time_base_, place_duration_); }
+
     /// Whether take() has given all there was, after finish().
     bool at_end() const { return end_ && waiting_.empty(); }
 
@@ -53,8 +63,6 @@ private:
     bool is_over(int64_t place) const {
         return (waiting_.size() > 1 && waiting_[1]->pts <= place) || (end_ && *end_ <= place);
     }
-
-    int64_t place_of(int64_t time) const { return av_rescale_q(time, time_base_, place_duration_); }
 
     AVRational time_base_;
     AVRational place_duration_;

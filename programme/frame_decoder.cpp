@@ -89,6 +89,7 @@ bool FrameDecoder::next() {
         frame.sample_aspect_ratio = sample_aspect(source_.sample_aspect(), frame.sample_aspect_ratio);
         if (changes_shape(frame)) return false;
         const int64_t unit = number_of(frame);
+        if (begin_ && frame.best_effort_timestamp + offset_ < *begin_) continue;
         attach_shape(frame, unit);
         frame.pts = continuous_time(frame);
         note_shown(frame, unit);
@@ -119,6 +120,12 @@ bool FrameDecoder::feed() {
     note_complaints();
     if (sent == AVERROR_INVALIDDATA) finder_.refused();
     return sent == 0 || sent == AVERROR_INVALIDDATA || fail(sent);
+}
+
+void FrameDecoder::go_on_from(int64_t pts) {
+    avcodec_flush_buffers(decoder_.get());
+    decoded_all_ = read_all_ = false;
+    begin_ = time_ = next_time_ = pts - origin_;
 }
 
 /// Ends decoding, before the stream's end.

@@ -7,6 +7,7 @@
 #include <limits>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -60,6 +61,13 @@ public:
     /// Skips pauses that are longer. In seconds.
     void repeat_for(double longest) { longest_repeat_ = longest; }
 
+    /// Goes on with a key picture of the source, which the caller has it go to. What is shown before that one
+    /// is left out, since it may refer to what is not decoded.
+    void go_on_from(int64_t pts);
+
+    /// The time that a key picture's frame().pts will be.
+    int64_t time_of(const KeyPicture& key) const { return key.pts - origin_; }
+
     /// Where no picture came for two seconds or longer, or for longer than pictures are repeated, so far.
     const std::vector<Pause>& pauses() const { return pauses_; }
 
@@ -106,7 +114,8 @@ private:
     int64_t next_time_ = 0;  ///< expected of the next picture
     int64_t offset_ = 0;     ///< added to the time line's times
     int64_t origin_ = 0;
-    bool placed_ = false;  ///< origin_ is known
+    bool placed_ = false;           ///< origin_ is known
+    std::optional<int64_t> begin_;  ///< in frame().pts: what is shown before is left out
     double longest_repeat_ = std::numeric_limits<double>::infinity();
     mutable std::mutex pauses_mutex_;
     std::vector<Pause> pauses_;

@@ -170,6 +170,26 @@ std::optional<Picture> Input::next() {
     return picture_;
 }
 
+bool Input::begin_at(uint64_t number, const KeyIndex& index) {
+    ConstantRate& rate = converter_->rate();
+    const auto place = static_cast<int64_t>(number);
+    std::optional<KeyPicture> key;
+    for (const KeyPicture& other : index.keys)
+        if (rate.place_of(decoder_.time_of(other)) <= place && (!key || other.pts > key->pts)) key = other;
+    // What has been decoded already is nearer than any key picture in it.
+    const bool found = key && decoder_.time_of(*key) > decoder_.end_time();
+    if (found) {
+        if (!packets_.go_to(*key)) return false;
+        decoder_.go_on_from(key->pts);
+        rate.begin_at(place);
+        first_decoded_.reset();
+    }
+    for (uint64_t at = found ? number - 1 : 0; at < number; at++)
+        if (!advance()) throw Failure(fmt::format("the input has no picture {}", number));
+    produced_ = number;
+    return true;
+}
+
 void Input::work_in_threads() {
     // Enough that an I-picture, which takes long to decode, does not keep the others waiting; few enough that
     // high definition does not fill the memory.
@@ -190,6 +210,15 @@ void Input::work_in_threads() {
 std::vector<PacketPtr> Input::take_packets() { return std::exchange(converted_.packets, {}); }
 
 std::vector<SourceCaptions> Input::take_captions() { return std::exchange(converted_.captions, {}); }
+
+std::unique_ptr<Input> open_input_at(const std::string& path, const InputOptions& options, StopRequest stop,
+                                     uint64_t number, const KeyIndex& index) {
+    auto input = std::make_unique<Input>(path, options, stop);
+    if (input->begin_at(number, index)) return input;
+    input = std::make_unique<Input>(path, options, std::move(stop));
+    input->begin_at(number, {});
+    return input;
+}
 
 std::optional<uint64_t> Input::expected_pictures() const {
     if (packets_.stream().nb_frames > 0 && av_cmp_q(format_.frame_rate, own_rate()) == 0)

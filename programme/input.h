@@ -63,6 +63,12 @@ public:
     /// they are so large that they would fill the memory.
     void read_ahead(double seconds);
 
+    /// Makes the picture of this number the next one, and first(). Decodes from the key picture before it
+    /// that `index` has, or all that lies between. To be called before next(). False where the container does
+    /// not lead to the key picture: the input is of no use then. Throws Failure where there is no such
+    /// picture.
+    bool begin_at(uint64_t number, const KeyIndex& index);
+
     /// From the next picture on, reads, decodes and converts in threads of their own, some pictures ahead of
     /// next(), until that gives nothing any more. What next() and the take functions give is the same. What
     /// is told of the whole input may be asked for once next() has given nothing.
@@ -178,5 +184,10 @@ private:
     // In the order of the work: each waits for the one before.
     std::unique_ptr<Ahead<Found>> decoding_, converting_;
 };
+
+/// Opens `path` with its first picture the one of this number: from the key picture before it that `index`
+/// has, or, where the container does not lead there, from the beginning. Throws Failure as Input does.
+std::unique_ptr<Input> open_input_at(const std::string& path, const InputOptions& options, StopRequest stop,
+                                     uint64_t number, const KeyIndex& index);
 
 }  // namespace gsve::programme

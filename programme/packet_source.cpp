@@ -4,6 +4,7 @@
 #include <cmath>
 #include <filesystem>
 #include <iterator>
+#include <limits>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -71,6 +72,27 @@ int PacketSource::next(AVPacket& packet) {
     sample_aspect_ = read->sample_aspect;
     if (read->result >= 0) av_packet_move_ref(&packet, read->packet.get());
     return read->result;
+}
+
+bool PacketSource::go_to(const KeyPicture& key) {
+    // Containers are searched by the one time or the other; a little too early is no harm.
+    const int64_t time = std::min(key.dts, key.pts);
+    if (avformat_seek_file(format_.get(), stream_->index, std::numeric_limits<int64_t>::min(), time, time,
+                           0) < 0)
+        return false;
+    timeline_ = Timeline(timed_streams(), format_->iformat->flags & AVFMT_TS_DISCONT);
+    ahead_.clear();
+    others_.clear();
+    others_read_.clear();
+    av_packet_unref(held_.get());
+    end_ = read_end_ = end_met_ = 0;
+    while (const AVPacket* packet = look_ahead(0)) {
+        const bool is_key = packet->flags & AV_PKT_FLAG_KEY;
+        if (is_key && packet->pts == key.pts) return true;
+        if (is_key && packet->pts != AV_NOPTS_VALUE && packet->pts > key.pts) return false;
+        ahead_.clear();
+    }
+    return false;
 }
 
 void PacketSource::read_in_thread() {

@@ -15,6 +15,7 @@
 #include "programme/av.h"
 #include "programme/caption_packets.h"
 #include "programme/decoder_log.h"
+#include "programme/key_index.h"
 #include "programme/open_input.h"
 #include "programme/stream_plan.h"
 #include "programme/timeline.h"
@@ -63,6 +64,9 @@ public:
 
     /// The samples' aspect ratio as the container has it for the packet that next() gave last.
     AVRational sample_aspect() const { return sample_aspect_; }
+
+    /// Goes on with a key picture. False where the container does not lead there; nothing can be read then.
+    bool go_to(const KeyPicture& key);
 
     /// From now on, reads in a thread of its own, some packets ahead of next(). What is told of the whole
     /// file may be asked for once next() has come to the end, or after stop_reading().

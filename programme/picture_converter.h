@@ -27,6 +27,8 @@ public:
     /// What is changed on the way, a line each; empty where nothing is.
     const std::string& notes() const { return notes_; }
 
+    ConstantRate& rate() { return rate_; }
+
     /// Takes a picture, and leaves an empty frame.
     void send(AVFrame& frame);
 

@@ -1,0 +1,33 @@
+#pragma once
+
+// Where decoding may begin in a file.
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "programme/stream_choice.h"
+
+namespace gsve::programme {
+
+/// A coded picture that needs none before it. Times are the container's, in the stream's unit.
+struct KeyPicture {
+    int64_t dts = 0;  ///< where the container does not tell, as pts
+    int64_t pts = 0;
+
+    friend bool operator==(const KeyPicture&, const KeyPicture&) = default;
+};
+
+struct KeyIndex {
+    std::vector<KeyPicture>
+        keys;              ///< in the order of decoding; empty where a picture cannot be found by its time
+    std::string why_none;  ///< then, the reason
+
+    friend bool operator==(const KeyIndex&, const KeyIndex&) = default;
+};
+
+/// Reads all packets of a file, and decodes none. `longest_repeat`: pauses that last longer, in seconds, are
+/// none of the pictures' time. Throws Failure where there is no such file, or no picture in it.
+KeyIndex index_keys(const std::string& path, const StreamChoice& choice, double longest_repeat);
+
+}  // namespace gsve::programme
