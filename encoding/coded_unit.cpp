@@ -101,14 +101,15 @@ UnitContents read_mpeg_video(Bytes unit) {
     return contents;
 }
 
-/// Whether one of the NAL units is of a picture after which nothing refers to earlier ones.
-bool holds_idr(AVCodecID codec, Bytes unit) {
-    constexpr int kH264Idr = 5, kH265IdrWithLeading = 19, kH265Idr = 20;
+/// Whether one of the NAL units is of a picture after which nothing that is decoded refers to earlier ones.
+bool closes_gop(AVCodecID codec, Bytes unit) {
+    constexpr int kH264Idr = 5, kH265BrokenWithDecodableLeading = 17, kH265Idr = 20;  // and what lies between
     const std::vector<Section> nals = sections(unit);
     return std::any_of(nals.begin(), nals.end(), [codec](const Section& nal) {
         const int h265_type = nal.bytes[0] >> 1 & 0x3F;
-        return codec == AV_CODEC_ID_H264 ? (nal.bytes[0] & 0x1F) == kH264Idr
-                                         : h265_type == kH265IdrWithLeading || h265_type == kH265Idr;
+        return codec == AV_CODEC_ID_H264
+                   ? (nal.bytes[0] & 0x1F) == kH264Idr
+                   : h265_type >= kH265BrokenWithDecodableLeading && h265_type <= kH265Idr;
     });
 }
 
@@ -122,7 +123,7 @@ UnitContents read_unit(AVCodecID codec, std::span<const uint8_t> unit, bool key)
     if (is_mpeg_video(codec)) return read_mpeg_video(unit);
     const bool has_nal_units = codec == AV_CODEC_ID_H264 || codec == AV_CODEC_ID_HEVC;
     UnitContents contents;
-    if (has_nal_units && holds_idr(codec, unit))
+    if (has_nal_units && closes_gop(codec, unit))
         contents.gop = GopStart{.closed = true, .broken_link = false, .timecode = {}};
     else if (key)
         contents.gop = GopStart{.closed = !has_nal_units, .broken_link = false, .timecode = {}};

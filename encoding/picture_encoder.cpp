@@ -178,6 +178,14 @@ PictureFate PictureEncoder::push(const PictureView& picture, const Ancillary& an
     return input_frame_count == taken ? PictureFate::kSkipped : PictureFate::kDropped;
 }
 
+void PictureEncoder::close_gops(bool on) {
+    if (codec_id != kMpeg2 || closed_gop || !mpeg_context) return;
+    if (on)
+        mpeg_context->flags |= AV_CODEC_FLAG_CLOSED_GOP;
+    else
+        mpeg_context->flags &= ~AV_CODEC_FLAG_CLOSED_GOP;
+}
+
 uint64_t PictureEncoder::drain() {
     uint64_t units = 0;
     draining_ = true;

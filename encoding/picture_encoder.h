@@ -137,6 +137,10 @@ public:
     /// Encodes one picture. Throws Failure where the encoder cannot go on, and what the receiver threw.
     PictureFate push(const PictureView& picture, const Ancillary& ancillary);
 
+    /// MPEG-2: GOPs that begin while it is on are closed, whatever the setting "closed gop" says. Told some
+    /// pictures ahead, since the codec orders pictures by what follows.
+    void close_gops(bool on);
+
     /// Fetches the pictures that the codec still holds; afterwards the encoder takes no more. Returns how
     /// many there were.
     uint64_t drain();

@@ -85,6 +85,23 @@ void check(const SoundChoice& sound, const EncodeJob& job) {
             "--loudness reads the input twice, which a pipe cannot be: store it in a file first");
 }
 
+/// Throws UsageError for a range that needs what only the whole programme tells.
+void check_range(const EncodeJob& job, Container container) {
+    if (!job.range) return;
+    if (job.range->begin >= job.range->end)
+        throw UsageError(
+            fmt::format("the range of pictures from {} to {} is empty", job.range->begin, job.range->end));
+    if (container != Container::kElementary)
+        throw UsageError(
+            "a range of pictures goes into an elementary stream: name a .m2v, .h264 or .h265 file");
+    if (job.captions.carry_over && job.captions.files.empty())
+        throw UsageError(
+            "a range of pictures cannot take the input's captions, which the whole would place: give them in "
+            "a "
+            "file");
+    if (job.adapt) throw UsageError("a range of pictures cannot follow the processor's load");
+}
+
 }  // namespace
 
 void check(const EncodeJob& job) {
@@ -97,6 +114,7 @@ void check(const EncodeJob& job) {
             "--timecode: {} has no place for one in {}; name a .mov, .mp4 or .mkv file", codec, job.output));
     job_frame_rate(job);
     check_output(job.output, job.format, job.input);
+    check_range(job, format.container);
     check(job.sound, job);
     if (format.container == Container::kMxf) {
         if (codec == "h.265") throw UsageError("MXF does not take h.265; choose mpeg-2 or h.264");

@@ -2,12 +2,14 @@
 
 // Everything that one encoding is told: a value that a command, a farm's chunk and a test describe alike.
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "captions/timecode.h"
+#include "programme/key_index.h"
 #include "programme/stream_choice.h"
 
 namespace gsve::programme {
@@ -30,6 +32,18 @@ inline constexpr const char* kSourceTimecode = "source";
 /// A setting's key and value, as GeneralStreamingVideoEncoder::on_set() takes them.
 using JobSetting = std::pair<std::string, std::string>;
 
+/// A part of a programme, which is encoded as it would be in the whole, but for its first picture, which
+/// needs none before it. Pictures are numbered from 0 at the job's frame rate.
+struct PictureRange {
+    uint64_t begin = 0;
+    uint64_t end = 0;      ///< the picture after the last one
+    uint64_t warm_up = 0;  ///< so many before the first are encoded and thrown away, for the rate control
+    std::optional<KeyPicture>
+        key;  ///< of the input, with which decoding may begin; nothing: with the first one
+
+    friend bool operator==(const PictureRange&, const PictureRange&) = default;
+};
+
 struct EncodeJob {
     std::string input;
     std::string output;                ///< a file's name; "-": standard output
@@ -47,7 +61,8 @@ struct EncodeJob {
     bool keep_colour = false;  ///< leave sample values as they are where the size calls for another matrix
     std::string timecode;      ///< of the first picture, at the encoded rate; kSourceTimecode; empty: none
     bool adapt = false;        ///< let the processor's load coarsen MPEG-2 pictures
-    bool quality = false;      ///< measure each picture's PSNR and SSIM, which changes no byte
+    std::optional<PictureRange> range;  ///< nothing: the whole programme
+    bool quality = false;               ///< measure each picture's PSNR and SSIM, which changes no byte
     int threads = 0;          ///< of the codec; 0: as it chooses on this machine, which the result then tells
     int decoder_threads = 0;  ///< of the input's; 0: as fits its codec, which the result then tells
 

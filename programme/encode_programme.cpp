@@ -24,6 +24,7 @@ extern "C" {
 #include "encoding/error.h"
 #include "encoding/frame_rate.h"
 #include "encoding/picture_encoder.h"
+#include "encoding/start_codes.h"
 #include "encoding/status.h"
 #include "encoding/status_text.h"
 #include "encoding/timecode_track.h"
@@ -45,6 +46,18 @@ using encoding::PictureEncoder;
 using encoding::PictureFate;
 using encoding::TimecodeTrack;
 using Clock = std::chrono::steady_clock;
+
+/// The key picture of H.265 with which a part begins, whatever stands before it: libx265 codes it as one of
+/// clean random access (CRA_NUT), which within a stream refers to the order of the pictures before. As
+/// BLA_N_LP it begins the order anew (ITU-T H.265, 7.4.2.2 and 8.1.3); the two have the same syntax.
+std::vector<uint8_t> beginning_anew(std::span<const uint8_t> unit) {
+    constexpr uint8_t kCra = 21, kBroken = 18;
+    std::vector<uint8_t> bytes(unit.begin(), unit.end());
+    for (const encoding::Section& nal : encoding::nal_units(unit))
+        if ((nal.bytes[0] >> 1 & 0x3F) == kCra)
+            bytes[static_cast<size_t>(nal.bytes.data() - unit.data())] = kBroken << 1;
+    return bytes;
+}
 
 /// As "resize" has it; 0x0 where it is the source's.
 encoding::PictureSize encoded_size(const EncodeJob& job) {
@@ -121,6 +134,13 @@ public:
 private:
     void configure_encoder();
     void encode_all();
+    void begin_range();
+    StopRequest stop_request() {
+        return [this] { return given_up_ || observer_.stop_reason() != 0; };
+    }
+    bool is_wanted(int64_t number) const {
+        return !job_.range || number >= static_cast<int64_t>(job_.range->begin);
+    }
     void open_encoder();
     void open_captions();
     void open_timecodes();
@@ -131,6 +151,7 @@ private:
     void encode(const Picture& picture);
     void take_in_captions();
     Ancillary ancillary_of(const Picture& picture);
+    void begin_independently(Ancillary& ancillary, uint64_t number);
     void finish();
     EncodeResult result();
     void note(const std::string& lines);
@@ -141,7 +162,7 @@ private:
     Observer& observer_;
     const OutputFormat format_;
     std::atomic<bool> given_up_ = false;  ///< since something failed: what the input still gives is of no use
-    Input input_;
+    std::optional<Input> input_;
     PictureEncoder encoder_;
     CaptionForms forms_;
     std::optional<CaptionTrack> captions_;
@@ -155,6 +176,7 @@ private:
     std::unique_ptr<Output> output_;
     std::optional<Delivery> delivery_;
     std::optional<QualityMeter> quality_;
+    uint64_t first_number_ = 0;  ///< of the pictures that the encoder is offered
     std::string notes_;
     Tally tally_;
     Clock::time_point start_;
@@ -165,21 +187,22 @@ ProgrammeEncoding::ProgrammeEncoding(const EncodeJob& job, Observer& observer)
     : job_(job),
       observer_(observer),
       format_(output_of(job)),
-      input_(job.input, input_options(job), [this] { return given_up_ || observer_.stop_reason() != 0; }),
+      input_(std::in_place, job.input, input_options(job), stop_request()),
       encoder_(std::filesystem::path(job.output).stem()),
-      services_(encoding::caption_rate(input_.format().frame_rate)),
-      tally_(encoding::caption_rate(input_.format().frame_rate)) {}
+      services_(encoding::caption_rate(input_->format().frame_rate)),
+      tally_(encoding::caption_rate(input_->format().frame_rate)) {}
 
 EncodeResult ProgrammeEncoding::run() {
-    note(input_.notes());
+    note(input_->notes());
     configure_encoder();
     open_encoder();
     open_captions();
     open_timecodes();
+    if (job_.range) begin_range();
     open_output();
 
     start_ = Clock::now();
-    observer_.begin(input_.expected_pictures());
+    observer_.begin(input_->expected_pictures());
     try {
         encode_all();
     } catch (...) {
@@ -187,7 +210,7 @@ EncodeResult ProgrammeEncoding::run() {
         throw;
     }
     finish();
-    note(input_.timing_notes());
+    note(input_->timing_notes());
     note(companions_->notes(*output_));
     if (const uint64_t unreadable = encoder_.unreadable_headers(); unreadable > 0)
         note(fmt::format(
@@ -207,20 +230,49 @@ void ProgrammeEncoding::note(const std::string& lines) {
 void ProgrammeEncoding::encode_all() {
     delivery_.emplace(*companions_, *output_, [this] { given_up_ = true; });
     if (job_.quality) quality_.emplace(encoder_);
-    input_.work_in_threads();
-    while (const std::optional<Picture> picture = input_.next()) encode(*picture);
+    input_->work_in_threads();
+    while (const std::optional<Picture> picture = input_->next()) {
+        if (job_.range && picture->number >= job_.range->end) break;
+        encode(*picture);
+    }
+    input_->end_threads();
     tally_.held_back = encoder_.drain();
     delivery_->finish();
 }
 
+/// Brings everything to the state in which the whole programme has it at the first picture of the warm-up:
+/// the input, the phase of the frame-rate division, captions and time codes.
+void ProgrammeEncoding::begin_range() {
+    const PictureRange& range = *job_.range;
+    // Fields of captions alternate between pictures where the rate is high.
+    const uint64_t step = 2 * uint64_t{encoder_.frame_rate_divider};
+    const uint64_t wanted = range.begin - std::min(range.begin, range.warm_up);
+    first_number_ = wanted - wanted % step;
+    if (range.begin % encoder_.frame_rate_divider != 0)
+        throw UsageError(
+            fmt::format("a range of pictures cannot begin with picture {}, which is left out", range.begin));
+    KeyIndex index;
+    if (range.key) index.keys = {*range.key};
+    if (!input_->begin_at(first_number_, index)) {
+        input_.emplace(job_.input, input_options(job_), stop_request());
+        input_->begin_at(first_number_, {});
+    }
+    for (uint64_t number = 0; number < first_number_; number += encoder_.frame_rate_divider) {
+        services_.note(static_cast<int64_t>(number),
+                       captions_->next(number, number / encoder_.frame_rate_divider));
+        captions_->after(PictureFate::kEncoded);
+        captions_->emitted({.bytes = {}, .pts = static_cast<int64_t>(number), .ancillary = true});
+    }
+}
+
 void ProgrammeEncoding::configure_encoder() {
     encoder_.adapt_to_load(job_.adapt);
-    encoder_.describe_source(input_.format());
+    encoder_.describe_source(input_->format());
     for (const auto& [key, value] : job_.settings) encoder_.apply(key, value);
     if (job_.threads > 0) encoder_.apply("maximum threads", std::to_string(job_.threads));
     choose_caption_forms(encoder_,
                          {.wanted = job_.captions.carry_over,
-                          .present = input_.has_captions() || has_files(),
+                          .present = input_->has_captions() || has_files(),
                           .scte20 = job_.captions.scte20},
                          job_.decided);
     if (format_.container == Container::kHls && setting_of(job_, "closed gop").empty()) {
@@ -235,7 +287,7 @@ void ProgrammeEncoding::configure_encoder() {
 }
 
 void ProgrammeEncoding::open_encoder() {
-    if (!encoder_.open(signalled_by(input_.first()))) {
+    if (!encoder_.open(signalled_by(input_->first()))) {
         if (!encoder_.enabled)
             throw UsageError("the setting \"enable\" is off, so that nothing would be encoded");
         const std::string notes = encoding::one_line(encoder_.last_notes);
@@ -250,12 +302,19 @@ void ProgrammeEncoding::open_encoder() {
             "make the job for {}",
             job_.threads, threads, threads));
     job_.threads = threads;
-    job_.decoder_threads = input_.decoder_threads();
-    encoder_.send_units_to([this](const encoding::EncodedUnit& unit) {
-        delivery_->write(unit);
+    job_.decoder_threads = input_->decoder_threads();
+    encoder_.send_units_to([this](encoding::EncodedUnit unit) {
+        unit.pts += static_cast<int64_t>(first_number_);
+        unit.dts += static_cast<int64_t>(first_number_);
         if (quality_) quality_->unit(unit);
-        tally_.unit(unit);
         captions_->emitted(unit);
+        if (!is_wanted(unit.pts)) return;
+        const bool begins =
+            job_.range && job_.range->begin > 0 && unit.pts == static_cast<int64_t>(job_.range->begin);
+        std::vector<uint8_t> anew;
+        if (begins && encoder_.codec_id == encoding::kH265) unit.bytes = anew = beginning_anew(unit.bytes);
+        delivery_->write(unit);
+        tally_.unit(unit);
     });
 }
 
@@ -263,12 +322,12 @@ void ProgrammeEncoding::open_captions() {
     forms_ = caption_forms(encoder_, job_.captions.scte20);
     encoder_.carry_line_rate(forms_.line_rate);
     if (forms_.scte20) encoder_.carry_scte20();
-    const captions::FrameRate source = encoding::caption_rate(input_.own_rate());
+    const captions::FrameRate source = encoding::caption_rate(input_->own_rate());
     const captions::FrameRate encoded = encoding::caption_rate(encoder_.encoded_rate());
     captions_.emplace(forms_, source, encoded);
-    caption_source_ = has_files()                                         ? "file"
-                      : job_.captions.carry_over && input_.has_captions() ? "input"
-                                                                          : "none";
+    caption_source_ = has_files()                                          ? "file"
+                      : job_.captions.carry_over && input_->has_captions() ? "input"
+                                                                           : "none";
     if (caption_source_ != "none") check_caption_settings(encoder_, forms_);
     if (has_files()) {
         if (!forms_.pairs())
@@ -276,7 +335,7 @@ void ProgrammeEncoding::open_captions() {
         captions_->load(load_caption_files(job_.captions, {encoder_.frame_rate_num, encoder_.frame_rate_den},
                                            encoded, forms_.line_rate, caption_report_));
     } else if (caption_source_ == "input" && forms_.pairs()) {
-        input_.read_ahead(input_.captions_behind() / source.per_second() + captions_->foresight());
+        input_->read_ahead(input_->captions_behind() / source.per_second() + captions_->foresight());
     }
     for (const std::string& line : caption_report_.lines()) note(line + "\n");
 }
@@ -284,9 +343,9 @@ void ProgrammeEncoding::open_captions() {
 void ProgrammeEncoding::open_timecodes() {
     // A container's own place is filled with the input's time code unasked; GOP headers only where it is
     // wanted.
-    const bool carried = job_.timecode.empty() && format_.has_timecode() && !input_.timecode().empty();
-    if (job_.timecode.empty() && !format_.has_timecode() && input_.container_has_timecode())
-        note(fmt::format("the input's time code {} is left out: {}\n", input_.timecode(),
+    const bool carried = job_.timecode.empty() && format_.has_timecode() && !input_->timecode().empty();
+    if (job_.timecode.empty() && !format_.has_timecode() && input_->container_has_timecode())
+        note(fmt::format("the input's time code {} is left out: {}\n", input_->timecode(),
                          encoder_.codec_id == encoding::kMpeg2 ? "--timecode source carries it in GOP headers"
                          : encoder_.codec_id == encoding::kH265
                              ? "--timecode source carries it in SEI messages"
@@ -294,12 +353,12 @@ void ProgrammeEncoding::open_timecodes() {
     if (job_.timecode.empty() && !carried) return;
     const bool of_input = carried || job_.timecode == kSourceTimecode;
     const captions::FrameRate encoded = encoding::caption_rate(encoder_.encoded_rate());
-    const captions::FrameRate counting = of_input ? encoding::caption_rate(input_.own_rate()) : encoded;
+    const captions::FrameRate counting = of_input ? encoding::caption_rate(input_->own_rate()) : encoded;
     try {
         const TimecodeTrack track(
-            first_timecode(of_input ? kSourceTimecode : job_.timecode, input_.timecode(), counting),
+            first_timecode(of_input ? kSourceTimecode : job_.timecode, input_->timecode(), counting),
             encoding::TimecodeRates{.counting = counting,
-                                    .source = encoding::caption_rate(input_.format().frame_rate),
+                                    .source = encoding::caption_rate(input_->format().frame_rate),
                                     .encoded = encoded,
                                     .divider = encoder_.frame_rate_divider});
         first_timecode_ = format_timecode(track.at(0));
@@ -321,12 +380,12 @@ std::map<int, Loudness> ProgrammeEncoding::measured_loudness() {
     for (const auto& [index, loudness] : measured)
         if (!loudness.integrated)
             note(fmt::format("{} is too quiet or short to have a loudness, and stays as it is\n",
-                             describe(*input_.container().streams[index])));
+                             describe(*input_->container().streams[index])));
     return measured;
 }
 
 void ProgrammeEncoding::open_output() {
-    companions_.emplace(input_, job_.sound, format_, measured_loudness());
+    companions_.emplace(*input_, job_.sound, format_, measured_loudness());
     note(companions_->opening_notes());
     Companions companions = companions_->companions();
     companions.transport = job_.transport;
@@ -381,22 +440,24 @@ void ProgrammeEncoding::check_mxf_rate() const {
 
 void ProgrammeEncoding::encode(const Picture& picture) {
     take_in_captions();
-    delivery_->pass(input_.take_packets());
+    delivery_->pass(input_->take_packets());
     const Ancillary ancillary = ancillary_of(picture);
-    const PictureFate fate = encoder_.push(picture.view(), ancillary);
+    encoding::PictureView view = picture.view();
+    view.number -= first_number_;
+    const PictureFate fate = encoder_.push(view, ancillary);
     if (quality_ && fate == PictureFate::kEncoded) quality_->given(*encoder_.mpeg_frame, picture.number);
     captions_->after(fate);
     if (fate == PictureFate::kDropped && untold_shape_.empty()) untold_shape_ = ancillary.shape;
-    tally_.picture(fate);
+    if (is_wanted(static_cast<int64_t>(picture.number))) tally_.picture(fate);
     observer_.progress(tally_);
 }
 
 /// The captions of all pictures that have been decoded, ahead of those that are encoded.
 void ProgrammeEncoding::take_in_captions() {
-    for (SourceCaptions& decoded : input_.take_captions()) {
+    for (SourceCaptions& decoded : input_->take_captions()) {
         if (captions_->push(decoded.frame, std::move(decoded.captions)).all() > 0) caption_source_ = "input";
     }
-    if (input_.decoded_all()) captions_->finish();
+    if (input_->decoded_all()) captions_->finish();
 }
 
 Ancillary ProgrammeEncoding::ancillary_of(const Picture& picture) {
@@ -404,12 +465,15 @@ Ancillary ProgrammeEncoding::ancillary_of(const Picture& picture) {
     const auto number = static_cast<int64_t>(picture.number);
     if (timecodes_ && job_.timecode == kSourceTimecode) timecodes_->follow(number, picture.timecode);
     if (ancillary.shape.empty()) ancillary.shape = untold_shape_;
-    untold_shape_ = encoder_.takes(picture.number) ? encoding::PictureShape() : ancillary.shape;
-    if (!encoder_.takes(picture.number)) return ancillary;
+    const bool taken = encoder_.takes(picture.number - first_number_);
+    untold_shape_ = taken ? encoding::PictureShape() : ancillary.shape;
+    if (!taken) return ancillary;
+    if (job_.range && job_.range->begin > 0) begin_independently(ancillary, picture.number);
     if (timecodes_)
         ancillary.timecode = captions::gop_timecode(
             timecodes_->at(number / static_cast<int64_t>(encoder_.frame_rate_divider)));
-    ancillary.captions = captions_->next(picture.number, encoder_.input_frame_count);
+    ancillary.captions = captions_->next(
+        picture.number, first_number_ / encoder_.frame_rate_divider + encoder_.input_frame_count);
     services_.note(number, ancillary.captions);
     // Readers take the order of the fields from the picture's top_field_first, which is 0 in progressive
     // ones.
@@ -418,8 +482,17 @@ Ancillary ProgrammeEncoding::ancillary_of(const Picture& picture) {
     return ancillary;
 }
 
+/// The first picture of a range is a key picture, and none that is shown before it is coded after it.
+void ProgrammeEncoding::begin_independently(Ancillary& ancillary, uint64_t number) {
+    const uint64_t begin = job_.range->begin;
+    const uint64_t reach =
+        (static_cast<uint64_t>(std::max(encoder_.b_frames, 0)) + 2) * encoder_.frame_rate_divider;
+    ancillary.key = number == begin;
+    encoder_.close_gops(number + reach >= begin && number <= begin + reach);
+}
+
 void ProgrammeEncoding::finish() {
-    companions_->finish(*output_, input_.origin() + input_.time_of(static_cast<int64_t>(tally_.pictures)));
+    companions_->finish(*output_, input_->origin() + input_->time_of(static_cast<int64_t>(tally_.pictures)));
     output_->declare_captions(services_.names());
     // Packets are read ahead of the pictures, and more so the farther the codec looks ahead.
     if (observer_.stop_reason() != 0) output_->end_with_picture();
@@ -437,22 +510,24 @@ EncodeResult ProgrammeEncoding::result() {
     result.adapts_to_load = encoder_.codec_id == encoding::kMpeg2 && job_.adapt;
     result.repeatable = repeats_its_bytes(encoder_, result.adapts_to_load);
     result.streams = companions_->accounts();
-    result.captions = captions_->account(encoder_.input_frame_count);
+    result.captions =
+        captions_->account(first_number_ / encoder_.frame_rate_divider + encoder_.input_frame_count);
     result.captions.source = caption_source_;
-    result.captions.parity = input_.parity_damage();
+    result.captions.parity = input_->parity_damage();
     result.captions.warnings = count_warnings(caption_report_);
     if (forms_.cc) result.captions.pairs_after_last_cc = encoder_.pairs_after_last_cc();
     result.timecode = first_timecode_;
     result.stopped_by = observer_.stop_reason();
-    if (result.stopped_by == 0 && input_.decoded() != tally_.pictures)
-        result.source_pictures = input_.decoded();
+    if (result.stopped_by == 0 && !job_.range && input_->decoded() != tally_.pictures)
+        result.source_pictures = input_->decoded();
     result.status = encoding::status_pairs(encoder_, encoder_.output_name());
     result.tally = tally_;
     result.elapsed = elapsed_;
     if (quality_) result.quality = quality_->finish();
+    std::erase_if(result.quality, [this](const PictureQuality& one) { return !is_wanted(one.number); });
     result.notes = notes_;
-    result.problem = input_.problem();
-    result.damage = input_.damage();
+    result.problem = input_->problem();
+    result.damage = input_->damage();
     return result;
 }
 

@@ -160,14 +160,18 @@ void Input::describe_first() {
 
 std::optional<Picture> Input::next() {
     if (!std::exchange(first_pending_, false) && (packets_.stopped() || !advance())) {
-        // The last one first: each waits for the one before.
-        converting_.reset();
-        decoding_.reset();
-        packets_.stop_reading();
+        end_threads();
         return std::nullopt;
     }
     picture_.number = produced_++;
     return picture_;
+}
+
+/// The last one first: each waits for the one before.
+void Input::end_threads() {
+    converting_.reset();
+    decoding_.reset();
+    packets_.stop_reading();
 }
 
 bool Input::begin_at(uint64_t number, const KeyIndex& index) {

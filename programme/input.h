@@ -74,6 +74,9 @@ public:
     /// is told of the whole input may be asked for once next() has given nothing.
     void work_in_threads();
 
+    /// Ends them before the end of the input.
+    void end_threads();
+
     /// Of the decoder.
     int decoder_threads() const { return decoder_.threads(); }
 

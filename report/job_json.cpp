@@ -60,6 +60,29 @@ private:
     std::vector<std::string> keys_;
 };
 
+Json range_json(const std::optional<programme::PictureRange>& range) {
+    if (!range) return nullptr;
+    Json key;
+    if (range->key) key = {{"dts", range->key->dts}, {"pts", range->key->pts}};
+    return {{"begin", range->begin}, {"end", range->end}, {"warm_up", range->warm_up}, {"key", key}};
+}
+
+programme::PictureRange parse_range(const Json& json) {
+    programme::PictureRange range;
+    Members members(json, "\"range\"");
+    members.read("begin", range.begin);
+    members.read("end", range.end);
+    members.read("warm_up", range.warm_up);
+    if (const Json place = members.at("key"); !place.is_null()) {
+        Members key(place, "\"key\"");
+        key.read("dts", range.key.emplace().dts);
+        key.read("pts", range.key->pts);
+        key.expect_no_more();
+    }
+    members.expect_no_more();
+    return range;
+}
+
 }  // namespace
 
 std::string job_json(const EncodeJob& job) {
@@ -104,6 +127,7 @@ std::string job_json(const EncodeJob& job) {
         {"keep_colour", job.keep_colour},
         {"timecode", job.timecode},
         {"adapt", job.adapt},
+        {"range", range_json(job.range)},
         {"quality", job.quality},
         {"threads", job.threads},
         {"decoder_threads", job.decoder_threads},
@@ -161,6 +185,7 @@ EncodeJob parse_job(std::string_view json) {
     members.read("keep_colour", job.keep_colour);
     members.read("timecode", job.timecode);
     members.read("adapt", job.adapt);
+    if (const Json range = members.at("range"); !range.is_null()) job.range = parse_range(range);
     members.read("quality", job.quality);
     members.read("threads", job.threads);
     members.read("decoder_threads", job.decoder_threads);

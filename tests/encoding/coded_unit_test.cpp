@@ -69,11 +69,11 @@ TEST(ReadUnit, FindsNoGroupInAPictureOfMpegVideoWithoutOneEvenIfItIsMarkedKey) {
     EXPECT_FALSE(read_unit(AV_CODEC_ID_MPEG2VIDEO, picture_unit(1), true).gop);
 }
 
-TEST(ReadUnit, TakesIdrPicturesForClosedGroups) {
+TEST(ReadUnit, TakesPicturesThatRefreshTheDecoderForClosedGroups) {
     const struct {
         AVCodecID codec;
         const char* nal;
-        bool idr;
+        bool closed;
     } rows[] = {
         {AV_CODEC_ID_H264, "00 00 01 65 88", true},
         {AV_CODEC_ID_H264, "00 00 01 05 88", true},
@@ -84,7 +84,9 @@ TEST(ReadUnit, TakesIdrPicturesForClosedGroups) {
         {AV_CODEC_ID_HEVC, "00 00 01 26 01", true},  // 19
         {AV_CODEC_ID_HEVC, "00 00 01 28 01", true},  // 20
         {AV_CODEC_ID_HEVC, "00 00 01 40 01 00 00 01 28 01", true},
-        {AV_CODEC_ID_HEVC, "00 00 01 24 01", false},  // 18
+        {AV_CODEC_ID_HEVC, "00 00 01 20 01", false},  // 16, a BLA with leading pictures that are skipped
+        {AV_CODEC_ID_HEVC, "00 00 01 22 01", true},   // 17, with such as are decoded
+        {AV_CODEC_ID_HEVC, "00 00 01 24 01", true},   // 18, without any
         {AV_CODEC_ID_HEVC, "00 00 01 2A 01", false},  // 21, a CRA
         {AV_CODEC_ID_HEVC, "00 00 01 65 88", false},  // as H.264's 5
         {AV_CODEC_ID_HEVC, "00 00 01 A8 01", true},   // the forbidden bit is not looked at
@@ -94,9 +96,9 @@ TEST(ReadUnit, TakesIdrPicturesForClosedGroups) {
     for (const auto& row : rows)
         for (const bool key : {false, true}) {
             const UnitContents contents = read_unit(row.codec, from_hex(row.nal), key);
-            ASSERT_EQ(contents.gop.has_value(), row.idr || key) << row.nal;
+            ASSERT_EQ(contents.gop.has_value(), row.closed || key) << row.nal;
             if (!contents.gop) continue;
-            EXPECT_EQ(contents.gop->closed, row.idr) << row.nal;
+            EXPECT_EQ(contents.gop->closed, row.closed) << row.nal;
             EXPECT_FALSE(contents.gop->broken_link);
             EXPECT_FALSE(contents.gop->timecode);
         }

@@ -537,4 +537,127 @@ TEST(TakeInventory, CountsTheGapsOfA53) {
     }
 }
 
+/// Parts of a programme, one after the other, beside the whole.
+class ProgrammeInParts : public Programme {
+protected:
+    static constexpr unsigned kPictures = 120;
+
+    EncodeJob whole(const std::string& codec, const std::string& output,
+                    const std::vector<std::pair<std::string, std::string>>& settings) {
+        EncodeJob job = this->job(codec, output, format, kPictures);
+        job.settings.insert(job.settings.end(), settings.begin(), settings.end());
+        std::ofstream(directory / "in.srt") << "1\n00:00:00,200 --> 00:00:01,900\nOver the first join\n\n"
+                                               "2\n00:00:02,400 --> 00:00:04,000\nand over the second\n";
+        job.captions.files = {directory / "in.srt"};
+        if (codec != "h.264") job.timecode = "09:59:58:10";
+        return job;
+    }
+
+    std::string joined(EncodeJob job, const std::vector<uint64_t>& joins) {
+        std::string bytes;
+        for (size_t n = 0; n + 1 < joins.size(); n++) {
+            job.range = {.begin = joins[n], .end = joins[n + 1], .warm_up = 30, .key = {}};
+            const EncodeResult result = encode(job);
+            EXPECT_EQ(result.tally.pictures, joins[n + 1] - joins[n]);
+            EXPECT_EQ(result.tally.lost(), 0);
+            bytes += read_file(job.output);
+        }
+        return bytes;
+    }
+
+    const ClipFormat format = {};
+};
+
+struct Part {
+    const char* name;
+    const char* codec;
+    std::vector<std::pair<std::string, std::string>> settings;
+    unsigned divider = 1;
+};
+
+class Joined : public ProgrammeInParts, public testing::WithParamInterface<Part> {};
+
+TEST_P(Joined, HasThePicturesCaptionsAndTimeCodesOfTheWhole) {
+    const Part& part = GetParam();
+    const std::string extension = std::string(part.codec) == "mpeg-2"  ? ".m2v"
+                                  : std::string(part.codec) == "h.264" ? ".h264"
+                                                                       : ".hevc";
+    const EncodeJob whole = this->whole(part.codec, "whole" + extension, part.settings);
+    encode(whole);
+    EncodeJob job = whole;
+    job.output = directory / ("part" + extension);
+    const std::string path = directory / ("joined" + extension);
+    const std::vector<uint64_t> joins = {0, 30, 60, 90, kPictures};
+    std::ofstream(path, std::ios::binary) << joined(job, joins);
+
+    const InspectedStream one = read_stream(whole.output), parts = read_stream(path);
+    EXPECT_EQ(parts.problem, "");
+    EXPECT_FALSE(parts.damage.any());
+    ASSERT_EQ(parts.pictures.size(), kPictures / part.divider);
+    ASSERT_EQ(one.pictures.size(), parts.pictures.size());
+    for (size_t n = 0; n < parts.pictures.size(); n++)
+        EXPECT_TRUE(parts.pictures[n].captions.cc_data == one.pictures[n].captions.cc_data) << n;
+    const std::vector<gsve::captions::TimedText> texts = take_inventory(parts).carriages.at(0).texts;
+    ASSERT_EQ(texts.size(), 2u);
+    EXPECT_EQ(texts[0].text(), "Over the first join");
+    const DecodedClip clip = decode_clip(path);
+    EXPECT_EQ(clip.errors, 0);
+    ASSERT_EQ(clip.pictures.size(), kPictures / part.divider);
+    for (unsigned n = 0; n < clip.pictures.size(); n++)
+        EXPECT_EQ(recognise(clip.pictures[n], format, kPictures), n * part.divider);
+
+    // Each part begins with a closed GOP, which has the time code of the picture's place.
+    std::map<int64_t, const Gop*> gops;
+    for (const Gop& gop : parts.gops) gops[gop.picture] = &gop;
+    for (size_t n = 0; n + 1 < joins.size(); n++) {
+        const auto place = static_cast<int64_t>(joins[n] / part.divider);
+        ASSERT_TRUE(gops.contains(place)) << joins[n];
+        EXPECT_TRUE(n == 0 || gops[place]->start.closed) << joins[n];
+    }
+    // That of an open GOP is the time code of the picture that is shown first, before its I-picture.
+    const auto timecode = [](const Gop& gop) { return gsve::captions::format_timecode(*gop.start.timecode); };
+    for (const Gop& gop : one.gops) {
+        const bool both = std::string(part.codec) == "mpeg-2" && gops.contains(gop.picture);
+        if (both && gops[gop.picture]->start.closed == gop.start.closed) {
+            EXPECT_EQ(timecode(*gops[gop.picture]), timecode(gop)) << gop.picture;
+        }
+    }
+    if (std::string(part.name) == "Mpeg2") {
+        EXPECT_EQ(timecode(*gops[30]), "09:59:59:15");
+        EXPECT_EQ(timecode(*gops[60]), "10:00:00:20");
+        EXPECT_EQ(timecode(*gops[90]), "10:00:02:00");
+    }
+}
+
+TEST_P(Joined, HasTheSameBytesEachTime) {
+    EncodeJob job = whole(GetParam().codec,
+                          std::string("part") + (std::string(GetParam().codec) == "mpeg-2"  ? ".m2v"
+                                                 : std::string(GetParam().codec) == "h.264" ? ".h264"
+                                                                                            : ".hevc"),
+                          GetParam().settings);
+    const std::vector<uint64_t> joins = {60, 90};
+    EXPECT_TRUE(joined(job, joins) == joined(job, joins));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Codecs, Joined,
+    testing::Values(Part{"Mpeg2", "mpeg-2", {}}, Part{"Mpeg2WithoutBPictures", "mpeg-2", {{"b frames", "0"}}},
+                    Part{"Mpeg2WithClosedGops", "mpeg-2", {{"closed gop", "1"}, {"gop size", "15"}}},
+                    Part{"H264", "h.264", {}}, Part{"H265", "h.265", {}},
+                    Part{"EverySecondPicture", "mpeg-2", {{"frame rate limit", "13"}}, 2}),
+    [](const auto& part) { return part.param.name; });
+
+TEST_F(ProgrammeInParts, NeedsNothingThatOnlyTheWholeTells) {
+    EncodeJob job = this->job("mpeg-2", "out.ts", format, 5);
+    job.range = {.begin = 3, .end = 3, .warm_up = 0, .key = {}};
+    EXPECT_EQ(refusal<UsageError>(job), "the range of pictures from 3 to 3 is empty");
+    job.range->end = 5;
+    EXPECT_THAT(refusal<UsageError>(job), HasSubstr("goes into an elementary stream"));
+    job.output = directory / "out.m2v";
+    EXPECT_THAT(refusal<UsageError>(job), HasSubstr("cannot take the input's captions"));
+    job.captions.carry_over = false;
+    job.range = {.begin = 50, .end = 60, .warm_up = 0, .key = {}};
+    EXPECT_EQ(refusal<Failure>(job), "the input has no picture 50");
+}
+
 }  // namespace

@@ -50,6 +50,8 @@ EncodeJob full_job() {
     job.keep_colour = true;
     job.timecode = "10:00:00;02";
     job.adapt = true;
+    job.range = {
+        .begin = 1500, .end = 3000, .warm_up = 45, .key = gsve::programme::KeyPicture{126'000, 133'200}};
     job.quality = true;
     job.threads = 2;
     job.decoder_threads = 3;
