@@ -141,14 +141,14 @@ public:
     /// Throws what `use` threw at an earlier value.
     void put(Value value) {
         if (queue_.put(std::move(value))) return;
-        thread_.join();
+        if (thread_.joinable()) thread_.join();
         std::rethrow_exception(failure_);
     }
 
     /// Waits until all values have been used. Throws what `use` threw.
     void finish() {
         queue_.end();
-        thread_.join();
+        if (thread_.joinable()) thread_.join();
         if (failure_) std::rethrow_exception(failure_);
     }
 

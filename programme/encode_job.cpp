@@ -80,7 +80,7 @@ void check(const SoundChoice& sound, const EncodeJob& job) {
             fmt::format("--loudness: {} has no room for sound; name a .ts, .mp4, .mov, .mkv, "
                         ".mxf or .m3u8 file",
                         job.output));
-    if (is_standard_stream(job.input))
+    if (is_pipe(job.input))
         throw UsageError(
             "--loudness reads the input twice, which a pipe cannot be: store it in a file first");
 }

@@ -230,6 +230,7 @@ void ProgrammeEncoding::note(const std::string& lines) {
 void ProgrammeEncoding::encode_all() {
     delivery_.emplace(*companions_, *output_, [this] { given_up_ = true; });
     if (job_.quality) quality_.emplace(encoder_);
+    input_->on_packets([this] { delivery_->pass(input_->take_packets()); });
     input_->work_in_threads();
     while (const std::optional<Picture> picture = input_->next()) {
         if (job_.range && picture->number >= job_.range->end) break;

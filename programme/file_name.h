@@ -2,6 +2,8 @@
 
 // File names, as libavformat takes them, and what to do about files that cannot be opened.
 
+#include <sys/stat.h>
+
 #include <array>
 #include <cerrno>
 #include <filesystem>
@@ -20,6 +22,12 @@ inline std::string file_url(const std::string& path) { return "file:" + path; }
 
 /// Standard input or standard output.
 inline bool is_standard_stream(const std::string& path) { return path == "-"; }
+
+/// Whether `path` is read as a pipe.
+inline bool is_pipe(const std::string& path) {
+    struct stat status = {};
+    return is_standard_stream(path) || (stat(path.c_str(), &status) == 0 && S_ISFIFO(status.st_mode));
+}
 
 /// An input may also be a URL: it is a file's name where there is such a file.
 inline std::string input_url(const std::string& path) {

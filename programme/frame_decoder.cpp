@@ -101,8 +101,11 @@ bool FrameDecoder::next() {
 /// Gives the decoder the next packet of the stream, or the end of the stream.
 bool FrameDecoder::feed() {
     const int result = source_.next(*packet_);
+    waits_ = result == AVERROR(EAGAIN);
+    if (waits_) return false;
     if (result < 0) {
         read_all_ = true;
+        interrupted_ = result == AVERROR_EXIT;
         if (result != AVERROR_EOF && result != AVERROR_EXIT)
             problem_ = fmt::format("the input cannot be read further: {}", av_error_text(result));
         const int flushed = avcodec_send_packet(decoder_.get(), nullptr);
@@ -147,7 +150,7 @@ void FrameDecoder::note_shown(const AVFrame& frame, int64_t unit) {
 
 Damage FrameDecoder::damage() {
     Damage damage = finder_.finish();
-    if (!read_all_ || source_.stopped()) return damage;
+    if (!read_all_ || interrupted_ || source_.stopped()) return damage;
     damage.early_end = early_end(source_, finder_, seconds(next_time_));
     return damage;
 }

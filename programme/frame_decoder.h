@@ -46,6 +46,9 @@ public:
     /// at the end, and where the stream cannot be decoded further, which problem() then explains.
     bool next();
 
+    /// Whether next() gave nothing since the source has others' packets to be taken first. It may go on.
+    bool waits() const { return waits_; }
+
     AVFrame& frame() const { return *frame_; }
     uint64_t decoded() const { return decoded_; }      ///< pictures so far
     bool decoded_all() const { return decoded_all_; }  ///< the decoder has given its last picture
@@ -109,10 +112,12 @@ private:
     uint64_t decoded_ = 0;
     bool decoded_all_ = false;
     bool read_all_ = false;  ///< there is no further packet
-    int64_t gap_ = 0;        ///< time for which no picture came, before the latest one
-    int64_t time_ = 0;       ///< of the latest picture
-    int64_t next_time_ = 0;  ///< expected of the next picture
-    int64_t offset_ = 0;     ///< added to the time line's times
+    bool waits_ = false;
+    bool interrupted_ = false;  ///< since nobody wanted more
+    int64_t gap_ = 0;           ///< time for which no picture came, before the latest one
+    int64_t time_ = 0;          ///< of the latest picture
+    int64_t next_time_ = 0;     ///< expected of the next picture
+    int64_t offset_ = 0;        ///< added to the time line's times
     int64_t origin_ = 0;
     bool placed_ = false;           ///< origin_ is known
     std::optional<int64_t> begin_;  ///< in frame().pts: what is shown before is left out

@@ -169,6 +169,7 @@ std::optional<Picture> Input::next() {
 
 /// The last one first: each waits for the one before.
 void Input::end_threads() {
+    packets_.give_up();
     converting_.reset();
     decoding_.reset();
     packets_.stop_reading();
@@ -202,7 +203,7 @@ void Input::work_in_threads() {
         return std::make_unique<Ahead<Found>>(kPictures, [=, ended = false]() mutable {
             if (ended) return std::optional<Found>();
             std::optional<Found> found((input->*step)());
-            ended = !found->frame;
+            ended = !found->frame && !found->goes_on;
             return found;
         });
     };
@@ -286,12 +287,16 @@ void Input::Found::add(Found&& later) {
 
 /// Makes the next picture the current one.
 bool Input::advance() {
-    std::optional<Found> next = converting_ ? converting_->next() : convert();
-    if (!next) return false;
-    const bool there = next->frame != nullptr;
-    if (there) converted_.frame = std::move(next->frame);
-    converted_.add(std::move(*next));
-    if (!there) return false;
+    for (;;) {
+        std::optional<Found> next = converting_ ? converting_->next() : convert();
+        if (!next) return false;
+        const bool there = next->frame != nullptr, goes_on = next->goes_on;
+        if (there) converted_.frame = std::move(next->frame);
+        converted_.add(std::move(*next));
+        if (there) break;
+        if (!goes_on || packets_.stopped()) return false;
+        if (on_packets_) on_packets_();
+    }
     const AVFrame& frame = *converted_.frame;
     picture_.frame = &frame;
     picture_.field_order = field_order(frame);
@@ -311,6 +316,7 @@ Input::Found Input::convert() {
     Found found;
     while (!read_all_ && held_.size() <= pictures_ahead_) {
         FramePtr frame = read_picture(found);
+        if (found.goes_on) return found;
         read_all_ = !frame;
         if (frame) held_.push_back(std::move(frame));
     }
@@ -336,9 +342,11 @@ FramePtr Input::read_picture(Found& found) {
         if (!decoded) return nullptr;
         if (decoded->frame)
             converter_->send(*decoded->frame);
-        else
+        else if (!decoded->goes_on)
             converter_->finish(decoded->end_time);
+        found.goes_on = decoded->goes_on;
         found.add(std::move(*decoded));
+        if (found.goes_on) return nullptr;
     }
 }
 
@@ -352,6 +360,7 @@ Input::Found Input::decode() {
         found.frame = new_frame();
         av_frame_move_ref(found.frame.get(), &decoder_.frame());
     }
+    found.goes_on = !there && decoder_.waits();
     if (captions_) found.captions = captions_->take();
     found.packets = packets_.take_others();
     found.end_time = decoder_.end_time();

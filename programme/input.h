@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -74,6 +75,10 @@ public:
     /// is told of the whole input may be asked for once next() has given nothing.
     void work_in_threads();
 
+    /// Called by next() where packets are to be taken though there is no picture yet: sound may be much
+    /// longer.
+    void on_packets(std::function<void()> take) { on_packets_ = std::move(take); }
+
     /// Ends them before the end of the input.
     void end_threads();
 
@@ -139,9 +144,11 @@ public:
     std::optional<uint64_t> expected_pictures() const;       ///< as far as the container tells
 
 private:
-    /// A picture on its way, with what was found since the one before; the last one has no frame.
+    /// A picture on its way, with what was found since the one before. The last one has no frame, nor have
+    /// those that bring packets alone.
     struct Found {
         FramePtr frame;
+        bool goes_on = false;  ///< without a frame
         std::vector<SourceCaptions> captions;
         std::vector<PacketPtr> packets;
         int64_t end_time = 0;  ///< of the frame, or of the last one, as the decoder counts
@@ -179,6 +186,7 @@ private:
     bool read_all_ = false;      ///< held_ has the last picture, or there is none
 
     // Of who calls next().
+    std::function<void()> on_packets_;
     Found converted_;  ///< the picture's frame, and what was not taken yet
     Picture picture_;
     bool first_pending_ = true;

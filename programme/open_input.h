@@ -37,6 +37,8 @@ private:
 /// libavformat knows. `interrupt` may end a read that blocks.
 inline OpenInput open_input(const std::string& path, AVIOInterruptCB interrupt = {}) {
     const auto check_opened = [&](int error) {
+        if (error == AVERROR_EXIT)
+            throw Failure(fmt::format("stopped before anything of {} could be read", path));
         if (error < 0)
             throw Failure(
                 fmt::format("cannot open {}: {}; {}", path, av_error_text(error), opening_advice(error)));

@@ -18,6 +18,10 @@ namespace {
 // What a container's duration and its pictures may differ by, in seconds, as long as nothing else is wrong.
 constexpr double kEndTolerance = 0.5;
 
+// Of the other streams, between two pictures: some seconds of sound. Where the pictures end long before, the
+// rest of it would fill the memory.
+constexpr size_t kMostOthers = 256;
+
 }  // namespace
 
 PacketSource::PacketSource(const std::string& path, StopRequest stop, const Reading& reading)
@@ -54,7 +58,15 @@ std::vector<TimedStream> PacketSource::timed_streams() const {
     return streams;
 }
 
-int PacketSource::interrupted(void* source) { return static_cast<const PacketSource*>(source)->stopped(); }
+int PacketSource::interrupted(void* source) {
+    const auto* self = static_cast<const PacketSource*>(source);
+    return self->given_up_ || self->stopped();
+}
+
+void PacketSource::stop_reading() {
+    give_up();
+    reader_.reset();
+}
 
 int PacketSource::next(AVPacket& packet) {
     av_packet_unref(&packet);
@@ -67,7 +79,7 @@ int PacketSource::next(AVPacket& packet) {
         read = reader_ ? reader_->next() : read_next();
     }
     if (!read) return AVERROR_EOF;
-    end_met_ = std::min(read->result, 0);
+    if (read->result != AVERROR(EAGAIN)) end_met_ = std::min(read->result, 0);
     std::move(read->others.begin(), read->others.end(), std::back_inserter(others_));
     sample_aspect_ = read->sample_aspect;
     if (read->result >= 0) av_packet_move_ref(&packet, read->packet.get());
@@ -98,14 +110,15 @@ bool PacketSource::go_to(const KeyPicture& key) {
 void PacketSource::read_in_thread() {
     constexpr size_t kPackets = 8;
     if (end_met_ < 0) return;
+    may_pause_ = !joiner_.active();
     reader_ = std::make_unique<Ahead<Read>>(kPackets, [this, ended = false]() mutable {
         if (ended) return std::optional<Read>();
         std::optional<Read> read;
-        if (stopped())
+        if (given_up_ || stopped())
             read = {.packet = nullptr, .result = AVERROR_EXIT, .others = {}, .sample_aspect = {}};
         else
             read = read_next();
-        ended = read->result < 0;
+        ended = read->result < 0 && read->result != AVERROR(EAGAIN);
         return read;
     });
 }
@@ -146,6 +159,7 @@ int PacketSource::read(AVPacket& packet) {
             return 0;
         }
         if (read_end_ < 0) return read_end_;
+        if (may_pause_ && others_read_.size() >= kMostOthers) return AVERROR(EAGAIN);
         if (read_any() < 0) timeline_.finish();
     }
 }

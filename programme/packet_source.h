@@ -3,6 +3,7 @@
 // A media file as the packets of its picture, and those that go with them into the output.
 
 #include <array>
+#include <atomic>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -56,7 +57,8 @@ public:
     DecoderLog& log() { return log_; }
 
     /// Makes `packet` the stream's next one, which holds the whole of a picture or field. Returns 0, or
-    /// FFmpeg's error, AVERROR_EOF at the end.
+    /// FFmpeg's error, AVERROR_EOF at the end; in a thread, AVERROR(EAGAIN) where so much of the others was
+    /// read meanwhile that it is to be taken first.
     int next(AVPacket& packet);
 
     /// The packets of other streams that were read since the last call, in their order.
@@ -71,7 +73,10 @@ public:
     /// From now on, reads in a thread of its own, some packets ahead of next(). What is told of the whole
     /// file may be asked for once next() has come to the end, or after stop_reading().
     void read_in_thread();
-    void stop_reading() { reader_.reset(); }
+    void stop_reading();
+
+    /// Nobody wants what is still to be read: a read that waits comes back. May be called from any thread.
+    void give_up() { given_up_ = true; }
 
     /// Streams that began when the output's header was written, and are left out.
     const std::vector<int>& late_streams() const { return late_streams_; }
@@ -114,6 +119,7 @@ private:
     std::optional<CaptionForm> captions_in_file() const;
 
     std::string path_;
+    std::atomic<bool> given_up_ = false;
     StopRequest stop_;
     Reading reading_;
     DecoderLog log_;
@@ -125,6 +131,7 @@ private:
     std::vector<int> late_streams_;
     int read_end_ = 0;                    ///< what reading the file ended with
     std::vector<PacketPtr> others_read_;  ///< since the latest packet of the stream
+    bool may_pause_ = false;              ///< reading ends after so many of them
     UnitJoiner joiner_;
     PacketPtr held_ = new_packet();  ///< read to see that it does not continue the one before
     int end_ = 0;                    ///< what reading ended with

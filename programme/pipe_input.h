@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -16,19 +15,14 @@
 
 namespace gsve::programme {
 
-/// Whether `path` is read as a pipe.
-inline bool is_pipe(const std::string& path) {
-    struct stat status = {};
-    return is_standard_stream(path) || (stat(path.c_str(), &status) == 0 && S_ISFIFO(status.st_mode));
-}
-
 /// libavformat's own reader waits in the system, where only a signal to the very thread that reads ends it.
 /// This one looks now and then whether it is to end.
 class PipeInput {
 public:
-    /// Waits until a named pipe has a writer. `opened()` tells whether that failed.
+    /// error() tells whether that failed. A named pipe need not have a writer yet: reading waits for one.
     PipeInput(const std::string& path, AVIOInterruptCB interrupt)
-        : file_(is_standard_stream(path) ? dup(STDIN_FILENO) : ::open(path.c_str(), O_RDONLY | O_CLOEXEC)),
+        : file_(is_standard_stream(path) ? dup(STDIN_FILENO)
+                                         : ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)),
           error_(file_ < 0 ? AVERROR(errno) : 0),
           interrupt_(interrupt) {
         constexpr int kBuffer = 32'768;
@@ -69,7 +63,7 @@ private:
             const int ready = poll(&readable, 1, kMillisecondsBetweenLooks);
             if (ready == 0 || (ready < 0 && errno == EINTR)) continue;
             const ssize_t count = ::read(file_, to, static_cast<size_t>(size));
-            if (count < 0 && errno == EINTR) continue;
+            if (count < 0 && (errno == EINTR || errno == EAGAIN)) continue;
             return count > 0 ? static_cast<int>(count) : count == 0 ? AVERROR_EOF : AVERROR(errno);
         }
     }
