@@ -3,6 +3,7 @@
 #include <gst/pbutils/codec-utils.h>
 
 #include <algorithm>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -48,14 +49,18 @@ const GstStructure* structure_for(const GstCaps* caps, std::string_view codec) {
     return nullptr;
 }
 
-/// A field's text, or the first of a list of them.
-std::string first_text(const GstStructure* structure, const char* field) {
+/// What a field may be; empty: anything.
+std::vector<std::string> texts(const GstStructure* structure, const char* field) {
     const GValue* value = structure ? gst_structure_get_value(structure, field) : nullptr;
-    if (value && GST_VALUE_HOLDS_LIST(value)) {
-        if (gst_value_list_get_size(value) == 0) return "";
-        value = gst_value_list_get_value(value, 0);
-    }
-    return value && G_VALUE_HOLDS_STRING(value) ? g_value_get_string(value) : "";
+    std::vector<std::string> texts;
+    const auto add = [&](const GValue* one) {
+        if (one && G_VALUE_HOLDS_STRING(one)) texts.emplace_back(g_value_get_string(one));
+    };
+    if (value && GST_VALUE_HOLDS_LIST(value))
+        for (guint n = 0; n < gst_value_list_get_size(value); n++) add(gst_value_list_get_value(value, n));
+    else
+        add(value);
+    return texts;
 }
 
 /// GStreamer's code point and FFmpeg's are both those of ITU-T H.273.
@@ -157,14 +162,19 @@ std::string profile_asked(const GstCaps* downstream, const std::string& codec) {
         {"h.264", "high-4:4:4", "high444"},
         {"h.265", "main", "main"},
     };
-    const std::string asked = first_text(structure_for(downstream, codec), "profile");
-    for (const auto& known : kProfiles)
-        if (known.codec == codec && known.profile == asked) return std::string(known.setting);
+    // Of several, main, which has room for B-pictures and fields; else the first.
+    std::vector<std::string> asked = texts(structure_for(downstream, codec), "profile");
+    std::ranges::stable_partition(asked, [](const std::string& profile) { return profile == "main"; });
+    for (const std::string& profile : asked)
+        for (const auto& known : kProfiles)
+            if (known.codec == codec && known.profile == profile) return std::string(known.setting);
     return "";
 }
 
+/// Of several, the codec takes what the pictures need; where that is none of them, negotiation tells.
 std::string level_asked(const GstCaps* downstream, const std::string& codec) {
-    return codec == "h.264" ? first_text(structure_for(downstream, codec), "level") : "";
+    const std::vector<std::string> asked = texts(structure_for(downstream, codec), "level");
+    return codec == "h.264" && asked.size() == 1 ? asked.front() : "";
 }
 
 AVRational frame_rate_of(const GstVideoInfo& info) {

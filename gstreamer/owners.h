@@ -23,6 +23,11 @@ struct ReleaseCaps {
     void operator()(GstCaps* caps) const { gst_caps_unref(caps); }
 };
 
+struct ReleaseBuffer {
+    void operator()(GstBuffer* buffer) const { gst_buffer_unref(buffer); }
+};
+
+using BufferPtr = std::unique_ptr<GstBuffer, ReleaseBuffer>;
 using CapsPtr = std::unique_ptr<GstCaps, ReleaseCaps>;
 using StructurePtr = std::unique_ptr<GstStructure, ReleaseBy<gst_structure_free>>;
 using CodecFramePtr = std::unique_ptr<GstVideoCodecFrame, ReleaseBy<gst_video_codec_frame_unref>>;

@@ -235,14 +235,17 @@ void Run::receive(const encoding::EncodedUnit& unit) {
         counted.pts += static_cast<int64_t>(captions_begin_);
         captions_->emitted(counted);
     }
-    GstBuffer* const bytes = gst_buffer_new_memdup(unit.bytes.data(), unit.bytes.size());
-    finished_.push_back({std::move(frame), bytes});
+    finished_.push_back(
+        {std::move(frame), BufferPtr(gst_buffer_new_memdup(unit.bytes.data(), unit.bytes.size()))});
 }
 
 /// A picture that is shown before another one is decoded has left the codec, or never will.
 void Run::drop_before(int64_t number) {
     const auto end = in_codec_.lower_bound(number);
-    for (auto frame = in_codec_.begin(); frame != end; ++frame) dropped_.push_back(std::move(frame->second));
+    for (auto frame = in_codec_.begin(); frame != end; ++frame) {
+        dropped_.push_back(std::move(frame->second));
+        lost_++;
+    }
     in_codec_.erase(in_codec_.begin(), end);
 }
 

@@ -45,7 +45,7 @@ struct Remedy {
 /// A unit and the frame that it belongs to, with its times.
 struct FinishedUnit {
     CodecFramePtr frame;
-    GstBuffer* bytes = nullptr;  ///< the receiver's to give on
+    BufferPtr bytes;
 };
 
 class Run {
@@ -81,6 +81,9 @@ public:
     GstClockTime latest_decoding() const { return latest_decoding_; }
 
     /// Whether the codec has more pictures than it ever holds back: it refuses some, or all.
+    /// Pictures that the codec has taken and never given, so far.
+    uint64_t lost() const { return lost_; }
+
     bool is_stuck() const { return in_codec_.size() > most_held_back_; }
     bool has_given_units() const { return seen_unit_; }
 
@@ -119,6 +122,7 @@ private:
     encoding::CaptionTrack* captions_ = nullptr;
     uint64_t captions_begin_ = 0;
 
+    uint64_t lost_ = 0;
     uint64_t next_number_ = 0;
     std::map<int64_t, CodecFramePtr> in_codec_;  ///< by number
     std::map<int64_t, GstClockTime> times_;      ///< of pictures whose time may yet be one of decoding

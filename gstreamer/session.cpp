@@ -242,7 +242,8 @@ void Session::give_time(GstVideoCodecFrame& frame) {
     constexpr guint64 kMostHeldBack = 20;
     const GstClockTime usual = picture_duration();
     if (!GST_CLOCK_TIME_IS_VALID(frame.duration)) frame.duration = usual;
-    if (!GST_CLOCK_TIME_IS_VALID(frame.pts))
+    // The base class moves times so that none of decoding is negative, and also those that there are not.
+    if (!GST_BUFFER_PTS_IS_VALID(frame.input_buffer))
         frame.pts = GST_CLOCK_TIME_IS_VALID(next_time_)
                         ? next_time_
                         : element_->input_segment.start + kMostHeldBack * usual;
@@ -409,6 +410,7 @@ GstFlowReturn Session::encode(CodecFramePtr frame, const std::optional<CountedTi
     watch_adaptation();
     return run_->is_stuck() ? first_bad(flow, recover()) : flow;
 } catch (const Failure& failure) {
+    push_out();
     GST_ELEMENT_ERROR(element_, STREAM, ENCODE, ("%s", in_properties(failure.what()).c_str()), (nullptr));
     return GST_FLOW_ERROR;
 }
@@ -438,6 +440,13 @@ GstFlowReturn Session::end_run() {
         flow = GST_FLOW_ERROR;
     }
     flow = first_bad(flow, push_out());
+    if (const uint64_t lost = run_->lost(); lost > 0)
+        GST_ELEMENT_WARNING(
+            element_, STREAM, ENCODE,
+            ("%" G_GUINT64_FORMAT
+             " pictures went into the codec and never came out; GST_DEBUG=gsveenc:5 shows what it says.",
+             lost),
+            (nullptr));
     captions_begin_ += run_->next_number();
     timecodes_begin_ += static_cast<int64_t>(run_->next_number());
     decoded_until_ = run_->latest_decoding();
@@ -458,7 +467,7 @@ GstFlowReturn Session::push_out() {
     GstFlowReturn flow = GST_FLOW_OK;
     for (CodecFramePtr& frame : run_->take_dropped()) flow = first_bad(flow, leave_out(std::move(frame)));
     for (FinishedUnit& unit : run_->take_units()) {
-        unit.frame->output_buffer = unit.bytes;
+        unit.frame->output_buffer = unit.bytes.release();
         // A flush on its way lets no caps through, and is no fault of theirs.
         if (!told_caps_ && !tell_caps())
             flow = first_bad(flow, GST_PAD_IS_FLUSHING(GST_VIDEO_ENCODER_SRC_PAD(element_))

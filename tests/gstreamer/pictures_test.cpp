@@ -382,6 +382,25 @@ TEST(Caps, AreRefusedWhereNothingDownstreamTakesTheCodec) {
     EXPECT_THAT(errors[0].name, HasSubstr("mpeg-2"));
 }
 
+TEST(Caps, OfSeveralLevelsHaveTheOneThatThePicturesNeed) {
+    const auto level_of = [](const char* taken) {
+        HarnessedElement element("h.264", {}, {.format = ""});
+        gst_harness_set_sink_caps_str(element.harness(), taken);
+        element.change_source({});
+        EXPECT_FALSE(element.encode(3).empty()) << taken;
+        EXPECT_EQ(element.caps_field("profile"), "main") << taken;
+        return element.caps_field("level");
+    };
+    const std::string needed = level_of("video/x-h264");
+    EXPECT_NE(needed, "");
+    EXPECT_NE(needed, "4") << "small pictures need less";
+    EXPECT_EQ(level_of("video/x-h264, level=(string)4"), "4");
+    EXPECT_EQ(level_of(("video/x-h264, level=(string){5, " + needed +
+                        ", 4}, profile=(string){baseline, constrained-baseline, main}")
+                           .c_str()),
+              needed);
+}
+
 TEST(Caps, AskForAProfileWhereNoPropertyDoes) {
     for (const char* profile : {"baseline", "main", "high"}) {
         HarnessedElement element("", {}, {.format = ""});

@@ -86,6 +86,22 @@ TEST(Times, OfPicturesWithoutAnyFollowEachOther) {
     }
 }
 
+TEST(Times, OfPicturesWithoutAnyAreCountedOnFromThoseThatHaveOne) {
+    for (const char* codec : kCodecs) {
+        SCOPED_TRACE(codec);
+        HarnessedElement element(codec);
+        uint64_t number = 0;
+        const std::vector<ElementUnit> units = element.encode(21, [&](GstBuffer* buffer) {
+            if (number++ % 3 != 0) GST_BUFFER_PTS(buffer) = GST_BUFFER_DURATION(buffer) = GST_CLOCK_TIME_NONE;
+        });
+        ASSERT_EQ(units.size(), 21u);
+        expect_decodable(units);
+        const std::vector<int64_t> times = shown(units), expected = times_of(element.source(), 0, 21);
+        for (size_t n = 0; n < times.size(); n++)
+            EXPECT_NEAR(static_cast<double>(times[n]), static_cast<double>(expected[n]), 40) << n;
+    }
+}
+
 TEST(Times, MayBePausedInAndGoOn) {
     for (const char* codec : kCodecs) {
         SCOPED_TRACE(codec);
