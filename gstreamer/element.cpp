@@ -6,15 +6,19 @@
 #include "gstreamer/caps.h"
 #include "gstreamer/log.h"
 #include "gstreamer/properties.h"
+#include "gstreamer/repeater.h"
 #include "gstreamer/session.h"
 
 using gsve::gstreamer::CapsPtr;
 using gsve::gstreamer::CodecFramePtr;
+using gsve::gstreamer::Repeater;
 using gsve::gstreamer::Session;
 
 struct GsveEnc {
     GstVideoEncoder parent;
     Session* session;
+    Repeater* repeater;
+    GstPadChainFunction chain_one;  ///< the base class's
 };
 
 struct GsveEncClass {
@@ -27,9 +31,10 @@ G_DEFINE_TYPE(GsveEnc, gsve_enc, GST_TYPE_VIDEO_ENCODER)
 namespace {
 
 /// Ids of properties that are no settings, behind those.
-guint adapt_id = 0, status_id = 0;
+guint adapt_id = 0, status_id = 0, longest_repeat_id = 0;
 
 Session& session_of(gpointer object) { return *reinterpret_cast<GsveEnc*>(object)->session; }
+Repeater& repeater_of(gpointer object) { return *reinterpret_cast<GsveEnc*>(object)->repeater; }
 
 /// No exception may cross GStreamer's C. `failed` is what it hears instead.
 template <class Result, class Body>
@@ -48,6 +53,8 @@ void set_property(GObject* object, guint id, const GValue* value, GParamSpec* sp
     guarded(object, false, [&] {
         if (id == adapt_id)
             session_of(object).set_adapt(g_value_get_boolean(value));
+        else if (id == longest_repeat_id)
+            repeater_of(object).set_longest(g_value_get_uint64(value));
         else if (id < adapt_id)
             session_of(object).set_setting(id, *value);
         else
@@ -62,6 +69,8 @@ void get_property(GObject* object, guint id, GValue* value, GParamSpec* spec) {
             g_value_set_boolean(value, session_of(object).adapt());
         else if (id == status_id)
             g_value_take_boxed(value, session_of(object).status().release());
+        else if (id == longest_repeat_id)
+            g_value_set_uint64(value, repeater_of(object).longest());
         else if (id < adapt_id)
             session_of(object).get_setting(id, *value);
         else
@@ -72,6 +81,7 @@ void get_property(GObject* object, guint id, GValue* value, GParamSpec* spec) {
 
 void finalize(GObject* object) {
     delete reinterpret_cast<GsveEnc*>(object)->session;
+    delete reinterpret_cast<GsveEnc*>(object)->repeater;
     G_OBJECT_CLASS(gsve_enc_parent_class)->finalize(object);
 }
 
@@ -81,6 +91,7 @@ gboolean start(GstVideoEncoder* encoder) {
 }
 
 gboolean stop(GstVideoEncoder* encoder) {
+    repeater_of(encoder).forget();
     return guarded(encoder, FALSE, [&] {
         session_of(encoder).stop();
         return TRUE;
@@ -100,6 +111,22 @@ GstFlowReturn finish(GstVideoEncoder* encoder) {
     return guarded(encoder, GST_FLOW_ERROR, [&] { return session_of(encoder).finish(); });
 }
 
+/// Repetitions are pictures as any other: the base class gives each a frame.
+GstFlowReturn chain(GstPad* pad, GstObject* parent, GstBuffer* buffer) {
+    GsveEnc* const enc = reinterpret_cast<GsveEnc*>(parent);
+    const GstClockTime duration = session_of(enc).known_picture_duration();
+    while (GST_CLOCK_TIME_IS_VALID(duration)) {
+        GstBuffer* const repetition = enc->repeater->before(buffer, duration);
+        if (!repetition) break;
+        const GstFlowReturn flow = enc->chain_one(pad, parent, repetition);
+        if (flow == GST_FLOW_OK) continue;
+        gst_buffer_unref(buffer);
+        return flow;
+    }
+    enc->repeater->remember(buffer);
+    return enc->chain_one(pad, parent, buffer);
+}
+
 gboolean flush(GstVideoEncoder* encoder) {
     return guarded(encoder, FALSE, [&] {
         session_of(encoder).flush();
@@ -107,8 +134,25 @@ gboolean flush(GstVideoEncoder* encoder) {
     });
 }
 
+/// Whether what comes behind an event goes on with what came before. Another source may say the same caps
+/// again.
+bool begins_anew(GstVideoEncoder* encoder, GstEvent* event) {
+    if (GST_EVENT_TYPE(event) == GST_EVENT_FLUSH_STOP) return true;
+    if (GST_EVENT_TYPE(event) == GST_EVENT_SEGMENT) {
+        const GstSegment* segment = nullptr;
+        gst_event_parse_segment(event, &segment);
+        return !gst_segment_is_equal(segment, &encoder->input_segment);
+    }
+    if (GST_EVENT_TYPE(event) != GST_EVENT_CAPS) return false;
+    GstCaps* caps = nullptr;
+    gst_event_parse_caps(event, &caps);
+    GstVideoInfo info;
+    return !gst_video_info_from_caps(&info, caps) || !session_of(encoder).has_format(info);
+}
+
 /// Pictures of another segment have other times: those of the one before leave first.
 gboolean sink_event(GstVideoEncoder* encoder, GstEvent* event) {
+    if (begins_anew(encoder, event)) repeater_of(encoder).forget();
     if (GST_EVENT_TYPE(event) == GST_EVENT_SEGMENT) {
         const GstSegment* segment = nullptr;
         gst_event_parse_segment(event, &segment);
@@ -165,6 +209,13 @@ void install_properties(GObjectClass* object_class) {
         object_class, status_id,
         g_param_spec_boxed("status", "status", "What the encoder reports of itself, now.", GST_TYPE_STRUCTURE,
                            static_cast<GParamFlags>(G_PARAM_READABLE | G_PARAM_STATIC_STRINGS)));
+    longest_repeat_id = status_id + 1;
+    g_object_class_install_property(
+        object_class, longest_repeat_id,
+        g_param_spec_uint64(
+            "longest-repeat", "longest repeat",
+            "Fill pauses of the pictures of up to so many nanoseconds with the last one; 0: none.", 0,
+            G_MAXUINT64, 0, kReadWrite));
 }
 
 }  // namespace
@@ -202,7 +253,13 @@ static void gsve_enc_class_init(GsveEncClass* enc_class) {
     encoder_class->transform_meta = transform_meta;
 }
 
-static void gsve_enc_init(GsveEnc* enc) { enc->session = new Session(GST_VIDEO_ENCODER(enc)); }
+static void gsve_enc_init(GsveEnc* enc) {
+    enc->session = new Session(GST_VIDEO_ENCODER(enc));
+    enc->repeater = new Repeater;
+    GstPad* const sink = GST_VIDEO_ENCODER_SINK_PAD(enc);
+    enc->chain_one = GST_PAD_CHAINFUNC(sink);
+    gst_pad_set_chain_function(sink, chain);
+}
 
 namespace gsve::gstreamer {
 

@@ -138,6 +138,18 @@ void Session::stop() {
     has_captions_ = has_shape_ = false;
 }
 
+/// Pictures of one view may say so, or not.
+bool Session::has_format(const GstVideoInfo& info) const {
+    if (!input_) return false;
+    const auto plain = [](GstVideoInfo any) {
+        if (GST_VIDEO_INFO_MULTIVIEW_MODE(&any) == GST_VIDEO_MULTIVIEW_MODE_NONE)
+            GST_VIDEO_INFO_MULTIVIEW_MODE(&any) = GST_VIDEO_MULTIVIEW_MODE_MONO;
+        return any;
+    };
+    const GstVideoInfo before = plain(input_->info), now = plain(info);
+    return gst_video_info_is_equal(&before, &now);
+}
+
 bool Session::set_format(GstVideoCodecState* state) {
     const GstVideoInterlaceMode mode = GST_VIDEO_INFO_INTERLACE_MODE(&state->info);
     if (mode != GST_VIDEO_INTERLACE_MODE_PROGRESSIVE && mode != GST_VIDEO_INTERLACE_MODE_INTERLEAVED &&
@@ -146,7 +158,7 @@ bool Session::set_format(GstVideoCodecState* state) {
                           (nullptr));
         return false;
     }
-    const bool same = input_ && gst_video_info_is_equal(&input_->info, &state->info);
+    const bool same = has_format(state->info);
     if (!same) end_run();
     input_.reset(gst_video_codec_state_ref(state));
     if (same) return true;
@@ -234,6 +246,10 @@ GstFlowReturn Session::handle(CodecFramePtr frame) {
 GstClockTime Session::picture_duration() const {
     const AVRational rate = frame_rate_of(input_->info);
     return gst_util_uint64_scale_int_round(GST_SECOND, rate.den, rate.num);
+}
+
+GstClockTime Session::known_picture_duration() const {
+    return input_ && GST_VIDEO_INFO_FPS_N(&input_->info) > 0 ? picture_duration() : GST_CLOCK_TIME_NONE;
 }
 
 /// A picture that says no time follows the one before it.

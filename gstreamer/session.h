@@ -35,6 +35,10 @@ public:
     // With the stream lock.
     void start();
     void stop();
+
+    /// None where the pictures come at no rate, or have none yet.
+    GstClockTime known_picture_duration() const;
+    bool has_format(const GstVideoInfo& info) const;
     bool set_format(GstVideoCodecState* state);
     GstFlowReturn handle(CodecFramePtr frame);
     GstFlowReturn finish();

@@ -154,7 +154,7 @@ TEST(Inspection, ShowsPadsPropertiesAndRankToPeople) {
         EXPECT_THAT(text, HasSubstr(media));
     for (const Setting& setting : settings())
         EXPECT_THAT(text, ContainsRegex("\n  " + property_name(setting.key) + " *:"));
-    for (const char* property : {"adapt", "status", "qos", "min-force-key-unit-interval"})
+    for (const char* property : {"adapt", "status", "longest-repeat", "qos", "min-force-key-unit-interval"})
         EXPECT_THAT(text, ContainsRegex(std::string("\n  ") + property + " *:"));
 }
 

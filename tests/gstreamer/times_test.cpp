@@ -305,6 +305,107 @@ TEST(KeyUnits, ThatMeetASkippedPictureComeWithTheNext) {
     EXPECT_EQ(keys, (std::set<int64_t>{0, static_cast<int64_t>(element.source().time_of(16))}));
 }
 
+TEST(Repetition, FillsAPauseUpToTheLongestAndNoLongerOne) {
+    for (const char* codec : kCodecs) {
+        SCOPED_TRACE(codec);
+        HarnessedElement element(codec, {{"longest-repeat", "500000000"}});  // 15 pictures
+        element.push_range(0, 10);
+        element.push_range(24, 30);
+        element.push_range(46, 50);
+        element.end();
+        const std::vector<ElementUnit> units = element.take();
+        std::vector<int64_t> expected = times_of(element.source(), 0, 30);
+        const std::vector<int64_t> rest = times_of(element.source(), 46, 50);
+        expected.insert(expected.end(), rest.begin(), rest.end());
+        const std::vector<int64_t> found = shown(units);
+        ASSERT_EQ(found.size(), expected.size());
+        for (size_t n = 0; n < found.size(); n++) EXPECT_NEAR(found[n], expected[n], 20) << n;
+        expect_decodable(units);
+    }
+}
+
+TEST(Repetition, IsOffByDefaultAndLeavesWaveringTimesAlone) {
+    HarnessedElement plain("mpeg-2");
+    plain.push_range(0, 5);
+    plain.push_range(10, 15);
+    plain.end();
+    EXPECT_EQ(plain.take().size(), 10u);
+
+    HarnessedElement element("mpeg-2", {{"longest-repeat", "1000000000"}});
+    const auto picture = static_cast<int64_t>(element.source().time_of(1));
+    std::vector<int64_t> expected;
+    for (uint64_t n = 0; n < 20; n++) {
+        const int64_t off = n % 2 ? picture / 5 : 0;
+        expected.push_back(static_cast<int64_t>(element.source().time_of(n)) + off);
+        element.push(n, [&](GstBuffer* buffer) { GST_BUFFER_PTS(buffer) += static_cast<GstClockTime>(off); });
+    }
+    element.end();
+    EXPECT_EQ(shown(element.take()), expected);
+}
+
+TEST(Repetition, SaysCaptionsOnce) {
+    HarnessedElement element("mpeg-2", {{"longest-repeat", "1000000000"}});
+    const guint8 pair[] = {0x80 | 'A', 'b'};
+    for (const uint64_t n : {0, 1, 2, 12, 13})
+        element.push(n, [&](GstBuffer* buffer) {
+            if (n == 2)
+                gst_buffer_add_video_caption_meta(buffer, GST_VIDEO_CAPTION_TYPE_CEA608_RAW, pair,
+                                                  sizeof pair);
+        });
+    element.end();
+    const std::vector<ElementUnit> units = element.take();
+    EXPECT_EQ(units.size(), 14u);
+    const Bytes sent = {0xFC, 0xC1, 0x62};
+    EXPECT_EQ(std::ranges::count_if(units,
+                                    [&](const ElementUnit& unit) {
+                                        return std::search(unit.bytes.begin(), unit.bytes.end(), sent.begin(),
+                                                           sent.end()) != unit.bytes.end();
+                                    }),
+              1);
+}
+
+TEST(Repetition, ReachesFromOneSourceToAnotherOfTheSameKind) {
+    HarnessedElement element("mpeg-2", {{"longest-repeat", "1000000000"}});
+    element.push_range(0, 5);
+    Source other = element.source();
+    other.more = ", multiview-mode=mono";
+    element.change_source(other);
+    element.push_range(15, 20);
+    element.end();
+    EXPECT_EQ(element.take().size(), 20u);
+}
+
+TEST(Repetition, DoesNotReachAcrossFormatsSegmentsAndFlushes) {
+    for (const char* change : {"caps", "segment", "flush"}) {
+        SCOPED_TRACE(change);
+        HarnessedElement element("mpeg-2", {{"longest-repeat", "1000000000"}});
+        element.push_range(0, 5);
+        if (change == std::string("caps")) {
+            Source other = element.source();
+            other.width = 96;
+            element.change_source(other);
+        } else if (change == std::string("segment")) {
+            GstSegment segment;
+            gst_segment_init(&segment, GST_FORMAT_TIME);
+            segment.base = GST_SECOND;
+            gst_harness_push_event(element.harness(), gst_event_new_segment(&segment));
+        } else {
+            GstSegment segment;
+            gst_segment_init(&segment, GST_FORMAT_TIME);
+            gst_harness_push_event(element.harness(), gst_event_new_flush_start());
+            gst_harness_push_event(element.harness(), gst_event_new_flush_stop(TRUE));
+            gst_harness_push_event(element.harness(), gst_event_new_segment(&segment));
+        }
+        element.push_range(15, 20);
+        element.end();
+        const size_t kept =
+            change == std::string("flush") ? 5 : 10;  // a flush may throw away what was before it
+        const size_t units = element.take().size();
+        EXPECT_GE(units, kept);
+        EXPECT_LE(units, 10u);
+    }
+}
+
 GstClockTime latency_of(HarnessedElement& element) {
     GstClockTime least = 0, most = 0;
     gst_video_encoder_get_latency(GST_VIDEO_ENCODER(element.element()), &least, &most);
