@@ -123,6 +123,10 @@ GstFlowReturn chain(GstPad* pad, GstObject* parent, GstBuffer* buffer) {
         gst_buffer_unref(buffer);
         return flow;
     }
+    if (GST_CLOCK_TIME_IS_VALID(duration) && enc->repeater->is_past(buffer, duration)) {
+        gst_buffer_unref(buffer);
+        return GST_FLOW_OK;
+    }
     enc->repeater->remember(buffer);
     return enc->chain_one(pad, parent, buffer);
 }
@@ -212,10 +216,10 @@ void install_properties(GObjectClass* object_class) {
     longest_repeat_id = status_id + 1;
     g_object_class_install_property(
         object_class, longest_repeat_id,
-        g_param_spec_uint64(
-            "longest-repeat", "longest repeat",
-            "Fill pauses of the pictures of up to so many nanoseconds with the last one; 0: none.", 0,
-            G_MAXUINT64, 0, kReadWrite));
+        g_param_spec_uint64("longest-repeat", "longest repeat",
+                            "Fill pauses of the pictures of up to so many nanoseconds with the last one, and "
+                            "leave out pictures that are as much behind it; 0: neither.",
+                            0, G_MAXUINT64, 0, kReadWrite));
 }
 
 }  // namespace

@@ -39,4 +39,12 @@ GstBuffer* Repeater::before(const GstBuffer* next, GstClockTime picture_duration
     return repetition;
 }
 
+bool Repeater::is_past(const GstBuffer* picture, GstClockTime picture_duration) const {
+    const GstClockTime most = longest();
+    if (most == 0 || !last_ || !GST_BUFFER_PTS_IS_VALID(last_) || !GST_BUFFER_PTS_IS_VALID(picture))
+        return false;
+    return GST_BUFFER_PTS(picture) < GST_BUFFER_PTS(last_) + picture_duration / 2 &&
+           GST_BUFFER_PTS(picture) + most >= GST_BUFFER_PTS(last_);
+}
+
 }  // namespace gsve::gstreamer

@@ -27,6 +27,10 @@ public:
     /// none.
     GstBuffer* before(const GstBuffer* next, GstClockTime picture_duration);
 
+    /// Whether a picture comes for a time for which one has been shown: a source that takes over may be
+    /// behind the one before. What goes back by more than the longest pause is another line of times.
+    bool is_past(const GstBuffer* picture, GstClockTime picture_duration) const;
+
     /// A picture that is going to be encoded, and is to be repeated if need be.
     void remember(GstBuffer* picture) { gst_buffer_replace(&last_, picture); }
 

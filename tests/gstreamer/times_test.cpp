@@ -375,6 +375,24 @@ TEST(Repetition, ReachesFromOneSourceToAnotherOfTheSameKind) {
     EXPECT_EQ(element.take().size(), 20u);
 }
 
+TEST(Repetition, LeavesOutWhatASourceBehindTheLastOneBringsUntilItHasCaughtUp) {
+    for (const char* codec : kCodecs) {
+        SCOPED_TRACE(codec);
+        HarnessedElement element(codec, {{"longest-repeat", "1000000000"}});
+        element.push_range(0, 20);
+        element.push_range(12, 30);
+        element.end();
+        const std::vector<ElementUnit> units = element.take();
+        EXPECT_EQ(shown(units), times_of(element.source(), 0, 30));
+        expect_decodable(units);
+    }
+    HarnessedElement far("mpeg-2", {{"longest-repeat", "100000000"}});
+    far.push_range(0, 20);
+    far.push_range(0, 10);
+    far.end();
+    EXPECT_EQ(far.take().size(), 30u) << "times of their own";
+}
+
 TEST(Repetition, DoesNotReachAcrossFormatsSegmentsAndFlushes) {
     for (const char* change : {"caps", "segment", "flush"}) {
         SCOPED_TRACE(change);

@@ -131,7 +131,8 @@ class Restart(Stage):
         self.assert_no_gap(self.assert_sound_stream(received))
         turns = sum("on the air: main" in line for line in process.log()) - 1
         runs = self.assert_captions(received, film, turns)
-        self.assertGreater(min(runs[0], runs[-1]), 15, "captions of both times")
+        self.assertGreater(len(runs), 1, "captions of both times")
+        self.assertGreater(sum(runs), 30)
 
 
     def test_with_another_rate_leaves_the_backup_on_the_air(self):

@@ -234,7 +234,7 @@ def read_stream(path):
 
 
 def decoding_errors(path):
-    result = subprocess.run(["ffmpeg", "-v", "error", "-i", str(path), "-f", "null", "-"],
+    result = subprocess.run(["ffmpeg", "-v", "repeat+error", "-i", str(path), "-f", "null", "-"],
                             capture_output=True, text=True, timeout=DEADLINE * 5, check=False)
     # What is decoded goes nowhere, at a coarser clock than that of the stream, of which FFmpeg complains.
     return [line for line in result.stderr.splitlines() if line.strip() and not line.startswith("[null @")]
