@@ -75,6 +75,8 @@ struct PictureWrites {
     /// The two or three pairs of a picture that carries both fields, in their order, as compose_cc_data()
     /// takes them; null pairs where a field is idle.
     std::vector<FieldPair> pairs() const;
+
+    friend bool operator==(const PictureWrites&, const PictureWrites&) = default;
 };
 
 /// Follows which channel of a field is being written, and whether out of sight.

@@ -8,15 +8,12 @@
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
-extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavcodec/version.h>
-}
-
 #include "cli/encode/encode.h"
 #include "cli/exit_status.h"
 #include "cli/inspect/inspect.h"
+#include "cli/plan/plan.h"
 #include "cli/stop.h"
+#include "cli/version.h"
 #include "encoding/error.h"
 #include "report/settings_report.h"
 #include "report/treatments_report.h"
@@ -147,32 +144,37 @@ void add_stream_options(CLI::App& app, const std::shared_ptr<EncodeOptions>& opt
         ->type_name("SECONDS");
 }
 
-void add_encode(CLI::App& app, Command& command) {
-    auto options = std::make_shared<EncodeOptions>();
-    CLI::App* encode_app = app.add_subcommand("encode", "Encode a media file to MPEG-2, H.264 or H.265");
-    encode_app->add_option("INPUT", options->input, "Any file that libavformat opens; - is standard input")
+void add_input_and_output(CLI::App& app, const std::shared_ptr<EncodeOptions>& options) {
+    app.add_option("INPUT", options->input, "Any file that libavformat opens; - is standard input")
         ->required();
-    encode_app
-        ->add_option("--format", options->format,
-                     "Of the output, as a file's extension: ts, mp4, ...; default: by its name")
+    app.add_option("--format", options->format,
+                   "Of the output, as a file's extension: ts, mp4, ...; default: by its name")
         ->type_name("EXTENSION");
-    encode_app
-        ->add_option("OUTPUT", options->output,
-                     "Elementary stream (.m2v .h264 .264 .h265 .265 .hevc) or container (.ts .mp4 .mov .mkv "
-                     ".mxf) or HLS (.m3u8); - is standard output")
+    app.add_option("OUTPUT", options->output,
+                   "Elementary stream (.m2v .h264 .264 .h265 .265 .hevc) or container (.ts .mp4 .mov .mkv "
+                   ".mxf) or HLS (.m3u8); - is standard output")
         ->required();
-    encode_app->add_option("-c,--codec", options->codec, "Default: by the output's name, h.264 in containers")
+}
+
+void add_programme_options(CLI::App& app, const std::shared_ptr<EncodeOptions>& options) {
+    app.add_option("-c,--codec", options->codec, "Default: by the output's name, h.264 in containers")
         ->check(CLI::IsMember({"mpeg-2", "h.264", "h.265"}));
-    encode_app
-        ->add_option("-s,--set", options->settings,
-                     "\"KEY=VALUE\", repeatable; \"gsve settings\" lists the keys, and what \"KEY=\" sets")
+    app.add_option("-s,--set", options->settings,
+                   "\"KEY=VALUE\", repeatable; \"gsve settings\" lists the keys, and what \"KEY=\" sets")
         ->take_all()
         ->expected(1)
         ->allow_extra_args(false);
-    encode_app->add_option("--rate", options->frame_rate,
-                           "Make this the source's frame rate: 25, 30000/1001, ...; 1 to 1000");
-    add_stream_options(*encode_app, options);
-    add_ancillary_options(*encode_app, options);
+    app.add_option("--rate", options->frame_rate,
+                   "Make this the source's frame rate: 25, 30000/1001, ...; 1 to 1000");
+    add_stream_options(app, options);
+    add_ancillary_options(app, options);
+}
+
+void add_encode(CLI::App& app, Command& command) {
+    auto options = std::make_shared<EncodeOptions>();
+    CLI::App* encode_app = app.add_subcommand("encode", "Encode a media file to MPEG-2, H.264 or H.265");
+    add_input_and_output(*encode_app, options);
+    add_programme_options(*encode_app, options);
     encode_app->add_flag("--adapt", options->adapt,
                          "MPEG-2: let quality follow the processor's load, as on air; without it the same "
                          "input gives the same bytes on the same number of threads");
@@ -217,6 +219,62 @@ void add_encode(CLI::App& app, Command& command) {
                          "Show what the encoder and the codecs report, as it comes; else it is shown where "
                          "the encoding fails");
     encode_app->callback([options, &command] { command = [options] { return encode(*options); }; });
+}
+
+void add_plan(CLI::App& app, Command& command) {
+    auto options = std::make_shared<PlanOptions>();
+    // Of the options of an encoding, which the plan is of.
+    const std::shared_ptr<EncodeOptions> encode(options, &options->encode);
+    CLI::App* plan_app =
+        app.add_subcommand("plan", "Divide an encoding into chunks that any machines do in any order");
+    add_input_and_output(*plan_app, encode);
+    add_programme_options(*plan_app, encode);
+    plan_app->add_option("--chunks", options->chunk_seconds, "Length of a chunk, as 60s or 5m")
+        ->transform(CLI::AsNumberWithUnit(std::map<std::string, double>{{"s", 1}, {"m", 60}, {"h", 3600}},
+                                          CLI::AsNumberWithUnit::UNIT_OPTIONAL))
+        ->check(CLI::PositiveNumber)
+        ->default_str("60s")
+        ->type_name("TIME");
+    plan_app
+        ->add_option("-o,--plan", options->plan, "The plan's file; chunks are left in a directory beside it")
+        ->required()
+        ->type_name("PLAN");
+    plan_app->add_flag("-y,--overwrite", options->encode.overwrite, "Overwrite PLAN");
+    plan_app->add_flag("-q,--quiet", options->encode.quiet, "No notes or summary; errors remain");
+    plan_app->add_flag("-v,--verbose", options->encode.verbose, "Show what the codecs report");
+    plan_app->callback([options, &command] { command = [options] { return plan(*options); }; });
+}
+
+void add_task_options(CLI::App& app, const std::shared_ptr<TaskOptions>& options) {
+    app.add_option("PLAN", options->plan, "As gsve plan wrote it")->required();
+    app.add_option("--directory", options->directory,
+                   "Where the chunks are; default: beside the plan, by its name without .json")
+        ->type_name("DIRECTORY");
+    app.add_flag("-q,--quiet", options->quiet, "No notes, progress or summary; errors remain");
+    app.add_flag("-v,--verbose", options->verbose, "Show what the encoder and the codecs report");
+}
+
+void add_chunk(CLI::App& app, Command& command) {
+    auto options = std::make_shared<TaskOptions>();
+    CLI::App* chunk_app = app.add_subcommand("chunk", "Encode one chunk of a plan, or its sound");
+    add_task_options(*chunk_app, options);
+    chunk_app->add_option("CHUNK", options->task, "Number from 0, or \"sound\"")->required();
+    chunk_app
+        ->add_option("--save", options->saved,
+                     "So many bits less in its last GOPs, where gsve join finds that the next chunk lacks "
+                     "them")
+        ->type_name("BITS");
+    chunk_app->callback([options, &command] { command = [options] { return chunk(*options); }; });
+}
+
+void add_join(CLI::App& app, Command& command) {
+    auto options = std::make_shared<TaskOptions>();
+    CLI::App* join_app = app.add_subcommand("join", "Put the chunks of a plan together");
+    add_task_options(*join_app, options);
+    join_app->add_option("OUTPUT", options->output,
+                         "Default: the plan's, which has to lie beside it or below");
+    join_app->add_flag("-y,--overwrite", options->overwrite, "Overwrite OUTPUT");
+    join_app->callback([options, &command] { command = [options] { return join(*options); }; });
 }
 
 void add_inspect(CLI::App& app, Command& command) {
@@ -299,12 +357,6 @@ void add_help(CLI::App& app, Command& command) {
     });
 }
 
-std::string version() {
-    const unsigned codec = avcodec_version();
-    return fmt::format("gsve {} (libavcodec {}.{}.{})", GSVE_VERSION, AV_VERSION_MAJOR(codec),
-                       AV_VERSION_MINOR(codec), AV_VERSION_MICRO(codec));
-}
-
 int complain(std::string_view text, int status) {
     fmt::print(stderr, "gsve: {}\n", text);
     return status;
@@ -323,6 +375,9 @@ int run_command(int argc, const char* const* argv) {
     Command command;
     add_encode(app, command);
     add_inspect(app, command);
+    add_plan(app, command);
+    add_chunk(app, command);
+    add_join(app, command);
     add_settings(app, command);
     add_streams(app, command);
     add_help(app, command);

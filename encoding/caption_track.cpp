@@ -141,10 +141,14 @@ CaptionCount CaptionTrack::lost() const {
 }
 
 PictureWrites CaptionTrack::next(uint64_t number, uint64_t encoded) {
-    newest_ = number;
     PictureWrites writes = repacer_.pull(static_cast<int64_t>(encoded));
     // At the full rate no picture is dropped.
     if (forms_.line_rate == captions::LineRate::kPairOfEachField) writes = line_.next(encoded, writes);
+    return planned(number, encoded, std::move(writes));
+}
+
+PictureWrites CaptionTrack::planned(uint64_t number, uint64_t encoded, PictureWrites writes) {
+    newest_ = number;
     if (!writes.empty()) in_codec_[number] = given(writes, static_cast<int64_t>(encoded));
     return writes;
 }

@@ -86,6 +86,9 @@ public:
     /// What goes with a picture that the encoder takes: number `number`, the `encoded`-th that it takes.
     captions::PictureWrites next(uint64_t number, uint64_t encoded);
 
+    /// The same, where it was decided before what goes with the picture.
+    captions::PictureWrites planned(uint64_t number, uint64_t encoded, captions::PictureWrites writes);
+
     /// Tells what became of that picture.
     void after(PictureFate fate);
 

@@ -1,6 +1,9 @@
 #include "encoding/coded_unit.h"
 
+#include <string.h>
+
 #include <algorithm>
+#include <array>
 
 #include "encoding/start_codes.h"
 
@@ -114,6 +117,22 @@ bool closes_gop(AVCodecID codec, Bytes unit) {
 }
 
 }  // namespace
+
+std::vector<uint8_t> nal_cc_data(std::span<const uint8_t> unit) {
+    constexpr std::array<uint8_t, 8> kMessage = {0xB5, 0x00, 0x31, 'G', 'A', '9', '4', 3};
+    constexpr size_t kLongest = 2 + 3 * 31;  // flags, em_data, and as many triples as cc_count can tell
+    UnitCaptions captions;
+    for (Bytes rest = unit; !rest.empty();) {
+        const void* found = memmem(rest.data(), rest.size(), kMessage.data(), kMessage.size());
+        if (!found) break;
+        rest = rest.subspan(static_cast<size_t>(static_cast<const uint8_t*>(found) - rest.data()) +
+                            kMessage.size());
+        // Emulation prevention adds at most one byte to two.
+        const std::vector<uint8_t> body = rbsp_of(rest.first(std::min(rest.size(), kLongest * 3 / 2)), 0);
+        read_ga94(body, captions);
+    }
+    return captions.cc_data.value_or(std::vector<uint8_t>());
+}
 
 bool is_mpeg_video(AVCodecID codec) {
     return codec == AV_CODEC_ID_MPEG2VIDEO || codec == AV_CODEC_ID_MPEG1VIDEO;

@@ -62,11 +62,6 @@ bool describes_once(const OutputFormat& format) {
            (format.container == Container::kHls && format.fragments);
 }
 
-/// Outputs that end with their last picture.
-bool ends_with_picture(Container container) {
-    return container == Container::kMxf || container == Container::kHls;
-}
-
 bool has_chapters(Container container) {
     return container == Container::kMp4 || container == Container::kMov || container == Container::kMatroska;
 }
@@ -83,6 +78,10 @@ ParametersPtr copy_of(const AVCodecParameters& parameters) {
 bool is_left_out(const AVPacket& packet) { return packet.flags & AV_PKT_FLAG_DISCARD; }
 
 }  // namespace
+
+bool ends_with_picture(Container container) {
+    return container == Container::kMxf || container == Container::kHls;
+}
 
 CompanionStreams::CompanionStreams(Input& input, const SoundChoice& sound, const OutputFormat& format,
                                    std::map<int, Loudness> loudness)

@@ -19,6 +19,9 @@
 
 namespace gsve::programme {
 
+/// Outputs that end with their last picture, whatever is still to be heard.
+bool ends_with_picture(Container container);
+
 class CompanionStreams {
 public:
     /// Looks at what the input has read so far: the earliest sound is where the output begins, so that what

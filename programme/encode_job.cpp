@@ -94,7 +94,7 @@ void check_range(const EncodeJob& job, Container container) {
     if (container != Container::kElementary)
         throw UsageError(
             "a range of pictures goes into an elementary stream: name a .m2v, .h264 or .h265 file");
-    if (job.captions.carry_over && job.captions.files.empty())
+    if (job.captions.carry_over && job.captions.files.empty() && !job.captions.planned)
         throw UsageError(
             "a range of pictures cannot take the input's captions, which the whole would place: give them in "
             "a "

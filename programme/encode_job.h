@@ -8,11 +8,26 @@
 #include <utility>
 #include <vector>
 
+#include "captions/repacer.h"
 #include "captions/timecode.h"
 #include "programme/key_index.h"
 #include "programme/stream_choice.h"
 
 namespace gsve::programme {
+
+/// The captions of a part of a programme, as they were planned over the whole of it.
+struct PlannedCaptions {
+    struct Picture {
+        uint64_t number = 0;
+        captions::PictureWrites writes;
+
+        friend bool operator==(const Picture&, const Picture&) = default;
+    };
+    bool present = false;           ///< the whole has captions
+    std::vector<Picture> pictures;  ///< with captions, in their order
+
+    friend bool operator==(const PlannedCaptions&, const PlannedCaptions&) = default;
+};
 
 /// Which captions go out, and how.
 struct CaptionChoice {
@@ -22,6 +37,7 @@ struct CaptionChoice {
     std::optional<int> rows;         ///< SRT, WebVTT: the most rows of a caption
     std::string start;               ///< the file's time, or time code, for the first picture; empty: zero
     bool scte20 = false;             ///< send the byte pairs as SCTE 20 user data, too
+    std::optional<PlannedCaptions> planned;  ///< in place of the input's and of files
 
     friend bool operator==(const CaptionChoice&, const CaptionChoice&) = default;
 };

@@ -30,6 +30,9 @@ public:
     /// One more picture has gone in.
     virtual void progress(const Tally& tally);
 
+    /// A coded picture is on its way to the output.
+    virtual void unit(const encoding::EncodedUnit& unit);
+
     /// Not 0 where the work is to end early, with what has been encoded complete: a signal's number. Asked by
     /// all threads of the work, at any time.
     virtual int stop_reason();

@@ -212,6 +212,16 @@ void Input::work_in_threads() {
     converting_ = ahead(&Input::convert, this);
 }
 
+bool Input::pass_over() {
+    constexpr int kAtOnce = 32;
+    const PacketPtr packet = new_packet();
+    int result = 0;
+    for (int n = 0; n < kAtOnce && result >= 0; n++) result = packets_.next(*packet);
+    std::vector<PacketPtr> others = packets_.take_others();
+    std::move(others.begin(), others.end(), std::back_inserter(converted_.packets));
+    return result >= 0;
+}
+
 std::vector<PacketPtr> Input::take_packets() { return std::exchange(converted_.packets, {}); }
 
 std::vector<SourceCaptions> Input::take_captions() { return std::exchange(converted_.captions, {}); }

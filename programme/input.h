@@ -93,12 +93,17 @@ public:
     const StreamPlan& plan() const { return packets_.plan(); }
     const AVFormatContext& container() const { return packets_.format(); }
 
+    /// Reads on, and decodes nothing: take_packets() then gives what came with the pictures. False at the
+    /// end. After it, nothing else is to be read.
+    bool pass_over();
+
     /// The packets of the other streams that were read since the last call, with times on the input's time
     /// line, in their stream's unit. They run ahead of next() as the decoding does.
     std::vector<PacketPtr> take_packets();
 
-    /// The first picture's time on the input's time line, in kTimeUnit.
+    /// The first picture's time on the input's time line, in kTimeUnit, and in the stream's unit.
     int64_t origin() const;
+    int64_t first_time() const { return decoder_.origin(); }
 
     /// When a picture is shown after the first one, in kTimeUnit: by its number and the frame rate, and later
     /// by the pauses before it that are no pictures. Numbers before the first are times before it.
@@ -115,6 +120,9 @@ public:
 
     /// The rate of the pictures in the file.
     AVRational own_rate() const { return decoder_.own_rate(); }
+
+    /// Of the captions, where they are collected, and there are any.
+    std::optional<CaptionForm> caption_form() const { return caption_form_; }
 
     /// Whether the stream carries captions, idle ones included: anywhere in a file, or in the first five
     /// seconds of what can be read only once.

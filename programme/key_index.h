@@ -3,9 +3,11 @@
 // Where decoding may begin in a file.
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
+#include "programme/av.h"
 #include "programme/stream_choice.h"
 
 namespace gsve::programme {
@@ -18,16 +20,21 @@ struct KeyPicture {
     friend bool operator==(const KeyPicture&, const KeyPicture&) = default;
 };
 
+/// Sees each packet of the picture.
+using PacketVisitor = std::function<void(AVPacket&)>;
+
 struct KeyIndex {
     std::vector<KeyPicture>
-        keys;              ///< in the order of decoding; empty where a picture cannot be found by its time
-    std::string why_none;  ///< then, the reason
+        keys;                 ///< in the order of decoding; empty where a picture cannot be found by its time
+    std::string why_none;     ///< then, the reason
+    bool has_pauses = false;  ///< that last longer than pictures are repeated for
 
     friend bool operator==(const KeyIndex&, const KeyIndex&) = default;
 };
 
 /// Reads all packets of a file, and decodes none. `longest_repeat`: pauses that last longer, in seconds, are
 /// none of the pictures' time. Throws Failure where there is no such file, or no picture in it.
-KeyIndex index_keys(const std::string& path, const StreamChoice& choice, double longest_repeat);
+KeyIndex index_keys(const std::string& path, const StreamChoice& choice, double longest_repeat,
+                    const PacketVisitor& visit = {});
 
 }  // namespace gsve::programme

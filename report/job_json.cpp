@@ -1,65 +1,15 @@
 #include "report/job_json.h"
 
-#include <algorithm>
+#include <array>
+#include <charconv>
 
-#include <fmt/format.h>
-#include <nlohmann/json.hpp>
-
-#include "encoding/error.h"
+#include "report/job_value.h"
+#include "report/json_members.h"
 
 namespace gsve::report {
 namespace {
 
 using programme::EncodeJob;
-using Json = nlohmann::ordered_json;
-
-/// The bytes of a file name that is no UTF-8 text would not come back.
-const std::string& text(const std::string& value, std::string_view what) {
-    try {
-        (void)Json(value).dump();
-    } catch (const Json::exception&) {
-        throw UsageError(fmt::format("the {} has bytes that are no UTF-8 text: rename it", what));
-    }
-    return value;
-}
-
-/// An object whose members are all to be read.
-class Members {
-public:
-    Members(const Json& object, std::string_view name) : object_(object), name_(name) {
-        if (!object.is_object()) throw UsageError(fmt::format("{} is no JSON object", name));
-    }
-
-    template <class Value>
-    void read(const char* key, Value& value) {
-        keys_.emplace_back(key);
-        const auto member = object_.find(key);
-        if (member == object_.end()) throw UsageError(fmt::format("{} lacks \"{}\"", name_, key));
-        try {
-            member->get_to(value);
-        } catch (const Json::exception&) {
-            throw UsageError(fmt::format("\"{}\" of {} is of another kind", key, name_));
-        }
-    }
-
-    const Json& at(const char* key) {
-        Json value;
-        read(key, value);
-        return object_.at(key);
-    }
-
-    void expect_no_more() const {
-        for (const auto& [key, value] : object_.items())
-            if (std::find(keys_.begin(), keys_.end(), key) == keys_.end())
-                throw UsageError(fmt::format("{} has an unknown \"{}\"", name_, key));
-    }
-
-private:
-    const Json& object_;
-    std::string_view name_;
-    std::vector<std::string> keys_;
-};
-
 Json range_json(const std::optional<programme::PictureRange>& range) {
     if (!range) return nullptr;
     Json key;
@@ -83,14 +33,105 @@ programme::PictureRange parse_range(const Json& json) {
     return range;
 }
 
+// A picture's captions as a line: its number, the byte pairs of both fields, the constructs, and at the full
+// rate of film which field comes first, and the third pair, in hexadecimal digits.
+//
+//     "1234 9420 0 FE4142FE4344"
+//     "1235 94AD 9420 - 1 80"
+
+std::string constructs_text(const std::vector<captions::Cea708Construct>& constructs) {
+    std::string text;
+    for (const captions::Cea708Construct& c : constructs)
+        text += fmt::format("{:02X}{:02X}{:02X}", c.header, c.data_1, c.data_2);
+    return text.empty() ? "-" : text;
+}
+
+std::string picture_text(const programme::PlannedCaptions::Picture& picture) {
+    const captions::PictureWrites& writes = picture.writes;
+    std::string text = fmt::format("{} {:X} {:X} {}", picture.number, writes.words[0], writes.words[1],
+                                   constructs_text(writes.cea708));
+    if (writes.has_third || writes.first_field != 0) text += fmt::format(" {}", writes.first_field);
+    if (writes.has_third) text += fmt::format(" {:X}", writes.third);
+    return text;
+}
+
+/// Throws UsageError.
+template <class Number>
+Number number_in(std::string_view text, int base) {
+    Number number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number, base);
+    if (error != std::errc() || end != text.data() + text.size() || text.empty())
+        throw UsageError(fmt::format("\"planned\" has no number in \"{}\"", text));
+    return number;
+}
+
+std::vector<captions::Cea708Construct> parse_constructs(std::string_view text) {
+    std::vector<captions::Cea708Construct> constructs;
+    if (text == "-") return constructs;
+    constexpr size_t kDigits = 6;
+    if (text.size() % kDigits != 0) throw UsageError("\"planned\" has a part of a construct");
+    for (size_t at = 0; at < text.size(); at += kDigits) {
+        const auto word = number_in<uint32_t>(text.substr(at, kDigits), 16);
+        constructs.push_back(
+            {static_cast<uint8_t>(word >> 16), static_cast<uint8_t>(word >> 8), static_cast<uint8_t>(word)});
+    }
+    return constructs;
+}
+
+programme::PlannedCaptions::Picture parse_picture(std::string_view text) {
+    std::array<std::string_view, 6> parts;
+    size_t count = 0;
+    for (std::string_view rest = text; !rest.empty(); count++) {
+        if (count == parts.size()) throw UsageError("\"planned\" has a line that is too long");
+        const size_t end = std::min(rest.find(' '), rest.size());
+        parts[count] = rest.substr(0, end);
+        rest.remove_prefix(std::min(end + 1, rest.size()));
+    }
+    constexpr size_t kLeast = 4;
+    if (count < kLeast) throw UsageError("\"planned\" has a line that is too short");
+    programme::PlannedCaptions::Picture picture;
+    picture.number = number_in<uint64_t>(parts[0], 10);
+    for (size_t field = 0; field < 2; field++)
+        picture.writes.words[field] = number_in<uint16_t>(parts[1 + field], 16);
+    picture.writes.cea708 = parse_constructs(parts[3]);
+    if (count > kLeast) picture.writes.first_field = number_in<uint8_t>(parts[4], 10) != 0;
+    picture.writes.has_third = count == parts.size();
+    if (picture.writes.has_third) picture.writes.third = number_in<uint16_t>(parts[5], 16);
+    return picture;
+}
+
+Json planned_json(const std::optional<programme::PlannedCaptions>& planned) {
+    if (!planned) return nullptr;
+    Json pictures = Json::array();
+    for (const programme::PlannedCaptions::Picture& picture : planned->pictures)
+        pictures.push_back(picture_text(picture));
+    return {{"present", planned->present}, {"pictures", pictures}};
+}
+
+programme::PlannedCaptions parse_planned(const Json& json) {
+    programme::PlannedCaptions planned;
+    Members members(json, "\"planned\"");
+    members.read("present", planned.present);
+    std::vector<std::string> lines;
+    members.read("pictures", lines);
+    members.expect_no_more();
+    for (const std::string& line : lines) {
+        planned.pictures.push_back(parse_picture(line));
+        const size_t count = planned.pictures.size();
+        if (count > 1 && planned.pictures[count - 2].number >= planned.pictures.back().number)
+            throw UsageError("the pictures of \"planned\" do not ascend");
+    }
+    return planned;
+}
+
 }  // namespace
 
-std::string job_json(const EncodeJob& job) {
+Json job_value(const EncodeJob& job) {
     Json settings = Json::array();
     for (const auto& [key, value] : job.settings) settings.push_back({key, text(value, "setting " + key)});
     Json files = Json::array();
     for (const std::string& file : job.captions.files) files.push_back(text(file, "caption file's name"));
-    const Json json = {
+    return {
         {"input", text(job.input, "input's name")},
         {"output", text(job.output, "output's name")},
         {"format", job.format},
@@ -103,7 +144,8 @@ std::string job_json(const EncodeJob& job) {
           {"field", job.captions.field},
           {"rows", job.captions.rows ? Json(*job.captions.rows) : Json()},
           {"start", job.captions.start},
-          {"scte20", job.captions.scte20}}},
+          {"scte20", job.captions.scte20},
+          {"planned", planned_json(job.captions.planned)}}},
         {"streams",
          {{"numbers", job.choice.streams},
           {"program", job.choice.program ? Json(*job.choice.program) : Json()},
@@ -132,14 +174,15 @@ std::string job_json(const EncodeJob& job) {
         {"threads", job.threads},
         {"decoder_threads", job.decoder_threads},
     };
-    return json.dump(2) + "\n";
 }
 
-EncodeJob parse_job(std::string_view json) {
-    const Json parsed = Json::parse(json, nullptr, false);
-    if (parsed.is_discarded()) throw UsageError("the job is no JSON");
+std::string job_json(const EncodeJob& job) { return job_value(job).dump(2) + "\n"; }
+
+EncodeJob parse_job(std::string_view json) { return parse_job_value(parse_json(json, "the job")); }
+
+EncodeJob parse_job_value(const Json& value) {
     EncodeJob job;
-    Members members(parsed, "the job");
+    Members members(value, "the job");
     members.read("input", job.input);
     members.read("output", job.output);
     members.read("format", job.format);
@@ -153,6 +196,8 @@ EncodeJob parse_job(std::string_view json) {
     if (Json rows = captions.at("rows"); !rows.is_null()) captions.read("rows", job.captions.rows.emplace());
     captions.read("start", job.captions.start);
     captions.read("scte20", job.captions.scte20);
+    if (const Json planned = captions.at("planned"); !planned.is_null())
+        job.captions.planned = parse_planned(planned);
     captions.expect_no_more();
     Members streams(members.at("streams"), "\"streams\"");
     streams.read("numbers", job.choice.streams);

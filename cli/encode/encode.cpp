@@ -1,6 +1,5 @@
 #include "cli/encode/encode.h"
 
-#include <csignal>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -9,15 +8,10 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
-extern "C" {
-#include <libavutil/log.h>
-}
-
 #include "cli/exit_status.h"
 #include "cli/overwriting.h"
-#include "cli/progress.h"
 #include "cli/standard_error.h"
-#include "cli/stop.h"
+#include "cli/terminal.h"
 #include "encoding/error.h"
 #include "encoding/settings.h"
 #include "programme/caption_inventory.h"
@@ -55,30 +49,6 @@ std::string choose_codec(const EncodeOptions& options, const std::vector<KeyValu
                                      options.output, format.codec, codec));
     return codec;
 }
-
-/// The person who waits at the terminal.
-class Terminal final : public programme::Observer {
-public:
-    Terminal(bool quiet, HeldDiagnostics* held) : quiet_(quiet), held_(held) {}
-
-    void note(std::string_view lines) override {
-        if (!quiet_) fmt::print(user_stream(), "{}", lines);
-    }
-    void warn(std::string_view line) override { fmt::print(user_stream(), "gsve: {}\n", line); }
-    void begin(std::optional<uint64_t> pictures) override { progress_.emplace(!quiet_, pictures); }
-    void progress(const programme::Tally& tally) override {
-        progress_->show(tally);
-        if (held_) held_->limit();
-    }
-    int stop_reason() override { return stop_signal(); }
-
-    void end_progress() { progress_.reset(); }
-
-private:
-    bool quiet_;
-    HeldDiagnostics* held_;
-    std::optional<Progress> progress_;
-};
 
 void print_results(const EncodeOptions& options, const EncodeResult& result) {
     // Beside the stream, where that goes to standard output.
@@ -168,25 +138,13 @@ programme::EncodeJob job_of(const EncodeOptions& options) {
 }
 
 int encode(const EncodeOptions& options) {
-    av_log_set_level(options.verbose ? AV_LOG_INFO : AV_LOG_ERROR);
     const programme::EncodeJob job = job_of(options);
     check(job);
     if (!options.page.empty()) check_page(options);
     if (!programme::is_standard_stream(options.output)) check_overwriting(options.output, options.overwrite);
 
-    catch_stop_signals();
-    std::signal(SIGPIPE, SIG_IGN);  // a reader that goes away is told of like a full disk
-    clean_up_on_fatal_signals();
-    std::optional<HeldDiagnostics> held;
-    if (!options.verbose) held.emplace();
-    Terminal terminal(options.quiet, held ? &*held : nullptr);
-    try {
-        return encode(job, options, terminal);
-    } catch (...) {
-        terminal.end_progress();
-        if (held) held->show();
-        throw;
-    }
+    return work_at_terminal(options.quiet, options.verbose,
+                            [&](Terminal& terminal) { return encode(job, options, terminal); });
 }
 
 }  // namespace gsve::cli
