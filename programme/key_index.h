@@ -7,8 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "programme/av.h"
 #include "programme/stream_choice.h"
+
+struct AVPacket;
 
 namespace gsve::programme {
 

@@ -12,7 +12,6 @@
 
 extern "C" {
 #include <libavutil/adler32.h>
-#include <libavutil/sha.h>
 }
 
 #include "encoding/coded_unit.h"

@@ -87,7 +87,8 @@ std::string chunk_command(const PlanFile& file, std::string_view task) {
     if (file.directory != programme::work_directory(file.path))
         command += fmt::format("--directory {} ", for_shell(file.directory));
     // What begins with a dash is no option.
-    return command + fmt::format("{}{} {}", file.path.starts_with('-') ? "./" : "", for_shell(file.path), task);
+    return command +
+           fmt::format("{}{} {}", file.path.starts_with('-') ? "./" : "", for_shell(file.path), task);
 }
 
 programme::TaskResult read_manifest(const PlanFile& file, std::string_view task, bool checks_data) {
