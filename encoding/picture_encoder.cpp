@@ -186,6 +186,10 @@ void PictureEncoder::close_gops(bool on) {
         mpeg_context->flags &= ~AV_CODEC_FLAG_CLOSED_GOP;
 }
 
+void PictureEncoder::count_gops_from(int64_t encoded) {
+    if (codec_id == kMpeg2) av_opt_set_int(mpeg_context->priv_data, "timecode_frame_start", encoded, 0);
+}
+
 uint64_t PictureEncoder::drain() {
     uint64_t units = 0;
     draining_ = true;

@@ -137,6 +137,10 @@ public:
     /// Encodes one picture. Throws Failure where the encoder cannot go on, and what the receiver threw.
     PictureFate push(const PictureView& picture, const Ancillary& ancillary);
 
+    /// MPEG-2's GOP headers count pictures where nobody gives them time codes: from this number on. To be
+    /// called between open() and push().
+    void count_gops_from(int64_t encoded);
+
     /// MPEG-2: GOPs that begin while it is on are closed, whatever the setting "closed gop" says. Told some
     /// pictures ahead, since the codec orders pictures by what follows.
     void close_gops(bool on);

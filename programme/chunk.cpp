@@ -222,7 +222,8 @@ public:
     SoundTask(const EncodeJob& job, Observer& observer) : ProgrammeParts(job, observer) {}
 
     TaskResult run(const std::string& path, uint64_t pictures) {
-        open_companions(measured_loudness());
+        companions_.emplace(*input_, job_.sound, format_, measured_loudness());
+        note(companions_->opening_notes());
         PacketLog log(path);
         const CompanionStreams::Sink sink = [&](size_t stream, PacketPtr packet) {
             log.pass(stream, std::move(packet));

@@ -138,6 +138,7 @@ void ProgrammeEncoding::begin_range() {
         open_input_again();
         input_->begin_at(first_number_, {});
     }
+    encoder_.count_gops_from(static_cast<int64_t>(first_number_ / encoder_.frame_rate_divider));
     if (job_.captions.planned) return;
     for (uint64_t number = 0; number < first_number_; number += encoder_.frame_rate_divider) {
         services_.note(static_cast<int64_t>(number),
