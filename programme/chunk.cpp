@@ -258,6 +258,9 @@ std::vector<std::string> lines_of(const std::string& text) {
 TaskResult encode_chunk(const Plan& plan, size_t number, const std::string& path, uint64_t saved,
                         Observer& observer) {
     EncodeJob job = plan.chunks.at(number);
+    check_harmless(job);
+    if (setting_of(job, "encoder") != setting_of(plan.job, "encoder"))
+        throw UsageError(fmt::format("chunk {} is for another codec than the plan", number));
     job.input = plan.job.input;
     job.output = path;
     TaskResult result = saved > 0 ? encode_saving(plan, job, saved, observer) : encode_range(job, observer);

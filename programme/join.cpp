@@ -56,28 +56,36 @@ private:
     double size_, refill_, level_;
 };
 
-/// Bytes to add to a picture so that the next one finds no more in the buffer than it may, or than it was
-/// encoded for.
-size_t stuffing_behind(const BufferLevel& buffer, double bits, std::optional<double> wanted) {
-    if (!buffer.is_constant()) return 0;
-    const double surplus = buffer.after(bits) - wanted.value_or(buffer.size());
+constexpr std::array<uint8_t, 5> kFillerData = {0, 0, 0, 1, 0x0C};
+
+/// The smallest piece of stuffing.
+size_t least_stuffing(int codec) { return codec == encoding::kMpeg2 ? 1 : kFillerData.size() + 1; }
+
+/// Bytes to add to a picture so that the next one finds no more in the buffer than it holds, and at a join
+/// no more than it was encoded for.
+size_t stuffing_behind(const BufferLevel& buffer, int codec, double bits, std::optional<double> wanted) {
+    if (!buffer.is_constant() || codec == encoding::kH265) return 0;
+    const double least = 8 * static_cast<double>(least_stuffing(codec));
+    const double overflow = buffer.after(bits) - buffer.size();
+    double surplus = overflow > 0 ? std::max(overflow, least) : 0;
+    if (const double of_join = buffer.after(bits) - wanted.value_or(buffer.size()); of_join >= least)
+        surplus = std::max(surplus, of_join);
+    // All of it has to be there when the picture is removed.
     const double room = buffer.level() - bits;
-    return static_cast<size_t>(std::max(std::floor(std::min(surplus, room) / 8), 0.0));
+    if (surplus > room) return room < least ? 0 : static_cast<size_t>(room / 8);
+    return static_cast<size_t>(std::ceil(surplus / 8));
 }
 
-/// Zero bytes (ISO/IEC 13818-2, 5.2.3), or filler data (ITU-T H.264, 7.3.2.7). Returns how many.
-size_t stuff(std::vector<uint8_t>& unit, int codec, size_t bytes) {
-    constexpr std::array<uint8_t, 5> kFillerData = {0, 0, 0, 1, 0x0C};
-    constexpr size_t kLeastFiller = kFillerData.size() + 1;
+/// Adds zero bytes (ISO/IEC 13818-2, 5.2.3), or filler data (ITU-T H.264, 7.3.2.7).
+void stuff(std::vector<uint8_t>& unit, int codec, size_t bytes) {
+    if (bytes == 0) return;
     if (codec == encoding::kMpeg2) {
         unit.resize(unit.size() + bytes);
-        return bytes;
+        return;
     }
-    if (codec != encoding::kH264 || bytes < kLeastFiller) return 0;
     unit.insert(unit.end(), kFillerData.begin(), kFillerData.end());
-    unit.insert(unit.end(), bytes - kLeastFiller, 0xFF);
+    unit.insert(unit.end(), bytes - least_stuffing(codec), 0xFF);
     unit.push_back(0x80);
-    return bytes;
 }
 
 /// For containers that keep the parameter sets in their own header.
@@ -186,7 +194,9 @@ void Joining::write(const encoding::EncodedUnit& unit, std::optional<double> nex
         bytes = without_parameter_sets(encoder_.codec_id, bytes);
     if (level_) {
         const double bits = 8 * static_cast<double>(bytes.size());
-        result_.stuffed += stuff(bytes, encoder_.codec_id, stuffing_behind(*level_, bits, next_wanted));
+        const size_t stuffing = stuffing_behind(*level_, encoder_.codec_id, bits, next_wanted);
+        stuff(bytes, encoder_.codec_id, stuffing);
+        result_.stuffed += stuffing;
         level_->remove(8 * static_cast<double>(bytes.size()));
     }
     if (delays_) delays_->left(bytes.size());
@@ -220,6 +230,7 @@ void Joining::pass_sound(int64_t up_to) {
 std::optional<BufferDeficit> find_deficit(const Plan& plan, const std::vector<FinishedTask>& chunks) {
     if (chunks.empty() || !chunks.front().result.buffer) return std::nullopt;
     BufferLevel level(*chunks.front().result.buffer, plan.period());
+    const int codec = setting_of(plan.job, "encoder") == "mpeg-2" ? encoding::kMpeg2 : encoding::kH264;
     const double tolerance = static_cast<double>(chunks.front().result.buffer->bit_rate) / 90'000 + 8;
     for (size_t n = 0; n < chunks.size(); n++) {
         double lack = 0;
@@ -231,7 +242,7 @@ std::optional<BufferDeficit> find_deficit(const Plan& plan, const std::vector<Fi
             if (is_last && n + 1 < chunks.size() && chunks[n + 1].result.buffer)
                 wanted = static_cast<double>(chunks[n + 1].result.buffer->before);
             lack = std::max(lack, bits - level.level());
-            bits += 8 * static_cast<double>(stuffing_behind(level, bits, wanted));
+            bits += 8 * static_cast<double>(stuffing_behind(level, codec, bits, wanted));
             level.remove(bits);
         }
         const bool alone = chunks[n].result.buffer && !chunks[n].result.buffer->holds;

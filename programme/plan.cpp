@@ -216,7 +216,9 @@ EncodeJob Planning::chunk_job(size_t number, const PictureRange& range,
 }  // namespace
 
 Plan make_plan(const EncodeJob& job, double chunk_seconds, Observer& observer) {
+    if (is_pipe(job.input)) throw UsageError("a plan's input is read many times: store it in a file first");
     check(job);
+    check_harmless(job);
     if (is_standard_stream(job.output)) throw UsageError("a plan's output is a file: give OUTPUT a name");
     if (job.adapt) throw UsageError("--adapt follows the load of one machine: leave it out");
     if (job.quality)
@@ -227,6 +229,14 @@ Plan make_plan(const EncodeJob& job, double chunk_seconds, Observer& observer) {
         (!is_mpeg2 && setting_of(job, "maximum threads") == "0"))
         fixed.threads = 1;
     return Planning(fixed, observer).run(chunk_seconds);
+}
+
+void check_harmless(const EncodeJob& job) {
+    const std::string dump = setting_of(job, "debug file");
+    if (!dump.empty() && dump != "0")
+        throw UsageError("\"debug file\" writes elsewhere than beside the plan: leave it out");
+    if (job.range && !job.captions.files.empty())
+        throw UsageError("a chunk names files of captions, which are in the plan");
 }
 
 void check_source(const Plan& plan) {

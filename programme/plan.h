@@ -50,6 +50,9 @@ inline constexpr std::string_view kSoundTask = "sound";
 /// caller's. Throws UsageError for what cannot be divided, with the reason, and Failure.
 Plan make_plan(const EncodeJob& job, double chunk_seconds, Observer& observer);
 
+/// Throws UsageError for a job that reads or writes what its plan does not show.
+void check_harmless(const EncodeJob& job);
+
 /// Throws Failure where the input is not the one that the plan was made from. Where only its time is another,
 /// as a copy's, its coded pictures decide.
 void check_source(const Plan& plan);
