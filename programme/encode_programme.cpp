@@ -55,6 +55,7 @@ public:
 private:
     void encode_all();
     void begin_range();
+    uint64_t lead_of(const PictureRange& range) const;
     bool is_wanted(int64_t number) const {
         return !job_.range || number >= static_cast<int64_t>(job_.range->begin);
     }
@@ -121,14 +122,30 @@ void ProgrammeEncoding::encode_all() {
     delivery_->finish();
 }
 
+/// For how many pictures the warm-up is. The one before the range's first is to be one of those that the
+/// codec predicts others from, as it is in the whole: else it would have to code one more of these than the
+/// whole has, and the bits would be missing behind the join. Fields of captions alternate between pictures
+/// where the rate is high, so that the number is even.
+uint64_t ProgrammeEncoding::lead_of(const PictureRange& range) const {
+    const uint64_t step = encoder_.frame_rate_divider;
+    const uint64_t most = std::min(range.begin, range.warm_up) / step;
+    const auto run = static_cast<uint64_t>(std::max(encoder_.mpeg_context->max_b_frames, 0)) + 1;
+    const auto gop = static_cast<uint64_t>(std::max(encoder_.effective_gop_size, 1));
+    // Buffering periods of H.264 count from the one before, which then has to be a whole GOP before.
+    const bool may_shift = run > 1 && !encoder_.h264_nal_hrd;
+    for (uint64_t lead = most; may_shift && 2 * lead > most; lead--) {
+        const uint64_t since_key = lead % gop;
+        if (lead % 2 == 0 && lead % run == 1 && since_key >= 2 * run && since_key + run < gop)
+            return lead * step;
+    }
+    return (range.begin - (range.begin - most * step) / (2 * step) * (2 * step));
+}
+
 /// Brings everything to the state in which the whole programme has it at the first picture of the warm-up:
 /// the input, the phase of the frame-rate division, captions and time codes.
 void ProgrammeEncoding::begin_range() {
     const PictureRange& range = *job_.range;
-    // Fields of captions alternate between pictures where the rate is high.
-    const uint64_t step = 2 * uint64_t{encoder_.frame_rate_divider};
-    const uint64_t wanted = range.begin - std::min(range.begin, range.warm_up);
-    first_number_ = wanted - wanted % step;
+    first_number_ = range.begin - lead_of(range);
     if (range.begin % encoder_.frame_rate_divider != 0)
         throw UsageError(
             fmt::format("a range of pictures cannot begin with picture {}, which is left out", range.begin));

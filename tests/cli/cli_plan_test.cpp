@@ -259,8 +259,9 @@ class DividedFilm : public Divided {};
 TEST_P(DividedFilm, IsAsGoodBehindEachJoin) {
     const Division& division = GetParam();
     const std::string source = directory / "film.ts";
-    ffmpeg(directory / "", "-stream_loop 2 -i '" + film_clip_path() +
-                               "' -t 20 -vf scale=360:202 -c:v mpeg2video -q:v 2 -g 15 -bf 2 -an film.ts");
+    ffmpeg(directory / "",
+           "-stream_loop 2 -i '" + film_clip_path() +
+               "' -t 20 -vf setpts=N/25/TB,scale=360:202 -c:v mpeg2video -q:v 2 -g 15 -bf 2 -an film.ts");
     const std::string one = directory / ("one" + division.out), joined = directory / division.out;
     const std::string plan = directory / "film.plan.json";
     std::vector<std::string> encode = {"encode", source, one, "-q", "--set", "maximum threads=1"};
