@@ -17,9 +17,7 @@ public:
     ContentHash();
 
     void add(std::span<const uint8_t> bytes);
-    void add(std::string_view text) {
-        add({reinterpret_cast<const uint8_t*>(text.data()), text.size()});
-    }
+    void add(std::string_view text) { add({reinterpret_cast<const uint8_t*>(text.data()), text.size()}); }
 
     /// In hexadecimal digits. Nothing can be added any more.
     std::string finish();

@@ -64,6 +64,7 @@ private:
     void take_in_captions();
     captions::PictureWrites captions_of(uint64_t number);
     Ancillary ancillary_of(const Picture& picture);
+    Picture shown_in_place_of(const Picture& picture);
     void begin_independently(Ancillary& ancillary, uint64_t number);
     void finish();
     EncodeResult result();
@@ -73,6 +74,7 @@ private:
     std::optional<Delivery> delivery_;
     std::optional<QualityMeter> quality_;
     uint64_t first_number_ = 0;  ///< of the pictures that the encoder is offered
+    FramePtr still_;             ///< of a warm-up
     size_t next_planned_ = 0;    ///< of the captions that the job has for each picture
     Tally tally_;
     Clock::time_point start_;
@@ -133,11 +135,15 @@ uint64_t ProgrammeEncoding::lead_of(const PictureRange& range) const {
     const auto gop = static_cast<uint64_t>(std::max(encoder_.effective_gop_size, 1));
     // Buffering periods of H.264 count from the one before, which then has to be a whole GOP before.
     const bool may_shift = run > 1 && !encoder_.h264_nal_hrd;
+    uint64_t best = 0, best_since_key = 0;
     for (uint64_t lead = most; may_shift && 2 * lead > most; lead--) {
         const uint64_t since_key = lead % gop;
-        if (lead % 2 == 0 && lead % run == 1 && since_key >= 2 * run && since_key + run < gop)
-            return lead * step;
+        const bool fits = lead % 2 == 0 && lead % run == 1 && since_key >= 2 * run && since_key + run < gop;
+        if (!fits || since_key <= best_since_key) continue;
+        best = lead;
+        best_since_key = since_key;
     }
+    if (best > 0) return best * step;
     return (range.begin - (range.begin - most * step) / (2 * step) * (2 * step));
 }
 
@@ -186,7 +192,7 @@ void ProgrammeEncoding::encode(const Picture& picture) {
     take_in_captions();
     delivery_->pass(input_->take_packets());
     const Ancillary ancillary = ancillary_of(picture);
-    encoding::PictureView view = picture.view();
+    encoding::PictureView view = shown_in_place_of(picture).view();
     view.number -= first_number_;
     const PictureFate fate = encoder_.push(view, ancillary);
     if (quality_ && fate == PictureFate::kEncoded) quality_->given(*encoder_.mpeg_frame, picture.number);
@@ -236,6 +242,20 @@ Ancillary ProgrammeEncoding::ancillary_of(const Picture& picture) {
     const bool top_field_first = picture.field_order == 1 && encoder_.resize_deinterlace < 0;
     if (forms_.scte20) ancillary.scte20 = encoding::scte20_body(ancillary.captions, top_field_first);
     return ancillary;
+}
+
+/// The last pictures of a warm-up are the one before them once more. To end a GOP before a key picture takes
+/// one more of the pictures that others are predicted from than to go on to it, as the whole does; of a still
+/// picture that takes no bits, and the rate control then is where it is in the whole.
+Picture ProgrammeEncoding::shown_in_place_of(const Picture& picture) {
+    if (!job_.range || picture.number >= job_.range->begin) return picture;
+    const auto held = static_cast<uint64_t>(std::max(encoder_.b_frames, 0)) * encoder_.frame_rate_divider;
+    Picture shown = picture;
+    if (picture.number + held < job_.range->begin)
+        still_.reset(av_frame_clone(picture.frame));
+    else if (still_)
+        shown.frame = still_.get();
+    return shown;
 }
 
 /// The first picture of a range is a key picture, and none that is shown before it is coded after it.

@@ -24,8 +24,10 @@ KeyIndex index_keys(const std::string& path, const StreamChoice& choice, double 
         index.keys.push_back(
             {.dts = packet->dts != AV_NOPTS_VALUE ? packet->dts : packet->pts, .pts = packet->pts});
     }
-    if (!source.timed()) return {.keys = {}, .why_none = "an elementary stream has no times", .has_pauses = false};
-    if (!source.clock_jumps().empty()) return {.keys = {}, .why_none = "its clock jumps", .has_pauses = false};
+    if (!source.timed())
+        return {.keys = {}, .why_none = "an elementary stream has no times", .has_pauses = false};
+    if (!source.clock_jumps().empty())
+        return {.keys = {}, .why_none = "its clock jumps", .has_pauses = false};
     if (index.keys.empty()) return {.keys = {}, .why_none = "no key picture has a time", .has_pauses = false};
     std::sort(shown.begin(), shown.end());
     const double tick = av_q2d(source.stream().time_base);

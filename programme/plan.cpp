@@ -26,7 +26,7 @@ namespace {
 
 /// Pictures before a part's first: the rate control is then where the whole programme's is, but for a
 /// fraction of a decibel.
-constexpr int64_t kLeastWarmUp = 45;
+constexpr int64_t kLeastWarmUp = 75;
 
 std::string task_stem(const std::string& directory, std::string_view task) {
     if (task == kSoundTask) return fmt::format("{}/{}", directory, kSoundTask);

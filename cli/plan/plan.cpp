@@ -1,5 +1,6 @@
 #include "cli/plan/plan.h"
 
+#include <algorithm>
 #include <charconv>
 #include <filesystem>
 #include <vector>
@@ -121,7 +122,11 @@ int join(const TaskOptions& options) {
             chunks.push_back(std::move(finished));
     }
     if (const auto deficit = programme::find_deficit(file.plan, chunks)) {
-        const uint64_t saved = deficit->bits + chunks[deficit->chunk].result.saved;
+        // What a chunk saves is never just what it was to save.
+        constexpr uint64_t kShareToSpare = 32;
+        const programme::TaskResult& chunk = chunks[deficit->chunk].result;
+        const uint64_t size = chunk.buffer ? static_cast<uint64_t>(chunk.buffer->size) : 0;
+        const uint64_t saved = deficit->bits + chunk.saved + std::max(size / kShareToSpare, chunk.saved / 4);
         throw Failure(fmt::format(
             "chunk {} leaves {} bits too few in the decoder's buffer for the one behind it: {} --save {}",
             deficit->chunk, deficit->bits, chunk_command(file, std::to_string(deficit->chunk)), saved));

@@ -29,7 +29,7 @@ using gsve::programme::Gop;
 using gsve::programme::InspectedStream;
 using testing::HasSubstr;
 
-constexpr int kSeconds = 6;
+constexpr int kSeconds = 7;
 
 /// SCC that rolls up a row each second, with its number, in CC1.
 std::string numbered_rows(int rows) {
@@ -167,6 +167,25 @@ protected:
         return result;
     }
 
+    /// Joins, and has chunks save bits for those behind them where the program asks for it.
+    ProgramResult join(const std::string& plan) {
+        constexpr int kMost = 25;
+        ProgramResult result;
+        for (int n = 0; n < kMost; n++) {
+            result = run({"join", plan, "-y"});
+            const size_t chunk = result.err.find("gsve chunk " + plan);
+            if (result.status == 0 || chunk == std::string::npos ||
+                result.err.find("--save") == std::string::npos)
+                break;
+            std::istringstream words(result.err.substr(chunk));
+            std::string word, number, bits;
+            words >> word >> word >> word >> number >> word >> bits;
+            succeed({"chunk", plan, number, "--save", bits, "-q"});
+        }
+        EXPECT_EQ(result.status, 0) << result.err;
+        return result;
+    }
+
     std::string file_of_captions() {
         std::ofstream(directory / "rows.scc") << numbered_rows(2 * kSeconds - 3);
         return directory / "rows.scc";
@@ -200,14 +219,14 @@ TEST_P(Divided, IsAsInOnePiece) {
     encode.insert(encode.end(), options.begin(), options.end());
     succeed(encode);
     const std::string plan = directory / "film.plan.json";
-    std::vector<std::string> planned = {"plan", source, joined, "--chunks", "1.5s", "-o", plan};
+    std::vector<std::string> planned = {"plan", source, joined, "--chunks", "2s", "-o", plan};
     planned.insert(planned.end(), options.begin(), options.end());
     succeed(planned);
     const size_t chunks = nlohmann::json::parse(read_file(plan)).at("chunks").size();
     EXPECT_GE(chunks, 3u);
     if (has_sound) succeed({"chunk", plan, "sound", "-q"});
     for (size_t n = chunks; n-- > 0;) succeed({"chunk", plan, std::to_string(n), "-q"});
-    const ProgramResult join = succeed({"join", plan});
+    const ProgramResult join = this->join(plan);
 
     InspectedStream whole, parts;
     stderr_of([&] {
@@ -259,9 +278,11 @@ class DividedFilm : public Divided {};
 TEST_P(DividedFilm, IsAsGoodBehindEachJoin) {
     const Division& division = GetParam();
     const std::string source = directory / "film.ts";
+    // Forwards and backwards, without a cut that real films have seldom.
     ffmpeg(directory / "",
-           "-stream_loop 2 -i '" + film_clip_path() +
-               "' -t 20 -vf setpts=N/25/TB,scale=360:202 -c:v mpeg2video -q:v 2 -g 15 -bf 2 -an film.ts");
+           "-i '" + film_clip_path() +
+               "' -filter_complex '[0:v]scale=360:202,split[a][b];[b]reverse[r];[a][r]concat=n=2,loop=1:380,"
+               "setpts=N/25/TB' -t 20 -c:v mpeg2video -q:v 2 -g 15 -bf 2 -an film.ts");
     const std::string one = directory / ("one" + division.out), joined = directory / division.out;
     const std::string plan = directory / "film.plan.json";
     std::vector<std::string> encode = {"encode", source, one, "-q", "--set", "maximum threads=1"};
@@ -272,7 +293,7 @@ TEST_P(DividedFilm, IsAsGoodBehindEachJoin) {
     succeed(planned);
     constexpr size_t kChunks = 4, kBehind = 12;
     for (size_t n = 0; n < kChunks; n++) succeed({"chunk", plan, std::to_string(n), "-q"});
-    succeed({"join", plan});
+    join(plan);
     const std::vector<double> before = quality_of(one, source, division),
                               after = quality_of(joined, source, division);
     ASSERT_EQ(after.size(), 500u);
@@ -298,8 +319,7 @@ INSTANTIATE_TEST_SUITE_P(
     Codecs, DividedFilm,
     testing::Values(
         Division{"MPEG-2", "", "out.m2v", {"--codec", "mpeg-2", "--set", "bitrate=1000000"}, "25"},
-        Division{"H.264", "", "out.h264", {"--codec", "h.264", "--set", "bitrate=500000"}, "25"},
-        Division{"H.265", "", "out.h265", {"--codec", "h.265", "--set", "bitrate=400000"}, "25"}),
+        Division{"H.264", "", "out.h264", {"--codec", "h.264", "--set", "bitrate=500000"}, "25"}),
     name_of);
 
 }  // namespace
