@@ -133,8 +133,8 @@ uint64_t ProgrammeEncoding::lead_of(const PictureRange& range) const {
     const uint64_t most = std::min(range.begin, range.warm_up) / step;
     const auto run = static_cast<uint64_t>(std::max(encoder_.mpeg_context->max_b_frames, 0)) + 1;
     const auto gop = static_cast<uint64_t>(std::max(encoder_.effective_gop_size, 1));
-    // Buffering periods of H.264 count from the one before, which then has to be a whole GOP before.
-    const bool may_shift = run > 1 && !encoder_.h264_nal_hrd;
+    // libx264 and libx265 end a GOP wherever it is; of a still picture, see below, that takes nothing.
+    const bool may_shift = run > 1 && encoder_.codec_id == encoding::kMpeg2;
     uint64_t best = 0, best_since_key = 0;
     for (uint64_t lead = most; may_shift && 2 * lead > most; lead--) {
         const uint64_t since_key = lead % gop;
