@@ -51,8 +51,7 @@ EncodeJob full_job() {
     job.timecode = "10:00:00;02";
     job.adapt = true;
     job.captions.planned = gsve::programme::PlannedCaptions{
-        .present = true,
-        .pictures = {{.number = 12, .writes = {}}, {.number = 4'000'000'000, .writes = {}}}};
+        .present = true, .pictures = {{.number = 12, .writes = {}}, {.number = 4'000'000'000, .writes = {}}}};
     gsve::captions::PictureWrites& writes = job.captions.planned->pictures[1].writes;
     writes.words[1] = 0x9420;
     writes.cea708 = {{0xFE, 0x41, 0x00}, {0xFF, 0x0A, 0xF0}};
