@@ -10,6 +10,7 @@
 
 #include "cli/encode/encode.h"
 #include "cli/exit_status.h"
+#include "cli/farm/farm.h"
 #include "cli/inspect/inspect.h"
 #include "cli/plan/plan.h"
 #include "cli/stop.h"
@@ -267,14 +268,116 @@ void add_chunk(CLI::App& app, Command& command) {
     chunk_app->callback([options, &command] { command = [options] { return chunk(*options); }; });
 }
 
+void add_join_options(CLI::App& app, const std::shared_ptr<TaskOptions>& options) {
+    add_task_options(app, options);
+    app.add_option("OUTPUT", options->output, "Default: the plan's, which has to lie beside it or below");
+    app.add_flag("-y,--overwrite", options->overwrite, "Overwrite OUTPUT");
+}
+
 void add_join(CLI::App& app, Command& command) {
     auto options = std::make_shared<TaskOptions>();
     CLI::App* join_app = app.add_subcommand("join", "Put the chunks of a plan together");
-    add_task_options(*join_app, options);
-    join_app->add_option("OUTPUT", options->output,
-                         "Default: the plan's, which has to lie beside it or below");
-    join_app->add_flag("-y,--overwrite", options->overwrite, "Overwrite OUTPUT");
+    add_join_options(*join_app, options);
     join_app->callback([options, &command] { command = [options] { return join(*options); }; });
+}
+
+void add_job_options(CLI::App& app, const std::shared_ptr<FarmSubmitOptions>& options) {
+    app.add_option("--output", options->output,
+                   "Of a single plan; default: the plan's, which has to lie beside it or below");
+    app.add_flag("-y,--overwrite", options->overwrite, "Overwrite what the plans are for");
+    app.add_option("--memory", options->jobs.memory,
+                   "Megabytes of a task; default: estimated from the size of the picture")
+        ->check(CLI::PositiveNumber)
+        ->type_name("MB");
+    app.add_option("--cpus", options->jobs.processors, "Of a chunk; default: the plan's threads")
+        ->check(CLI::PositiveNumber)
+        ->type_name("N");
+    app.add_option("--at-once", options->jobs.at_once,
+                   "Chunks of a plan that may run at a time; default: all")
+        ->check(CLI::PositiveNumber)
+        ->type_name("N");
+    app.add_option("--gsve", options->jobs.program, "The gsve of the nodes; default: this one, by its path")
+        ->type_name("PATH");
+    app.add_option("--sbatch", options->jobs.cluster,
+                   "An option for sbatch, repeatable: --sbatch=--partition=video")
+        ->take_all()
+        ->expected(1)
+        ->allow_extra_args(false)
+        ->type_name("OPTION");
+}
+
+void add_duration(CLI::App& app, const char* name, double& seconds, const char* description) {
+    app.add_option(name, seconds, description)
+        ->transform(CLI::AsNumberWithUnit(std::map<std::string, double>{{"s", 1}, {"m", 60}, {"h", 3600}},
+                                          CLI::AsNumberWithUnit::UNIT_OPTIONAL))
+        ->check(CLI::PositiveNumber)
+        ->type_name("TIME");
+}
+
+void add_file_options(CLI::App& app, const std::shared_ptr<FarmSubmitOptions>& options) {
+    FarmFilesOptions& files = options->files;
+    CLI::Option* directory =
+        app.add_option("--output-directory", files.directory,
+                       "Encode media files into this directory, each as a task, with the options below")
+            ->type_name("DIRECTORY");
+    CLI::App* group = app.add_option_group("Files", "How files are encoded, as by gsve encode");
+    group
+        ->add_option("--files-from", files.files_from,
+                     "A file with the names of more files: with NULs between them, or a line each; -: "
+                     "standard input")
+        ->type_name("LIST");
+    add_duration(*group, "--longest", files.longest,
+                 "A file that is longer is divided in chunks; default: 10m");
+    add_duration(*group, "--chunks", files.chunk_seconds, "Length of these chunks; default: 60s");
+    group->add_option("--format", files.encode.format, "Of the outputs, as a file's extension; default: ts")
+        ->type_name("EXTENSION");
+    add_programme_options(*group, std::shared_ptr<EncodeOptions>(options, &files.encode));
+    for (CLI::Option* option : group->get_options()) option->needs(directory);
+}
+
+void add_farm(CLI::App& app, Command& command) {
+    CLI::App* farm_app = app.add_subcommand("farm", "Run plans on a Slurm cluster");
+    farm_app->require_subcommand(1);
+
+    auto submit = std::make_shared<FarmSubmitOptions>();
+    CLI::App* submit_app = farm_app->add_subcommand(
+        "submit", "Submit the chunks of plans, their sound and, when these are done, the joining");
+    submit_app->add_option("PLAN", submit->plans,
+                           "As gsve plan wrote it, on storage that all nodes share; with --output-directory, "
+                           "a media file");
+    add_job_options(*submit_app, submit);
+    add_file_options(*submit_app, submit);
+    submit_app->callback([submit, &command] { command = [submit] { return farm_submit(*submit); }; });
+
+    auto status = std::make_shared<FarmStatusOptions>();
+    CLI::App* status_app = farm_app->add_subcommand(
+        "status", "Show how far plans are, and what failed; the exit status is 1 where anything did");
+    status_app->add_option("PLAN", status->plans,
+                           "Or a directory of submitted plans; default: this directory");
+    status_app->add_flag("--json", status->json, "As JSON, with every task");
+    status_app->add_option("--html", status->page, "Write a page to this file")->type_name("FILE");
+    status_app->add_flag("-y,--overwrite", status->overwrite, "Overwrite the file of --html");
+    status_app->callback([status, &command] { command = [status] { return farm_status(*status); }; });
+
+    auto retry = std::make_shared<FarmSubmitOptions>();
+    CLI::App* retry_app = farm_app->add_subcommand(
+        "retry", "Submit again what of plans is neither done nor in the queue, or does not fit");
+    retry_app->add_option("PLAN", retry->plans, "Or a directory of submitted plans; default: this directory");
+    add_job_options(*retry_app, retry);
+    retry_app->callback([retry, &command] { command = [retry] { return farm_retry(*retry); }; });
+
+    auto list = std::make_shared<std::pair<std::string, std::string>>();
+    CLI::App* encode_app = farm_app->add_subcommand("encode", "Encode one file of a list that was submitted");
+    encode_app->add_option("LIST", list->first)->required();
+    encode_app->add_option("FILE", list->second, "Number from 0")->required();
+    encode_app->callback(
+        [list, &command] { command = [list] { return farm_encode(list->first, list->second); }; });
+
+    auto join = std::make_shared<TaskOptions>();
+    CLI::App* join_app = farm_app->add_subcommand(
+        "join", "As gsve join, after encoding chunks again that leave the next one too few bits");
+    add_join_options(*join_app, join);
+    join_app->callback([join, &command] { command = [join] { return farm_join(*join); }; });
 }
 
 void add_inspect(CLI::App& app, Command& command) {
@@ -378,6 +481,7 @@ int run_command(int argc, const char* const* argv) {
     add_plan(app, command);
     add_chunk(app, command);
     add_join(app, command);
+    add_farm(app, command);
     add_settings(app, command);
     add_streams(app, command);
     add_help(app, command);

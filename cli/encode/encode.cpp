@@ -143,6 +143,10 @@ int encode(const EncodeOptions& options) {
     if (!options.page.empty()) check_page(options);
     if (!programme::is_standard_stream(options.output)) check_overwriting(options.output, options.overwrite);
 
+    return encode(job, options);
+}
+
+int encode(const programme::EncodeJob& job, const EncodeOptions& options) {
     return work_at_terminal(options.quiet, options.verbose,
                             [&](Terminal& terminal) { return encode(job, options, terminal); });
 }

@@ -43,4 +43,7 @@ programme::EncodeJob job_of(const EncodeOptions& options);
 /// Encodes. Returns the exit status; throws UsageError and Failure.
 int encode(const EncodeOptions& options);
 
+/// A job that was described before, which overwrites its output. Of the options, those that tell of it count.
+int encode(const programme::EncodeJob& job, const EncodeOptions& options);
+
 }  // namespace gsve::cli
