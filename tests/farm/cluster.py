@@ -63,6 +63,8 @@ SlurmctldTimeout=10
 MessageTimeout=5
 KillWait=2
 MaxArraySize={array_size}
+MaxJobCount={job_count}
+MinJobAge=60
 SlurmdParameters=config_overrides
 {nodes}
 PartitionName=farm Nodes=ALL Default=YES MaxTime=INFINITE State=UP
@@ -92,11 +94,11 @@ def namespaces():
 
 
 class Cluster:
-    def __init__(self, directory, array_size=1001):
+    def __init__(self, directory, array_size=1001, job_count=10000):
         self.directory = pathlib.Path(directory).resolve()
         self.configuration = self.directory / "slurm.conf"
         self._record = self.directory / "processes.json"
-        self._array_size = array_size
+        self._limits = {"array_size": array_size, "job_count": job_count}
         self._started = {}  # those of this process, which it has to wait for
 
     def environment(self):
@@ -141,9 +143,10 @@ class Cluster:
         host, ports = socket.gethostname().split(".")[0], free_ports(1 + len(NODES))
         nodes = "\n".join(NODE.format(name=name, host=host, port=port, memory=MEMORY)
                           for name, port in zip(NODES, ports[1:]))
+        user = pwd.getpwuid(os.geteuid()).pw_name
         self.configuration.write_text(
-            CONFIGURATION.format(host=host, ports=ports, user=pwd.getpwuid(os.geteuid()).pw_name, directory=self.directory,
-                                 array_size=self._array_size, nodes=nodes), encoding="utf-8")
+            CONFIGURATION.format(host=host, ports=ports, user=user, directory=self.directory, nodes=nodes,
+                                 **self._limits), encoding="utf-8")
 
     def start_node(self, name):
         # The shell reaps what outlives its parent on a node, as init does.
@@ -220,7 +223,8 @@ def main():
         cluster.up()
     except RuntimeError as error:
         sys.exit(f"cluster: {error}")
-    print(f"The cluster is up. In a shell that is to use it:\n\n    export SLURM_CONF={shlex.quote(str(cluster.configuration))}")
+    configuration = shlex.quote(str(cluster.configuration))
+    print(f"The cluster is up. In a shell that is to use it:\n\n    export SLURM_CONF={configuration}")
 
 
 if __name__ == "__main__":
