@@ -36,9 +36,14 @@ int lock(const std::string& directory) {
 }  // namespace
 
 std::optional<report::Submission> read_record(const std::string& directory) {
-    std::ifstream file(record_path(directory), std::ios::binary);
+    const std::string path = record_path(directory);
+    std::ifstream file(path, std::ios::binary);
     if (!file) return std::nullopt;
-    return report::parse_submission(std::string(std::istreambuf_iterator<char>(file), {}));
+    try {
+        return report::parse_submission(std::string(std::istreambuf_iterator<char>(file), {}));
+    } catch (const Failure& failure) {
+        throw Failure(fmt::format("{}: {}", path, failure.what()));
+    }
 }
 
 Record::Record(const std::string& directory) : path_(record_path(directory)), lock_(lock(directory)) {
