@@ -12,6 +12,7 @@
 #include "cli/exit_status.h"
 #include "cli/farm/farm.h"
 #include "cli/inspect/inspect.h"
+#include "cli/parser.h"
 #include "cli/plan/plan.h"
 #include "cli/stop.h"
 #include "cli/version.h"
@@ -471,11 +472,11 @@ int complain_of_lost_results(int error) {
                     kExitFailure);
 }
 
-int run_command(int argc, const char* const* argv) {
-    CLI::App app("Encodes video for broadcast: MPEG-2, H.264 and H.265 with captions and time codes", "gsve");
+void add_commands(CLI::App& app, Command& command) {
+    app.name("gsve");
+    app.description("Encodes video for broadcast: MPEG-2, H.264 and H.265 with captions and time codes");
     app.set_version_flag("--version", version());
     app.require_subcommand(0, 1);  // with 1 required, the parser would not name an unknown word
-    Command command;
     add_encode(app, command);
     add_inspect(app, command);
     add_plan(app, command);
@@ -485,6 +486,12 @@ int run_command(int argc, const char* const* argv) {
     add_settings(app, command);
     add_streams(app, command);
     add_help(app, command);
+}
+
+int run_command(int argc, const char* const* argv) {
+    CLI::App app;
+    Command command;
+    add_commands(app, command);
     try {
         app.parse(argc, argv);
         if (!command) throw UsageError("a command is missing (gsve help lists them)");
@@ -512,5 +519,12 @@ int deliver_results(int status) {
 }
 
 }  // namespace
+
+void gsve::cli::with_parser(const std::function<void(const CLI::App&)>& read) {
+    CLI::App app;
+    Command command;
+    add_commands(app, command);
+    read(app);
+}
 
 int gsve::cli::run(int argc, const char* const* argv) { return deliver_results(run_command(argc, argv)); }

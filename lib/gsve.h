@@ -80,6 +80,21 @@ struct comm_socket_v4_packet;
 struct common_pkt_parsing;
 struct sliding_window_v4;
 
+/// The version of this header, and of the library that it comes with. The major one is that of the binary
+/// contract and of the shared object's name. The build, `gsve --version` and the packages read it here.
+#define GSVE_VERSION_MAJOR 4
+#define GSVE_VERSION_MINOR 0
+#define GSVE_VERSION_PATCH 0
+
+#define GSVE_QUOTED(text) #text
+#define GSVE_DOTTED(major, minor, patch) GSVE_QUOTED(major) "." GSVE_QUOTED(minor) "." GSVE_QUOTED(patch)
+
+/// The same as text, "4.0.0".
+constexpr char gsve_version[] = GSVE_DOTTED(GSVE_VERSION_MAJOR, GSVE_VERSION_MINOR, GSVE_VERSION_PATCH);
+
+#undef GSVE_DOTTED
+#undef GSVE_QUOTED
+
 #define GSVE_EXPORT __attribute__((visibility("default")))
 
 /// The names that the setting "encoder" takes, indexed by codec id: 0 "none", 2 "mpeg-2", 4 "h.264",

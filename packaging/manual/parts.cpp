@@ -1,0 +1,73 @@
+#include "packaging/manual/parts.h"
+
+#include <regex>
+
+#include <fmt/format.h>
+#include <CLI/CLI.hpp>
+
+namespace gsve::manual {
+namespace {
+
+// What the parser's own checks call themselves.
+constexpr const char* kPositive = "POSITIVE";
+constexpr const char* kNonNegative = "NONNEGATIVE";
+
+std::vector<std::string> split(const std::string& text, char separator) {
+    std::vector<std::string> parts;
+    std::istringstream stream(text);
+    for (std::string part; std::getline(stream, part, separator);) parts.push_back(part);
+    return parts;
+}
+
+std::vector<const CLI::Option*> shown(const CLI::App& app, bool positional) {
+    return app.get_options([positional](const CLI::Option* option) {
+        return option->get_positional() == positional && (positional || !option->get_group().empty());
+    });
+}
+
+std::string bounds_in(const std::string& type) {
+    std::smatch range;
+    if (std::regex_search(type, range, std::regex(R"( in \[(\S+) - (\S+)\])")))
+        return fmt::format("From {} to {}.", range.str(1), range.str(2));
+    if (type.find(kNonNegative) != std::string::npos) return "Not below 0.";
+    if (type.find(kPositive) != std::string::npos) return "Above 0.";
+    return {};
+}
+
+}  // namespace
+
+std::vector<const CLI::App*> commands_of(const CLI::App& app) {
+    return app.get_subcommands([](const CLI::App* command) {
+        return !command->get_name().empty() && !command->get_group().empty();
+    });
+}
+
+std::vector<const CLI::Option*> options_of(const CLI::App& app) { return shown(app, false); }
+std::vector<const CLI::Option*> arguments_of(const CLI::App& app) { return shown(app, true); }
+
+std::vector<std::string> names_of(const CLI::Option& option) {
+    std::vector<std::string> names;
+    for (const std::string& name : option.get_snames()) names.push_back("-" + name);
+    for (const std::string& name : option.get_lnames()) names.push_back("--" + name);
+    return names;
+}
+
+// The parser has a type for each value, and behind colons what its checks call themselves: "TEXT:{ts,fmp4}",
+// "N:INT in [1 - 65535]".
+Value value_of(const CLI::Option& option) {
+    if (option.get_items_expected_max() == 0) return {};
+    const std::string type = option.get_type_name();
+    const size_t colon = type.find(':');
+    Value value = {
+        .any = true, .placeholder = type.substr(0, colon), .choices = {}, .bounds = bounds_in(type)};
+    const std::string check = colon == std::string::npos ? "" : type.substr(colon + 1);
+    if (check.starts_with('{') && check.ends_with('}'))
+        value.choices = split(check.substr(1, check.size() - 2), ',');
+    else if (check.find('|') != std::string::npos)
+        value.choices = split(check, '|');
+    else if (check == "FILE")
+        value.placeholder = check;
+    return value;
+}
+
+}  // namespace gsve::manual
