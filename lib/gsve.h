@@ -35,30 +35,11 @@
 // throw nothing; an exception derived from std::exception that one throws ends the operation in the same way.
 // Only host_emit_data_out() may close or reopen the encoder.
 //
-// MPEG-2 at a constant rate (equal bounds, which is the default) has a limit that the host must know:
-// vbv_delay (ISO/IEC 13818-2, 6.3.9) has room for 65535 / 90000 = 0.728 s, and libavcodec ends the process by
-// an assertion when the data of one picture takes longer than that at the bit rate. A picture takes at most
-// about 3.8 bits a coded sample (black and white dots at random; noise of full range takes 2.2), where
-// "maximum quant" does not keep the codec from its coarsest quantiser (at 8 it takes up to 10, at 2 up to
-// 16), so that any picture fits from
-//
-//     width * height * 1.5 * 3.8 / 0.728 bits/s
-//
-// on in 4:2:0, captions aside (at most 16016): 16.2 Mbit/s at 1920x1080, 3.2 Mbit/s at 720x576. Below that,
-// where the content may be anything, choose one: "min bitrate" 0, with which the stream no longer claims a
-// constant rate and carries no vbv_delay; or a "buffer size" of more than 0.728 s of the rate (rate * 65535 /
-// 90000 + 2 bits), with which libavcodec leaves vbv_delay out, too. The first stops stuffing, and both give
-// the rate control more room; the second asks for a larger buffer than Main Level decoders have.
-//
-// libavcodec's MPEG-2 encoder also divides by the distance of two reference pictures, kept in 16 bits: where
-// "constant bitrate per frame" is 0 and there are B-pictures, a host whose clock may leap over a multiple of
-// 65536 encoded pictures reopens the encoder there, as it would after any such gap.
-//
-// A picture that libavcodec would have to copy although a plane's rows are longer than its stride is refused,
-// as the codec refuses others: write_video() returns true, and no unit comes of it. That meets a host's own
-// planes, and every MPEG-2 picture whose width is one sample more than a multiple of 32 and whose chroma is
-// subsampled, where it is resized, deinterlaced or converted: resize_buffer_stride is made from the chroma
-// width rounded down, and its last sample has no room. Pick an even width.
+// docs/embedding.md leads from an empty directory to a host on air, and says what each slot is for. Three
+// limits that a host has to know stand there with their arithmetic: libavcodec ends the process where one
+// picture of MPEG-2 takes longer than 0.728 s at a constant rate, which any picture may do below 3.3
+// Mbit/s at 720x576 and 16.3 Mbit/s at 1920x1080; it divides by the distance of two reference pictures,
+// kept in 16 bits; and a picture whose rows are longer than their stride is refused.
 //
 // Fields are public and part of the contract: hosts read and write them by name. Those under "Input
 // description" and "Signalled by the host" are the host's to write; all others are the library's.

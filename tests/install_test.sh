@@ -17,15 +17,9 @@ mkdir "$work/host"
 awk '/^```cpp$/ { copy = 1; next } /^```$/ { copy = 0 } copy' "$source_dir/README.md" >"$work/host/host.cpp"
 grep -q host_emit_data_out "$work/host/host.cpp" || fail "the README has no host"
 
-cat >"$work/host/CMakeLists.txt" <<'CMAKE'
-cmake_minimum_required(VERSION 3.25)
-project(host LANGUAGES CXX)
-find_package(gsve REQUIRED)
-find_package(PkgConfig REQUIRED)
-pkg_check_modules(LIBAVCODEC REQUIRED IMPORTED_TARGET libavcodec)
-add_executable(host host.cpp)
-target_link_libraries(host PRIVATE gsve::encoder gsve::host PkgConfig::LIBAVCODEC)
-CMAKE
+# The guide's CMakeLists.txt, likewise.
+awk '/^```cmake$/ { copy = 1; next } /^```$/ { copy = 0 } copy' "$source_dir/docs/embedding.md" >"$work/host/CMakeLists.txt"
+grep -q 'find_package(gsve' "$work/host/CMakeLists.txt" || fail "the guide has no CMakeLists.txt"
 cmake -G Ninja -S "$work/host" -B "$work/host/build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/host/build" >/dev/null
 (cd "$work/host" && ./build/host >units.txt 2>diagnostics.txt) || fail "the README's host (CMake)"
