@@ -33,17 +33,14 @@ def promised(package):
             current = libraries.setdefault(line.split()[0], set())
         elif match := re.fullmatch(r' (?:\(c\+\+\)"(.+)@Base"|(\S+)@Base) 4\.0\.0~( 1)?', line):
             current.add(match.group(1) or match.group(2))
-        elif not line.startswith(("*", "|", "#", " (optional|regex)")):
+        elif not line.startswith(("*", "|", "#")):
             sys.exit(f"{package}.symbols: {line}")
     return libraries
 
 
 def exported(library):
-    """Without copies of the standard library's templates, which the symbols files leave to the compiler."""
     lines = run("nm", "-D", "--defined-only", str(library)).splitlines()
-    names = [line.split()[-1].split("@")[0] for line in lines]
-    own = [name for name in names if not re.match("_ZN?K?St", name)]
-    return set(run("c++filt", text="\n".join(own)).splitlines())
+    return set(run("c++filt", text="\n".join(line.split()[-1].split("@")[0] for line in lines)).splitlines())
 
 
 class Symbols(unittest.TestCase):
