@@ -59,7 +59,7 @@ cmd_build() {
 cmd_lint() {
     cd "$1"
     say "lintian $(lintian --version | tr -dc 0-9.)"
-    lintian --allow-root --fail-on error,warning --show-overrides ./*.changes
+    lintian --allow-root --fail-on error,warning ./*.changes
     say "lintian has no error and no warning"
 }
 
@@ -151,7 +151,7 @@ cmd_autopkgtest() {
     install autopkgtest
     # shellcheck disable=SC2046 # several files
     autopkgtest --no-built-binaries $(debs "$1/now") "$1"/now/*.dsc -- null >/tmp/autopkgtest.log 2>&1 || status=$?
-    sed -n '/@@@@@@ summary/,$p' /tmp/autopkgtest.log
+    sed -n '/@@@@@@ summary/,/: Binaries:/ { /: Binaries:/d; p }' /tmp/autopkgtest.log
     [ "$status" = 0 ] || { tail -80 /tmp/autopkgtest.log >&2; fail "autopkgtest ended with $status"; }
 }
 
