@@ -133,6 +133,8 @@ std::vector<uint8_t> declared_as(int codec, std::span<const uint8_t> first, std:
     return bytes;
 }
 
+constexpr double kLeastShare = 0.5;  ///< of the rate, with which pictures are still worth to be seen
+
 /// Where the last GOPs of a chunk are to save bits: from which picture on, and at which share of the rate.
 struct Saving {
     uint64_t begin = 0;
@@ -150,6 +152,14 @@ Saving plan_saving(const Plan& plan, const PictureRange& range, uint64_t saved, 
             "\"buffer size\"",
             saved));
     return {.begin = range.end - gops * plan.gop, .share = 1 - wanted / (of_gop * static_cast<double>(gops))};
+}
+
+/// Bits in the decoder's buffer before what follows the part is removed.
+double level_behind(const TaskResult& part, double period) {
+    double bits = 0;
+    for (const TaskUnit& unit : part.units) bits += 8 * static_cast<double>(unit.bytes);
+    return static_cast<double>(part.buffer->before) - bits +
+           static_cast<double>(part.buffer->bit_rate) * period * static_cast<double>(part.units.size());
 }
 
 /// Its rates, at a share; the buffer stays.
@@ -174,16 +184,30 @@ TaskResult encode_saving(const Plan& plan, const EncodeJob& whole, uint64_t save
 
     const std::string target = setting_of(whole, "bitrate");
     const double rate = std::stod(target.empty() ? kUsualRate : target);
-    EncodeJob first = whole, last = whole;
-    const Saving saving = plan_saving(plan, *whole.range, saved, rate / plan.frame_rate.per_second());
+    EncodeJob first = whole;
     first.output = first_path;
-    first.range->end = last.range->begin = saving.begin;
+    Saving saving = plan_saving(plan, *whole.range, saved, rate / plan.frame_rate.per_second());
+    first.range->end = saving.begin;
     const TaskResult one = encode_range(first, observer);
     if (!one.buffer) throw UsageError("the stream declares no buffer for which bits could be saved");
-    last.output = last_path;
-    last.range->warm_up = std::min(saving.begin, std::max<uint64_t>(whole.range->warm_up, plan.gop));
-    lower_rates(last, saving.share, one.buffer->size);
-    const TaskResult two = encode_range(last, observer);
+    TaskResult two;
+    // What the last GOPs take to be in the buffer, and is not, they have to save as well; how much that is
+    // shows once they are encoded.
+    constexpr int kTries = 3;
+    double wanted = static_cast<double>(saved);
+    for (int n = 0; n < kTries; n++) {
+        EncodeJob last = whole;
+        last.output = last_path;
+        last.range->begin = saving.begin;
+        last.range->warm_up = std::min(saving.begin, std::max<uint64_t>(whole.range->warm_up, plan.gop));
+        lower_rates(last, saving.share, one.buffer->size);
+        two = encode_range(last, observer);
+        const double missing = static_cast<double>(two.buffer->before) - level_behind(one, plan.period());
+        if (static_cast<double>(saved) + missing <= wanted) break;
+        wanted = static_cast<double>(saved) + missing;
+        const double bits = rate * plan.period() * static_cast<double>(two.units.size());
+        saving.share = std::max(1 - wanted / bits, kLeastShare);
+    }
 
     Recorder recorder(observer, codec_of(whole));
     encoding::BufferDelays delays(codec, static_cast<double>(one.buffer->bit_rate), plan.period());
