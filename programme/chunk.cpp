@@ -162,6 +162,18 @@ double level_behind(const TaskResult& part, double period) {
            static_cast<double>(part.buffer->bit_rate) * period * static_cast<double>(part.units.size());
 }
 
+/// Bits of a picture behind the part that have not arrived when it is due, at most.
+double lack_behind(const TaskResult& part, const TaskResult& behind, double period) {
+    double level = level_behind(part, period), lack = 0;
+    for (const TaskUnit& unit : behind.units) {
+        const double bits = 8 * static_cast<double>(unit.bytes);
+        lack = std::max(lack, bits - level);
+        const double filled = level - bits + static_cast<double>(part.buffer->bit_rate) * period;
+        level = std::min(filled, static_cast<double>(part.buffer->size));
+    }
+    return lack;
+}
+
 /// Its rates, at a share; the buffer stays.
 void lower_rates(EncodeJob& job, double share, int64_t buffer) {
     for (const char* key : {"bitrate", "min bitrate", "max bitrate"}) {
@@ -188,14 +200,18 @@ TaskResult encode_saving(const Plan& plan, const EncodeJob& whole, uint64_t save
     first.output = first_path;
     Saving saving = plan_saving(plan, *whole.range, saved, rate / plan.frame_rate.per_second());
     first.range->end = saving.begin;
-    const TaskResult one = encode_range(first, observer);
+    TaskResult one = encode_range(first, observer);
     if (!one.buffer) throw UsageError("the stream declares no buffer for which bits could be saved");
     TaskResult two;
     // What the last GOPs take to be in the buffer, and is not, they have to save as well; how much that is
     // shows once they are encoded.
-    constexpr int kTries = 3;
+    constexpr int kTries = 6;
     double wanted = static_cast<double>(saved);
     for (int n = 0; n < kTries; n++) {
+        if (first.range->end != saving.begin) {
+            first.range->end = saving.begin;
+            one = encode_range(first, observer);
+        }
         EncodeJob last = whole;
         last.output = last_path;
         last.range->begin = saving.begin;
@@ -203,9 +219,13 @@ TaskResult encode_saving(const Plan& plan, const EncodeJob& whole, uint64_t save
         lower_rates(last, saving.share, one.buffer->size);
         two = encode_range(last, observer);
         const double missing = static_cast<double>(two.buffer->before) - level_behind(one, plan.period());
-        if (static_cast<double>(saved) + missing <= wanted) break;
+        const bool in_time = lack_behind(one, two, plan.period()) <= 0;
+        if (in_time && static_cast<double>(saved) + missing <= wanted) break;
+        // Elsewhere, the first picture may be a smaller one.
+        if (!in_time && saving.begin > whole.range->begin + plan.gop) saving.begin -= plan.gop;
         wanted = static_cast<double>(saved) + missing;
-        const double bits = rate * plan.period() * static_cast<double>(two.units.size());
+        const auto pictures = static_cast<double>(whole.range->end - saving.begin);
+        const double bits = rate / plan.frame_rate.per_second() * pictures;
         saving.share = std::max(1 - wanted / bits, kLeastShare);
     }
 

@@ -171,7 +171,8 @@ JoinResult Joining::run(const std::vector<FinishedTask>& chunks, const FinishedT
     output_->declare_captions(plan_.caption_services);
     result_.buffer = checker_->finish();
     const bool held = std::all_of(chunks.begin(), chunks.end(), [](const FinishedTask& chunk) {
-        return !chunk.result.buffer || chunk.result.buffer->holds;
+        // One that was to save bits is made of two pieces, which the joining brings into order.
+        return !chunk.result.buffer || chunk.result.buffer->holds || chunk.result.saved > 0;
     });
     if (held && !result_.buffer.holds())
         throw Failure(
@@ -245,7 +246,8 @@ std::optional<BufferDeficit> find_deficit(const Plan& plan, const std::vector<Fi
             bits += 8 * static_cast<double>(stuffing_behind(level, codec, bits, wanted));
             level.remove(bits);
         }
-        const bool alone = chunks[n].result.buffer && !chunks[n].result.buffer->holds;
+        const bool alone =
+            chunks[n].result.buffer && !chunks[n].result.buffer->holds && chunks[n].result.saved == 0;
         if (n > 0 && lack > tolerance && !alone)
             return BufferDeficit{.chunk = n - 1, .bits = static_cast<uint64_t>(std::ceil(lack))};
     }
