@@ -21,6 +21,8 @@ tasks=$(seq 0 "$last")
 if [ "$(jq '.sound' "$plan")" = true ]; then tasks="$tasks
 sound"; fi
 
+# The quoting below is sh's, whatever the user's shell is, and where none is named.
+export PARALLEL_SHELL=/bin/sh
 # parallel quotes what stands for {}, and -q the rest, for each shell on the way.
 printf '%s\n' "$tasks" |
     parallel -q --sshlogin "$hosts" --jobs 1 --retries 3 --joblog "$work/parallel.log" --resume-failed \

@@ -504,6 +504,7 @@ class WithoutSlurm(Farm):
         (obstacle / "in-its-place").mkdir(parents=True)
         environment = os.environ | {"PARALLEL_SSH": str(ssh), "HOME": str(self.directory),
                                     "PATH": f"{pathlib.Path(GSVE).parent}:{os.environ['PATH']}"}
+        environment.pop("SHELL", None)  # as services and containers run
         command = [EXAMPLES / "parallel.sh", plan, "host1,host2"]
         failed = run(*command, env=environment, cwd=self.directory)
         self.assertNotEqual(failed.returncode, 0)
