@@ -11,6 +11,7 @@ extern "C" {
 }
 
 #include "encoding/frame_rate.h"
+#include "encoding/stuffing.h"
 #include "encoding/vbv_delay.h"
 
 namespace gsve::encoding {
@@ -61,6 +62,18 @@ std::string long_picture_warning(const PictureEncoder& encoder) {
         "libavcodec then ends the program: --set \"min bitrate=0\", or --set \"buffer size={}\", or give {} "
         "bits/s",
         encoder.bitrate, kLongestVbvDelay, advice.buffer_size, advice.bitrate);
+}
+
+std::string stuffing_warning(const PictureEncoder& encoder) {
+    const AVCodecContext& context = *encoder.mpeg_context;
+    if (!lacks_room_for_stuffing(context)) return "";
+    return fmt::format(
+        "at no less than {} bits/s a still picture of {}x{} can take more stuffing than libavcodec has room "
+        "for with {} {}, and libavcodec then ends the program: --set \"min bitrate=0\", or give at most {} "
+        "bits/s",
+        encoder.min_bitrate >= 0 ? encoder.min_bitrate : encoder.bitrate, context.width, context.height,
+        context.thread_count, context.thread_count == 1 ? "thread" : "threads",
+        highest_stuffed_rate(context));
 }
 
 }  // namespace gsve::encoding

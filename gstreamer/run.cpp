@@ -127,11 +127,11 @@ Run::Run(GstObject* element, const RunPlan& plan, const Ancillary& first)
     refuse_narrow_h265(encoder_);
     avoid_long_pictures();
     encoder_.send_units_to([this](const encoding::EncodedUnit& unit) { receive(unit); });
-    if (!encoder_.open(first)) {
-        const std::string notes = encoding::one_line(encoder_.last_notes);
-        throw UsageError(fmt::format("The {} encoder does not open: {}{}; {}.", plan.codec,
-                                     encoder_.last_error, notes.empty() ? "" : fmt::format(" ({})", notes),
-                                     in_properties(opening_advice(encoder_))));
+    open(first);
+    if (const std::string reason = in_properties(stuffing_warning(encoder_)); !reason.empty()) {
+        encoder_.client_unref();
+        take_remedy("min bitrate", "0", reason);
+        open(first);
     }
     codec_log_.emplace(encoder_.mpeg_context, element_);
     forms_ = caption_forms(encoder_, false);
@@ -147,18 +147,27 @@ Run::~Run() {
     encoder_.free_encoder();
 }
 
+void Run::open(const Ancillary& first) {
+    if (encoder_.open(first)) return;
+    const std::string notes = encoding::one_line(encoder_.last_notes);
+    throw UsageError(fmt::format(
+        "The {} encoder does not open: {}{}; {}.", gsve_encoder_str[encoder_.codec_id], encoder_.last_error,
+        notes.empty() ? "" : fmt::format(" ({})", notes), in_properties(opening_advice(encoder_))));
+}
+
+void Run::take_remedy(const char* key, const std::string& value, const std::string& reason) {
+    encoder_.apply(key, value);
+    remedies_.push_back({key, value, reason});
+}
+
 /// Without the claim of a constant rate, MPEG-2 states no delays, and a picture may take as long as it needs.
 /// Where the rate is next to nothing, that is no claim, and the buffer has to be beyond what can be stated.
 void Run::avoid_long_pictures() {
     const std::string reason = in_properties(long_picture_warning(encoder_));
     if (reason.empty()) return;
-    const auto apply = [&](const char* key, const std::string& value) {
-        encoder_.apply(key, value);
-        remedies_.push_back({key, value, reason});
-    };
-    apply("min bitrate", "0");
+    take_remedy("min bitrate", "0", reason);
     const encoding::VbvDelayAdvice advice = encoding::vbv_delay_advice(encoder_);
-    if (advice.needed) apply("buffer size", std::to_string(advice.buffer_size));
+    if (advice.needed) take_remedy("buffer size", std::to_string(advice.buffer_size), reason);
 }
 
 PictureFate Run::push(CodecFramePtr frame, const GstVideoFrame& picture, Ancillary ancillary) {

@@ -80,10 +80,10 @@ public:
     /// When the latest unit is decoded.
     GstClockTime latest_decoding() const { return latest_decoding_; }
 
-    /// Whether the codec has more pictures than it ever holds back: it refuses some, or all.
     /// Pictures that the codec has taken and never given, so far.
     uint64_t lost() const { return lost_; }
 
+    /// Whether the codec has more pictures than it ever holds back: it refuses some, or all.
     bool is_stuck() const { return in_codec_.size() > most_held_back_; }
     bool has_given_units() const { return seen_unit_; }
 
@@ -107,7 +107,9 @@ public:
     std::span<const uint8_t> first_unit() const { return first_unit_; }
 
 private:
+    void open(const encoding::Ancillary& first);
     void avoid_long_pictures();
+    void take_remedy(const char* key, const std::string& value, const std::string& reason);
     void receive(const encoding::EncodedUnit& unit);
     void drop_before(int64_t number);
     GstClockTime decoding_time(int64_t number) const;

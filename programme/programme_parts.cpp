@@ -108,6 +108,12 @@ void ProgrammeParts::note(const std::string& lines) {
     observer_.note(lines);
 }
 
+void ProgrammeParts::warn(const std::string& line) {
+    if (line.empty()) return;
+    notes_ += line + "\n";
+    observer_.warn(line);
+}
+
 void ProgrammeParts::configure_encoder() {
     encoder_.adapt_to_load(job_.adapt);
     encoder_.describe_source(input_->format());
@@ -124,10 +130,7 @@ void ProgrammeParts::configure_encoder() {
         note("\"closed gop\" is 1: players of HLS begin with any segment\n");
     }
     encoder_.global_header = format_.wants_global_header();
-    if (const std::string warning = long_picture_warning(encoder_); !warning.empty()) {
-        notes_ += warning + "\n";
-        observer_.warn(warning);
-    }
+    warn(long_picture_warning(encoder_));
 }
 
 void ProgrammeParts::open_encoder() {
@@ -141,6 +144,7 @@ void ProgrammeParts::open_encoder() {
             "the {} encoder does not open: {}{}; {}", gsve_encoder_str[encoder_.codec_id],
             encoder_.last_error, notes.empty() ? "" : fmt::format(" ({})", notes), opening_advice(encoder_)));
     }
+    warn(stuffing_warning(encoder_));
     const int threads = encoder_.mpeg_context->thread_count;
     if (job_.threads > 0 && threads != job_.threads)
         throw Failure(fmt::format(

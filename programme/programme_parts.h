@@ -43,6 +43,7 @@ protected:
 
     /// For who watches, and for the report.
     void note(const std::string& lines);
+    void warn(const std::string& line);
 
     StopRequest stop_request() {
         return [this] { return given_up_ || observer_.stop_reason() != 0; };

@@ -80,10 +80,10 @@ struct Tally {
 /// Throws Failure where pictures were lost.
 inline void check_complete(const Tally& tally) {
     if (tally.lost() > 0)
-        throw Failure(fmt::format(
-            "{} pictures went into the codec and never came out: it tells why above; where it says "
-            "\"stuffing too large\", --set \"min bitrate=0\"",
-            tally.lost()));
+        throw Failure(
+            fmt::format("{} {} went into the codec and never came out: it tells why above; where it says "
+                        "\"stuffing too large\", --set \"min bitrate=0\"",
+                        tally.lost(), tally.lost() == 1 ? "picture" : "pictures"));
 }
 
 }  // namespace gsve::programme

@@ -432,6 +432,22 @@ TEST_F(EncodeCommand, WarnsOfAConstantMpeg2RateThatNoiseWouldBreak) {
     EXPECT_THAT(with({"--set", "bitrate=200000", "--codec", "h.264"}).err, Not(HasSubstr("noisy")));
 }
 
+TEST_F(EncodeCommand, WarnsOfAConstantMpeg2RateThatStillPicturesWouldBreak) {
+    const std::string in = y4m({.width = 64, .height = 48, .rate = {25, 1}}, 3);
+    const auto encode = [&](const std::string& setting) {
+        return run({"encode", in, directory / "out.m2v", "-y", "-q", "--set", "maximum threads=1", "--set",
+                    setting});
+    };
+    const ProgramResult result = encode("bitrate=2143401");
+    EXPECT_EQ(result.status, 0) << "three pictures do not fill the buffer";
+    EXPECT_THAT(result.err, HasSubstr("--set \"min bitrate=0\", or give at most 2143400 bits/s"));
+    for (const char* remedy : {"bitrate=2143400", "min bitrate=0"}) {
+        const ProgramResult remedied = encode(remedy);
+        EXPECT_EQ(remedied.status, 0);
+        EXPECT_EQ(remedied.err, "");
+    }
+}
+
 TEST_F(EncodeCommand, RefusesOddSizesForMpeg2WhateverTheChroma) {
     const ProgramResult result = run({"encode", y4m({}, 3), directory / "out.m2v", "--codec", "mpeg-2",
                                       "--set", "resize=33x32", "--set", "chroma format=4:4:4"});

@@ -12,6 +12,7 @@ extern "C" {
 }
 
 #include "encoding/advice.h"
+#include "encoding/stuffing.h"
 #include "encoding/vbv_delay.h"
 
 namespace {
@@ -211,6 +212,80 @@ TEST(VbvDelayAdvice, TellsWhatWouldDo) {
               "libavcodec then ends the program: --set \"min bitrate=0\", or --set \"buffer size=2184502\", "
               "or give "
               "3262394 bits/s");
+}
+
+/// Of grey pictures, MPEG-2 at 25 pictures/s and a constant rate.
+struct StillEncoder {
+    StillEncoder(int width, int height, int threads, int64_t bitrate)
+        : width_(width), grey_(width * height, 128) {
+        encoder.describe_source({.width = width, .height = height, .frame_rate = {25, 1}});
+        const std::pair<const char*, std::string> settings[] = {
+            {"encoder", "mpeg-2"},   {"b frames", "0"},       {"maximum threads", std::to_string(threads)},
+            {"enable eia-608", "0"}, {"enable cea-708", "0"}, {"bitrate", std::to_string(bitrate)},
+            {"enable", "1"}};
+        for (const auto& [key, value] : settings) encoder.apply(key, value);
+        encoder.send_units_to([this](const EncodedUnit&) { units_++; });
+        EXPECT_TRUE(encoder.open({})) << encoder.last_error;
+    }
+
+    /// How many come out, up to the first that is refused.
+    int encode(int count) {
+        const size_t width = width_;
+        for (int n = 0; n < count && units_ + 2 > n; n++)  // one is held back
+            encoder.push({.planes = {grey_.data(), grey_.data(), grey_.data()},
+                          .strides = {width, width / 2, width / 2},
+                          .number = static_cast<uint64_t>(n)},
+                         {});
+        if (units_ + 2 > count) encoder.drain();
+        return units_;
+    }
+
+    PictureEncoder encoder{"stuffing"};
+
+private:
+    int width_;
+    int units_ = 0;
+    std::vector<uint8_t> grey_;
+};
+
+TEST(StuffingWarning, IsOfTheRatesAtWhichStillPicturesAreRefused) {
+    constexpr int kPictures = 100;
+    constexpr double kMargin = 1.08;  // libavcodec allocates a sixteenth more than it asks for
+    const struct {
+        int width, height, threads;
+        int64_t highest;
+    } rows[] = {
+        {720, 576, 1, 22725800}, {320, 180, 1, 5061800}, {64, 48, 1, 2143400},
+        {64, 48, 2, 9429800},    {640, 16, 2, 2501800},  // one row of macroblocks is not divided
+    };
+    for (const auto& [width, height, threads, highest] : rows) {
+        SCOPED_TRACE(testing::Message() << width << "x" << height << ", " << threads << " threads");
+        StillEncoder fits(width, height, threads, highest),
+            refuses(width, height, threads, kMargin * highest);
+        EXPECT_EQ(highest_stuffed_rate(*fits.encoder.mpeg_context), highest);
+        EXPECT_EQ(stuffing_warning(fits.encoder), "");
+        EXPECT_EQ(fits.encode(kPictures), kPictures);
+        EXPECT_NE(stuffing_warning(refuses.encoder), "");
+        EXPECT_LT(refuses.encode(kPictures), kPictures);
+    }
+}
+
+TEST(StuffingWarning, NamesTheSettingsToChange) {
+    StillEncoder still(320, 180, 1, 6000000);
+    EXPECT_EQ(
+        stuffing_warning(still.encoder),
+        "at no less than 6000000 bits/s a still picture of 320x180 can take more stuffing than libavcodec "
+        "has room for with 1 thread, and libavcodec then ends the program: --set \"min bitrate=0\", or give "
+        "at most 5061800 bits/s");
+    PictureEncoder variable("stuffing"), other("stuffing");
+    for (PictureEncoder* encoder : {&variable, &other}) {
+        encoder->describe_source({.width = 64, .height = 48, .frame_rate = {25, 1}});
+        encoder->apply("encoder", encoder == &variable ? "mpeg-2" : "h.264");
+        encoder->apply("min bitrate", encoder == &variable ? "0" : "6000000");
+        encoder->apply("enable", "1");
+        ASSERT_TRUE(encoder->open({})) << encoder->last_error;
+        EXPECT_EQ(stuffing_warning(*encoder), "");
+    }
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include "encoding/settings.h"
 #include "gstreamer/properties.h"
 #include "harnessed_element.h"
+#include "support/refusing_codec.h"
 #include "support/stderr_capture.h"
 
 namespace gsve::test {
@@ -214,18 +215,30 @@ TEST(ConstantRate, ThatANoisyPictureWouldEndTheProcessAtIsRemediedAndTold) {
     }
 }
 
+TEST(ConstantRate, ThatSmallPicturesHaveNoRoomForIsRemediedAndTold) {
+    HarnessedElement element("mpeg-2", {{"bitrate", "3000000"}, {"b-frames", "0"}, {"maximum-threads", "1"}});
+    EXPECT_EQ(element.encode(100).size(), 100u);
+    const auto remedies = element.messages_named("gsveenc-remedy");
+    ASSERT_EQ(remedies.size(), 1u);
+    const GstStructure* const remedy = remedies[0].structure.get();
+    EXPECT_STREQ(gst_structure_get_string(remedy, "setting"), "min bitrate");
+    EXPECT_STREQ(gst_structure_get_string(remedy, "value"), "0");
+    EXPECT_THAT(gst_structure_get_string(remedy, "reason"),
+                HasSubstr("min-bitrate=0, or give at most 2572080 bits/s"));
+}
+
 TEST(Codec, ThatRefusesPicturesIsOpenedAnewAndTold) {
-    // More bits than so small a picture can take: libavcodec's rate control finds no quantiser.
-    HarnessedElement element("mpeg-2", {{"bitrate", "3000000"}, {"b-frames", "0"}});
-    const size_t units = element.encode(100).size();
-    EXPECT_GT(units, 0u);
-    EXPECT_LT(units, 100u);
-    EXPECT_EQ(units + element.messages(GST_MESSAGE_QOS).size(), 100u) << "each is known to have none";
-    HarnessedElement told("mpeg-2", {{"bitrate", "3000000"}, {"b-frames", "0"}});
-    told.encode(100);
-    const auto warnings = told.messages(GST_MESSAGE_WARNING);
-    ASSERT_FALSE(warnings.empty());
-    EXPECT_THAT(warnings[0].name, HasSubstr("refused pictures"));
+    const Refusal refusal(30, 40);
+    HarnessedElement element("mpeg-2", {{"bitrate", "1000000"}, {"b-frames", "0"}});
+    EXPECT_EQ(element.encode(100).size(), 60u) << "it goes on where pictures are taken again";
+    size_t without_unit = 0, told = 0;
+    for (const ElementMessage& message :
+         element.messages(static_cast<GstMessageType>(GST_MESSAGE_QOS | GST_MESSAGE_WARNING))) {
+        without_unit += message.type == GST_MESSAGE_QOS;
+        told += message.name.find("refused pictures") != message.name.npos;
+    }
+    EXPECT_EQ(without_unit, 40u) << "each is known to have none";
+    EXPECT_EQ(told, 1u);
 }
 
 TEST(ConstantRate, ThatAnyPictureFitsIntoIsLeftAsItIs) {

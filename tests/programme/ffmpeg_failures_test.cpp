@@ -26,6 +26,7 @@ extern "C" {
 #include "programme/stream_inspection.h"
 #include "support/clip.h"
 #include "support/media_files.h"
+#include "support/refusing_codec.h"
 #include "support/scratch.h"
 #include "support/stderr_capture.h"
 
@@ -262,6 +263,31 @@ TEST_F(FfmpegFailures, DecodersThatLoseTimesLoseNoPictures) {
     loses_times = false;
     ASSERT_EQ(untimed.size(), timed.size());
     for (size_t n = 0; n < timed.size(); n++) EXPECT_EQ(untimed[n].type, timed[n].type) << n;
+}
+
+TEST_F(FfmpegFailures, PicturesThatTheCodecRefusesAreToldOf) {
+    for (const char* encoder : {"mpeg-2", "h.264"}) {
+        SCOPED_TRACE(encoder);
+        EncodeJob job = this->job("refused.mp4");
+        std::filesystem::remove(job.output);
+        job.settings[0].second = encoder;
+        EncodeResult result;
+        stderr_of([&] {
+            const Refusal refusal(2, 1);
+            Observer nobody;
+            result = encode_programme(job, nobody);
+        });
+        EXPECT_EQ(result.tally.lost(), 1u);
+        EXPECT_EQ(result.tally.units, 4u);
+        EXPECT_EQ(read_stream(job.output).pictures.size(), 4u) << "the others stay";
+        try {
+            check_complete(result.tally);
+            ADD_FAILURE() << "it counts as complete";
+        } catch (const gsve::Failure& failure) {
+            EXPECT_THAT(failure.what(),
+                        testing::StartsWith("1 picture went into the codec and never came out"));
+        }
+    }
 }
 
 }  // namespace
