@@ -15,8 +15,8 @@ std::string opening_advice(const PictureEncoder& encoder);
 /// the process, with the remedies; else empty.
 std::string long_picture_warning(const PictureEncoder& encoder);
 
-/// For an open encoder: a warning where pictures have no room for the stuffing of a constant rate, which would
-/// end the process before long, with the remedies; else empty.
+/// For an open encoder: a warning where pictures have no room for the stuffing of a constant rate, which
+/// would end the process before long, with the remedies; else empty.
 std::string stuffing_warning(const PictureEncoder& encoder);
 
 }  // namespace gsve::encoding

@@ -35,11 +35,12 @@
 // throw nothing; an exception derived from std::exception that one throws ends the operation in the same way.
 // Only host_emit_data_out() may close or reopen the encoder.
 //
-// docs/embedding.md leads from an empty directory to a host on air, and says what each slot is for. Three
-// limits that a host has to know stand there with their arithmetic: libavcodec ends the process where one
-// picture of MPEG-2 takes longer than 0.728 s at a constant rate, which any picture may do below 3.3
-// Mbit/s at 720x576 and 16.3 Mbit/s at 1920x1080; it divides by the distance of two reference pictures,
-// kept in 16 bits; and a picture whose rows are longer than their stride is refused.
+// The guide (embedding.md) leads from an empty directory to a host on air, and says what each slot is for.
+// Four limits that a host has to know stand there with their arithmetic: libavcodec ends the process where
+// one picture of MPEG-2 takes longer than 0.728 s at a constant rate, which any picture may do below 3.3
+// Mbit/s at 720x576 and 16.3 Mbit/s at 1920x1080, and where a small picture has no room for its stuffing; it
+// divides by the distance of two reference pictures, kept in 16 bits; and a picture whose rows are longer
+// than their stride is refused.
 //
 // Fields are public and part of the contract: hosts read and write them by name. Those under "Input
 // description" and "Signalled by the host" are the host's to write; all others are the library's.
@@ -81,6 +82,11 @@ constexpr char gsve_version[] = GSVE_DOTTED(GSVE_VERSION_MAJOR, GSVE_VERSION_MIN
 /// The names that the setting "encoder" takes, indexed by codec id: 0 "none", 2 "mpeg-2", 4 "h.264",
 /// 8 "h.265"; every other entry is "".
 extern GSVE_EXPORT const char* const gsve_encoder_str[9];
+
+/// A host may define this, and is then given every line of diagnostics first, on the thread that called into
+/// the encoder. False: the line goes to standard error, as it does without this function. An empty text asks
+/// whether lines would be taken.
+extern "C" GSVE_EXPORT bool host_take_diagnostics(const char* text);
 
 /// The ancillary data of one picture. It waits in GeneralStreamingVideoEncoder::aux_data_map, under the
 /// picture's timestamp, until the codec returns the picture's packet.
