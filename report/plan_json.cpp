@@ -54,20 +54,18 @@ Json unit_value(const programme::TaskUnit& unit) {
     return {unit.bytes, unit.pts, unit.dts, unit.key, std::string(1, unit.type)};
 }
 
-programme::TaskUnit parse_unit(const Json& json) try {
+programme::TaskUnit parse_unit(const Json& json) {
     if (!json.is_array() || json.size() != 5) throw UsageError("\"units\" has one that is no unit");
-    const auto type = json[4].get<std::string>();
+    programme::TaskUnit unit;
+    std::string type;
+    if (!get_exact(json[0], unit.bytes) || !get_exact(json[1], unit.pts) || !get_exact(json[2], unit.dts) ||
+        !get_exact(json[3], unit.key) || !get_exact(json[4], type))
+        throw UsageError("\"units\" has one of another kind");
     if (type.size() != 1) throw UsageError("\"units\" has one without a type");
-    programme::TaskUnit unit = {.bytes = json[0].get<uint64_t>(),
-                                .pts = json[1].get<int64_t>(),
-                                .dts = json[2].get<int64_t>(),
-                                .key = json[3].get<bool>(),
-                                .type = type[0]};
+    unit.type = type[0];
     constexpr uint64_t kMost = uint64_t{1} << 31;
     if (unit.bytes > kMost) throw UsageError("\"units\" has one that is too large");
     return unit;
-} catch (const Json::exception&) {
-    throw UsageError("\"units\" has one of another kind");
 }
 
 Json buffer_value(const std::optional<programme::BufferEnds>& buffer) {

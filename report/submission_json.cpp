@@ -3,14 +3,10 @@
 #include <algorithm>
 #include <cctype>
 
-#include <nlohmann/json.hpp>
-
-#include "encoding/error.h"
+#include "report/json_members.h"
 
 namespace gsve::report {
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 /// Each number goes into the command line of a program.
 bool is_number(const std::string& text) {
@@ -37,13 +33,16 @@ Submission parse_submission(std::string_view json) {
     Submission submission;
     try {
         const Json record = Json::parse(json);
-        record.at("work").get_to(submission.work);
+        const auto read = [](const Json& object, const char* key, auto& value) {
+            if (!get_exact(object.at(key), value)) throw Failure("the record of the submission is damaged");
+        };
+        read(record, "work", submission.work);
         for (const Json& each : record.at("jobs")) {
             SubmittedJob job;
-            each.at("id").get_to(job.id);
-            each.at("task").get_to(job.task);
-            each.at("first").get_to(job.first);
-            each.at("tasks").get_to(job.tasks);
+            read(each, "id", job.id);
+            read(each, "task", job.task);
+            read(each, "first", job.first);
+            read(each, "tasks", job.tasks);
             if (!makes_sense(job)) throw Failure("the record of the submission names a job that cannot be");
             submission.jobs.push_back(std::move(job));
         }

@@ -111,6 +111,17 @@ TEST(JobJson, NamesAMemberOfAnotherKind) {
               "\"rows\" of \"captions\" is of another kind");
 }
 
+TEST(JobJson, NamesANumberThatDoesNotFit) {
+    for (const char* number : {"1.5", "2147483648", "-2147483649", "7e23", "true"})
+        EXPECT_EQ(error_after([&](nlohmann::json& job) { job["threads"] = nlohmann::json::parse(number); }),
+                  "\"threads\" of the job is of another kind")
+            << number;
+    EXPECT_EQ(error_after([](nlohmann::json& job) {
+                  job["streams"]["numbers"] = {0, 1.5};
+              }),
+              "\"numbers\" of \"streams\" is of another kind");
+}
+
 TEST(JobJson, NamesAMemberThatNobodyKnows) {
     EXPECT_EQ(error_after([](nlohmann::json& job) { job["bitrate"] = 1; }),
               "the job has an unknown \"bitrate\"");
