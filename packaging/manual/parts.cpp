@@ -5,6 +5,8 @@
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
+#include "encoding/settings.h"
+
 namespace gsve::manual {
 namespace {
 
@@ -25,6 +27,8 @@ std::vector<const CLI::Option*> shown(const CLI::App& app, bool positional) {
     });
 }
 
+bool is_literal(const std::string& check) { return check.find_first_of(" []()") == std::string::npos; }
+
 std::string bounds_in(const std::string& type) {
     std::smatch range;
     if (std::regex_search(type, range, std::regex(R"( in \[(\S+) - (\S+)\])")))
@@ -42,7 +46,28 @@ std::vector<const CLI::App*> commands_of(const CLI::App& app) {
     });
 }
 
-std::vector<const CLI::Option*> options_of(const CLI::App& app) { return shown(app, false); }
+// The parser keeps a group of options as a command without a name.
+std::vector<const CLI::App*> groups_of(const CLI::App& app) {
+    return app.get_subcommands(
+        [](const CLI::App* group) { return group->get_name().empty() && !group->get_group().empty(); });
+}
+
+/// A group has a --help that is never asked for.
+std::vector<const CLI::Option*> ungrouped_options_of(const CLI::App& app) {
+    std::vector<const CLI::Option*> options = shown(app, false);
+    if (app.get_name().empty()) std::erase(options, app.get_help_ptr());
+    return options;
+}
+
+std::vector<const CLI::Option*> options_of(const CLI::App& app) {
+    std::vector<const CLI::Option*> options = ungrouped_options_of(app);
+    for (const CLI::App* group : groups_of(app)) {
+        const std::vector<const CLI::Option*> more = options_of(*group);
+        options.insert(options.end(), more.begin(), more.end());
+    }
+    return options;
+}
+
 std::vector<const CLI::Option*> arguments_of(const CLI::App& app) { return shown(app, true); }
 
 std::vector<std::string> names_of(const CLI::Option& option) {
@@ -63,11 +88,20 @@ Value value_of(const CLI::Option& option) {
     const std::string check = colon == std::string::npos ? "" : type.substr(colon + 1);
     if (check.starts_with('{') && check.ends_with('}'))
         value.choices = split(check.substr(1, check.size() - 2), ',');
-    else if (check.find('|') != std::string::npos)
+    else if (check.find_first_of("|=") != std::string::npos && is_literal(check))
         value.choices = split(check, '|');
     else if (check == "FILE")
         value.placeholder = check;
     return value;
+}
+
+std::vector<std::string> choices_of(const encoding::Values& values) {
+    switch (values.syntax) {
+        case encoding::Syntax::kSwitch: return {"0", "1"};
+        case encoding::Syntax::kAutomatic: return {"0", "1", "-1"};
+        case encoding::Syntax::kChoice: return split(std::string(values.choices), ' ');
+        default: return {};
+    }
 }
 
 }  // namespace gsve::manual
