@@ -1,6 +1,9 @@
 #include "packaging/manual/pages.h"
 
 #include <cctype>
+#include <cstdint>
+#include <limits>
+#include <set>
 #include <vector>
 
 #include <fmt/format.h>
@@ -40,10 +43,24 @@ std::string title_of(const CLI::App& command) {
     return title;
 }
 
+/// "farm-submit" of gsve-farm-submit(1), as the README's marks have it; "gsve" of the program's own.
+std::string mark_of(const Page& page) {
+    if (page.name == kProgram) return page.name;
+    return page.name.substr(kProgram.size() + 1) +
+           (page.section == 1 ? "" : fmt::format("({})", page.section));
+}
+
+/// Of the commands within commands, those within this one, and beside it.
+bool is_near(const Page& page, const Page& other) {
+    const std::string mark = mark_of(other);
+    const std::string outer = mark.substr(0, mark.find('-'));
+    return outer == mark || mark_of(page) == outer || mark_of(page).starts_with(outer + "-");
+}
+
 std::string see_also(const Page& page, const std::vector<Page>& all) {
     std::string list;
     for (const Page& other : all) {
-        if (other.name == page.name && other.section == page.section) continue;
+        if ((other.name == page.name && other.section == page.section) || !is_near(page, other)) continue;
         if (!list.empty()) list += ",\n";
         list += fmt::format("{}({})", in_bold(other.name), other.section);
     }
@@ -75,13 +92,18 @@ std::string others_text(const char* lead, const std::set<CLI::Option*>& others) 
     return text.empty() ? text : " " + text + ".";
 }
 
-std::string option_entry(const CLI::Option& option) {
+using Options = std::set<CLI::Option*>;
+
+/// `known` has been said of all options of the group already.
+std::string option_entry(const CLI::Option& option, const Options& known = {}) {
     const Value value = value_of(option);
     std::string text = with_full_stop(literal(option.get_description()));
     if (!value.bounds.empty()) text += " " + literal(value.bounds);
     if (value.any && !option.get_default_str().empty())
         text += fmt::format(" Default: {}.", literal(option.get_default_str()));
-    text += others_text("Needs ", option.get_needs()) + others_text("Not with ", option.get_excludes());
+    Options needs = option.get_needs();
+    for (CLI::Option* other : known) needs.erase(other);
+    text += others_text("Needs ", needs) + others_text("Not with ", option.get_excludes());
     return entry(names_text(names_of(option)) + (value.any ? value_text(value) : ""), text);
 }
 
@@ -90,7 +112,8 @@ std::string synopsis(const CLI::App& command, const std::string& words) {
     if (!commands_of(command).empty()) line += " " + in_italics("COMMAND");
     line += " [" + in_italics("OPTION") + "]...";
     for (const CLI::Option* argument : arguments_of(command)) {
-        const std::string name = in_italics(argument->get_name(true));
+        const std::string name =
+            in_italics(argument->get_name(true)) + (argument->get_items_expected_max() > 1 ? "..." : "");
         line += argument->get_required() ? " " + name : " [" + name + "]";
     }
     return heading("synopsis") + line + "\n";
@@ -105,9 +128,28 @@ std::string arguments(const CLI::App& command) {
     return text.empty() ? text : heading("arguments") + text;
 }
 
+/// What every option of a group needs.
+Options needed_by_all(const std::vector<const CLI::Option*>& group) {
+    Options needed = group.empty() ? Options() : group.front()->get_needs();
+    for (const CLI::Option* option : group)
+        std::erase_if(needed, [&](CLI::Option* other) { return !option->get_needs().contains(other); });
+    return needed;
+}
+
+std::string option_group(const CLI::App& group) {
+    const std::vector<const CLI::Option*> options = options_of(group);
+    const Options needed = needed_by_all(options);
+    std::string text = fmt::format(".SS {}\n{}{}\n", literal(group.get_group()),
+                                   with_full_stop(literal(group.get_description())),
+                                   others_text("These options need ", needed));
+    for (const CLI::Option* option : options) text += option_entry(*option, needed);
+    return text;
+}
+
 std::string options(const CLI::App& command) {
     std::string text = heading("options");
-    for (const CLI::Option* option : options_of(command)) text += option_entry(*option);
+    for (const CLI::Option* option : ungrouped_options_of(command)) text += option_entry(*option);
+    for (const CLI::App* group : groups_of(command)) text += option_group(*group);
     return text;
 }
 
@@ -120,14 +162,37 @@ std::string list_of_commands(const CLI::App& command, const std::string& page) {
 }
 
 /// The first section of the README describes the command; the others stand behind its options.
-std::string command_text(const CLI::App& command, const std::string& page, const Readme& readme) {
-    std::string text, more;
-    for (const Readme::Section& section : readme.sections_for(command.get_name()))
-        if (text.empty())
-            text = heading("description") + body(section.text);
+struct Texts {
+    std::string description;
+    std::string more;
+    std::string source;  ///< Markdown of both
+};
+
+Texts texts_of(const Page& page, const Readme& readme) {
+    Texts texts;
+    for (const Readme::Section& section : readme.sections_for(mark_of(page))) {
+        texts.source += section.text;
+        if (texts.description.empty())
+            texts.description = body(section.text);
         else
-            more += heading(section.title) + body(section.text);
-    return text + list_of_commands(command, page) + arguments(command) + options(command) + more;
+            texts.more += heading(section.title) + body(section.text);
+    }
+    return texts;
+}
+
+/// The program's page has one example of each command. Others leave out what their text shows.
+std::string examples(const CLI::App& command, const std::string& words, const Texts& texts,
+                     const Readme& readme) {
+    std::string text;
+    if (words == kProgram)
+        for (const CLI::App* inner : commands_of(command)) {
+            const std::vector<std::string> found = readme.examples_of(words + " " + inner->get_name());
+            if (!found.empty()) text += found.front() + "\n";
+        }
+    else
+        for (const std::string& example : readme.examples_of(words))
+            if (texts.source.find("    " + example) == std::string::npos) text += example + "\n";
+    return text.empty() ? text : heading("examples") + verbatim(text);
 }
 
 std::string exit_status() {
@@ -139,39 +204,63 @@ std::string exit_status() {
 
 std::string command_page(const CLI::App& command, const Page& page, const std::string& words,
                          const Readme& readme, const std::vector<Page>& all) {
-    const bool whole = page.name == kProgram;
-    std::string text =
-        head(page, title_of(command)) + synopsis(command, words) + command_text(command, page.name, readme);
-    const std::string examples = readme.examples_of(whole ? "encode" : command.get_name());
-    if (!examples.empty()) text += heading("examples") + verbatim(examples);
-    return text + exit_status() + see_also(page, all);
+    const Texts texts = texts_of(page, readme);
+    const std::string summary = with_full_stop(literal(command.get_description())) + "\n";
+    return head(page, title_of(command)) + synopsis(command, words) + heading("description") + summary +
+           texts.description + list_of_commands(command, page.name) + arguments(command) + options(command) +
+           texts.more + examples(command, words, texts, readme) + exit_status() + see_also(page, all);
+}
+
+/// Nobody looks for the largest number that a machine has.
+std::string syntax_of(const encoding::Values& values) {
+    std::string text = encoding::syntax_text(values);
+    const std::string largest = fmt::format(" to {}", std::numeric_limits<int32_t>::max());
+    if (text.ends_with(largest)) text.replace(text.size() - largest.size(), largest.size(), " up");
+    return text;
 }
 
 std::string setting_text(const encoding::Setting& setting) {
     std::string text = with_full_stop(literal(setting.meaning)) + "\n.br\n" +
-                       with_full_stop("Value: " + literal(encoding::syntax_text(setting.values)));
+                       with_full_stop("Value: " + literal(syntax_of(setting.values)));
     text += setting.default_value.empty() ? " Default: not given."
                                           : fmt::format(" Default: {}.", literal(setting.default_value));
     if (setting.empty_value != "default")
         text += fmt::format(" An empty value sets: {}.", literal(setting.empty_value));
     if (setting.codecs != encoding::kAllCodecs)
         text += fmt::format(" For {} only.", literal(encoding::codecs_text(setting.codecs)));
-    if (encoding::works_on_open_encoder(setting.key)) text += " Works on an open encoder.";
+    constexpr std::string_view kAtOnce = "Works on an open encoder.";
+    if (encoding::works_on_open_encoder(setting.key) && !setting.meaning.ends_with(kAtOnce))
+        text += fmt::format(" {}", kAtOnce);
     return text;
 }
 
-std::string settings_page(const Page& page, const std::vector<Page>& all) {
-    std::string text = head(page, kSettingsTitle) + heading("description");
-    text += "Each is a key and a value, which a host gives to on_set(), and a user to\n" +
-            in_bold("gsve encode --set") + " \"" + in_italics("KEY") + "=" + in_italics("VALUE") +
-            "\".\nA key with spaces needs the quotation marks.\n";
+constexpr const char* kSettingsSynopsis = R"(\fBgsve encode \-\-set\fR "\fIKEY\fR=\fIVALUE\fR" ...
+)";
+
+constexpr const char* kSettingsIntroduction = R"(Each setting is a key and a value. A user gives it to
+\fBgsve encode\fR, \fBgsve plan\fR or \fBgsve farm submit\fR as
+\fB\-\-set\fR "\fIKEY\fR=\fIVALUE\fR"; a key with spaces needs the quotation marks.
+A host gives both to on_set().
+.PP
+\fB\-\-set\fR "\fIKEY\fR=" sets the default, unless the setting says what an empty value sets.
+In a host, a setting closes an open encoder, unless it says that it works on one;
+on_set() opens the encoder again when it is asked to restart it.
+)";
+
+std::string settings_page(const Page& page, const Readme& readme, const std::vector<Page>& all) {
+    const Texts texts = texts_of(page, readme);
+    std::string text = head(page, kSettingsTitle) + heading("synopsis") + kSettingsSynopsis +
+                       heading("description") + kSettingsIntroduction + texts.description;
     std::string_view topic;
     for (const encoding::Setting& setting : encoding::settings()) {
         if (setting.topic != topic) text += heading(setting.topic);
         topic = setting.topic;
         text += entry(in_bold(setting.key), setting_text(setting));
     }
-    return text + see_also(page, all);
+    std::string shown;
+    for (const std::string& example : readme.examples_of(kProgram))
+        if (example.find("--set ") != std::string::npos) shown += example + "\n";
+    return text + heading("examples") + verbatim(shown) + see_also(page, all);
 }
 
 struct Command {
@@ -201,7 +290,7 @@ std::map<std::string, std::string> pages(const CLI::App& program, const Readme& 
     const auto file = [](const Page& page) { return fmt::format("man{0}/{1}.{0}", page.section, page.name); };
     for (const Command& command : commands)
         texts[file(command.page)] = command_page(*command.app, command.page, command.words, readme, all);
-    texts[file(settings)] = settings_page(settings, all);
+    texts[file(settings)] = settings_page(settings, readme, all);
     return texts;
 }
 

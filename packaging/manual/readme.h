@@ -17,12 +17,13 @@ public:
 
     explicit Readme(std::string text) : text_(std::move(text)) {}
 
-    /// The sections that are meant for a command's page: those in which the comment "<!-- man: encode inspect
-    /// -->" follows the heading and names it.
-    std::vector<Section> sections_for(std::string_view command) const;
+    /// What is meant for a page. "<!-- man: encode farm-submit -->" on a line of its own begins a passage for
+    /// the pages that it names, which ends with the section, or at the next mark: "<!-- man: -->" names none.
+    std::vector<Section> sections_for(std::string_view page) const;
 
-    /// The command lines that show a command, in the README's order.
-    std::string examples_of(std::string_view command) const;
+    /// The command lines that begin with these words, in the README's order, from the sections that have a
+    /// mark.
+    std::vector<std::string> examples_of(std::string_view words) const;
 
 private:
     std::string text_;

@@ -9,6 +9,10 @@
 namespace gsve::manual {
 namespace {
 
+constexpr size_t kVerbatimWidth = 68;  // of a terminal's 80, less the indents
+constexpr std::string_view kCommand = "gsve ";
+constexpr std::string_view kContinued = "    ";
+
 std::vector<std::string_view> split(std::string_view text, char separator) {
     std::vector<std::string_view> parts;
     for (size_t begin = 0; begin <= text.size();) {
@@ -44,6 +48,18 @@ std::string escaped(std::string_view text, bool minus) {
     return out;
 }
 
+/// Code has no hyphens put into it at a line's end. Paths are parted after a slash.
+std::string in_whole_words(std::string_view text) {
+    if (text.find_first_of("-/_\"") == std::string_view::npos) return literal(text);
+    std::string out = "\\%";
+    for (const char c : literal(text)) {
+        out += c;
+        if (c == '/') out += "\\:";
+        if (c == ' ') out += "\\%";
+    }
+    return out;
+}
+
 /// The cells of a table's row.
 std::vector<std::string_view> cells(std::string_view row) {
     row = trimmed(row);
@@ -54,16 +70,69 @@ std::vector<std::string_view> cells(std::string_view row) {
     return parts;
 }
 
+/// Columns that say the same are named together: a page has no room for seven of them.
 std::string table_entry(const std::vector<std::string_view>& columns,
                         const std::vector<std::string_view>& row) {
-    std::string text;
+    struct Group {
+        std::string columns;
+        std::string_view cell;
+    };
+    std::vector<Group> groups;
     for (size_t i = 1; i < row.size(); i++) {
         if (row[i].empty()) continue;
-        text += text.empty() ? "" : "; ";
-        if (i < columns.size() && !columns[i].empty()) text += prose(columns[i]) + ": ";
-        text += prose(row[i]);
+        const std::string column = i < columns.size() ? prose(columns[i]) : "";
+        const auto same = std::find_if(groups.begin(), groups.end(),
+                                       [&](const Group& group) { return group.cell == row[i]; });
+        if (same == groups.end())
+            groups.push_back({column, row[i]});
+        else
+            same->columns += ", " + column;
     }
+    std::string text;
+    for (const Group& group : groups)
+        text += fmt::format("{}{}{}{}", text.empty() ? "" : "; ", group.columns,
+                            group.columns.empty() ? "" : ": ", prose(group.cell));
     return entry(prose(row[0]), text.empty() ? "\\&" : text);
+}
+
+// A link to a page of the repository: where its package has it. Links to the web keep their text alone.
+std::string link(std::string_view text, std::string_view target) {
+    constexpr std::string_view kDocs = "docs/";
+    if (!target.starts_with(kDocs)) return literal(text);
+    const std::string installed = fmt::format("/usr/share/doc/gsve/{}.gz", target.substr(kDocs.size()));
+    if (text == target) return in_italics(installed);
+    return fmt::format("{} ({})", literal(text), in_italics(installed));
+}
+
+/// A command line and its comment, which may follow it.
+struct CommandLine {
+    explicit CommandLine(std::string_view line) {
+        const size_t at = std::min(line.find("  # "), line.size());
+        command = trimmed(line.substr(0, at));
+        comment = trimmed(line.substr(at));
+    }
+
+    std::string_view command;
+    std::string_view comment;
+};
+
+/// A command line that fits an ordinary terminal: continued before an option.
+std::string folded(std::string_view command) {
+    std::string text;
+    while (command.size() > kVerbatimWidth) {
+        const size_t at = command.substr(0, kVerbatimWidth - 2).rfind(" -");
+        if (at == std::string_view::npos || command.find_first_not_of(' ') > at) break;
+        text += fmt::format("{} \\\n", command.substr(0, at));
+        command.remove_prefix(at + 1);
+        text += kContinued;
+    }
+    return text + std::string(command);
+}
+
+bool has_command_line_too_wide(const std::vector<std::string_view>& lines) {
+    return std::any_of(lines.begin(), lines.end(), [](std::string_view line) {
+        return line.starts_with(kCommand) && line.size() > kVerbatimWidth;
+    });
 }
 
 /// Reads Markdown line by line and writes roff.
@@ -145,8 +214,8 @@ private:
 
 std::string literal(std::string_view text) { return escaped(text, true); }
 
-std::string in_bold(std::string_view text) { return "\\fB" + literal(text) + "\\fR"; }
-std::string in_italics(std::string_view text) { return "\\fI" + literal(text) + "\\fR"; }
+std::string in_bold(std::string_view text) { return "\\fB" + in_whole_words(text) + "\\fR"; }
+std::string in_italics(std::string_view text) { return "\\fI" + in_whole_words(text) + "\\fR"; }
 
 std::string prose(std::string_view markdown) {
     std::string out;
@@ -165,7 +234,7 @@ std::string prose(std::string_view markdown) {
             continue;
         }
         const std::string_view inner = markdown.substr(mark.size(), end - mark.size());
-        out += mark == "[" ? literal(inner) : in_bold(inner);
+        out += mark == "[" ? link(inner, markdown.substr(end + 2, target - end - 2)) : in_bold(inner);
         markdown.remove_prefix(mark == "[" ? target + 1 : end + mark.size());
     }
     return out;
@@ -187,7 +256,18 @@ std::string entry(std::string_view tag, std::string_view text) {
 std::string verbatim(std::string_view lines) {
     std::string out = ".PP\n.RS 4\n.nf\n";
     if (lines.ends_with('\n')) lines.remove_suffix(1);
-    for (const std::string_view line : split(lines, '\n')) out += literal(line) + "\n";
+    const std::vector<std::string_view> all = split(lines, '\n');
+    const bool fold = has_command_line_too_wide(all);
+    for (const std::string_view line : all) {
+        if (!fold || !line.starts_with(kCommand)) {
+            out += literal(line) + "\n";
+            continue;
+        }
+        const CommandLine parts(line);
+        if (!parts.comment.empty()) out += literal(parts.comment) + "\n";
+        const std::string command = folded(parts.command);
+        for (const std::string_view part : split(command, '\n')) out += literal(part) + "\n";
+    }
     return out + ".fi\n.RE\n";
 }
 

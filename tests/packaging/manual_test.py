@@ -50,7 +50,7 @@ def page(words):
 
 
 def plain(path):
-    return path.read_text().replace("\\-", "-").replace("\\&", "").replace("\\fB", "").replace("\\fR", "").replace("\\fI", "")
+    return re.sub(r"\\(&|%|:|f[BRI])", "", path.read_text()).replace("\\-", "-")
 
 
 class Shell:
@@ -124,6 +124,38 @@ class Pages(unittest.TestCase):
         for heading in (".SH DESCRIPTION", ".SS Sound", ".SH CARRY CAPTIONS", ".SH EXAMPLES", ".SH EXIT STATUS"):
             self.assertIn(heading, text)
         self.assertIn("gsve inspect city.mp4 --scc city.scc", plain(page(("inspect",))))
+
+    def test_have_what_every_page_has(self):
+        for path in sorted((PAGES / "man").glob("*/*")):
+            headings = re.findall(r"(?m)^\.SH (.*)\n(?!\.SH)", path.read_text())
+            self.assertEqual(headings[:3], ["NAME", "SYNOPSIS", "DESCRIPTION"], path.name)
+            self.assertEqual(headings[-1], "SEE ALSO", path.name)
+            self.assertEqual("OPTIONS" in headings, path.suffix == ".1", path.name)
+
+    def test_have_nothing_that_only_the_repository_has(self):
+        docs = HEADER.parent.parent / "docs"
+        for path in sorted((PAGES / "man").glob("*/*")):
+            text = plain(path)
+            installed = re.findall(r"/usr/share/doc/gsve/(\S+)\.gz\b", text)
+            self.assertEqual([name for name in installed if not (docs / name).is_file()], [], path.name)
+            own = re.sub(r"/usr/share/doc/gsve/\S+", "", text)
+            for word in (r"\./dev\b", r"\b(?:build|bench|docs|examples|tests|tools)/", r"\.md\b"):
+                self.assertNotRegex(own, word, path.name)
+        self.assertIn("/usr/share/doc/gsve/farm.md.gz", plain(page(("farm",))))
+
+    def test_have_command_lines_that_fit_a_terminal_of_80_columns(self):
+        for path in sorted((PAGES / "man").glob("*/*")):
+            for block in re.findall(r"(?ms)^\.nf\n(.*?)^\.fi$", plain(path)):
+                for line in block.replace("\\e\n", "\\\n").splitlines():
+                    if line.startswith("gsve "):
+                        self.assertLessEqual(len(line), 69, path.name)
+        self.assertIn('gsve encode film.mov film.m2v --set "gop size=12" \\e\n    --set "closed gop=1"\n',
+                      plain(page(("encode",))))
+
+    def test_show_no_example_twice(self):
+        for path in sorted((PAGES / "man/man1").iterdir()):
+            lines = [line for line in plain(path).splitlines() if re.match(r"gsve \w+ .*\.(ts|mp4|json)", line)]
+            self.assertEqual(len(lines), len(set(lines)), path.name)
 
     def test_have_no_fault_that_man_knows(self):
         for path in sorted((PAGES / "man").glob("*/*")):
