@@ -3,6 +3,7 @@
 #include <cctype>
 #include <cstdint>
 #include <limits>
+#include <regex>
 #include <set>
 #include <vector>
 
@@ -263,6 +264,12 @@ std::string settings_page(const Page& page, const Readme& readme, const std::vec
     return text + heading("examples") + verbatim(shown) + see_also(page, all);
 }
 
+/// A heading begins a paragraph by itself.
+std::string without_idle_paragraphs(const std::string& text) {
+    static const std::regex after_heading(R"((\n\.S[HS] [^\n]*\n)\.PP\n)");
+    return std::regex_replace(text, after_heading, "$1");
+}
+
 struct Command {
     const CLI::App* app;
     Page page;
@@ -291,6 +298,7 @@ std::map<std::string, std::string> pages(const CLI::App& program, const Readme& 
     for (const Command& command : commands)
         texts[file(command.page)] = command_page(*command.app, command.page, command.words, readme, all);
     texts[file(settings)] = settings_page(settings, readme, all);
+    for (auto& [name, text] : texts) text = without_idle_paragraphs(text);
     return texts;
 }
 
