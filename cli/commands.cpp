@@ -6,6 +6,7 @@
 #include <system_error>
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <CLI/CLI.hpp>
 
 #include "cli/encode/encode.h"
@@ -443,19 +444,32 @@ void add_streams(CLI::App& app, Command& command) {
     });
 }
 
+/// The command of these words, as "farm submit". Throws UsageError where there is none.
+CLI::App& command_named(CLI::App& app, const std::vector<std::string>& words) try {
+    CLI::App* command = &app;
+    for (const std::string& word : words) command = command->get_subcommand(word);
+    return *command;
+} catch (const CLI::OptionNotFound&) {
+    throw UsageError(fmt::format("there is no command \"{}\"; gsve help lists them", fmt::join(words, " ")));
+}
+
+/// What stands in front of the command's own name.
+std::string parents_of(const CLI::App& command) {
+    std::string parents;
+    for (const CLI::App* parent = command.get_parent(); parent; parent = parent->get_parent())
+        parents = parent->get_name() + (parents.empty() ? "" : " ") + parents;
+    return parents;
+}
+
 void add_help(CLI::App& app, Command& command) {
-    auto topic = std::make_shared<std::string>();
+    auto topic = std::make_shared<std::vector<std::string>>();
     CLI::App* help_app = app.add_subcommand("help", "Explain a command");
-    help_app->add_option("COMMAND", *topic);
+    help_app->add_option("COMMAND", *topic, "As encode, or farm submit; default: the program");
     help_app->callback([topic, &app, &command] {
         command = [topic, &app] {
-            try {
-                app.clear();  // else the parser explains the command that it has read, which is this one
-                fmt::print("{}",
-                           topic->empty() ? app.help() : app.get_subcommand(*topic)->help(app.get_name()));
-            } catch (const CLI::OptionNotFound&) {
-                throw UsageError(fmt::format("there is no command \"{}\"; gsve help lists them", *topic));
-            }
+            app.clear();  // else the parser explains the command that it has read, which is this one
+            const CLI::App& explained = command_named(app, *topic);
+            fmt::print("{}", explained.help(parents_of(explained)));
             return 0;
         };
     });
@@ -498,8 +512,11 @@ int run_command(int argc, const char* const* argv) {
         return command();
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) return app.exit(error);  // --help, --version
-        const std::vector<CLI::App*> commands = app.get_subcommands();
-        const std::string topic = commands.empty() ? "" : " " + commands.front()->get_name();
+        std::string topic;
+        for (const CLI::App* at = &app; !at->get_subcommands().empty();) {
+            at = at->get_subcommands().front();
+            topic += " " + at->get_name();
+        }
         return complain(fmt::format("{} (gsve help{} explains)", error.what(), topic), kExitUsage);
     } catch (const UsageError& error) {
         return complain(error.what(), kExitUsage);

@@ -108,6 +108,8 @@ TEST(Program, ExplainsItsCommands) {
     // With "Usage: " in front, before CLI11 2.6.
     EXPECT_THAT(shown.out, HasSubstr("gsve encode [OPTIONS] INPUT OUTPUT\n"));
     EXPECT_EQ(run({"encode", "--help"}).out, shown.out);
+    EXPECT_THAT(run({"help", "farm", "submit"}).out, HasSubstr("gsve farm submit [OPTIONS]"));
+    EXPECT_EQ(run({"farm", "submit", "--help"}).out, run({"help", "farm", "submit"}).out);
 }
 
 struct Refusal {
@@ -132,6 +134,8 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{{}, "gsve help"}, Refusal{{"transcode"}, "transcode (gsve help explains)"},
         Refusal{{"--bogus"}, "--bogus (gsve help explains)"},
         Refusal{{"encode", "a", "b.ts", "--bogus"}, "--bogus (gsve help encode explains)"},
+        Refusal{{"farm", "submit", "--bogus"}, "--bogus (gsve help farm submit explains)"},
+        Refusal{{"help", "farm", "transcode"}, "no command \"farm transcode\""},
         Refusal{{"help", "transcode"}, "gsve help"}, Refusal{{"encode", "in.mpg"}, "OUTPUT"},
         Refusal{{"encode", "in.mpg", "out.avi"}, ".m2v .h264 .264 .h265 .265 .hevc .ts .mp4 .mov .mkv"},
         Refusal{{"encode", "in.mpg", "out"}, ".mp4"},
