@@ -51,6 +51,20 @@ class Symbols(unittest.TestCase):
         self.assertEqual(promised("libgsve-host-reference"), {name: exported(BUILD / "host" / name) for name in HOST})
 
 
+class Names(unittest.TestCase):
+    def test_have_the_binary_contracts_major_version(self):
+        major = re.search(r"^#define GSVE_VERSION_MAJOR (\d+)$", (SOURCE / "lib/gsve.h").read_text(), flags=re.M).group(1)
+        control = debian("control")
+        for name in ("libgsve-host", "libgsve-host-dev"):
+            self.assertRegex(control, rf"(?m)^Provides: {name} \(= {major}\)$")
+            # Files of the same names: one of any version keeps out any other.
+            self.assertRegex(control, rf"(?m)^Conflicts: {name}\nReplaces: {name}$")
+            depends = re.findall(rf"\| {name} \((.+?)\)", control + debian("libgsve-host-reference.symbols"))
+            self.assertEqual(set(depends), {f"= {major}"})
+        self.assertIn(f"Package: libgsve{major}\n", control)
+        self.assertEqual(set(re.findall(r"libgsve-host-reference(?:-dev)? \(<< (\d+)~\)", control)), {str(int(major) + 1)})
+
+
 class Files(unittest.TestCase):
     def test_that_are_installed_have_a_package_each(self):
         patterns = []
