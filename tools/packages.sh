@@ -8,8 +8,14 @@
 #   packages.sh autopkgtest DIRECTORY  the packages' own tests, on DIRECTORY/now
 set -euo pipefail
 export DEBIAN_FRONTEND=noninteractive LC_ALL=C.UTF-8
-readonly packages=(libgsve4 libgsve-host-reference libgsve-dev gsve gstreamer1.0-gsve)
+readonly packages=(libgsve4 libgsve-host-reference libgsve-dev libgsve-host-reference-dev gsve gstreamer1.0-gsve)
 readonly encoder=liborb_utils_v4_general_video_streaming_encoder.so
+# What the encoder calls of its host, and leaves undefined: docs/contract.md, "Binding".
+readonly host_functions=(
+    comm_socket_v4_packet_write_nv_pair comm_socket_v4_packet_write_nv_pairf h264_nal_write how_many_cpus
+    monotonic_clock_us mpeg2_get_frame_type mpeg2_get_frame_type_and_gop sliding_window_v4_create_buffer
+    sliding_window_v4_destroy sliding_window_v4_is_sane
+)
 
 fail() { echo "FAILED: $*" >&2; exit 1; }
 say() { echo "== $*"; }
@@ -34,6 +40,17 @@ expect_gone() {
         status=$(status_of "$package")
         case $status in '' | not-installed) ;; *) fail "$package is $status" ;; esac
     done
+}
+
+# expect_installed PACKAGE...: with all that they depend on.
+expect_installed() {
+    local package trouble
+    for package in "$@"; do
+        [ "$(status_of "$package")" = installed ] || fail "$package is not installed"
+    done
+    quietly apt-get check
+    trouble=$(dpkg --audit)
+    [ -z "$trouble" ] || fail "dpkg --audit: $trouble"
 }
 
 version_of() { dpkg-query -W -f '${Version}' "$1"; }
@@ -76,35 +93,80 @@ purge() {
     say "purged; nothing is left"
 }
 
-# A framework with libraries of the reference host's names takes its place: the program built before runs on it.
-put_framework() {
-    local root=/tmp/framework name
-    mkdir -p $root/DEBIAN $root/usr/lib/x86_64-linux-gnu
-    cat >$root/DEBIAN/control <<'CONTROL'
-Package: framework-host
-Version: 1
-Architecture: amd64
-Maintainer: nobody <nobody@example.org>
-Provides: libgsve-host
-Conflicts: libgsve-host
-Replaces: libgsve-host
-Description: a framework's host libraries
-CONTROL
+# framework_package NAME FIELD...: builds /tmp/NAME.deb of the files in /tmp/NAME.
+framework_package() {
+    local root=/tmp/$1
+    mkdir -p "$root/DEBIAN"
+    {
+        printf '%s\n' "Package: $1" 'Version: 1' 'Architecture: amd64' 'Maintainer: nobody <nobody@example.org>'
+        shift
+        printf '%s\n' "$@" 'Description: part of a framework that is a host'
+    } >"$root/DEBIAN/control"
+    quietly dpkg-deb --build --root-owner-group "$root" "$root.deb"
+}
+
+# The stub of a framework, with headers that can be told from the reference host's.
+make_framework() {
+    local source=$1/tests/packaging/framework.cpp headers=/tmp/framework-host-dev/usr/include/orb_utils_v4
+    local libraries=/tmp/framework-host/usr/lib/x86_64-linux-gnu name functions
+    mkdir -p "$headers" "$libraries"
+    cp "$1"/host/include/orb_utils_v4/*.h "$headers"
+    sed -i '$a #define FRAMEWORK_HEADERS' "$headers/mpeg12_video.h"
     for name in comm io h264 mpeg12_video misc; do
-        g++ -std=c++20 -shared -fPIC -I /packages/now/gsve/host/include -I /packages/now/gsve/host/reference/include \
-            -o $root/usr/lib/x86_64-linux-gnu/liborb_utils_v4_$name.so /packages/now/gsve/host/reference/$name.cpp \
-            -x c++ - <<<"__attribute__((constructor)) static void tell() { __builtin_puts(\"framework: $name\"); }"
+        g++ -std=c++20 -O2 -shared -fPIC -Wl,-z,defs "-DLIBRARY_$name" -I /tmp/framework-host-dev/usr/include \
+            "$source" -o "$libraries/liborb_utils_v4_$name.so"
     done
-    quietly dpkg-deb --build --root-owner-group $root /tmp/framework-host.deb
-    install /tmp/framework-host.deb
-    expect_gone libgsve-host-reference gsve gstreamer1.0-gsve
-    [ "$(status_of libgsve4)" = installed ] || fail "the encoder left with the reference host"
-    /tmp/host >/tmp/units.txt 2>/tmp/diagnostics.txt
-    [ "$(grep -c '^framework: ' /tmp/units.txt)" = 5 ] || fail "the host's functions are not the framework's"
-    [ "$(grep -c '^picture ' /tmp/units.txt)" = 100 ] || fail "the README's host on a framework's libraries"
-    say "a framework's package took the reference host's place; the host built before runs on it"
-    quietly apt-get purge -y framework-host libgsve4 libgsve-dev
-    rm -rf $root /tmp/framework-host.deb
+    functions=$(nm -D --defined-only "$libraries"/*.so | awk 'NF == 3 { print $3 }' | sort)
+    [ "$functions" = "$(printf '%s\n' "${host_functions[@]}" | sort)" ] || fail "the framework has the functions $functions"
+    framework_package framework-host 'Provides: libgsve-host (= 4)' 'Conflicts: libgsve-host' 'Replaces: libgsve-host'
+    framework_package framework-host-dev 'Provides: libgsve-host-dev (= 4)' 'Conflicts: libgsve-host-dev' \
+        'Replaces: libgsve-host-dev' 'Depends: framework-host'
+    framework_package framework-of-tomorrow 'Provides: libgsve-host (= 5)' 'Conflicts: libgsve-host' 'Replaces: libgsve-host'
+}
+
+# expect_framework_units PROGRAM: the README's host runs on the framework's functions.
+expect_framework_units() {
+    "$1" >/tmp/units.txt 2>/tmp/diagnostics.txt || fail "$1 ended with $?"
+    [ "$(grep -c '^framework: ' /tmp/units.txt)" = 5 ] || fail "the host's functions are not the framework's in $1"
+    [ "$(grep -c '^picture ' /tmp/units.txt)" = 100 ] || fail "$1 on a framework's libraries"
+}
+
+# A framework's packages take the place of the reference host's: the program built before runs on its libraries, and
+# another is built with its headers.
+put_framework() {
+    local outcome
+    make_framework "$1"
+    outcome=$(apt-get install -s /tmp/framework-of-tomorrow.deb)
+    grep -q '^Remv libgsve4 ' <<<"$outcome" || fail "a host with another interface satisfies the encoder"
+    install /tmp/framework-host.deb /tmp/framework-host-dev.deb
+    expect_gone libgsve-host-reference libgsve-host-reference-dev gsve gstreamer1.0-gsve
+    expect_installed libgsve4 libgsve-dev framework-host framework-host-dev
+    expect_framework_units /tmp/host
+
+    mkdir /tmp/framework-program
+    {
+        cat /tmp/host.cpp
+        printf '%s\n' '#ifndef FRAMEWORK_HEADERS' '#error "the headers are not the framework'"'"'s"' '#endif'
+    } >/tmp/framework-program/host.cpp
+    cat >/tmp/framework-program/CMakeLists.txt <<'CMAKE'
+cmake_minimum_required(VERSION 3.25)
+project(host LANGUAGES CXX)
+find_package(gsve 4 REQUIRED)
+if(TARGET gsve::host)
+  message(FATAL_ERROR "the reference host is still there")
+endif()
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(LIBAVCODEC REQUIRED IMPORTED_TARGET libavcodec)
+add_executable(built_host host.cpp)
+target_link_libraries(built_host PRIVATE gsve::encoder orb_utils_v4_comm orb_utils_v4_io orb_utils_v4_h264
+                      orb_utils_v4_mpeg12_video orb_utils_v4_misc PkgConfig::LIBAVCODEC)
+CMAKE
+    quietly cmake -S /tmp/framework-program -B /tmp/framework-program/build
+    quietly cmake --build /tmp/framework-program/build
+    expect_framework_units /tmp/framework-program/build/built_host
+    say "a framework's packages took the reference host's place; a host built before and one built there run on it"
+    quietly apt-get purge -y framework-host framework-host-dev libgsve4 libgsve-dev
+    rm -rf /tmp/framework-*
 }
 
 cmd_try() {
@@ -120,7 +182,7 @@ cmd_try() {
         gsve --version
         gsve encode "$1/cityCC0.mpg" city.ts --quiet
         gsve inspect city.ts | head -4
-        install g++ pkg-config gstreamer1.0-tools gstreamer1.0-plugins-base
+        install g++ cmake make pkg-config gstreamer1.0-tools gstreamer1.0-plugins-base
         awk '/^```cpp$/ { copy = 1; next } /^```$/ { copy = 0 } copy' "$now/gsve/README.md" >host.cpp
         g++ -std=c++20 host.cpp -o host $(pkg-config --cflags --libs gsve libavcodec) \
             -lorb_utils_v4_{comm,io,h264,mpeg12_video,misc}
@@ -129,7 +191,7 @@ cmd_try() {
         say "gst-launch-1.0 ... gsveenc: $(stat -c %s bars.h264) bytes"
         # Nothing of the host is named by the encoder; it is bound when a program is loaded.
         if readelf -d "/usr/lib/x86_64-linux-gnu/$encoder.4" | grep "NEEDED.*orb_utils"; then fail "the encoder names a host"; fi
-        put_framework
+        put_framework "$now/gsve"
 
         install $(debs "$now")
         purge "$now"
