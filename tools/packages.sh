@@ -4,7 +4,8 @@
 #   packages.sh build DIRECTORY        builds DIRECTORY/gsve; in folders called `again`, without a compiler's cache
 #   packages.sh lint DIRECTORY         what lintian says of what was built there
 #   packages.sh try DIRECTORY          in a bare root: install DIRECTORY/now/*.deb, use them, put a framework in the
-#                                      reference host's place, purge; install DIRECTORY/earlier/*.deb, upgrade, purge
+#                                      reference host's place, purge; install DIRECTORY/earlier/*.deb where there are
+#                                      any, upgrade, purge
 #   packages.sh autopkgtest DIRECTORY  the packages' own tests, on DIRECTORY/now
 set -euo pipefail
 export DEBIAN_FRONTEND=noninteractive LC_ALL=C.UTF-8
@@ -178,42 +179,74 @@ CMAKE
     rm -rf /tmp/framework-*
 }
 
+# expect_pictures COUNT FILE: as gsve reads it, with none damaged or lost.
+expect_pictures() {
+    local inspection
+    inspection=$(gsve inspect "$2")
+    grep -qE "^  pictures  $1 \(.*\), 0 damaged, 0 lost$" <<<"$inspection" || fail "$2 has not $1 pictures: $inspection"
+    say "$2: $1 pictures in $(stat -c %s "$2") bytes"
+}
+
+# The program, the README's host and the element, each with all that it needs.
+use_packages() {
+    local dynamic
+    gsve --version
+    gsve encode "$1/cityCC0.mpg" city.ts --quiet
+    expect_pictures 190 city.ts
+
+    install g++ cmake make pkg-config gstreamer1.0-tools gstreamer1.0-plugins-base
+    awk '/^```cpp$/ { copy = 1; next } /^```$/ { copy = 0 } copy' "$1/now/gsve/README.md" >host.cpp
+    # shellcheck disable=SC2046 # several flags
+    g++ -std=c++20 host.cpp -o host $(pkg-config --cflags --libs gsve libavcodec) \
+        -lorb_utils_v4_{comm,io,h264,mpeg12_video,misc}
+    ./host >units.txt 2>diagnostics.txt || fail "the README's host ended with $?"
+    [ "$(grep -cE '^picture [0-9]+, [1-9][0-9]* bytes$' units.txt)" = 100 ] || fail "the README's host: $(cat units.txt)"
+    tail -1 units.txt
+    expect_pictures 100 grey.h264
+
+    gst-launch-1.0 -q videotestsrc num-buffers=100 ! gsveenc codec=h.264 ! filesink location=bars.h264
+    expect_pictures 100 bars.h264
+
+    # Nothing of the host is named by the encoder; it is bound when a program is loaded.
+    dynamic=$(readelf -d "/usr/lib/x86_64-linux-gnu/$encoder.4")
+    grep -q 'NEEDED.*libavcodec' <<<"$dynamic" || fail "what the encoder needs cannot be read"
+    if grep 'NEEDED.*orb_utils' <<<"$dynamic"; then fail "the encoder names a host"; fi
+}
+
+# upgrade DIRECTORY: from DIRECTORY/earlier to DIRECTORY/now.
+upgrade() {
+    local version package
+    # shellcheck disable=SC2046 # several files
+    install $(debs "$1/earlier")
+    version=$(version_of libgsve4)
+    # shellcheck disable=SC2046 # several files
+    install $(debs "$1/now")
+    expect_installed "${packages[@]}"
+    for package in "${packages[@]}"; do
+        dpkg --compare-versions "$(version_of "$package")" gt "$version" || fail "$package was not upgraded"
+    done
+    gsve encode "$1/cityCC0.mpg" city.ts --quiet -y
+    expect_pictures 190 city.ts
+    say "upgraded from $version to $(version_of libgsve4)"
+}
+
 cmd_try() {
-    local now=$1/now earlier=$1/earlier version
     quietly apt-get update
     cd /tmp
     # shellcheck disable=SC2046 # several files
-    {
-        install $(debs "$now")
-        say "apt-get install ./*.deb in a bare root of $(. /etc/os-release && echo "$VERSION_CODENAME"):"
-        dpkg-query -W "${packages[@]}"
-        [ "$(apt-get install -s libgsve4 2>/dev/null | grep -c ^Inst)" = 0 ] || fail "dependencies are missing"
-        gsve --version
-        gsve encode "$1/cityCC0.mpg" city.ts --quiet
-        gsve inspect city.ts | head -4
-        install g++ cmake make pkg-config gstreamer1.0-tools gstreamer1.0-plugins-base
-        awk '/^```cpp$/ { copy = 1; next } /^```$/ { copy = 0 } copy' "$now/gsve/README.md" >host.cpp
-        g++ -std=c++20 host.cpp -o host $(pkg-config --cflags --libs gsve libavcodec) \
-            -lorb_utils_v4_{comm,io,h264,mpeg12_video,misc}
-        ./host 2>diagnostics.txt | tail -1
-        gst-launch-1.0 -q videotestsrc num-buffers=100 ! gsveenc codec=h.264 ! filesink location=bars.h264
-        say "gst-launch-1.0 ... gsveenc: $(stat -c %s bars.h264) bytes"
-        # Nothing of the host is named by the encoder; it is bound when a program is loaded.
-        if readelf -d "/usr/lib/x86_64-linux-gnu/$encoder.4" | grep "NEEDED.*orb_utils"; then fail "the encoder names a host"; fi
-        put_framework "$now/gsve"
-
-        install $(debs "$now")
-        purge "$now"
-        install $(debs "$earlier")
-        version=$(version_of libgsve4)
-        install $(debs "$now")
-        for package in "${packages[@]}"; do
-            dpkg --compare-versions "$(version_of "$package")" gt "$version" || fail "$package was not upgraded"
-        done
-        gsve encode "$1/cityCC0.mpg" city.ts --quiet -y
-        say "upgraded from $version to $(version_of libgsve4)"
-        purge "$now"
-    }
+    install $(debs "$1/now")
+    say "apt-get install ./*.deb in a bare root of $(. /etc/os-release && echo "$VERSION_CODENAME"):"
+    dpkg-query -W "${packages[@]}"
+    expect_installed "${packages[@]}"
+    use_packages "$1"
+    put_framework "$1/now/gsve"
+    # shellcheck disable=SC2046 # several files
+    install $(debs "$1/now")
+    purge "$1/now"
+    if [ -d "$1/earlier" ]; then
+        upgrade "$1"
+        purge "$1/now"
+    fi
 }
 
 cmd_autopkgtest() {
