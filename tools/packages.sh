@@ -189,7 +189,7 @@ expect_pictures() {
 
 # The program, the README's host and the element, each with all that it needs.
 use_packages() {
-    local dynamic
+    local dynamic program
     gsve --version
     gsve encode "$1/cityCC0.mpg" city.ts --quiet
     expect_pictures 190 city.ts
@@ -206,6 +206,9 @@ use_packages() {
 
     gst-launch-1.0 -q videotestsrc num-buffers=100 ! gsveenc codec=h.264 ! filesink location=bars.h264
     expect_pictures 100 bars.h264
+
+    program=$(sed -n 's/^ExecStart=\([^ ]*\).*/\1/p' /usr/share/doc/gstreamer1.0-gsve/examples/on-air/on-air@.service)
+    [ -x "$program" ] || fail "the unit runs \"$program\", which is not there"
 
     # Nothing of the host is named by the encoder; it is bound when a program is loaded.
     dynamic=$(readelf -d "/usr/lib/x86_64-linux-gnu/$encoder.4")
