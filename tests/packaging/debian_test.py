@@ -83,6 +83,46 @@ class Files(unittest.TestCase):
             self.assertTrue(any(fnmatch.fnmatch(file, pattern) or file.startswith(pattern + "/") for file in files), pattern)
 
 
+class Copyright(unittest.TestCase):
+    """The notices of what is compiled in, as the release of Debian that it is built on has them."""
+
+    ROOMS = ("captions", "encoding", "programme", "report", "cli", "gstreamer", "packaging")
+
+    def setUp(self):
+        self.words = " ".join(debian("copyright").split())
+
+    def headers(self):
+        """The installed headers that the sources include, with those that these include."""
+        includes = set()
+        for room in self.ROOMS:
+            for path in [*(SOURCE / room).rglob("*.h"), *(SOURCE / room).rglob("*.cpp")]:
+                includes.update(re.findall(r"^#include <(?:CLI|fmt|nlohmann)/.+>$", path.read_text(), flags=re.M))
+        self.assertGreaterEqual(len(includes), 5)
+        needed = run("g++", "-std=c++20", "-M", "-x", "c++", "-", text="\n".join(sorted(includes)) + "\n").split()
+        return [pathlib.Path(path) for path in needed if re.search(r"/include/(CLI|fmt|nlohmann)/", path)]
+
+    def test_has_the_notices_of_the_installed_headers(self):
+        release = re.search(r"^VERSION_CODENAME=(\w+)$", pathlib.Path("/etc/os-release").read_text(), flags=re.M)
+        if not release or release.group(1) not in ("bookworm", "trixie"):
+            self.skipTest("no packages are made for this release")
+        notices = set()
+        for path in self.headers():
+            text = re.sub(r"^\s*//+ ?", "", path.read_text(encoding="utf-8"), flags=re.M)
+            text = text.replace("SPDX-FileCopyrightText:", "Copyright (c)").replace("Bjoern", "Björn")
+            for notice in re.findall(r"Copyright (?:\(c\) )?(?:\d{4}|\w+ \w+ \d{4}).*(?:\nunder .+)?", text):
+                notices.add(" ".join(notice.split()).rstrip("."))
+        self.assertGreaterEqual(len(notices), 8, notices)
+        for notice in notices:
+            self.assertIn(notice, self.words)
+
+    def test_has_the_notice_and_the_permission_of_the_charts(self):
+        licence = (SOURCE / "report/page/uPlot.LICENSE").read_text()
+        name, notice, *permission = [" ".join(block.split()) for block in licence.split("\n\n")]
+        self.assertEqual(name, "The MIT License (MIT)")
+        for text in (notice, *permission):
+            self.assertIn(text, self.words)
+
+
 class Changelog(unittest.TestCase):
     def test_has_the_headers_version_and_the_form_of_debians(self):
         text = run(str(SOURCE / "tools/debian_changelog.py"), "9.8.7", "bookworm", "~deb12", "1700000000")
