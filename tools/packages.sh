@@ -78,7 +78,7 @@ cmd_build() {
         export CMAKE_CXX_COMPILER_LAUNCHER=ccache CCACHE_DIR=/var/cache/ccache  # debhelper has a home of its own
         export CCACHE_SLOPPINESS=pch_defines,time_macros CCACHE_DEPEND=true
     fi
-    dpkg-buildpackage -us -uc >"$log" 2>&1 || { tail -60 "$log" >&2; fail "dpkg-buildpackage in $1"; }
+    dpkg-buildpackage -us -uc -tc >"$log" 2>&1 || { tail -60 "$log" >&2; fail "dpkg-buildpackage in $1"; }
     if unexplained_warnings "$log"; then fail "the build in $1 warns"; fi
     say "built $(dpkg-parsechangelog -S Version) in $1"
 }
