@@ -2,6 +2,8 @@
 # What `./dev package` does inside of a root of its own.
 #
 #   packages.sh build DIRECTORY        builds DIRECTORY/gsve; in folders called `again`, without a compiler's cache
+#   packages.sh build-quickly DIRECTORY
+#                                      likewise, without optimisation and debugging symbols
 #   packages.sh lint DIRECTORY         what lintian says of what was built there
 #   packages.sh try DIRECTORY          in a bare root: install DIRECTORY/now/*.deb, use them, put a framework in the
 #                                      reference host's place, purge; install DIRECTORY/earlier/*.deb where there are
@@ -72,7 +74,7 @@ unexplained_warnings() {
 cmd_build() {
     local log=$1/build.log
     cd "$1/gsve"
-    DEB_BUILD_OPTIONS=parallel=$(nproc)
+    DEB_BUILD_OPTIONS="parallel=$(nproc) ${2:-}"
     export DEB_BUILD_OPTIONS
     if [[ $1 != */again ]]; then
         export CMAKE_CXX_COMPILER_LAUNCHER=ccache CCACHE_DIR=/var/cache/ccache  # debhelper has a home of its own
@@ -81,6 +83,11 @@ cmd_build() {
     dpkg-buildpackage -us -uc -tc >"$log" 2>&1 || { tail -60 "$log" >&2; fail "dpkg-buildpackage in $1"; }
     if unexplained_warnings "$log"; then fail "the build in $1 warns"; fi
     say "built $(dpkg-parsechangelog -S Version) in $1"
+}
+
+cmd_build-quickly() {
+    export DEB_CXXFLAGS_APPEND=-g0
+    cmd_build "$1" 'noopt noautodbgsym'
 }
 
 cmd_lint() {
