@@ -45,7 +45,7 @@ expect_gone() {
     done
 }
 
-# expect_installed PACKAGE...: with all that they depend on.
+# expect_installed PACKAGE...: installed, with all dependencies.
 expect_installed() {
     local package trouble
     for package in "$@"; do
@@ -58,8 +58,9 @@ expect_installed() {
 
 version_of() { dpkg-query -W -f '${Version}' "$1"; }
 
-# The warnings of a build that nothing explains: the host's functions are meant to be in no library, and its libraries to
-# be named by all that run on it; pkg-config names two of GStreamer's that come with others; diversions are Debian's own.
+# Prints a build log's warnings, except those that are expected: the encoder leaves the host's functions undefined; the
+# program and the element name all five host libraries; pkg-config adds two GStreamer libraries that nothing calls;
+# diversions come from Debian's own packages.
 unexplained_warnings() {
     local functions unused="package could avoid a useless dependency if debian" program=gsve/usr/bin/gsve
     local element='gstreamer1\.0-gsve/usr/lib/[^/]+/gstreamer-1\.0/libgstgsve\.so' why="\(it uses none of the library's symbols\)"
@@ -148,8 +149,8 @@ expect_framework_units() {
     [ "$(grep -c '^picture ' /tmp/units.txt)" = 100 ] || fail "$1 on a framework's libraries"
 }
 
-# A framework's packages take the place of the reference host's: the program built before runs on its libraries, and
-# another is built with its headers.
+# A framework's packages replace the reference host's: the program that was built before runs on its libraries, and one is
+# built with its headers.
 put_framework() {
     local outcome
     make_framework "$1"
@@ -194,7 +195,7 @@ expect_pictures() {
     say "$2: $1 pictures in $(stat -c %s "$2") bytes"
 }
 
-# The program, the README's host and the element, each with all that it needs.
+# Uses the program, the README's host and the element, and checks what they produce.
 use_packages() {
     local dynamic program
     gsve --version
@@ -217,7 +218,7 @@ use_packages() {
     program=$(sed -n 's/^ExecStart=\([^ ]*\).*/\1/p' /usr/share/doc/gstreamer1.0-gsve/examples/on-air/on-air@.service)
     [ -x "$program" ] || fail "the unit runs \"$program\", which is not there"
 
-    # Nothing of the host is named by the encoder; it is bound when a program is loaded.
+    # The encoder names no host library; its host is bound when a program is loaded.
     dynamic=$(readelf -d "/usr/lib/x86_64-linux-gnu/$encoder.4")
     grep -q 'NEEDED.*libavcodec' <<<"$dynamic" || fail "what the encoder needs cannot be read"
     if grep 'NEEDED.*orb_utils' <<<"$dynamic"; then fail "the encoder names a host"; fi
