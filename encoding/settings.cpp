@@ -12,6 +12,7 @@
 #include <gsve.h>
 
 #include "encoding/error.h"
+#include "encoding/split.h"
 
 namespace gsve::encoding {
 namespace {
@@ -133,16 +134,6 @@ constexpr std::array kSettings = {
             "ATSC A/53 caption data; -1: at 24, 30 and 60 pictures/s."},
 };
 
-std::vector<std::string_view> split(std::string_view list) {
-    std::vector<std::string_view> words;
-    for (size_t at = 0; at <= list.size();) {
-        const size_t end = std::min(list.find(' ', at), list.size());
-        words.push_back(list.substr(at, end - at));
-        at = end + 1;
-    }
-    return words;
-}
-
 std::string trimmed(const std::string& text) {
     const auto first = text.find_first_not_of(' ');
     return first == std::string::npos ? "" : text.substr(first, text.find_last_not_of(' ') - first + 1);
@@ -220,7 +211,7 @@ bool takes(const Values& values, const std::string& text) {
         case kSwitch: return text == "0" || text == "1";
         case kAutomatic: return text == "0" || text == "1" || text == "-1";
         case kSize: return is_size(text);
-        case kChoice: return std::ranges::count(split(values.choices), text) > 0;
+        case kChoice: return std::ranges::count(split(values.choices, ' '), text) > 0;
         case kText: return true;
         case kWhole:
         case kReal: break;
@@ -251,7 +242,7 @@ std::string syntax_text(const Values& values) {
         case kReal: return "number " + range_text(values);
         case kSize:
             return fmt::format("WIDTHxHEIGHT up to {0}x{0}, even where chroma is subsampled", kLargestSize);
-        case kChoice: return fmt::format("{}", fmt::join(split(values.choices), ", "));
+        case kChoice: return fmt::format("{}", fmt::join(split(values.choices, ' '), ", "));
         case kText: break;
     }
     return "text";

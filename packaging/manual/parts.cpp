@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 
 #include "encoding/settings.h"
+#include "encoding/split.h"
 
 namespace gsve::manual {
 namespace {
@@ -14,11 +15,9 @@ namespace {
 constexpr const char* kPositive = "POSITIVE";
 constexpr const char* kNonNegative = "NONNEGATIVE";
 
-std::vector<std::string> split(const std::string& text, char separator) {
-    std::vector<std::string> parts;
-    std::istringstream stream(text);
-    for (std::string part; std::getline(stream, part, separator);) parts.push_back(part);
-    return parts;
+std::vector<std::string> choices_in(std::string_view text, char separator) {
+    const std::vector<std::string_view> parts = encoding::split(text, separator);
+    return {parts.begin(), parts.end()};
 }
 
 std::vector<const CLI::Option*> shown(const CLI::App& app, bool positional) {
@@ -87,9 +86,9 @@ Value value_of(const CLI::Option& option) {
         .any = true, .placeholder = type.substr(0, colon), .choices = {}, .bounds = bounds_in(type)};
     const std::string check = colon == std::string::npos ? "" : type.substr(colon + 1);
     if (check.starts_with('{') && check.ends_with('}'))
-        value.choices = split(check.substr(1, check.size() - 2), ',');
+        value.choices = choices_in(check.substr(1, check.size() - 2), ',');
     else if (check.find_first_of("|=") != std::string::npos && is_literal(check))
-        value.choices = split(check, '|');
+        value.choices = choices_in(check, '|');
     else if (check == "FILE")
         value.placeholder = check;
     return value;
@@ -99,7 +98,7 @@ std::vector<std::string> choices_of(const encoding::Values& values) {
     switch (values.syntax) {
         case encoding::Syntax::kSwitch: return {"0", "1"};
         case encoding::Syntax::kAutomatic: return {"0", "1", "-1"};
-        case encoding::Syntax::kChoice: return split(std::string(values.choices), ' ');
+        case encoding::Syntax::kChoice: return choices_in(values.choices, ' ');
         default: return {};
     }
 }

@@ -6,22 +6,16 @@
 
 #include <fmt/format.h>
 
+#include "encoding/split.h"
+
 namespace gsve::manual {
 namespace {
+
+using encoding::split;
 
 constexpr size_t kVerbatimWidth = 68;  // of a terminal's 80, less the indents
 constexpr std::string_view kCommand = "gsve ";
 constexpr std::string_view kContinued = "    ";
-
-std::vector<std::string_view> split(std::string_view text, char separator) {
-    std::vector<std::string_view> parts;
-    for (size_t begin = 0; begin <= text.size();) {
-        const size_t end = std::min(text.find(separator, begin), text.size());
-        parts.push_back(text.substr(begin, end - begin));
-        begin = end + 1;
-    }
-    return parts;
-}
 
 std::string_view trimmed(std::string_view text) {
     const size_t begin = text.find_first_not_of(' ');
