@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <tuple>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -93,24 +94,28 @@ std::string row(const FarmWork& work) {
         left_text(work.seconds_left));
 }
 
-std::string failure_rows(const FarmWork& work) {
+/// Of the tasks in a state, each with two more cells.
+template <class Cells>
+std::string task_rows(const FarmWork& work, TaskState state, Cells cells_of) {
     std::string rows;
-    for (const FarmTask& task : work.tasks)
-        if (task.state == TaskState::kFailed)
-            rows += fmt::format("<tr><td>{}</td><td>{}</td><td>{}</td><td>{}</td></tr>\n",
-                                text_for_page(work.name), text_for_page(task.name), text_for_page(task.why),
-                                text_for_page(task.log));
+    for (const FarmTask& task : work.tasks) {
+        if (task.state != state) continue;
+        const auto& [third, fourth] = cells_of(task);
+        rows +=
+            fmt::format("<tr><td>{}</td><td>{}</td><td>{}</td><td>{}</td></tr>\n", text_for_page(work.name),
+                        text_for_page(task.name), text_for_page(third), text_for_page(fourth));
+    }
     return rows;
 }
 
+std::string failure_rows(const FarmWork& work) {
+    return task_rows(work, TaskState::kFailed,
+                     [](const FarmTask& task) { return std::tie(task.why, task.log); });
+}
+
 std::string running_rows(const FarmWork& work) {
-    std::string rows;
-    for (const FarmTask& task : work.tasks)
-        if (task.state == TaskState::kRunning)
-            rows += fmt::format("<tr><td>{}</td><td>{}</td><td>{}</td><td>{}</td></tr>\n",
-                                text_for_page(work.name), text_for_page(task.name), text_for_page(task.node),
-                                task.job);
-    return rows;
+    return task_rows(work, TaskState::kRunning,
+                     [](const FarmTask& task) { return std::tie(task.node, task.job); });
 }
 
 std::string verdict(const std::vector<FarmWork>& works) {

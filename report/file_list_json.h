@@ -2,8 +2,10 @@
 
 // Files that are all encoded alike, as JSON.
 
+#include <algorithm>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -26,6 +28,11 @@ struct FileList {
     uint64_t memory = 0;    ///< megabytes that the largest takes
 
     uint64_t tasks() const { return (files.size() + per_task - 1) / per_task; }
+
+    std::span<const File> files_of(uint64_t task) const {
+        const std::span from_first = std::span(files).subspan(task * per_task);
+        return from_first.first(std::min<size_t>(per_task, from_first.size()));
+    }
 
     friend bool operator==(const FileList&, const FileList&) = default;
 };

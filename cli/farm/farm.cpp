@@ -96,12 +96,11 @@ int submit(std::vector<Work> works, FarmSubmitOptions options) {
         Record record(work.directory);
         begin_anew_where_planned_anew(work, record, view);
         const WorkProgress before(work, record.submission(), view);
-        const auto& tasks = before.tasks();
-        const auto done = [&](const std::string& task) { return before.done(task); };
-        const auto queued = [&](const std::string& task) { return before.queued(task); };
+        const auto in_hand = [&](const std::string& task) {
+            return before.done(task) || before.queued(task);
+        };
         const bool complete = work.joined && before.done(std::string(report::kJoinJob));
-        if (complete || std::all_of(tasks.begin(), tasks.end(),
-                                    [&](const auto& task) { return done(task) || queued(task); })) {
+        if (complete || std::ranges::all_of(before.tasks(), in_hand)) {
             fmt::print("{}: nothing to submit\n", work.name);
             continue;
         }

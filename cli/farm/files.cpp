@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <map>
 #include <optional>
+#include <span>
 #include <string_view>
 #include <thread>
 #include <utility>
@@ -17,8 +18,10 @@
 #include "cli/overwriting.h"
 #include "cli/plan/plan.h"
 #include "cli/plan/plan_file.h"
+#include "cli/whole_number.h"
 #include "encoding/error.h"
 #include "encoding/settings.h"
+#include "encoding/split.h"
 #include "programme/output_file.h"
 #include "programme/source_glance.h"
 #include "report/file_list_json.h"
@@ -32,11 +35,8 @@ namespace fs = std::filesystem;
 std::vector<std::string> names_in(const std::string& text) {
     const char separator = text.find('\0') == text.npos ? '\n' : '\0';
     std::vector<std::string> names;
-    for (size_t begin = 0; begin < text.size();) {
-        const size_t end = std::min(text.find(separator, begin), text.size());
-        if (end > begin) names.push_back(text.substr(begin, end - begin));
-        begin = end + 1;
-    }
+    for (const std::string_view name : encoding::split(text, separator))
+        if (!name.empty()) names.emplace_back(name);
     return names;
 }
 
@@ -181,23 +181,22 @@ std::vector<std::string> divide_files(const FarmFilesOptions& options, const Job
 int farm_encode(const std::string& path, const std::string& task) {
     const std::optional<report::FileList> list = report::parse_file_list(read_text(path));
     if (!list) throw UsageError(fmt::format("{} is no list of files", path));
-    uint64_t number = 0;
-    const auto [end, error] = std::from_chars(task.data(), task.data() + task.size(), number);
-    if (error != std::errc() || end != task.data() + task.size() || number >= list->tasks())
+    const std::optional<uint64_t> number = whole_number<uint64_t>(task);
+    if (!number || *number >= list->tasks())
         throw UsageError(fmt::format("the list has {} tasks, from 0, not \"{}\"", list->tasks(), task));
     const fs::path directory = programme::work_directory(path);
-    const uint64_t first = number * list->per_task;
-    const uint64_t last = std::min<uint64_t>(first + list->per_task, list->files.size());
+    const std::span files = list->files_of(*number);
+    uint64_t index = *number * list->per_task;
     std::string failed;
-    for (uint64_t file = first; file < last; file++) try {
-            if (const int status = encode_file(*list, path, file); status != 0) return status;
+    for (const report::FileList::File& file : files) try {
+            if (const int status = encode_file(*list, path, index++); status != 0) return status;
         } catch (const std::exception& failure) {
-            if (last - first == 1) throw;
-            fmt::print(stderr, "gsve: {}: {}\n", list->files[file].input, failure.what());
-            failed += fmt::format("{}{}", failed.empty() ? "" : ", ", list->files[file].input);
+            if (files.size() == 1) throw;
+            fmt::print(stderr, "gsve: {}: {}\n", file.input, failure.what());
+            failed += fmt::format("{}{}", failed.empty() ? "" : ", ", file.input);
         }
     if (!failed.empty()) throw Failure(fmt::format("not encoded: {}", failed));
-    programme::write_file((directory / task_mark(number)).string(), "{}\n");
+    programme::write_file((directory / task_mark(*number)).string(), "{}\n");
     return 0;
 }
 

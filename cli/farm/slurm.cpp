@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <optional>
 #include <string_view>
 
@@ -10,10 +9,14 @@
 #include <fmt/ranges.h>
 
 #include "cli/farm/program.h"
+#include "cli/whole_number.h"
 #include "encoding/error.h"
+#include "encoding/split.h"
 
 namespace gsve::cli::slurm {
 namespace {
+
+using encoding::split;
 
 /// The first line that says something.
 std::string first_line(std::string_view text) {
@@ -29,33 +32,15 @@ std::string output_of(const std::vector<std::string>& command, std::string_view 
     throw Failure(why.starts_with(command.front()) ? why : fmt::format("{}: {}", command.front(), why));
 }
 
-std::vector<std::string_view> split(std::string_view text, char separator) {
-    std::vector<std::string_view> parts;
-    for (size_t begin = 0; begin <= text.size();) {
-        const size_t end = std::min(text.find(separator, begin), text.size());
-        parts.push_back(text.substr(begin, end - begin));
-        begin = end + 1;
-    }
-    return parts;
-}
-
-template <class Number>
-std::optional<Number> number(std::string_view text) {
-    Number value = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-    return value;
-}
-
 /// "1-02:03:04", "02:03:04" or "03:04".
 double seconds_of(std::string_view text) {
     double days = 0, seconds = 0;
     if (const size_t dash = text.find('-'); dash != text.npos) {
-        days = static_cast<double>(number<int>(text.substr(0, dash)).value_or(0));
+        days = static_cast<double>(whole_number<int>(text.substr(0, dash)).value_or(0));
         text.remove_prefix(dash + 1);
     }
     for (const std::string_view part : split(text, ':'))
-        seconds = seconds * 60 + number<int>(part).value_or(0);
+        seconds = seconds * 60 + whole_number<int>(part).value_or(0);
     return days * 86400 + seconds;
 }
 
@@ -74,7 +59,7 @@ std::string_view configured(std::string_view configuration, std::string_view key
 Cluster ask_cluster() {
     const std::string configuration = output_of({"scontrol", "show", "config"});
     const auto limit = [&](std::string_view key) {
-        const std::optional<uint64_t> value = number<uint64_t>(configured(configuration, key));
+        const std::optional<uint64_t> value = whole_number<uint64_t>(configured(configuration, key));
         if (!value || *value == 0) throw Failure(fmt::format("scontrol tells no {}", key));
         return *value;
     };
@@ -116,7 +101,7 @@ std::string submit(const Job& job, const std::vector<std::string>& options) {
     command.insert(command.end(), job.arguments.begin(), job.arguments.end());
     const std::string answer = first_line(output_of(command, job.script));
     std::string id = answer.substr(0, answer.find(';'));  // a cluster's name may follow
-    if (!number<uint64_t>(id)) throw Failure(fmt::format("sbatch gave no job's number: {}", answer));
+    if (!whole_number<uint64_t>(id)) throw Failure(fmt::format("sbatch gave no job's number: {}", answer));
     return id;
 }
 
@@ -139,7 +124,7 @@ std::map<TaskKey, Task> ask_queue() {
     for (const std::string_view line : split(queue, '\n')) {
         const std::vector<std::string_view> columns = split(line, '|');
         if (columns.size() != 5) continue;
-        const TaskKey key = {std::string(columns[0]), number<int64_t>(columns[1]).value_or(-1)};
+        const TaskKey key = {std::string(columns[0]), whole_number<int64_t>(columns[1]).value_or(-1)};
         tasks[key] = {std::string(columns[2]), std::string(columns[4]), seconds_of(columns[3])};
     }
     return tasks;
@@ -156,7 +141,7 @@ std::map<TaskKey, std::string> ask_accounts(const std::vector<std::string>& jobs
         if (columns.size() != 2) continue;
         const std::vector<std::string_view> id = split(columns[0], '_');
         const std::string_view state = columns[1].substr(0, columns[1].find(' '));  // "CANCELLED by 0"
-        const int64_t index = id.size() > 1 ? number<int64_t>(id[1]).value_or(-1) : -1;
+        const int64_t index = id.size() > 1 ? whole_number<int64_t>(id[1]).value_or(-1) : -1;
         states[{std::string(id[0]), index}] = state;
     }
     return states;

@@ -75,8 +75,8 @@ public:
     uint64_t run();
 
 private:
-    slurm::Job job(int processors, uint64_t memory) const;
-    std::vector<std::string> script_arguments() const;
+    slurm::Job job(int processors) const;
+    slurm::Job task_job(int processors, const std::string& first) const;
     bool missing(const std::string& task) const { return !progress_.done(task) && !progress_.queued(task); }
     void submit_numbered();
     void submit_sound();
@@ -90,10 +90,12 @@ private:
     const JobOptions& options_;
     const WorkProgress progress_;
     std::set<std::string> new_jobs_;
+    uint64_t memory_ = 0;  ///< megabytes of each job
     uint64_t submitted_ = 0;
 };
 
 uint64_t Submitting::run() {
+    memory_ = options_.memory > 0 ? options_.memory : work_.memory();  // which looks at the source
     submit_numbered();
     const std::string sound(report::kSoundJob), join(report::kJoinJob);
     if (work_.sound && missing(sound)) submit_sound();
@@ -102,17 +104,22 @@ uint64_t Submitting::run() {
     return submitted_;
 }
 
-slurm::Job Submitting::job(int processors, uint64_t memory) const {
+slurm::Job Submitting::job(int processors) const {
     slurm::Job job;
     job.name = job_name(work_);
     job.directory = work_.directory;
     job.processors = processors;
-    job.memory = memory;
+    job.memory = memory_;
+    job.arguments = {options_.program, slurm::can_log_in(work_.directory) ? "" : work_.directory};
     return job;
 }
 
-std::vector<std::string> Submitting::script_arguments() const {
-    return {options_.program, slurm::can_log_in(work_.directory) ? "" : work_.directory};
+slurm::Job Submitting::task_job(int processors, const std::string& first) const {
+    slurm::Job tasks = job(processors);
+    tasks.script = kTaskScript;
+    tasks.arguments.push_back(first);
+    tasks.arguments.insert(tasks.arguments.end(), work_.task_arguments.begin(), work_.task_arguments.end());
+    return tasks;
 }
 
 void Submitting::submit(const slurm::Job& job, report::SubmittedJob entry) {
@@ -131,28 +138,19 @@ void Submitting::submit_numbered() {
         const uint64_t first = block * blocks.size;
         std::vector<uint64_t> indices = numbers;
         for (uint64_t& index : indices) index -= first;
-        slurm::Job array = job(options_.processors > 0 ? options_.processors : work_.processors,
-                               options_.memory > 0 ? options_.memory : work_.memory());
+        slurm::Job array =
+            task_job(options_.processors > 0 ? options_.processors : work_.processors, std::to_string(first));
         array.log = log_pattern(blocks, block);
         array.array = ranges_text(indices);
         array.at_once = options_.at_once;
-        array.script = kTaskScript;
-        array.arguments = script_arguments();
-        array.arguments.push_back(std::to_string(first));
-        array.arguments.insert(array.arguments.end(), work_.task_arguments.begin(),
-                               work_.task_arguments.end());
         submit(array, {.id = {}, .task = {}, .first = first, .tasks = numbers});
     }
 }
 
 void Submitting::submit_sound() {
     const std::string task(report::kSoundJob);
-    slurm::Job sound = job(1, options_.memory > 0 ? options_.memory : work_.memory());
+    slurm::Job sound = task_job(1, task);
     sound.log = log_name(task);
-    sound.script = kTaskScript;
-    sound.arguments = script_arguments();
-    sound.arguments.push_back(task);
-    sound.arguments.insert(sound.arguments.end(), work_.task_arguments.begin(), work_.task_arguments.end());
     submit(sound, {.id = {}, .task = task, .first = 0, .tasks = {}});
 }
 
@@ -164,11 +162,10 @@ void Submitting::submit_join() {
         slurm::cancel(old->id);
     }
     fs::remove(fs::path(work_.directory) / kJoinedMark);
-    slurm::Job join = job(1, options_.memory > 0 ? options_.memory : work_.memory());
+    slurm::Job join = job(1);
     join.log = log_name(task);
     join.dependency = dependency();
     join.script = kJoinScript;
-    join.arguments = script_arguments();
     join.arguments.insert(join.arguments.end(), work_.join_arguments.begin(), work_.join_arguments.end());
     submit(join, {.id = {}, .task = task, .first = 0, .tasks = {}});
 }

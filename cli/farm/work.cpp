@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string_view>
 
 #include "cli/farm/record.h"
@@ -62,22 +63,19 @@ Work work_of(const report::FileList& list, const std::string& path) {
     work.output = home;
     work.count = list.tasks();
     work.label = [list](uint64_t task) {
-        const uint64_t first = task * list.per_task;
-        const uint64_t last = std::min<uint64_t>(first + list.per_task, list.files.size()) - 1;
-        return first == last ? list.files[first].output
-                             : fmt::format("{} to {}", list.files[first].output, list.files[last].output);
+        const std::span files = list.files_of(task);
+        return files.size() == 1 ? files.front().output
+                                 : fmt::format("{} to {}", files.front().output, files.back().output);
     };
     work.processors = list.processors;
     work.task_arguments = {"farm", "encode", path};
     work.memory = [memory = list.memory] { return memory; };
     work.manifest = [](const std::string& task) { return task_mark(std::stoull(task)); };
     work.fits = [home, list](const std::string& task) {
-        const uint64_t first = std::stoull(task) * list.per_task;
-        const uint64_t last = std::min<uint64_t>(first + list.per_task, list.files.size());
-        std::error_code none;
-        for (uint64_t file = first; file < last; file++)
-            if (!fs::exists(fs::path(home) / list.files[file].output, none)) return false;
-        return true;
+        return std::ranges::all_of(list.files_of(std::stoull(task)), [&](const report::FileList::File& file) {
+            std::error_code none;
+            return fs::exists(fs::path(home) / file.output, none);
+        });
     };
     return work;
 }

@@ -1,8 +1,8 @@
 #include "cli/plan/plan.h"
 
 #include <algorithm>
-#include <charconv>
 #include <filesystem>
+#include <optional>
 #include <vector>
 
 #include <fmt/format.h>
@@ -11,6 +11,7 @@
 #include "cli/plan/plan_file.h"
 #include "cli/terminal.h"
 #include "cli/version.h"
+#include "cli/whole_number.h"
 #include "encoding/error.h"
 #include "programme/chunk.h"
 #include "programme/join.h"
@@ -40,12 +41,11 @@ std::string task_named(const programme::Plan& plan, const std::string& name) {
         if (!plan.has_sound) throw UsageError("the plan has no sound");
         return name;
     }
-    size_t number = 0;
-    const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), number);
-    if (error != std::errc() || end != name.data() + name.size() || number >= plan.chunks.size())
+    const std::optional<size_t> number = whole_number<size_t>(name);
+    if (!number || *number >= plan.chunks.size())
         throw UsageError(fmt::format("the plan has chunks 0 to {}{}, not \"{}\"", plan.chunks.size() - 1,
                                      plan.has_sound ? " and \"sound\"" : "", name));
-    return std::to_string(number);
+    return std::to_string(*number);
 }
 
 void print_plan(const PlanOptions& options, const programme::Plan& plan) {
